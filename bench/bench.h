@@ -1,0 +1,35 @@
+// Benchmark helpers: paired registration of a kvlCV case and its OpenCV peer, thread setting,
+// images. The suite's reporter prints throughput ratios of each pair at the end.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kvlcv.h"
+
+#ifdef KVL_HAVE_OPENCV
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+#endif
+
+namespace kvl::bench {
+
+using Body = std::function<void(benchmark::State&)>;
+
+struct Size {
+  int width, height;
+  std::string name() const { return std::to_string(width) + "x" + std::to_string(height); }
+};
+inline const std::vector<Size> kSizes = {{640, 480}, {1920, 1080}, {3840, 2160}};
+
+// Registers "<name>/kvl" and, when `peer` is set and OpenCV is present, "<name>/cv". Both run
+// with `threads` permitted threads in their library; items are pixels.
+void pair(const std::string& name, int threads, long long pixels, Body kvl, Body peer);
+
+// Bytes of an image with rows padded to 64 bytes, filled with a smooth pattern plus noise.
+std::vector<unsigned char> makeImage(int width, int height, int bytesPerPixel, int* step);
+
+}  // namespace kvl::bench

@@ -1,0 +1,87 @@
+// The benchmark driver: runs every registered case and ends with the ratio table of each
+// kvlCV case against its OpenCV peer measured in the same run.
+#include <cstdio>
+#include <map>
+#include <random>
+
+#include "bench.h"
+
+namespace kvl::bench {
+
+void pair(const std::string& name, int threads, long long pixels, Body kvl, Body peer) {
+  const std::string base = name + "/t" + std::to_string(threads);
+  benchmark::RegisterBenchmark((base + "/kvl").c_str(), [=](benchmark::State& st) {
+    kvlSetNumThreads(threads);
+    kvl(st);
+    st.SetItemsProcessed(st.iterations() * pixels);
+  })->UseRealTime();
+#ifdef KVL_HAVE_OPENCV
+  if (peer) {
+    benchmark::RegisterBenchmark((base + "/cv").c_str(), [=](benchmark::State& st) {
+      cv::setNumThreads(threads);
+      peer(st);
+      st.SetItemsProcessed(st.iterations() * pixels);
+    })->UseRealTime();
+  }
+#else
+  (void)peer;
+#endif
+}
+
+std::vector<unsigned char> makeImage(int width, int height, int bytesPerPixel, int* step) {
+  *step = (width * bytesPerPixel + 63) / 64 * 64;
+  std::vector<unsigned char> v(static_cast<size_t>(*step) * height + 64);
+  std::mt19937 rng(42);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < *step; ++x)
+      v[static_cast<size_t>(y) * *step + x] =
+          static_cast<unsigned char>(((x / 7) ^ (y / 5)) * 9 + (x * y) / 64 + rng() % 16);
+  return v;
+}
+
+namespace {
+// Prints the usual console table, then kvl/cv throughput ratios per pair.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& r : runs) {
+      if (r.run_type != Run::RT_Iteration || r.error_occurred) continue;
+      const std::string n = r.benchmark_name();
+      const double t = r.GetAdjustedRealTime();
+      auto ends = [&](const std::string& s) {
+        return n.size() > s.size() && n.compare(n.size() - s.size(), s.size(), s) == 0;
+      };
+      if (ends("/kvl")) kvl_[n.substr(0, n.size() - 4)] = t;
+      if (ends("/cv")) cv_[n.substr(0, n.size() - 3)] = t;
+    }
+  }
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    if (cv_.empty()) {
+      std::printf("\nNo OpenCV peer in this build: no ratios.\n");
+      return;
+    }
+    std::printf("\n%-56s %10s\n", "case (kvlCV vs OpenCV, same run)", "speed-up");
+    for (const auto& [name, t] : kvl_) {
+      auto it = cv_.find(name);
+      if (it == cv_.end()) continue;
+      std::printf("%-56s %9.2fx\n", name.c_str(), it->second / t);
+    }
+  }
+
+ private:
+  std::map<std::string, double> kvl_, cv_;
+};
+}  // namespace
+
+}  // namespace kvl::bench
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  kvl::bench::RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,85 @@
+// Threading: the two decision rules and the one stripe runner every threaded family uses.
+//
+// A family validates everything on the calling thread, asks a rule for its team size, then calls
+// runStripes with a body that runs the serial kernel on one stripe of rows. A team of one is the
+// serial path, so threaded and serial results are the same bytes.
+#pragma once
+
+#include <omp.h>
+
+#include "kvlcv.h"
+#include "services.h"
+
+namespace kvl::par {
+
+// Per-pixel families: serial below 262144 pixels, otherwise a team of `threads`.
+constexpr int kPerPixelMin = 262144;
+inline int teamPerPixel(KvliSize roi, int threads) {
+  if (static_cast<long long>(roi.width) * roi.height < kPerPixelMin) return 1;
+  return threads > 1 ? threads : 1;
+}
+inline int teamPerPixel(KvliSize roi) { return teamPerPixel(roi, ownGetNumThreads()); }
+
+// Neighbourhood filters with border: parallel only when height >= 5 T, width >= 256, T >= 2,
+// height >= 256 and runomp() != 0; the team is min(height / 128, cores, threads).
+inline int teamBorderFilter(KvliSize roi, int maxThreads, int cores, int runompValue,
+                            int threads) {
+  const int t = maxThreads;
+  if (!(roi.height >= 5 * t && roi.width >= 256 && t >= 2 && roi.height >= 256 && runompValue))
+    return 1;
+  int team = roi.height / 128;
+  if (cores < team) team = cores;
+  if (threads < team) team = threads;
+  return team > 1 ? team : 1;
+}
+inline int teamBorderFilter(KvliSize roi) {
+  return teamBorderFilter(roi, owncvGetMaxNumThreads(), kvlGetNumCoresOnDie(), runomp(),
+                          ownGetNumThreads());
+}
+
+// One thread's share of the rows. Stripe edges inside the image are marked in memory, so a
+// neighbourhood filter reads its neighbours' rows there instead of extending the border.
+struct Stripe {
+  int index;   // thread number t
+  int team;    // threads n in the region
+  int y0;      // first row
+  int rows;    // number of rows (>= 1 when the body runs)
+  int height;  // the whole image's height
+
+  // The border flags this stripe adds to the caller's border type.
+  int inMemFlags() const {
+    return (y0 > 0 ? kvlBorderInMemTop : 0) | (y0 + rows < height ? kvlBorderInMemBottom : 0);
+  }
+  // This thread's part of a shared work buffer: bufferSize / n bytes at t * (bufferSize / n).
+  long long bufferOffset(long long bufferSize) const { return index * (bufferSize / team); }
+  long long bufferPart(long long bufferSize) const { return bufferSize / team; }
+};
+
+// Thread t of n over `height` rows: height / n rows each, the last thread takes the rest too.
+inline Stripe stripeOf(int t, int n, int height) {
+  const int rows = height / n;
+  const int rest = height % n;
+  return Stripe{t, n, t * rows, t == n - 1 ? rows + rest : rows, height};
+}
+
+// Runs body(const Stripe&) over `height` rows with a team of `team` threads. The master computes
+// the split and publishes it through a barrier; a thread with no rows does nothing; a region that
+// cannot fork runs as a team of one that takes every row.
+template <class Body>
+void runStripes(int team, int height, Body&& body) {
+  if (team <= 1) {
+    body(Stripe{0, 1, 0, height, height});
+    return;
+  }
+  int n = 1;
+#pragma omp parallel num_threads(team)
+  {
+#pragma omp master
+    n = owncvGetNumThreads();
+#pragma omp barrier
+    const Stripe s = stripeOf(owncvGetIdThreads(), n, height);
+    if (s.rows >= 1) body(s);
+  }
+}
+
+}  // namespace kvl::par

@@ -1,0 +1,57 @@
+// Element traits and the conversion rules every family names: saturation, rounding, truncation.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <type_traits>
+
+#include "kvlcv.h"
+
+namespace kvl {
+
+// Smallest and largest value of an integer element type, as float (exact for 8/16-bit types).
+template <class T>
+constexpr float kMinF = static_cast<float>(std::numeric_limits<T>::lowest());
+template <class T>
+constexpr float kMaxF = static_cast<float>(std::numeric_limits<T>::max());
+
+// Clamps a float into T's range (single precision, as the filters clamp).
+template <class T>
+inline float clampToRange(float v) {
+  if constexpr (std::is_floating_point_v<T>) {
+    return v;
+  } else {
+    return v < kMinF<T> ? kMinF<T> : (v > kMaxF<T> ? kMaxF<T> : v);
+  }
+}
+
+// Clamps an int into T's range.
+template <class T>
+inline T saturate(int v) {
+  constexpr int lo = std::numeric_limits<T>::lowest();
+  constexpr int hi = std::numeric_limits<T>::max();
+  return static_cast<T>(v < lo ? lo : (v > hi ? hi : v));
+}
+
+// Float to int, ties to even (the default rounding of the vector conversions). NaN gives 0.
+inline int roundTiesEven(float v) {
+  if (!(v == v)) return 0;
+  return static_cast<int>(std::nearbyint(v));
+}
+
+// Float to int, toward zero. The value must already lie within int range.
+inline int truncToward0(float v) { return static_cast<int>(v); }
+
+// Double to int, adding one half and truncating toward zero.
+inline int roundHalfUp(double v) { return static_cast<int>(v + 0.5); }
+
+// Byte addressing of rows: every image argument carries its step in bytes.
+template <class T>
+inline T* rowPtr(T* base, int step, int y) {
+  return reinterpret_cast<T*>(reinterpret_cast<std::conditional_t<std::is_const_v<T>, const char, char>*>(base) +
+                              static_cast<std::ptrdiff_t>(step) * y);
+}
+
+}  // namespace kvl
