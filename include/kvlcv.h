@@ -141,7 +141,42 @@ typedef struct {
 /* The library's constant version record; the same address on every call. Cannot fail. */
 KVL_API const KvlLibraryVersion* kvlcvGetLibVersion(void);
 
-/* @@FAMILIES@@ (each family below keeps its prototypes together under its own banner) */
+/* ---------------------------------------------------------------------------------------------
+ * Separable row and column pipeline filters
+ * ------------------------------------------------------------------------------------------- */
+/* @@BEGIN SEPARABLE PIPELINES@@ */
+/* @@END SEPARABLE PIPELINES@@ */
+
+/* ---------------------------------------------------------------------------------------------
+ * Fixed derivative filters with border: Sobel, Scharr, Laplacian, lowpass
+ * ------------------------------------------------------------------------------------------- */
+/* @@BEGIN DERIVATIVE FILTERS@@ */
+/* @@END DERIVATIVE FILTERS@@ */
+
+/* ---------------------------------------------------------------------------------------------
+ * Colour-to-grey gradient combination
+ * ------------------------------------------------------------------------------------------- */
+/* @@BEGIN GRADIENT COLOR TO GRAY@@ */
+/* @@END GRADIENT COLOR TO GRAY@@ */
+
+/* ---------------------------------------------------------------------------------------------
+ * Canny edge detector
+ * ------------------------------------------------------------------------------------------- */
+/* @@BEGIN CANNY@@ */
+/* @@END CANNY@@ */
+
+/* ---------------------------------------------------------------------------------------------
+ * Motion history
+ * ------------------------------------------------------------------------------------------- */
+/* @@BEGIN MOTION HISTORY@@ */
+/* @@END MOTION HISTORY@@ */
+
+/* ---------------------------------------------------------------------------------------------
+ * Accumulation and absolute difference
+ * ------------------------------------------------------------------------------------------- */
+/* @@BEGIN ACCUMULATION@@ */
+/* @@END ACCUMULATION@@ */
+
 
 #ifdef __cplusplus
 }
