@@ -47,7 +47,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& r : runs) {
       if (r.run_type != Run::RT_Iteration || r.error_occurred) continue;
-      const std::string n = r.benchmark_name();
+      std::string n = r.benchmark_name();
+      const std::string rt = "/real_time";  // added by UseRealTime()
+      if (n.size() > rt.size() && n.compare(n.size() - rt.size(), rt.size(), rt) == 0) n.resize(n.size() - rt.size());
       const double t = r.GetAdjustedRealTime();
       auto ends = [&](const std::string& s) {
         return n.size() > s.size() && n.compare(n.size() - s.size(), s.size(), s) == 0;

@@ -42,7 +42,9 @@ struct Step {
   int step;
   // The step covers a row of `width` pixels.
   bool covers(int width) const {
-    return static_cast<long long>(step) >= static_cast<long long>(width) * kC * sizeof(T);
+    // Signed throughout: a negative step must not wrap into a huge unsigned one.
+    return static_cast<long long>(step) >=
+           static_cast<long long>(width) * kC * static_cast<long long>(sizeof(T));
   }
   // 16- and 32-bit (and wider) element types need steps that are element multiples.
   bool multiple() const { return sizeof(T) == 1 || step % static_cast<int>(sizeof(T)) == 0; }
