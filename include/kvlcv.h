@@ -145,18 +145,197 @@ KVL_API const KvlLibraryVersion* kvlcvGetLibVersion(void);
  * Separable row and column pipeline filters
  * ------------------------------------------------------------------------------------------- */
 /* @@BEGIN SEPARABLE PIPELINES@@ */
+/* Row pass: filters each source row with a 1-D kernel of kernelSize taps, applied as a
+ * correlation: ppDst[y][x] = conv(sum over k of pKernel[k] x e[x + k]), e being row y extended by
+ * xAnchor pixels on the left and kernelSize - 1 - xAnchor on the right (tap xAnchor lies on the
+ * output pixel). borderType: kvlBorderConst (borderValue), kvlBorderRepl (edge pixels) or
+ * kvlBorderInMem (the extension is read from the memory around the row); exactly 0, 1 or 6.
+ * Arithmetic: 8u16s, 16s and Low_16s (which shares the 16s arithmetic) sum products in 32-bit
+ * integers (wrapping modulo 2^32); 16u converts pixels and taps to float and sums in float in the
+ * order k = 0..K-1; the sum is multiplied by the float 1/divisor (computed once), clamped in float
+ * to the destination range and truncated toward zero. 32f stores the float sum (order k = 0..K-1,
+ * the same on every CPU). Every channel of a C3 row is filtered on its own.
+ * Statuses, in order: pSrc, ppDst, pKernel or pBuffer NULL: NullPointer; width or height < 1:
+ * BadSize; any ppDst[0..height-1] NULL: NullPointer; kernelSize < 1: BadSize; xAnchor < 0 or
+ * >= kernelSize: BadAnchor; srcStep < width x channels x element size: BadStep; 16/32-bit
+ * srcStep not an element multiple: StepNotMultiple; other borderType: BadArgument; divisor 0
+ * (16u: divisor < 1): BadArgument.
+ * Buffer: kvliFilterRowBorderPipelineGetBufferSize_<member>(roiSize, kernelSize, &size): NULL:
+ * NullPointer; width, height or kernelSize < 1, or a size above INT_MAX: BadSize. The size grows
+ * with the permitted thread count T (all members except 16u); query again after changing T.
+ * Threads: 8u16s, 16s and Low_16s split rows over T threads when width x height >= 32768 x T;
+ * 16u and 32f run on the calling thread. The destination rows need not be contiguous or
+ * ordered; they must not overlap the source. */
+KVL_API KvlStatus kvliFilterRowBorderPipeline_8u16s_C1R(const Kvl8u* pSrc, int srcStep, Kvl16s** ppDst, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int xAnchor, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterRowBorderPipeline_8u16s_C3R(const Kvl8u* pSrc, int srcStep, Kvl16s** ppDst, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int xAnchor, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterRowBorderPipeline_16s_C1R(const Kvl16s* pSrc, int srcStep, Kvl16s** ppDst, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int xAnchor, int borderType, Kvl16s borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterRowBorderPipeline_16s_C3R(const Kvl16s* pSrc, int srcStep, Kvl16s** ppDst, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int xAnchor, int borderType, Kvl16s borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterRowBorderPipeline_Low_16s_C1R(const Kvl16s* pSrc, int srcStep, Kvl16s** ppDst, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int xAnchor, int borderType, Kvl16s borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterRowBorderPipeline_Low_16s_C3R(const Kvl16s* pSrc, int srcStep, Kvl16s** ppDst, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int xAnchor, int borderType, Kvl16s borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterRowBorderPipeline_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u** ppDst, KvliSize roiSize, const Kvl16u* pKernel, int kernelSize, int xAnchor, int borderType, Kvl16u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterRowBorderPipeline_16u_C3R(const Kvl16u* pSrc, int srcStep, Kvl16u** ppDst, KvliSize roiSize, const Kvl16u* pKernel, int kernelSize, int xAnchor, int borderType, Kvl16u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterRowBorderPipeline_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f** ppDst, KvliSize roiSize, const Kvl32f* pKernel, int kernelSize, int xAnchor, int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterRowBorderPipeline_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f** ppDst, KvliSize roiSize, const Kvl32f* pKernel, int kernelSize, int xAnchor, int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_8u16s_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_8u16s_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_16s_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_16s_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_Low_16s_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_Low_16s_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_16u_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_16u_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_32f_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_32f_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+
+/* Column pass: combines kernelSize rows vertically: output row y, element x is
+ * conv(sum over k of pKernel[k] x ppSrc[y + k][x]); ppSrc holds height + kernelSize - 1 row
+ * pointers, which need not be contiguous or ordered (the caller chooses them, and with them the
+ * vertical border). Integer members sum products in 32-bit integers (wrapping modulo 2^32), except
+ * 16u, which sums in float in the order k = 0..K-1 as the 16u row pass does; the sum is multiplied
+ * by the float 1/divisor and clamped in float to the destination range. The conversion to integer
+ * depends on the element's place in the row of n = width x channels elements: elements
+ * 0 .. n - n % 8 - 1 round to nearest with ties to even; the last n % 8 elements (the tail, 0 to 7
+ * elements) truncate toward zero. Low_16s shares the 16s arithmetic. 32f stores the float sum
+ * (order k = 0..K-1).
+ * Statuses, in order: ppSrc, pDst or pKernel NULL: NullPointer; width or height < 1: BadSize;
+ * any ppSrc[0 .. height + kernelSize - 2] NULL: NullPointer; kernelSize < 1: BadSize;
+ * dstStep < width x channels x element size: BadStep; 16/32-bit dstStep not an element multiple:
+ * StepNotMultiple; pBuffer NULL: NullPointer; divisor 0: BadArgument.
+ * Buffer: kvliFilterColumnPipelineGetBufferSize_<member>(roiSize, kernelSize, &size), checked as
+ * the row pass's; 16s, 16s8u, 16s8s and Low_16s sizes grow with the thread count T.
+ * Threads: 16s, 16s8u, 16s8s and Low_16s split rows over T threads when width x height >=
+ * 32768 x T and the kernel length allows it (lengths 3 and 5 need more than one core); 16u and
+ * 32f run on the calling thread. The destination must not overlap the source rows. */
+KVL_API KvlStatus kvliFilterColumnPipeline_16s_C1R(const Kvl16s** ppSrc, Kvl16s* pDst, int dstStep, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_16s_C3R(const Kvl16s** ppSrc, Kvl16s* pDst, int dstStep, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_16s8u_C1R(const Kvl16s** ppSrc, Kvl8u* pDst, int dstStep, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_16s8u_C3R(const Kvl16s** ppSrc, Kvl8u* pDst, int dstStep, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_16s8s_C1R(const Kvl16s** ppSrc, Kvl8s* pDst, int dstStep, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_16s8s_C3R(const Kvl16s** ppSrc, Kvl8s* pDst, int dstStep, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_Low_16s_C1R(const Kvl16s** ppSrc, Kvl16s* pDst, int dstStep, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_Low_16s_C3R(const Kvl16s** ppSrc, Kvl16s* pDst, int dstStep, KvliSize roiSize, const Kvl16s* pKernel, int kernelSize, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_16u_C1R(const Kvl16u** ppSrc, Kvl16u* pDst, int dstStep, KvliSize roiSize, const Kvl16u* pKernel, int kernelSize, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_16u_C3R(const Kvl16u** ppSrc, Kvl16u* pDst, int dstStep, KvliSize roiSize, const Kvl16u* pKernel, int kernelSize, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_32f_C1R(const Kvl32f** ppSrc, Kvl32f* pDst, int dstStep, KvliSize roiSize, const Kvl32f* pKernel, int kernelSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipeline_32f_C3R(const Kvl32f** ppSrc, Kvl32f* pDst, int dstStep, KvliSize roiSize, const Kvl32f* pKernel, int kernelSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_16s_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_16s_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_16s8u_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_16s8u_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_16s8s_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_16s8s_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_Low_16s_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_Low_16s_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_16u_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_16u_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_32f_C1R(KvliSize roiSize, int kernelSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterColumnPipelineGetBufferSize_32f_C3R(KvliSize roiSize, int kernelSize, int* pBufferSize);
 /* @@END SEPARABLE PIPELINES@@ */
 
 /* ---------------------------------------------------------------------------------------------
  * Fixed derivative filters with border: Sobel, Scharr, Laplacian, lowpass
  * ------------------------------------------------------------------------------------------- */
 /* @@BEGIN DERIVATIVE FILTERS@@ */
+/* Fixed derivative and smoothing filters of one-channel images, with a border rule.
+ * Each is a row kernel A (along rows) followed by a column kernel B (down columns), applied as
+ * correlations with the anchor at the centre; 5x5 masks use the 5-tap tables.
+ *   kerSobel 1 2 1 | 1 4 6 4 1    kerDx -1 0 1 | -1 -2 0 2 1    kerDxNeg 1 0 -1 | 1 2 0 -2 -1
+ *   kerD2x 1 -2 1 | 1 0 -2 0 1    kerScharr 3 10 3              kerAvr 1 1 1 | 1 1 1 1 1
+ *   SobelHoriz: A kerSobel, B kerDx (row below minus row above)
+ *   SobelNegVert, and SobelVert 8u8s: A kerDxNeg, B kerSobel (left column minus right column)
+ *   SobelHorizSecond: A kerSobel, B kerD2x      SobelVertSecond: A kerD2x, B kerSobel
+ *   SobelCross: A kerDxNeg, B kerDx             ScharrHoriz: A kerScharr, B kerDx
+ *   ScharrVert: A kerDx, B kerScharr            Lowpass: A kerAvr, B kerAvr
+ *   Laplacian 5x5: (A kerD2x, B kerSobel) + (A kerSobel, B kerD2x); Laplacian 3x3: the kernel
+ *   [2 0 2; 0 -8 0; 2 0 2], i.e. 2 x (1 0 1 along rows, 1 0 1 down columns) - 8 x centre.
+ * Outputs: 8u16s and 32f store the sum S; 8u8s stores S x (1 / divisor) in single precision,
+ * clamped to -128..127 and rounded to nearest even, except the last (width % 8) pixels of each
+ * row, which truncate toward zero; Lowpass 8u is the box sum converted the same way with divisor
+ * 9 (3x3) or 25 (5x5); Lowpass 32f stores the box sum (not divided).
+ * Border: modes 0, 1, 2, 3, 4 and 6 with the in-memory flags 16, 32, 64, 128 (6 = all four);
+ * outside pixels follow the mode per side; with mode 0 the rows above and below the image are
+ * constant rows of borderValue. Integer members keep the row pass in 16 bits (exact).
+ * Statuses in order: kvlStatusNullPointer (pSrc, pDst, pBuffer), kvlStatusBadSize (ROI < 1),
+ * kvlStatusBadStep (step < width x element size), kvlStatusStepNotMultiple (16s destination step
+ * odd, 32f steps not multiples of 4), kvlStatusBadArgument (border type), kvlStatusBadArgument
+ * (8u8s: divisor 0), kvlStatusBadMaskSize (mask not 33 or 55; Scharr takes no mask).
+ * Buffer: the ...GetBufferSize functions (pointer, ROI, mask) give T x (A + R + C + 32) bytes,
+ * T the permitted thread count at the query, A the filter's own rows (per family and type, from
+ * the width rounded up to 16), R and C the 8u16s or 32f row-pass and the 16s or 32f column-pass
+ * pipeline sizes for the ROI and kernel length; query again after changing the thread count.
+ * Threads: row stripes when height >= 256, width >= 256 and height >= 5 x threads; the result
+ * does not depend on the split. */
+KVL_API KvlStatus kvliFilterSobelHorizBorder_8u8s_C1R(const Kvl8u* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelHorizGetBufferSize_8u8s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelVertBorder_8u8s_C1R(const Kvl8u* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelVertGetBufferSize_8u8s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelNegVertBorder_8u16s_C1R(const Kvl8u* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelNegVertBorder_8u8s_C1R(const Kvl8u* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelNegVertBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelNegVertGetBufferSize_8u16s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelNegVertGetBufferSize_8u8s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelNegVertGetBufferSize_32f_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelHorizSecondBorder_8u16s_C1R(const Kvl8u* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelHorizSecondBorder_8u8s_C1R(const Kvl8u* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelHorizSecondBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelHorizSecondGetBufferSize_8u16s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelHorizSecondGetBufferSize_8u8s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelHorizSecondGetBufferSize_32f_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelVertSecondBorder_8u16s_C1R(const Kvl8u* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelVertSecondBorder_8u8s_C1R(const Kvl8u* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelVertSecondBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelVertSecondGetBufferSize_8u16s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelVertSecondGetBufferSize_8u8s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelVertSecondGetBufferSize_32f_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelCrossBorder_8u16s_C1R(const Kvl8u* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelCrossBorder_8u8s_C1R(const Kvl8u* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelCrossBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterSobelCrossGetBufferSize_8u16s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelCrossGetBufferSize_8u8s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterSobelCrossGetBufferSize_32f_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterLaplacianBorder_8u16s_C1R(const Kvl8u* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterLaplacianBorder_8u8s_C1R(const Kvl8u* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterLaplacianBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterLaplacianGetBufferSize_8u16s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterLaplacianGetBufferSize_8u8s_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterLaplacianGetBufferSize_32f_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterLowpassBorder_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl8u borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterLowpassBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliMaskSize mask, int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterLowpassGetBufferSize_8u_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterLowpassGetBufferSize_32f_C1R(KvliSize roiSize, KvliMaskSize mask, int* pBufferSize);
+KVL_API KvlStatus kvliFilterScharrHorizBorder_8u16s_C1R(const Kvl8u* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterScharrHorizBorder_8u8s_C1R(const Kvl8u* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterScharrHorizBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterScharrHorizGetBufferSize_8u16s_C1R(KvliSize roiSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterScharrHorizGetBufferSize_8u8s_C1R(KvliSize roiSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterScharrHorizGetBufferSize_32f_C1R(KvliSize roiSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterScharrVertBorder_8u16s_C1R(const Kvl8u* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterScharrVertBorder_8u8s_C1R(const Kvl8u* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, int divisor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterScharrVertBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterScharrVertGetBufferSize_8u16s_C1R(KvliSize roiSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterScharrVertGetBufferSize_8u8s_C1R(KvliSize roiSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterScharrVertGetBufferSize_32f_C1R(KvliSize roiSize, int* pBufferSize);
 /* @@END DERIVATIVE FILTERS@@ */
 
 /* ---------------------------------------------------------------------------------------------
  * Colour-to-grey gradient combination
  * ------------------------------------------------------------------------------------------- */
 /* @@BEGIN GRADIENT COLOR TO GRAY@@ */
+/* Combines the three channels of each pixel into one value of the same type by a norm (this
+ * family's own codes): 0 infinity, 1 L1, 2 L2. With c0, c1, c2 the channel values:
+ *   8u   0: max(c)   1: ((c0 + c1 + c2) * 1365 + 2048) >> 12
+ *        2: trunc(0.5 + sqrt(float(c0^2 + c1^2 + c2^2) / 3.0f)), root and half in double
+ *   16u  0: max(c)   1: ((c0 + c1 + c2) * 5461 + 8192) >> 14
+ *        2: trunc(0.5 + sqrt((c0^2 + c1^2 + c2^2) / 3.0)), all in double
+ *   32f  0: max(|c|) 1: |c0| + |c1| + |c2|   2: sqrtf(c0^2 + c1^2 + c2^2)  (no division by 3)
+ * Statuses, in this order: kvlStatusNullPointer; kvlStatusBadSize (width or height < 1);
+ * kvlStatusBadStep (source step < 3 x width x element size, destination step < width x element
+ * size; steps need not be element multiples); kvlStatusBadArgument (norm not 0, 1 or 2).
+ * No work buffer. Threading: a team of min(width x height / 1024, height / 16, threads) over
+ * row stripes, serial when that is 1 or less. */
+KVL_API KvlStatus kvliGradientColorToGray_8u_C3C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int norm);
+KVL_API KvlStatus kvliGradientColorToGray_16u_C3C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, int norm);
+KVL_API KvlStatus kvliGradientColorToGray_32f_C3C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int norm);
 /* @@END GRADIENT COLOR TO GRAY@@ */
 
 /* ---------------------------------------------------------------------------------------------

@@ -1,0 +1,83 @@
+// Colour-to-grey gradient combination: the member table, the per-pixel rules and the kernels.
+#pragma once
+
+#include <cmath>
+#include <cstring>
+#include <type_traits>
+
+#include "kvlcv.h"
+
+namespace kvl::filter {
+
+// Members: X(suffix, T).
+#define KVL_GRADIENT_MEMBERS(X) X(8u, Kvl8u) X(16u, Kvl16u) X(32f, Kvl32f)
+// Norm codes of this family.
+constexpr int kGradNormInf = 0, kGradNormL1 = 1, kGradNormL2 = 2;
+
+// One row of n three-channel pixels into n one-channel pixels. Rows need not be aligned to the
+// element size (steps are not required to be element multiples).
+template <class T>
+using GradientRowFn = void (*)(const T* src, T* dst, int n);
+
+template <class T>
+GradientRowFn<T> gradientRowKernel(int norm);
+
+// The team size of a call: min(width x height / 1024, height / 16, threads), at least 1.
+int gradientTeam(KvliSize roi, int threads);
+
+namespace ref {
+template <class T, int kNorm>
+void gradientRow(const T* src, T* dst, int n);
+}  // namespace ref
+
+// Element access that tolerates any address.
+template <class T>
+inline T loadAny(const T* p) {
+  T v;
+  std::memcpy(&v, p, sizeof(T));
+  return v;
+}
+template <class T>
+inline void storeAny(T* p, T v) {
+  std::memcpy(p, &v, sizeof(T));
+}
+
+// x if x > y, else y: the vector max on every target, NaN included.
+inline float maxOrSecond(float x, float y) { return x > y ? x : y; }
+
+// One pixel by norm kNorm. The integer members average over the channels (L1 by a fixed-point
+// third rounded up at one half, L2 as the root of the mean square, rounded half up); the float
+// member sums without dividing by 3.
+template <class T, int kNorm>
+inline T gradientPixel(T c0, T c1, T c2) {
+  if constexpr (std::is_same_v<T, Kvl32f>) {
+    if constexpr (kNorm == kGradNormInf) {
+      return maxOrSecond(maxOrSecond(std::fabs(c0), std::fabs(c1)), std::fabs(c2));
+    } else if constexpr (kNorm == kGradNormL1) {
+      return std::fabs(c0) + std::fabs(c1) + std::fabs(c2);
+    } else {
+      return std::sqrt(c0 * c0 + c1 * c1 + c2 * c2);
+    }
+  } else {
+    const int a = c0, b = c1, c = c2;
+    if constexpr (kNorm == kGradNormInf) {
+      return static_cast<T>(a > b ? (a > c ? a : c) : (b > c ? b : c));
+    } else if constexpr (kNorm == kGradNormL1) {
+      if constexpr (std::is_same_v<T, Kvl8u>)
+        return static_cast<T>(((a + b + c) * 1365 + 2048) >> 12);
+      else
+        return static_cast<T>(((a + b + c) * 5461 + 8192) >> 14);
+    } else if constexpr (std::is_same_v<T, Kvl8u>) {
+      // Squares summed in int, divided by 3 in float; root and rounding in double.
+      const float mean = static_cast<float>(a * a + b * b + c * c) / 3.0f;
+      return static_cast<T>(std::sqrt(static_cast<double>(mean)) + 0.5);
+    } else {
+      // 16u squares overflow int: everything in double.
+      const double da = a, db = b, dc = c;
+      const double mean = (da * da + db * db + dc * dc) / 3.0;
+      return static_cast<T>(std::sqrt(mean) + 0.5);
+    }
+  }
+}
+
+}  // namespace kvl::filter

@@ -1,0 +1,177 @@
+// Colour-to-grey gradient: every member and norm against the scalar reference on every target,
+// unaligned rows, the team rule, thread invariance, golden values and validation.
+#include "filter/gradient.h"
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "support/support.h"
+
+namespace {
+
+using kvl::test::Image;
+using kvl::test::sameBytes;
+
+template <class T>
+using GradCall = KvlStatus (*)(const T*, int, T*, int, KvliSize, int);
+
+template <class T>
+void referenceOf(const Image<T, 3>& src, std::vector<T>& want, int norm) {
+  const int w = src.width();
+  static constexpr void (*kRef[3])(const T*, T*, int) = {&kvl::filter::ref::gradientRow<T, 0>,
+                                                         &kvl::filter::ref::gradientRow<T, 1>,
+                                                         &kvl::filter::ref::gradientRow<T, 2>};
+  want.assign(static_cast<size_t>(w) * src.height(), T{});
+  for (int y = 0; y < src.height(); ++y) kRef[norm](src.at(0, y), &want[y * w], w);
+}
+
+// Full-range values, integer extremes, float infinities and signed zeros.
+template <class T>
+void fillGradient(Image<T, 3>& img, uint32_t seed) {
+  img.fillRandom(seed);
+  std::mt19937 rng(seed);
+  for (int y = 0; y < img.height(); ++y)
+    for (int x = 0; x < img.width(); ++x)
+      if (rng() % 8 == 0) {
+        const T extreme = std::is_floating_point_v<T>
+                              ? (rng() % 2 ? std::numeric_limits<T>::infinity() : T(-0.0))
+                              : std::numeric_limits<T>::max();
+        img.px(x, y, rng() % 3) = extreme;
+      }
+  img.snapshot();
+}
+
+template <class T>
+void checkMember(GradCall<T> fn, const char* name) {
+  for (int norm = 0; norm < 3; ++norm)
+    kvl::test::forEachTarget([&](int target) {
+      for (int w = 1; w <= 70; ++w) {
+        const int h = 1 + w % 4;
+        Image<T, 3> src(w, h, 0, w);
+        Image<T> dst(w, h, 1, w + 1);
+        fillGradient(src, 31 * w + norm);
+        std::vector<T> want;
+        referenceOf(src, want, norm);
+        ASSERT_EQ(fn(src.roi(), src.step(), dst.roi(), dst.step(), {w, h}, norm), kvlStatusOk);
+        ASSERT_TRUE(sameBytes(dst.pixels(), want, w))
+            << name << " norm " << norm << " " << kvl::test::targetName(target) << " w=" << w;
+        ASSERT_TRUE(dst.outsideUnchanged() && src.unchanged());
+      }
+    });
+
+  // Steps that are not element multiples put rows at odd addresses; they are accepted and give
+  // the same values as aligned rows.
+  Image<T, 3> src(45, 3, 0, 8);
+  fillGradient(src, 8);
+  const int srcStep = 135 * sizeof(T) + 1, dstStep = 45 * sizeof(T) + 3;
+  std::vector<uint8_t> in(srcStep * 3 + 1), out(dstStep * 3 + 1);
+  for (int y = 0; y < 3; ++y) std::memcpy(&in[1 + y * srcStep], src.at(0, y), 135 * sizeof(T));
+  for (int norm = 0; norm < 3; ++norm) {
+    std::vector<T> want;
+    referenceOf(src, want, norm);
+    ASSERT_EQ(fn(reinterpret_cast<const T*>(&in[1]), srcStep, reinterpret_cast<T*>(&out[1]),
+                 dstStep, {45, 3}, norm),
+              kvlStatusOk);
+    for (int y = 0; y < 3; ++y)
+      EXPECT_EQ(std::memcmp(&out[1 + y * dstStep], &want[45 * y], 45 * sizeof(T)), 0) << name;
+  }
+
+  // Results do not depend on the thread count above the team threshold.
+  std::vector<T> first;
+  Image<T, 3> big(700, 400, 0, 5);
+  for (int threads : {1, 2, 3}) {
+    kvl::test::ThreadScope scope(threads);
+    Image<T> dst(700, 400, 0, 6);
+    ASSERT_EQ(fn(big.roi(), big.step(), dst.roi(), dst.step(), {700, 400}, 2), kvlStatusOk);
+    if (threads == 1) {
+      first = dst.pixels();
+    } else {
+      ASSERT_TRUE(sameBytes(dst.pixels(), first, 700)) << name << " threads " << threads;
+    }
+  }
+
+  // Validation in order: pointers, sizes, steps, norm; failures write nothing.
+  struct Row {
+    const char* what;
+    bool nullSrc, nullDst;
+    KvliSize roi;
+    int srcDelta, dstDelta, norm;
+    KvlStatus want;
+  };
+  const Row rows[] = {
+      {"null destination", false, true, {0, 1}, 0, 0, 7, kvlStatusNullPointer},
+      {"null source", true, false, {4, 1}, 0, 0, 0, kvlStatusNullPointer},
+      {"zero width", false, false, {0, 2}, -1, 0, 7, kvlStatusBadSize},
+      {"source step short", false, false, {4, 2}, -1, 0, 7, kvlStatusBadStep},
+      {"destination step short", false, false, {4, 2}, 0, -1, 1, kvlStatusBadStep},
+      {"norm 3", false, false, {4, 2}, 1, 1, 3, kvlStatusBadArgument},
+      {"norm -1", false, false, {4, 2}, 0, 0, -1, kvlStatusBadArgument},
+  };
+  for (const Row& r : rows) {
+    Image<T, 3> s(4, 2, 1, 1);
+    Image<T> d(4, 2, 1, 2);
+    EXPECT_EQ(fn(r.nullSrc ? nullptr : s.roi(), 12 * sizeof(T) + r.srcDelta,
+                 r.nullDst ? nullptr : d.roi(), 4 * sizeof(T) + r.dstDelta, r.roi, r.norm),
+              r.want)
+        << name << ": " << r.what;
+    EXPECT_TRUE(d.unchanged()) << name << ": " << r.what;
+  }
+}
+
+TEST(GradientColorToGray, EveryMemberAndNorm) {
+#define KVL_CHECK(suffix, T) checkMember<T>(&kvliGradientColorToGray_##suffix##_C3C1R, #suffix);
+  KVL_GRADIENT_MEMBERS(KVL_CHECK)
+#undef KVL_CHECK
+}
+
+// Hand-computed values; each pixel is repeated so both the vector body and the tail see it.
+template <class T>
+void golden(GradCall<T> fn, T c0, T c1, T c2, int norm, T want) {
+  std::vector<T> src, dst(41);
+  for (int i = 0; i < 41; ++i) src.insert(src.end(), {c0, c1, c2});
+  ASSERT_EQ(fn(src.data(), 123 * sizeof(T), dst.data(), 41 * sizeof(T), {41, 1}, norm),
+            kvlStatusOk);
+  for (T v : dst) EXPECT_EQ(v, want) << +c0 << "," << +c1 << "," << +c2 << " norm " << norm;
+}
+
+TEST(GradientColorToGray, GoldenPixels) {
+  const auto g8 = &kvliGradientColorToGray_8u_C3C1R;
+  golden<Kvl8u>(g8, 255, 255, 255, 1, 255);
+  golden<Kvl8u>(g8, 1, 1, 0, 1, 1);  // (2 x 1365 + 2048) >> 12
+  golden<Kvl8u>(g8, 1, 0, 0, 1, 0);
+  golden<Kvl8u>(g8, 255, 255, 255, 2, 255);
+  golden<Kvl8u>(g8, 3, 0, 0, 2, 2);  // sqrt(3) + 0.5 truncated
+  golden<Kvl8u>(g8, 7, 200, 9, 0, 200);
+  const auto g16 = &kvliGradientColorToGray_16u_C3C1R;
+  // The fixed-point third 5461 / 16384 is slightly below 1/3: three maxima give 65531.
+  golden<Kvl16u>(g16, 65535, 65535, 65535, 1, 65531);
+  golden<Kvl16u>(g16, 65535, 65535, 65535, 2, 65535);
+  golden<Kvl16u>(g16, 3, 0, 0, 2, 2);
+  golden<Kvl16u>(g16, 0, 65535, 4, 0, 65535);
+  const auto g32 = &kvliGradientColorToGray_32f_C3C1R;
+  golden<Kvl32f>(g32, 1, -2, 3, 1, 6);  // no division by 3
+  golden<Kvl32f>(g32, 1, -2, 3, 0, 3);
+  golden<Kvl32f>(g32, -7, 2, 6, 0, 7);
+  golden<Kvl32f>(g32, 3, -4, 0, 2, 5);
+}
+
+TEST(GradientColorToGray, TeamRule) {
+  struct Case {
+    KvliSize roi;
+    int threads, team;
+  };
+  const Case cases[] = {
+      {{64, 16}, 4, 1},     // 1024 pixels: one
+      {{1024, 32}, 4, 2},   // height / 16
+      {{100, 1000}, 8, 8},  // the thread count
+      {{2000, 31}, 4, 1},   // height / 16 = 1
+      {{40, 400}, 64, 15},  // 16000 / 1024
+      {{700, 400}, 1, 1},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(kvl::filter::gradientTeam(c.roi, c.threads), c.team)
+        << c.roi.width << "x" << c.roi.height;
+}
+
+}  // namespace
