@@ -342,6 +342,23 @@ KVL_API KvlStatus kvliGradientColorToGray_32f_C3C1R(const Kvl32f* pSrc, int srcS
  * Canny edge detector
  * ------------------------------------------------------------------------------------------- */
 /* @@BEGIN CANNY@@ */
+/* Canny edge detection: every destination pixel becomes 255 (edge) or 0. Magnitudes (L1 for the
+ * gradient inputs; L1 or L2 for CannyBorder, which differentiates the 8u image with 3x3 Sobel,
+ * 3x3 Scharr or 5x5 Sobel) are kept above lowThreshold, suppressed to local maxima across the
+ * gradient direction, and survivors 8-connected to a pixel above highThreshold are edges.
+ * Canny_16s8u/32f8u statuses: NullPointer, BadSize, BadStep (dx/dy step < 2 or 4 x width,
+ * destination step < width), StepNotMultiple, BadArgument (low < 0 or low > high).
+ * CannyBorder statuses: BadMaskSize (Scharr with 5x5, or mask not 33/55) first, then NullPointer,
+ * BadSize, BadArgument (filter, norm, thresholds), BadBorderType (low four bits not 0, 1, 6);
+ * no step check. Border: bit 0 replicates, else borderValue; flags 16..128 read memory per side.
+ * Buffer: CannyGetSize = 5 (w+2)(h+2) + 16 w + 160, or 9 (w+2)(h+2) + 16 w + 160 when w or h is
+ * 65533 or more; CannyBorderGetSize = 5 W H + 16 W + 64 with W, H = w, h + 2 (3x3) or + 4 (5x5);
+ * 32-bit arithmetic. Single-threaded. */
+KVL_API KvlStatus kvliCanny_16s8u_C1R(const Kvl16s* pSrcDx, int srcDxStep, const Kvl16s* pSrcDy, int srcDyStep, Kvl8u* pDstEdges, int dstEdgeStep, KvliSize roiSize, Kvl32f lowThreshold, Kvl32f highThreshold, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliCanny_32f8u_C1R(const Kvl32f* pSrcDx, int srcDxStep, const Kvl32f* pSrcDy, int srcDyStep, Kvl8u* pDstEdges, int dstEdgeStep, KvliSize roiSize, Kvl32f lowThreshold, Kvl32f highThreshold, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliCannyGetSize(KvliSize roiSize, int* pBufferSize);
+KVL_API KvlStatus kvliCannyBorder_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliDifferentialKernel filterType, KvliMaskSize mask, KvliBorderType borderType, Kvl8u borderValue, Kvl32f lowThreshold, Kvl32f highThreshold, KvlNormType norm, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliCannyBorderGetSize(KvliSize roiSize, KvliDifferentialKernel filterType, KvliMaskSize mask, KvlDataType dataType, int* pBufferSize);
 /* @@END CANNY@@ */
 
 /* ---------------------------------------------------------------------------------------------

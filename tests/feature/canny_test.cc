@@ -1,0 +1,641 @@
+// Canny detectors: validation, size queries, every vector target against the scalar kernels, and
+// hand-made cases for suppression ties, thresholds, class boundaries, borders and hysteresis.
+#include "feature/canny.h"
+
+#include <cmath>
+#include <functional>
+#include <vector>
+
+#include "core/border.h"
+#include "support/support.h"
+
+namespace {
+
+using kvl::test::forEachTarget;
+using kvl::test::GuardedBlock;
+using kvl::test::Image;
+using kvl::test::sameBytes;
+namespace kf = kvl::feature;
+
+// ---- Runners: a buffer of exactly the queried size, ending at a guard page, at an offset ----
+
+template <class T>
+KvlStatus callCanny(const T* dx, int dxs, const T* dy, int dys, Kvl8u* dst, int ds, KvliSize roi,
+                    float lo, float hi, Kvl8u* buf) {
+  if constexpr (sizeof(T) == 2)
+    return kvliCanny_16s8u_C1R(dx, dxs, dy, dys, dst, ds, roi, lo, hi, buf);
+  else
+    return kvliCanny_32f8u_C1R(dx, dxs, dy, dys, dst, ds, roi, lo, hi, buf);
+}
+
+template <class T>
+std::vector<Kvl8u> cannyGrad(const Image<T>& dx, const Image<T>& dy, float lo, float hi,
+                             int offset = 0) {
+  const KvliSize roi{dx.width(), dx.height()};
+  int size = 0;
+  EXPECT_EQ(kvliCannyGetSize(roi, &size), kvlStatusOk);
+  GuardedBlock buf(static_cast<size_t>(size) + offset, 1, 9);
+  Image<Kvl8u> out(roi.width, roi.height, 0, 4);
+  EXPECT_EQ(callCanny<T>(dx.roi(), dx.step(), dy.roi(), dy.step(), out.roi(), out.step(), roi, lo,
+                         hi, buf.data() + offset),
+            kvlStatusOk);
+  EXPECT_TRUE(out.outsideUnchanged());
+  return out.pixels();
+}
+
+struct BorderParams {
+  int filter = kvlFilterSobel;
+  int mask = kvlMaskSize3x3;
+  int border = kvlBorderRepl;
+  Kvl8u value = 0;
+  float lo = 50, hi = 150;
+  int norm = kvlNormL1;
+};
+
+std::vector<Kvl8u> cannyBorder(const Image<Kvl8u>& src, const BorderParams& p, int offset = 0) {
+  const KvliSize roi{src.width(), src.height()};
+  int size = 0;
+  EXPECT_EQ(kvliCannyBorderGetSize(roi, p.filter, p.mask, kvl8u, &size), kvlStatusOk);
+  GuardedBlock buf(static_cast<size_t>(size) + offset, 1, 5);
+  Image<Kvl8u> out(roi.width, roi.height, 0, 6);
+  EXPECT_EQ(
+      kvliCannyBorder_8u_C1R(src.roi(), src.step(), out.roi(), out.step(), roi, p.filter, p.mask,
+                             p.border, p.value, p.lo, p.hi, p.norm, buf.data() + offset),
+      kvlStatusOk);
+  EXPECT_TRUE(out.outsideUnchanged());
+  EXPECT_TRUE(src.unchanged());
+  return out.pixels();
+}
+
+// Runs `run` on every target and compares each result with the scalar kernels' result.
+void sameOnEveryTarget(int width, const std::function<std::vector<Kvl8u>()>& run) {
+  std::vector<Kvl8u> want;
+  forEachTarget([&](int t) {
+    std::vector<Kvl8u> got = run();
+    if (t == kvl::simd::kRef)
+      want = got;
+    else
+      EXPECT_TRUE(sameBytes(got, want, width));
+  });
+}
+
+// ---- Validation ----
+
+// The arguments of a gradient-input call; `elem` is the element size, 2 or 4.
+struct GradArgs {
+  const void *dx, *dy;
+  int dxs, dys, ds;
+  Kvl8u *dst, *buf;
+  KvliSize roi{};
+  float lo = 1, hi = 5;
+  int elem = 2;
+};
+
+struct GradCase {
+  const char* name;
+  void (*mutate)(GradArgs&);
+  KvlStatus want;
+};
+
+const GradCase kGradCases[] = {
+    {"dx null", [](GradArgs& a) { a.dx = nullptr; }, kvlStatusNullPointer},
+    {"dy null", [](GradArgs& a) { a.dy = nullptr; }, kvlStatusNullPointer},
+    {"dst null", [](GradArgs& a) { a.dst = nullptr; }, kvlStatusNullPointer},
+    {"buffer null, width 0", [](GradArgs& a) { a.buf = nullptr, a.roi.width = 0; },
+     kvlStatusNullPointer},
+    {"width 0", [](GradArgs& a) { a.roi.width = 0; }, kvlStatusBadSize},
+    {"height -1, low > high", [](GradArgs& a) { a.roi.height = -1, a.lo = 9; }, kvlStatusBadSize},
+    {"dx step a byte short", [](GradArgs& a) { a.dxs = a.roi.width * a.elem - 1; },
+     kvlStatusBadStep},
+    {"dy step short, dx step odd",
+     [](GradArgs& a) { a.dxs += 1, a.dys = a.roi.width * a.elem - a.elem; }, kvlStatusBadStep},
+    {"dst step short", [](GradArgs& a) { a.ds = a.roi.width - 1; }, kvlStatusBadStep},
+    {"dx step not a multiple", [](GradArgs& a) { a.dxs += a.elem / 2; }, kvlStatusStepNotMultiple},
+    {"dy step not a multiple, low < 0", [](GradArgs& a) { a.dys += 3, a.lo = -1; },
+     kvlStatusStepNotMultiple},
+    {"low < 0", [](GradArgs& a) { a.lo = -0.5f; }, kvlStatusBadArgument},
+    {"low > high", [](GradArgs& a) { a.lo = 3, a.hi = 2.5f; }, kvlStatusBadArgument},
+    {"low = high", [](GradArgs& a) { a.lo = a.hi = 4; }, kvlStatusOk},
+};
+
+template <class T>
+void checkGradValidation() {
+  const int w = 9, h = 4;
+  for (const GradCase& c : kGradCases) {
+    SCOPED_TRACE(c.name);
+    Image<T> dx(w, h, 0, 1), dy(w, h, 0, 2);
+    dx.fillRandom(3, T(-50), T(50));
+    dy.fillRandom(4, T(-50), T(50));
+    Image<Kvl8u> out(w, h, 0, 3);
+    std::vector<Kvl8u> buf(4096);
+    GradArgs a{dx.roi(), dy.roi(), dx.step(), dy.step(), out.step(), out.roi(), buf.data()};
+    a.roi = {w, h}, a.elem = static_cast<int>(sizeof(T));
+    c.mutate(a);
+    EXPECT_EQ(callCanny<T>(static_cast<const T*>(a.dx), a.dxs, static_cast<const T*>(a.dy), a.dys,
+                           a.dst, a.ds, a.roi, a.lo, a.hi, a.buf),
+              c.want);
+    if (c.want != kvlStatusOk) {
+      EXPECT_TRUE(out.unchanged());
+    }
+  }
+}
+
+TEST(CannyValidation, GradientInputs16s) { checkGradValidation<Kvl16s>(); }
+TEST(CannyValidation, GradientInputs32f) { checkGradValidation<Kvl32f>(); }
+
+struct BorderArgs {
+  const Kvl8u* src;
+  int srcStep;
+  KvliSize roi;
+  BorderParams p;
+  Kvl8u* buf;
+};
+
+struct BorderCase {
+  const char* name;
+  void (*mutate)(BorderArgs&);
+  KvlStatus want;
+};
+
+const BorderCase kBorderCases[] = {
+    {"Scharr 5x5 before null pointers and size",
+     [](BorderArgs& a) {
+       a.src = nullptr, a.buf = nullptr, a.roi.width = 0;
+       a.p.filter = kvlFilterScharr, a.p.mask = kvlMaskSize5x5;
+     },
+     kvlStatusBadMaskSize},
+    {"mask 35 before null", [](BorderArgs& a) { a.src = nullptr, a.p.mask = 35; },
+     kvlStatusBadMaskSize},
+    {"src null", [](BorderArgs& a) { a.src = nullptr; }, kvlStatusNullPointer},
+    {"buffer null, bad filter", [](BorderArgs& a) { a.buf = nullptr, a.p.filter = 3; },
+     kvlStatusNullPointer},
+    {"height 0", [](BorderArgs& a) { a.roi.height = 0; }, kvlStatusBadSize},
+    {"filter 3 before border", [](BorderArgs& a) { a.p.filter = 3, a.p.border = 2; },
+     kvlStatusBadArgument},
+    {"norm 1", [](BorderArgs& a) { a.p.norm = 1; }, kvlStatusBadArgument},
+    {"low > high before border", [](BorderArgs& a) { a.p.lo = 7, a.p.hi = 6, a.p.border = 3; },
+     kvlStatusBadArgument},
+    {"negative low", [](BorderArgs& a) { a.p.lo = -1; }, kvlStatusBadArgument},
+    {"wrap border", [](BorderArgs& a) { a.p.border = kvlBorderWrap; }, kvlStatusBadBorderType},
+    {"mode 5 with a flag", [](BorderArgs& a) { a.p.border = 5 | kvlBorderInMemTop; },
+     kvlStatusBadBorderType},
+    {"Scharr 3x3 with L2",
+     [](BorderArgs& a) { a.p.filter = kvlFilterScharr, a.p.norm = kvlNormL2; }, kvlStatusOk},
+    {"no step check", [](BorderArgs& a) { a.srcStep = 1; }, kvlStatusOk},
+    {"bits above the flags ignored", [](BorderArgs& a) { a.p.border = 256 | kvlBorderRepl; },
+     kvlStatusOk},
+};
+
+TEST(CannyValidation, BorderForm) {
+  const int w = 8, h = 3;
+  for (const BorderCase& c : kBorderCases) {
+    SCOPED_TRACE(c.name);
+    Image<Kvl8u> src(w, h, 0, 1), out(w, h, 0, 2);
+    std::vector<Kvl8u> buf(4096);
+    BorderArgs a{src.roi(), src.step(), {w, h}, BorderParams{}, buf.data()};
+    c.mutate(a);
+    EXPECT_EQ(
+        kvliCannyBorder_8u_C1R(a.src, a.srcStep, out.roi(), out.step(), a.roi, a.p.filter, a.p.mask,
+                               a.p.border, a.p.value, a.p.lo, a.p.hi, a.p.norm, a.buf),
+        c.want);
+    if (c.want != kvlStatusOk) {
+      EXPECT_TRUE(out.unchanged());
+    }
+  }
+}
+
+// ---- Size queries (values computed by hand; the last rows wrap in 32 bits) ----
+
+TEST(CannySize, GradientFormsSwitchAt65533) {
+  struct Row {
+    KvliSize roi;
+    int want;
+  };
+  const Row rows[] = {{{1, 1}, 221},
+                      {{10, 10}, 1040},
+                      {{65532, 1}, 2031682},
+                      {{65533, 1}, 2818133},
+                      {{1, 65532}, 983186},
+                      {{1, 65533}, 1769621},
+                      {{65532, 65532}, -262028},
+                      {{40000, 40000}, -588494412}};
+  for (const Row& r : rows) {
+    int size = 7;
+    EXPECT_EQ(kvliCannyGetSize(r.roi, &size), kvlStatusOk);
+    EXPECT_EQ(size, r.want) << r.roi.width << "x" << r.roi.height;
+  }
+  int size = 7;
+  EXPECT_EQ(kvliCannyGetSize({0, 5}, nullptr), kvlStatusNullPointer);
+  EXPECT_EQ(kvliCannyGetSize({5, 0}, &size), kvlStatusBadSize);
+  EXPECT_EQ(size, 7);
+}
+
+TEST(CannySize, BorderForm) {
+  struct Row {
+    KvliSize roi;
+    int filter, mask, type;
+    int want;
+  };
+  const Row rows[] = {{{1, 1}, kvlFilterSobel, 33, kvl8u, 157},
+                      {{10, 10}, kvlFilterSobel, 33, kvl8u, 976},
+                      {{10, 10}, 99, 55, 99, 1268},
+                      {{10, 10}, kvlFilterScharr, 55, kvl32f, 1268},
+                      {{65533, 1}, kvlFilterSobel, 33, kvl8u, 2031649},
+                      {{40000, 40000}, kvlFilterSobel, 55, kvl8u, -587694384}};
+  for (const Row& r : rows) {
+    int size = 7;
+    EXPECT_EQ(kvliCannyBorderGetSize(r.roi, r.filter, r.mask, r.type, &size), kvlStatusOk);
+    EXPECT_EQ(size, r.want) << r.roi.width << "x" << r.roi.height << " mask " << r.mask;
+  }
+  int size = 7;
+  EXPECT_EQ(kvliCannyBorderGetSize({0, 1}, 2, 35, 1, nullptr), kvlStatusNullPointer);
+  EXPECT_EQ(kvliCannyBorderGetSize({0, 1}, 2, 35, 1, &size), kvlStatusBadSize);
+  EXPECT_EQ(kvliCannyBorderGetSize({1, 1}, 2, 53, 1, &size), kvlStatusBadMaskSize);
+  EXPECT_EQ(size, 7);
+}
+
+// ---- Every target against the scalar kernels ----
+
+// Gradients of a scene of discs and bars, so edges, ties and all classes occur.
+template <class T>
+void sceneGradients(Image<T>& dx, Image<T>& dy, int scale) {
+  auto scene = [](int x, int y) {
+    const int a = (x - 13) * (x - 13) + (y - 9) * (y - 9) < 60 ? 90 : 10;
+    const int b = ((x + 2 * y) / 7) % 3 == 0 ? 40 : 0;
+    return a + b + ((x * 7 + y * 3) % 5);
+  };
+  dx.fill([&](int x, int y, int) { return T((scene(x + 1, y) - scene(x - 1, y)) * scale); });
+  dy.fill([&](int x, int y, int) { return T((scene(x, y + 1) - scene(x, y - 1)) * scale); });
+}
+
+template <class T>
+void checkGradTargets() {
+  struct Content {
+    T lo, hi;  // random range; 0, 0 selects the scene
+    float tlo, thi;
+  };
+  const Content contents[] = {{T(-3), T(3), 1.5f, 3.7f},  // small values: many ties
+                              {T(-32768), T(32767), 20000.9f, 41000.3f},
+                              {T(0), T(0), 20.5f, 60.2f}};
+  for (const Content& ct : contents)
+    for (int h : {1, 2, 3, 4, 7})
+      for (int w = 1; w <= 40; ++w) {
+        SCOPED_TRACE(testing::Message() << w << "x" << h << " range " << +ct.hi);
+        Image<T> dx(w, h, 0, w * 11 + h), dy(w, h, 0, w * 13 + h);
+        if (ct.hi == T(0)) {
+          sceneGradients(dx, dy, 1);
+        } else {
+          dx.fillRandom(w * 3 + h, ct.lo, ct.hi);
+          dy.fillRandom(w * 5 + h, ct.lo, ct.hi);
+        }
+        const float lo = ct.tlo, hi = ct.thi;
+        sameOnEveryTarget(w, [&] { return cannyGrad(dx, dy, lo, hi, w % 4); });
+      }
+  Image<T> dx(203, 61, 0, 1), dy(203, 61, 0, 2);
+  sceneGradients(dx, dy, 3);
+  sameOnEveryTarget(203, [&] { return cannyGrad(dx, dy, 30, 130); });
+}
+
+TEST(CannyTargets, Gradients16s) { checkGradTargets<Kvl16s>(); }
+TEST(CannyTargets, Gradients32f) { checkGradTargets<Kvl32f>(); }
+
+TEST(CannyTargets, BorderFormEveryKernelNormAndBorder) {
+  struct Kernel {
+    int filter, mask;
+    float scale;  // magnitudes grow with the kernel
+  };
+  const Kernel kernels[] = {
+      {kvlFilterSobel, 33, 1}, {kvlFilterScharr, 33, 4}, {kvlFilterSobel, 55, 12}};
+  const int borders[] = {kvlBorderConst,
+                         kvlBorderRepl,
+                         kvlBorderInMem,
+                         kvlBorderRepl | kvlBorderInMemTop,
+                         kvlBorderConst | kvlBorderInMemBottom | kvlBorderInMemLeft,
+                         kvlBorderRepl | 240,
+                         kvlBorderInMem | kvlBorderInMemRight};
+  for (const Kernel& k : kernels)
+    for (int norm : {kvlNormL1, kvlNormL2})
+      for (int bt : borders)
+        for (int h : {1, 2, 3, 5})
+          for (int w : {1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 31, 33, 40, 70}) {
+            SCOPED_TRACE(testing::Message() << w << "x" << h << " filter " << k.filter << " mask "
+                                            << k.mask << " norm " << norm << " border " << bt);
+            Image<Kvl8u> src(w, h, 2, w * 17 + h);
+            src.fill([&](int x, int y, int) {
+              return Kvl8u(((x / 3 + y / 2) % 2) * 120 + (x * 31 + y * 17) % 23);
+            });
+            BorderParams p{k.filter, k.mask, bt, 77, 40 * k.scale, 160 * k.scale, norm};
+            sameOnEveryTarget(w, [&] { return cannyBorder(src, p, (w + h) % 5); });
+          }
+}
+
+// Every edge is a survivor of suppression, and the edges are whole 8-connected components of
+// the survivors. With low = high every survivor is strong, so that run gives the survivors.
+::testing::AssertionResult wholeComponents(const std::vector<Kvl8u>& edges,
+                                           const std::vector<Kvl8u>& survivors, int w, int h) {
+  std::vector<char> seen(edges.size(), 0);
+  for (size_t i = 0; i < edges.size(); ++i)
+    if (edges[i] != 0 && survivors[i] == 0)
+      return ::testing::AssertionFailure()
+             << "edge at " << i % w << "," << i / w << " did not survive";
+  for (size_t start = 0; start < edges.size(); ++start) {
+    if (survivors[start] == 0 || seen[start]) continue;
+    std::vector<size_t> todo{start}, comp;
+    seen[start] = 1;
+    while (!todo.empty()) {
+      const size_t i = todo.back();
+      todo.pop_back();
+      comp.push_back(i);
+      const int x = static_cast<int>(i % w), y = static_cast<int>(i / w);
+      for (int dy = -1; dy <= 1; ++dy)
+        for (int dx = -1; dx <= 1; ++dx) {
+          const int nx = x + dx, ny = y + dy;
+          if (nx < 0 || ny < 0 || nx >= w || ny >= h) continue;
+          const size_t j = static_cast<size_t>(ny) * w + nx;
+          if (survivors[j] != 0 && !seen[j]) seen[j] = 1, todo.push_back(j);
+        }
+    }
+    size_t in = 0;
+    for (size_t i : comp) in += edges[i] != 0;
+    if (in != 0 && in != comp.size())
+      return ::testing::AssertionFailure()
+             << "component at " << start % w << "," << start / w << " is partly an edge (" << in
+             << " of " << comp.size() << ")";
+  }
+  return ::testing::AssertionSuccess();
+}
+
+TEST(CannyHysteresis, EdgesAreWholeComponentsOfTheSurvivors) {
+  const int w = 203, h = 61;
+  Image<Kvl16s> dx(w, h, 0, 1), dy(w, h, 0, 2);
+  sceneGradients(dx, dy, 3);
+  Image<Kvl8u> src(w, h, 0, 3);
+  src.fill([](int x, int y, int) {
+    return Kvl8u(((x / 9 + y / 7) % 3) * 70 +
+                 ((x - 100) * (x - 100) + (y - 30) * (y - 30) < 500 ? 50 : 0) +
+                 (x * 13 + y * 7) % 17);
+  });
+  forEachTarget([&](int) {
+    for (float hi : {60.0f, 130.0f, 400.0f}) {
+      EXPECT_TRUE(wholeComponents(cannyGrad(dx, dy, 30, hi), cannyGrad(dx, dy, 30, 30), w, h))
+          << hi;
+      BorderParams p{kvlFilterSobel, 33, kvlBorderRepl, 0, 30, hi, kvlNormL2};
+      BorderParams all = p;
+      all.hi = all.lo;
+      const std::vector<Kvl8u> e = cannyBorder(src, p), s = cannyBorder(src, all);
+      EXPECT_TRUE(wholeComponents(e, s, w, h)) << hi;
+      EXPECT_NE(e, s) << "the thresholds should leave some weak components out";
+    }
+  });
+}
+
+// ---- Golden cases ----
+
+// Runs the 16s and 32f detectors on hand-set gradients (all other pixels 0) on every target.
+struct Spot {
+  int x, y, dx, dy;
+};
+template <class T>
+std::vector<Kvl8u> spots(int w, int h, const std::vector<Spot>& s, float lo, float hi) {
+  Image<T> dx(w, h, 0, 1), dy(w, h, 0, 2);
+  dx.fill([](int, int, int) { return T(0); });
+  dy.fill([](int, int, int) { return T(0); });
+  for (const Spot& p : s) dx.px(p.x, p.y) = T(p.dx), dy.px(p.x, p.y) = T(p.dy);
+  dx.snapshot();
+  dy.snapshot();
+  return cannyGrad(dx, dy, lo, hi);
+}
+
+struct Golden {
+  const char* name;
+  int w, h;
+  std::vector<Spot> spots;
+  float lo, hi;
+  std::vector<int> want;  // row-major, 1 = edge
+  bool only16s = false;
+};
+
+const Golden kGolden[] = {
+    {"1x1 above both thresholds", 1, 1, {{0, 0, 10, 0}}, 5, 9, {1}},
+    {"1x1 equal to high is not strong", 1, 1, {{0, 0, 7, -3}}, 5, 10, {0}},
+    {"1x1 equal to low is discarded", 1, 1, {{0, 0, 10, 0}}, 10, 10, {0}},
+    {"low 10.7 truncates to 10 for 16s", 1, 1, {{0, 0, 10, 0}}, 10.7f, 10.7f, {0}},
+    {"high 10.7 truncates to 10: 11 is strong", 1, 1, {{0, 0, 11, 0}}, 10.7f, 10.7f, {1}},
+    {"extreme derivatives give 65536", 1, 1, {{0, 0, -32768, -32768}}, 0, 65535, {1}, true},
+    {"extreme derivatives are not above 65536",
+     1,
+     1,
+     {{0, 0, -32768, -32768}},
+     0,
+     65536,
+     {0},
+     true},
+    {"horizontal plateau keeps its leftmost pixel",
+     4,
+     3,
+     {{0, 1, 9, 0}, {1, 1, 9, 0}, {2, 1, -9, 0}, {3, 1, 9, 0}},
+     1,
+     2,
+     {0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}},
+    {"vertical plateau keeps its topmost pixel",
+     3,
+     3,
+     {{1, 0, 0, 5}, {1, 1, 0, -5}, {1, 2, 0, 5}},
+     1,
+     2,
+     {0, 1, 0, 0, 0, 0, 0, 0, 0}},
+    {"diagonal plateau keeps none",
+     3,
+     3,
+     {{0, 0, 6, 6}, {1, 1, 6, 6}, {2, 2, 6, 6}},
+     1,
+     2,
+     {0, 0, 0, 0, 0, 0, 0, 0, 0}},
+    {"anti-diagonal plateau keeps none",
+     3,
+     3,
+     {{2, 0, 6, -6}, {1, 1, -6, 6}, {0, 2, 6, -6}},
+     1,
+     2,
+     {0, 0, 0, 0, 0, 0, 0, 0, 0}},
+    // A weak chain 8-connected to one strong pixel grows; a weak pixel alone does not.
+    {"hysteresis follows a diagonal chain",
+     5,
+     4,
+     {{0, 0, 0, 9}, {1, 1, 0, 3}, {2, 2, 0, 3}, {3, 1, 0, 3}, {4, 3, 0, 3}},
+     2,
+     5,
+     {1, 0, 0, 0, 0, 0, 1, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}},
+    {"low 0 takes every non-zero magnitude",
+     3,
+     1,
+     {{0, 0, 0, 1}, {2, 0, 0, 1}},
+     0,
+     0.5f,
+     {1, 0, 1}},
+};
+
+TEST(CannyGolden, GradientInputs) {
+  for (const Golden& g : kGolden)
+    for (int type = 0; type < 2; ++type) {
+      if (type == 1 && g.only16s) continue;
+      SCOPED_TRACE(testing::Message() << g.name << (type ? " (32f)" : " (16s)"));
+      const std::vector<int>& want = g.want;
+      forEachTarget([&](int) {
+        const std::vector<Kvl8u> got = type == 0 ? spots<Kvl16s>(g.w, g.h, g.spots, g.lo, g.hi)
+                                                 : spots<Kvl32f>(g.w, g.h, g.spots, g.lo, g.hi);
+        for (size_t i = 0; i < got.size(); ++i)
+          EXPECT_EQ(got[i], want[i] ? 255 : 0) << "pixel " << i;
+      });
+    }
+}
+
+// Class decisions at the exact tan boundaries. At |dx| = 3771, |dy| = 9104 the single product
+// 2.4142137 x 3771 rounds to exactly 9104 (not vertical), the double product rounds below it
+// (vertical), and so does the border form's bound ax + ax + ax x 0.41421357; at 17223, 7134 the
+// horizontal test flips the other way. In the 16s detector whole groups of columns take the
+// single products and the tail the double ones; the 32f and border forms always the single ones.
+TEST(CannyClasses, ExactBoundariesInEveryKernel) {
+  struct Row {
+    float dx, dy;
+    uint8_t group16s, tail16s, f32, border;
+  };
+  using namespace kf;
+  const Row rows[] = {{3771, 9104, kClassDiag, kClassVert, kClassDiag, kClassVert},
+                      {-3771, 9104, kClassAntiDiag, kClassVert, kClassAntiDiag, kClassVert},
+                      {17223, 7134, kClassHoriz, kClassDiag, kClassHoriz, kClassHoriz},
+                      {17223, -7134, kClassHoriz, kClassAntiDiag, kClassHoriz, kClassHoriz},
+                      {0, 5, kClassVert, kClassVert, kClassVert, kClassVert},
+                      {4, -4, kClassAntiDiag, kClassAntiDiag, kClassAntiDiag, kClassAntiDiag}};
+  for (const Row& r : rows)
+    forEachTarget([&](int) {
+      for (int w = 1; w <= 40; ++w) {
+        SCOPED_TRACE(testing::Message() << r.dx << "," << r.dy << " w " << w);
+        std::vector<Kvl16s> ix(w, Kvl16s(r.dx)), iy(w, Kvl16s(r.dy));
+        std::vector<Kvl32f> fx(w, r.dx), fy(w, r.dy);
+        std::vector<int32_t> mag32(w + 2);
+        std::vector<float> mag(w + 2);
+        std::vector<uint8_t> c16(w), c32(w), cb(w);
+        kvl::simd::pick(kMagClass16sTable, &ref::magClass16s)(ix.data(), iy.data(), w, 0,
+                                                              mag32.data(), c16.data());
+        kvl::simd::pick(kMagClass32fTable, &ref::magClass32f)(fx.data(), fy.data(), w, 0,
+                                                              mag.data(), c32.data());
+        kvl::simd::pick(kMagClassBorderTable, &ref::magClassBorder)(ix.data(), iy.data(), w, 0,
+                                                                    false, mag.data(), cb.data());
+        for (int c = 0; c < w; ++c) {
+          ASSERT_EQ(c16[c], c < w / 4 * 4 ? r.group16s : r.tail16s) << "column " << c;
+          ASSERT_EQ(c32[c], r.f32) << "column " << c;
+          ASSERT_EQ(cb[c], r.border) << "column " << c;
+        }
+      }
+    });
+  // The same decision seen in the edge map: the pixel survives only as a vertical pixel, because
+  // its up-left neighbour is larger and its vertical neighbours are 0.
+  for (int w = 2; w <= 12; ++w)
+    forEachTarget([&](int) {
+      const int c = w - 1;  // in a group when w is a multiple of 4
+      const std::vector<Kvl8u> got =
+          spots<Kvl16s>(w, 3, {{c, 1, 3771, 9104}, {c - 1, 0, 9000, 9000}}, 100, 12000);
+      EXPECT_EQ(got[w + c], w % 4 == 0 ? 0 : 255) << "w " << w;
+    });
+}
+
+// ---- The border form ----
+
+TEST(CannyBorder, VerticalStepDerivatives) {
+  // Left half 0, right half 100: the columns beside the step get 400 (Sobel 3x3), 1600 (Scharr)
+  // and 4800, 4800 then 1600 (Sobel 5x5); no vertical derivative anywhere.
+  struct Row {
+    bool scharr;
+    int k;
+    std::vector<int> want;  // dx of columns 0..7
+  };
+  const Row rows[] = {{false, 1, {0, 0, 0, 400, 400, 0, 0, 0}},
+                      {true, 1, {0, 0, 0, 1600, 1600, 0, 0, 0}},
+                      {false, 2, {0, 0, 1600, 4800, 4800, 1600, 0, 0}}};
+  Image<Kvl8u> src(8, 5, 0, 1);
+  src.fill([](int x, int, int) { return Kvl8u(x < 4 ? 0 : 100); });
+  for (const Row& r : rows)
+    forEachTarget([&](int) {
+      const kf::BorderSource s{src.roi(), src.step(), 8, 5, kvlBorderRepl, 0, r.scharr, r.k};
+      std::vector<uint8_t> scratch(kf::derivScratchBytes(8));
+      for (int y = 0; y < 5; ++y) {
+        Kvl16s dx[8], dy[8];
+        kvl::simd::pick(kf::kDerivRowTable, &kf::ref::derivRow)(s, y, dx, dy, scratch.data());
+        for (int x = 0; x < 8; ++x) {
+          EXPECT_EQ(dx[x], r.want[x]) << "x " << x << " y " << y;
+          EXPECT_EQ(dy[x], 0) << "x " << x << " y " << y;
+        }
+      }
+    });
+}
+
+// Constant and replicated sides equal memory borders around a copy extended by the border
+// utilities; flagged sides read the real pixels around the ROI.
+TEST(CannyBorder, DerivativesMatchAnExplicitlyExtendedCopy) {
+  const int borders[] = {kvlBorderConst,
+                         kvlBorderRepl,
+                         kvlBorderRepl | kvlBorderInMemTop,
+                         kvlBorderConst | kvlBorderInMemLeft | kvlBorderInMemBottom,
+                         kvlBorderRepl | kvlBorderInMemRight | kvlBorderInMemBottom,
+                         kvlBorderConst | 240};
+  for (int k : {1, 2})
+    for (bool scharr : {false, true}) {
+      if (k == 2 && scharr) continue;
+      for (int bt : borders)
+        for (int w : {1, 2, 5, 16, 37})
+          for (int h : {1, 3, 6}) {
+            SCOPED_TRACE(testing::Message() << w << "x" << h << " k " << k << " border " << bt);
+            Image<Kvl8u> src(w, h, 2, w + 7 * h);
+            src.fillRandom(w * 5 + h);
+            Image<Kvl8u> ext(w + 2 * k, h + 2 * k, 0, 3);
+            kvl::border::extendImage<Kvl8u, 1>(src.roi(), src.step(), w, h, ext.roi(), ext.step(),
+                                               k, k, k, k, bt, Kvl8u(201));
+            const kf::BorderSource a{src.roi(), src.step(), w, h, bt, 201, scharr, k};
+            const kf::BorderSource b{ext.at(k, k), ext.step(), w, h, 240, 0, scharr, k};
+            forEachTarget([&](int) {
+              std::vector<uint8_t> scratchA(kf::derivScratchBytes(w)), scratchB(scratchA.size());
+              auto deriv = kvl::simd::pick(kf::kDerivRowTable, &kf::ref::derivRow);
+              for (int y = 0; y < h; ++y) {
+                std::vector<Kvl16s> ax(w), ay(w), bx(w), by(w);
+                deriv(a, y, ax.data(), ay.data(), scratchA.data());
+                deriv(b, y, bx.data(), by.data(), scratchB.data());
+                ASSERT_TRUE(sameBytes(ax, bx, w)) << "dx row " << y;
+                ASSERT_TRUE(sameBytes(ay, by, w)) << "dy row " << y;
+              }
+            });
+          }
+    }
+}
+
+TEST(CannyBorder, InMemCodeAloneIsTheConstantBorder) {
+  Image<Kvl8u> src(23, 9, 2, 4);
+  src.fillRandom(8);
+  for (int flags : {0, kvlBorderInMemTop | kvlBorderInMemRight, 240})
+    forEachTarget([&](int) {
+      BorderParams six{kvlFilterSobel, 33, kvlBorderInMem | flags, 90, 100, 300, kvlNormL2};
+      BorderParams zero = six;
+      zero.border = kvlBorderConst | flags;
+      EXPECT_TRUE(sameBytes(cannyBorder(src, six), cannyBorder(src, zero), 23)) << flags;
+    });
+}
+
+// A one-row ROI between two memory rows whose every pixel has a diagonal gradient: with the rows
+// above and below outside the ROI at magnitude 0, every pixel survives and is strong, more seeds
+// than the stack left in the buffer holds.
+TEST(CannyBorder, MoreSeedsThanTheStackHolds) {
+  for (int w : {1, 2, 9, 50})
+    forEachTarget([&](int) {
+      Image<Kvl8u> src(w, 1, 1, 2);
+      src.fillRandom(1, 0, 0);
+      for (int x = -1; x <= w; ++x) {
+        src.px(x, 0) = Kvl8u(5 * (x + 1));  // dx = 20
+        src.px(x, 1) = 10;                  // dy = 40, same sign: the down-right diagonal
+      }
+      src.snapshot();
+      const BorderParams p{kvlFilterSobel, 33, kvlBorderConst | 240, 0, 0, 0, kvlNormL1};
+      EXPECT_EQ(cannyBorder(src, p), std::vector<Kvl8u>(w, 255)) << "w " << w;
+    });
+}
+
+}  // namespace
