@@ -365,12 +365,79 @@ KVL_API KvlStatus kvliCannyBorderGetSize(KvliSize roiSize, KvliDifferentialKerne
  * Motion history
  * ------------------------------------------------------------------------------------------- */
 /* @@BEGIN MOTION HISTORY@@ */
+/* Motion history update, in place on a Kvl32f history image: with L = timestamp - mhiDuration
+ * (single precision), each pixel whose silhouette value is non-zero becomes timestamp; any other
+ * pixel becomes 0 when its history is < L (strict: equal to L, or NaN, is kept) and is otherwise
+ * left as it is. Statuses, in this order: kvlStatusNullPointer; kvlStatusBadSize (width or
+ * height < 1); kvlStatusBadStep (silhouette step < width x element size, history step <
+ * 4 x width); kvlStatusStepNotMultiple (a 16u step odd, a 32f step not a multiple of 4, the
+ * history's included); kvlStatusOutOfRange (mhiDuration < 0). No work buffer.
+ * Threading: always on the calling thread. */
+KVL_API KvlStatus kvliUpdateMotionHistory_8u32f_C1IR(const Kvl8u* pSilhouette, int silhStep, Kvl32f* pMHI, int mhiStep, KvliSize roiSize, Kvl32f timestamp, Kvl32f mhiDuration);
+KVL_API KvlStatus kvliUpdateMotionHistory_16u32f_C1IR(const Kvl16u* pSilhouette, int silhStep, Kvl32f* pMHI, int mhiStep, KvliSize roiSize, Kvl32f timestamp, Kvl32f mhiDuration);
+KVL_API KvlStatus kvliUpdateMotionHistory_32f_C1IR(const Kvl32f* pSilhouette, int silhStep, Kvl32f* pMHI, int mhiStep, KvliSize roiSize, Kvl32f timestamp, Kvl32f mhiDuration);
 /* @@END MOTION HISTORY@@ */
 
 /* ---------------------------------------------------------------------------------------------
  * Accumulation and absolute difference
  * ------------------------------------------------------------------------------------------- */
 /* @@BEGIN ACCUMULATION@@ */
+/* Accumulation into a Kvl32f image, in place, optionally under a Kvl8u mask (the M forms: only
+ * pixels with a non-zero mask byte change; every other accumulator pixel keeps its exact bits).
+ * Sources are converted to float exactly; all arithmetic is single precision in this order:
+ *   Add          acc = acc + s
+ *   AddSquare    acc = acc + s * s
+ *   AddProduct   acc = acc + s1 * s2
+ *   AddWeighted  acc = acc + alpha * (s - acc)   (alpha is not range-checked)
+ *   AddWeighted_32f_C1R (not in place)  dst = s2 + alpha * (s1 - s2)
+ * Absolute differences, exact in the element type:
+ *   AbsDiff      dst = |s1 - s2|   (32f: the magnitude of the float difference)
+ *   AbsDiffC     dst = |s - value|; the int value of the 8u and 16u members is first clamped into
+ *                0..255 resp. 0..65535 (300 acts as 255, -5 as 0).
+ * Statuses, in this order: kvlStatusNullPointer (any image, mask or accumulator pointer);
+ * kvlStatusBadSize (width or height < 1); kvlStatusBadStep (a source or mask step < width x
+ * element size, the accumulator step < 4 x width); kvlStatusStepNotMultiple (a 16u step odd, a
+ * 32f step, the accumulator's included, not a multiple of 4). No work buffer.
+ * Threading: serial below 262144 pixels, otherwise row stripes over the permitted threads. */
+KVL_API KvlStatus kvliAdd_8u32f_C1IR(const Kvl8u* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAdd_8u32f_C1IMR(const Kvl8u* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAdd_8s32f_C1IR(const Kvl8s* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAdd_8s32f_C1IMR(const Kvl8s* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAdd_16u32f_C1IR(const Kvl16u* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAdd_16u32f_C1IMR(const Kvl16u* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAdd_32f_C1IMR(const Kvl32f* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddSquare_8u32f_C1IR(const Kvl8u* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddSquare_8u32f_C1IMR(const Kvl8u* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddSquare_8s32f_C1IR(const Kvl8s* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddSquare_8s32f_C1IMR(const Kvl8s* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddSquare_16u32f_C1IR(const Kvl16u* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddSquare_16u32f_C1IMR(const Kvl16u* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddSquare_32f_C1IR(const Kvl32f* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddSquare_32f_C1IMR(const Kvl32f* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddProduct_8u32f_C1IR(const Kvl8u* pSrc1, int src1Step, const Kvl8u* pSrc2, int src2Step, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddProduct_8u32f_C1IMR(const Kvl8u* pSrc1, int src1Step, const Kvl8u* pSrc2, int src2Step, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddProduct_8s32f_C1IR(const Kvl8s* pSrc1, int src1Step, const Kvl8s* pSrc2, int src2Step, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddProduct_8s32f_C1IMR(const Kvl8s* pSrc1, int src1Step, const Kvl8s* pSrc2, int src2Step, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddProduct_16u32f_C1IR(const Kvl16u* pSrc1, int src1Step, const Kvl16u* pSrc2, int src2Step, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddProduct_16u32f_C1IMR(const Kvl16u* pSrc1, int src1Step, const Kvl16u* pSrc2, int src2Step, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddProduct_32f_C1IR(const Kvl32f* pSrc1, int src1Step, const Kvl32f* pSrc2, int src2Step, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddProduct_32f_C1IMR(const Kvl32f* pSrc1, int src1Step, const Kvl32f* pSrc2, int src2Step, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAddWeighted_8u32f_C1IR(const Kvl8u* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize, Kvl32f alpha);
+KVL_API KvlStatus kvliAddWeighted_8u32f_C1IMR(const Kvl8u* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize, Kvl32f alpha);
+KVL_API KvlStatus kvliAddWeighted_8s32f_C1IR(const Kvl8s* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize, Kvl32f alpha);
+KVL_API KvlStatus kvliAddWeighted_8s32f_C1IMR(const Kvl8s* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize, Kvl32f alpha);
+KVL_API KvlStatus kvliAddWeighted_16u32f_C1IR(const Kvl16u* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize, Kvl32f alpha);
+KVL_API KvlStatus kvliAddWeighted_16u32f_C1IMR(const Kvl16u* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize, Kvl32f alpha);
+KVL_API KvlStatus kvliAddWeighted_32f_C1IR(const Kvl32f* pSrc, int srcStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize, Kvl32f alpha);
+KVL_API KvlStatus kvliAddWeighted_32f_C1IMR(const Kvl32f* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, Kvl32f* pSrcDst, int srcDstStep, KvliSize roiSize, Kvl32f alpha);
+KVL_API KvlStatus kvliAddWeighted_32f_C1R(const Kvl32f* pSrc1, int src1Step, const Kvl32f* pSrc2, int src2Step, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f alpha);
+KVL_API KvlStatus kvliAbsDiff_8u_C1R(const Kvl8u* pSrc1, int src1Step, const Kvl8u* pSrc2, int src2Step, Kvl8u* pDst, int dstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAbsDiff_8u_C3R(const Kvl8u* pSrc1, int src1Step, const Kvl8u* pSrc2, int src2Step, Kvl8u* pDst, int dstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAbsDiff_16u_C1R(const Kvl16u* pSrc1, int src1Step, const Kvl16u* pSrc2, int src2Step, Kvl16u* pDst, int dstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAbsDiff_32f_C1R(const Kvl32f* pSrc1, int src1Step, const Kvl32f* pSrc2, int src2Step, Kvl32f* pDst, int dstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliAbsDiffC_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int value);
+KVL_API KvlStatus kvliAbsDiffC_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, int value);
+KVL_API KvlStatus kvliAbsDiffC_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f value);
 /* @@END ACCUMULATION@@ */
 
 

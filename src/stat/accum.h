@@ -1,0 +1,99 @@
+// Accumulation and absolute difference: the member tables and the row kernels' signatures.
+#pragma once
+
+#include "kvlcv.h"
+
+namespace kvl::stat {
+
+// The four accumulating operations; the old accumulator value is `a`, the source values s1, s2:
+//   kAdd      a + s1
+//   kSquare   a + s1 * s1
+//   kProduct  a + s1 * s2
+//   kWeighted a + alpha * (s1 - a)
+enum class AccOp { kAdd, kSquare, kProduct, kWeighted };
+
+// One row of n elements: out[x] = op(in[x], s1[x], s2[x]) where mask[x] != 0, or everywhere when
+// the kernel is unmasked (mask is then ignored). Masked kernels work in place (in == out) and
+// leave every unmasked element with its exact bits. Unmasked kernels also serve the two-source
+// weighted sum, whose second source is `in`. s2 is read only by kProduct.
+template <class Src>
+using AccRowFn = void (*)(const Src* s1, const Src* s2, const Kvl8u* mask, const Kvl32f* in,
+                          Kvl32f* out, int n, float alpha);
+
+// dst[x] = |a[x] - b[x]| over n elements.
+template <class T>
+using AbsDiffRowFn = void (*)(const T* a, const T* b, T* dst, int n);
+// dst[x] = |a[x] - v| over n elements; v already lies in T's range.
+template <class T>
+using AbsDiffCRowFn = void (*)(const T* a, T v, T* dst, int n);
+
+// The best kernel for this CPU (the scalar reference below the lowest vector target).
+template <AccOp kOp, class Src, bool kMasked>
+AccRowFn<Src> accRowKernel();
+template <class T>
+AbsDiffRowFn<T> absDiffRowKernel();
+template <class T>
+AbsDiffCRowFn<T> absDiffCRowKernel();
+
+namespace ref {
+template <AccOp kOp, class Src, bool kMasked>
+void accRow(const Src* s1, const Src* s2, const Kvl8u* mask, const Kvl32f* in, Kvl32f* out, int n,
+            float alpha);
+template <class T>
+void absDiffRow(const T* a, const T* b, T* dst, int n);
+template <class T>
+void absDiffCRow(const T* a, T v, T* dst, int n);
+}  // namespace ref
+
+// Every accumulating kernel the members use: X(op, Src, masked).
+#define KVL_ACC_KERNELS(X)                                                                        \
+  X(AccOp::kAdd, Kvl8u, false)                                                                    \
+  X(AccOp::kAdd, Kvl8s, false) X(AccOp::kAdd, Kvl16u, false) X(AccOp::kAdd, Kvl8u, true)          \
+      X(AccOp::kAdd, Kvl8s, true) X(AccOp::kAdd, Kvl16u, true) X(AccOp::kAdd, Kvl32f, true)       \
+          X(AccOp::kSquare, Kvl8u, false) X(AccOp::kSquare, Kvl8s, false)                         \
+              X(AccOp::kSquare, Kvl16u, false) X(AccOp::kSquare, Kvl32f, false)                   \
+                  X(AccOp::kSquare, Kvl8u, true) X(AccOp::kSquare, Kvl8s, true)                   \
+                      X(AccOp::kSquare, Kvl16u, true) X(AccOp::kSquare, Kvl32f, true)             \
+                          X(AccOp::kProduct, Kvl8u, false) X(AccOp::kProduct, Kvl8s, false) X(    \
+                              AccOp::kProduct, Kvl16u, false) X(AccOp::kProduct, Kvl32f, false)   \
+                              X(AccOp::kProduct, Kvl8u, true) X(AccOp::kProduct, Kvl8s, true) X(  \
+                                  AccOp::kProduct, Kvl16u, true) X(AccOp::kProduct, Kvl32f, true) \
+                                  X(AccOp::kWeighted, Kvl8u, false)                               \
+                                      X(AccOp::kWeighted, Kvl8s, false)                           \
+                                          X(AccOp::kWeighted, Kvl16u, false)                      \
+                                              X(AccOp::kWeighted, Kvl32f, false)                  \
+                                                  X(AccOp::kWeighted, Kvl8u, true)                \
+                                                      X(AccOp::kWeighted, Kvl8s, true)            \
+                                                          X(AccOp::kWeighted, Kvl16u, true)       \
+                                                              X(AccOp::kWeighted, Kvl32f, true)
+
+// Element types of the absolute differences.
+#define KVL_ABSDIFF_TYPES(X) X(Kvl8u) X(Kvl16u) X(Kvl32f)
+
+// The exported members, by shape. One source: X(name, member suffix, Src, op).
+#define KVL_ACC_ONE_SOURCE_MEMBERS(X)                                                       \
+  X(Add, 8u32f, Kvl8u, AccOp::kAdd)                                                         \
+  X(Add, 8s32f, Kvl8s, AccOp::kAdd) X(Add, 16u32f, Kvl16u, AccOp::kAdd)                     \
+      X(AddSquare, 8u32f, Kvl8u, AccOp::kSquare) X(AddSquare, 8s32f, Kvl8s, AccOp::kSquare) \
+          X(AddSquare, 16u32f, Kvl16u, AccOp::kSquare) X(AddSquare, 32f, Kvl32f, AccOp::kSquare)
+// Masked one source, the same plus the masked 32f addition.
+#define KVL_ACC_ONE_SOURCE_MASKED_MEMBERS(X) \
+  KVL_ACC_ONE_SOURCE_MEMBERS(X) X(Add, 32f, Kvl32f, AccOp::kAdd)
+// Two sources: X(name, suffix, Src, op).
+#define KVL_ACC_TWO_SOURCE_MEMBERS(X)                                                         \
+  X(AddProduct, 8u32f, Kvl8u, AccOp::kProduct)                                                \
+  X(AddProduct, 8s32f, Kvl8s, AccOp::kProduct) X(AddProduct, 16u32f, Kvl16u, AccOp::kProduct) \
+      X(AddProduct, 32f, Kvl32f, AccOp::kProduct)
+// Weighted: X(name, suffix, Src, op).
+#define KVL_ACC_WEIGHTED_MEMBERS(X)                                                               \
+  X(AddWeighted, 8u32f, Kvl8u, AccOp::kWeighted)                                                  \
+  X(AddWeighted, 8s32f, Kvl8s, AccOp::kWeighted) X(AddWeighted, 16u32f, Kvl16u, AccOp::kWeighted) \
+      X(AddWeighted, 32f, Kvl32f, AccOp::kWeighted)
+// Absolute differences: X(suffix, T, channels).
+#define KVL_ABSDIFF_MEMBERS(X) \
+  X(8u_C1R, Kvl8u, 1) X(8u_C3R, Kvl8u, 3) X(16u_C1R, Kvl16u, 1) X(32f_C1R, Kvl32f, 1)
+// X(suffix, T, value type).
+#define KVL_ABSDIFFC_MEMBERS(X) \
+  X(8u_C1R, Kvl8u, int) X(16u_C1R, Kvl16u, int) X(32f_C1R, Kvl32f, Kvl32f)
+
+}  // namespace kvl::stat

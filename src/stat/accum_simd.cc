@@ -1,0 +1,155 @@
+// Vector kernels of accumulation and absolute difference, one source for SSE4, AVX2 and AVX-512.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "stat/accum_simd.cc"
+#include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/highway.h>
+
+#include "core/simd.h"
+#include "stat/accum.h"
+#include "stat/accum_rules.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace kvl::stat {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+// Lanes of source type Src converted exactly to float.
+template <class Src, class DF>
+HWY_INLINE hn::Vec<DF> loadAsFloat(DF df, const Src* p) {
+  if constexpr (std::is_same_v<Src, Kvl32f>) {
+    return hn::LoadU(df, p);
+  } else {
+    const hn::Rebind<int32_t, DF> di;
+    const hn::Rebind<Src, DF> ds;
+    return hn::ConvertTo(df, hn::PromoteTo(di, hn::LoadU(ds, p)));
+  }
+}
+
+// The float lanes whose mask byte is non-zero.
+template <class DF>
+HWY_INLINE hn::Mask<DF> loadMask(DF df, const Kvl8u* p) {
+  const hn::Rebind<uint32_t, DF> du;
+  const hn::Rebind<uint8_t, DF> d8;
+  return hn::RebindMask(df, hn::Ne(hn::PromoteTo(du, hn::LoadU(d8, p)), hn::Zero(du)));
+}
+
+// Elements x .. x + lanes - 1. s2 is touched only by kProduct and mask only when masked, so the
+// unused pointers may be null.
+template <AccOp kOp, class Src, bool kMasked, class DF>
+HWY_INLINE void accStep(DF df, const Src* s1, const Src* s2, const Kvl8u* mask, const Kvl32f* in,
+                        Kvl32f* out, int x, hn::Vec<DF> alpha) {
+  const auto a = hn::LoadU(df, in + x);
+  const auto f1 = loadAsFloat(df, s1 + x);
+  hn::Vec<DF> r;
+  if constexpr (kOp == AccOp::kAdd) {
+    r = hn::Add(a, f1);
+  } else if constexpr (kOp == AccOp::kSquare) {
+    r = hn::Add(a, hn::Mul(f1, f1));
+  } else if constexpr (kOp == AccOp::kProduct) {
+    r = hn::Add(a, hn::Mul(f1, loadAsFloat(df, s2 + x)));
+  } else {
+    r = hn::Add(a, hn::Mul(alpha, hn::Sub(f1, a)));
+  }
+  // The blend stores the old bits back unchanged under a zero mask byte.
+  if constexpr (kMasked) r = hn::IfThenElse(loadMask(df, mask + x), r, a);
+  hn::StoreU(r, df, out + x);
+}
+
+template <AccOp kOp, class Src, bool kMasked>
+void accRow(const Src* s1, const Src* s2, const Kvl8u* mask, const Kvl32f* in, Kvl32f* out, int n,
+            float alpha) {
+  const hn::ScalableTag<float> df;
+  const int N = static_cast<int>(hn::Lanes(df));
+  const auto va = hn::Set(df, alpha);
+  auto scalar = [&](int x) {
+    if constexpr (kMasked) {
+      if (mask[x] == 0) return;
+    }
+    out[x] = accumulate<kOp>(in[x], s1[x], kOp == AccOp::kProduct ? s2[x] : s1[x], alpha);
+  };
+  int x = 0;
+  for (const int head = alignedHead(out, N * 4, n); x < head; ++x) scalar(x);
+  for (; x + 2 * N <= n; x += 2 * N) {
+    accStep<kOp, Src, kMasked>(df, s1, s2, mask, in, out, x, va);
+    accStep<kOp, Src, kMasked>(df, s1, s2, mask, in, out, x + N, va);
+  }
+  for (; x < n; ++x) scalar(x);
+}
+
+template <class D>
+HWY_INLINE hn::Vec<D> absDiffVec(hn::Vec<D> a, hn::Vec<D> b) {
+  if constexpr (std::is_floating_point_v<hn::TFromD<D>>) {
+    return hn::Abs(hn::Sub(a, b));
+  } else {
+    return hn::Or(hn::SaturatedSub(a, b), hn::SaturatedSub(b, a));
+  }
+}
+
+template <class T>
+void absDiffRow(const T* a, const T* b, T* dst, int n) {
+  const hn::ScalableTag<T> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  int x = 0;
+  for (const int head = alignedHead(dst, N * sizeof(T), n); x < head; ++x)
+    dst[x] = absDiff(a[x], b[x]);
+  for (; x + 2 * N <= n; x += 2 * N) {
+    hn::StoreU(absDiffVec<decltype(d)>(hn::LoadU(d, a + x), hn::LoadU(d, b + x)), d, dst + x);
+    hn::StoreU(absDiffVec<decltype(d)>(hn::LoadU(d, a + x + N), hn::LoadU(d, b + x + N)), d,
+               dst + x + N);
+  }
+  for (; x < n; ++x) dst[x] = absDiff(a[x], b[x]);
+}
+
+template <class T>
+void absDiffCRow(const T* a, T v, T* dst, int n) {
+  const hn::ScalableTag<T> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  const auto vv = hn::Set(d, v);
+  int x = 0;
+  for (const int head = alignedHead(dst, N * sizeof(T), n); x < head; ++x)
+    dst[x] = absDiff(a[x], v);
+  for (; x + 2 * N <= n; x += 2 * N) {
+    hn::StoreU(absDiffVec<decltype(d)>(hn::LoadU(d, a + x), vv), d, dst + x);
+    hn::StoreU(absDiffVec<decltype(d)>(hn::LoadU(d, a + x + N), vv), d, dst + x + N);
+  }
+  for (; x < n; ++x) dst[x] = absDiff(a[x], v);
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace kvl::stat
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace kvl::stat {
+
+template <AccOp kOp, class Src, bool kMasked>
+AccRowFn<Src> accRowKernel() {
+  static const AccRowFn<Src> table[3] = {N_AVX3::accRow<kOp, Src, kMasked>,
+                                         N_AVX2::accRow<kOp, Src, kMasked>,
+                                         N_SSE4::accRow<kOp, Src, kMasked>};
+  return simd::pick(table, &ref::accRow<kOp, Src, kMasked>);
+}
+
+template <class T>
+AbsDiffRowFn<T> absDiffRowKernel() {
+  static const AbsDiffRowFn<T> table[3] = KVL_SIMD_TABLE(absDiffRow<T>);
+  return simd::pick(table, &ref::absDiffRow<T>);
+}
+
+template <class T>
+AbsDiffCRowFn<T> absDiffCRowKernel() {
+  static const AbsDiffCRowFn<T> table[3] = KVL_SIMD_TABLE(absDiffCRow<T>);
+  return simd::pick(table, &ref::absDiffCRow<T>);
+}
+
+#define KVL_INSTANTIATE_ACC(op, Src, masked) template AccRowFn<Src> accRowKernel<op, Src, masked>();
+KVL_ACC_KERNELS(KVL_INSTANTIATE_ACC)
+#undef KVL_INSTANTIATE_ACC
+#define KVL_INSTANTIATE_ABSDIFF(T)                \
+  template AbsDiffRowFn<T> absDiffRowKernel<T>(); \
+  template AbsDiffCRowFn<T> absDiffCRowKernel<T>();
+KVL_ABSDIFF_TYPES(KVL_INSTANTIATE_ABSDIFF)
+#undef KVL_INSTANTIATE_ABSDIFF
+
+}  // namespace kvl::stat
+#endif  // HWY_ONCE
