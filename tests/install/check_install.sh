@@ -15,6 +15,8 @@ cmake -S "$here" -B "$tmp/cm" -DCMAKE_PREFIX_PATH="$tmp/prefix" \
   -DCMAKE_BUILD_RPATH="$tmp/prefix/lib" > /dev/null
 cmake --build "$tmp/cm" > /dev/null
 "$tmp/cm/consumer"
+# The installed tool finds the installed library.
+"$tmp/prefix/bin/kvlcv" --version | grep -q "8.2.1 (r44077)"
 # The library needs nothing of ours beyond libkvlcore.
 readelf -d "$tmp/prefix/lib/libkvlcv.so" | grep -q 'SONAME.*libkvlcv.so.8'
-echo "install: C99 consumer built with pkg-config and find_package"
+echo "install: C99 consumer built with pkg-config and find_package; kvlcv runs"

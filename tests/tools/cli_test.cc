@@ -1,0 +1,188 @@
+// End-to-end runs of the kvlcv program on generated images: outputs equal the library's, and
+// every error path gives a one-line message and a non-zero exit status.
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "image_io.h"
+#include "support/support.h"
+
+namespace {
+
+using kvlcli::Picture;
+
+struct Outcome {
+  int exitCode;
+  std::string output;
+};
+
+// Runs the program with `args` in the folder `cwd` (empty: the current one).
+Outcome run(const std::string& args, const std::string& cwd = "") {
+  const std::string cmd = (cwd.empty() ? "" : "cd " + cwd + " && ") + KVL_CLI_PROGRAM + " " + args + " 2>&1";
+  FILE* p = popen(cmd.c_str(), "r");
+  std::string out;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
+  const int status = pclose(p);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
+class Cli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/kvlcv-cli-XXXXXX";
+    dir_ = mkdtemp(tmpl);
+    grey_ = make(61, 37, 1, 8, "grey.png");
+    rgb_ = make(40, 23, 3, 8, "rgb.png");
+    deep_ = make(33, 21, 1, 16, "deep.png");
+    rgb16_ = make(17, 9, 3, 16, "rgb16.ppm");
+  }
+  void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
+
+  Picture make(int w, int h, int c, int d, const std::string& name) {
+    Picture p;
+    p.allocate(w, h, c, d);
+    std::mt19937 rng(w * 31 + h);
+    for (size_t i = 0; i < p.data.size(); ++i) p.data[i] = static_cast<uint8_t>((i * 7) % 251 ^ (rng() & 31));
+    EXPECT_EQ(kvlcli::writeImage(path(name), p), "");
+    return p;
+  }
+  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+  Picture read(const std::string& name) const {
+    Picture p;
+    EXPECT_EQ(kvlcli::readImage(path(name), &p), "");
+    return p;
+  }
+
+  std::string dir_;
+  Picture grey_, rgb_, deep_, rgb16_;
+};
+
+// A work buffer of the size a query reports.
+template <class Query>
+std::vector<Kvl8u> buffer(Query query) {
+  int bytes = 0;
+  EXPECT_EQ(query(&bytes), kvlStatusOk);
+  return std::vector<Kvl8u>(static_cast<size_t>(bytes));
+}
+
+TEST_F(Cli, RawSobelEqualsTheLibraryCall) {
+  ASSERT_EQ(run("sobel --dir vert --mask 5 --border mirror --raw " + path("grey.png") + " " + path("o.png")).exitCode, 0);
+  const KvliSize roi{grey_.width, grey_.height};
+  auto buf = buffer([&](int* n) { return kvliFilterSobelNegVertGetBufferSize_8u16s_C1R(roi, kvlMaskSize5x5, n); });
+  std::vector<Kvl16s> want(static_cast<size_t>(roi.width) * roi.height);
+  ASSERT_EQ(kvliFilterSobelNegVertBorder_8u16s_C1R(grey_.data.data(), grey_.step(), want.data(), roi.width * 2, roi,
+                                                   kvlMaskSize5x5, kvlBorderMirror, 0, buf.data()),
+            kvlStatusOk);
+  const Picture got = read("o.png");
+  ASSERT_EQ(got.depth, 16);
+  const auto* g = reinterpret_cast<const uint16_t*>(got.data.data());
+  for (size_t i = 0; i < want.size(); ++i) ASSERT_EQ(g[i], want[i] + 32768) << i;
+}
+
+TEST_F(Cli, CannyOnRgbEqualsTheLibraryCallOnLuma) {
+  ASSERT_EQ(run("canny --low 20 --high 60 --norm l1 " + path("rgb.png") + " " + path("e.pgm")).exitCode, 0);
+  Picture luma;
+  luma.allocate(rgb_.width, rgb_.height, 1, 8);
+  for (int i = 0; i < rgb_.width * rgb_.height; ++i) {
+    const uint8_t* s = rgb_.data.data() + 3 * i;
+    luma.data[i] = static_cast<uint8_t>((77 * s[0] + 150 * s[1] + 29 * s[2] + 128) >> 8);
+  }
+  const KvliSize roi{rgb_.width, rgb_.height};
+  auto buf = buffer([&](int* n) { return kvliCannyBorderGetSize(roi, kvlFilterSobel, kvlMaskSize3x3, kvl8u, n); });
+  std::vector<Kvl8u> want(static_cast<size_t>(roi.width) * roi.height);
+  ASSERT_EQ(kvliCannyBorder_8u_C1R(luma.data.data(), roi.width, want.data(), roi.width, roi, kvlFilterSobel,
+                                   kvlMaskSize3x3, kvlBorderRepl, 0, 20.f, 60.f, kvlNormL1, buf.data()),
+            kvlStatusOk);
+  EXPECT_EQ(read("e.pgm").data, want);
+}
+
+TEST_F(Cli, SixteenBitInputsKeepTheirDepth) {
+  ASSERT_EQ(run("gradient-gray --norm l1 " + path("rgb16.ppm") + " " + path("g.png")).exitCode, 0);
+  const Picture got = read("g.png");
+  ASSERT_EQ(got.depth, 16);
+  std::vector<Kvl16u> want(static_cast<size_t>(rgb16_.width) * rgb16_.height);
+  ASSERT_EQ(kvliGradientColorToGray_16u_C3C1R(reinterpret_cast<const Kvl16u*>(rgb16_.data.data()), rgb16_.step(),
+                                              want.data(), rgb16_.width * 2, {rgb16_.width, rgb16_.height}, 1),
+            kvlStatusOk);
+  EXPECT_EQ(std::memcmp(got.data.data(), want.data(), want.size() * 2), 0);
+  // A 16-bit grey image is filtered in floating point.
+  EXPECT_EQ(run("laplacian " + path("deep.png") + " " + path("l.png")).exitCode, 0);
+}
+
+TEST_F(Cli, EveryOperationWritesAViewableImage) {
+  for (const char* op : {"sobel", "scharr", "laplacian", "lowpass", "canny"}) {
+    const Outcome o = run(std::string(op) + " --time " + path("rgb.png") + " " + path(std::string(op) + ".png"));
+    EXPECT_EQ(o.exitCode, 0) << op << ": " << o.output;
+    EXPECT_NE(o.output.find("Mpixel/s"), std::string::npos) << op;
+    const Picture p = read(std::string(op) + ".png");
+    EXPECT_EQ(p.width, rgb_.width);
+    EXPECT_EQ(p.depth, 8);
+  }
+}
+
+struct ErrorCase {
+  std::string args;    // $G stands for the grey input, $D for the 16-bit one, $T for the folder
+  std::string expect;  // part of the one-line message
+  int exitCode;
+};
+
+TEST_F(Cli, ErrorsAreOneActionableLine) {
+  {
+    FILE* f = std::fopen(path("text.png").c_str(), "w");
+    std::fputs("hello", f);
+    std::fclose(f);
+    f = std::fopen(path("deep.pgm").c_str(), "w");
+    std::fputs("P5\n2 2\n70000\n", f);
+    std::fclose(f);
+  }
+  const ErrorCase cases[] = {
+      {"sobel $T/missing.png $T/o.png", "cannot open", 1},
+      {"sobel $T/text.png $T/o.png", "not an image", 1},
+      {"sobel $T/deep.pgm $T/o.png", "unsupported bit depth", 1},
+      {"canny $D $T/o.png", "needs an 8-bit image", 1},
+      {"sobel --mask 7 $G $T/o.png", "--mask takes one of 3, 5, not '7'", 1},
+      {"sobel --value abc $G $T/o.png", "--value takes a number", 1},
+      {"sobel --bogus 1 $G $T/o.png", "unknown option --bogus", 1},
+      {"sobel --threads 0 $G $T/o.png", "--threads takes a whole number", 1},
+      {"sobel $G", "needs an input and an output", 1},
+      {"sobel $G $T/o.bmp", "unknown output format", 1},
+      {"sobel $G $T/nodir/o.png", "cannot write", 1},
+      {"frobnicate $G $T/o.png", "unknown operation 'frobnicate'", 1},
+      {"sobel --type 8s --divisor 0 $G $T/o.png", "kvlStatusBadArgument", 1},
+      {"canny --low 90 --high 10 $G $T/o.png", "kvlStatusBadArgument", 1},
+      {"canny --kernel scharr --mask 5 $G $T/o.png", "kvlStatusBadMaskSize", 1},
+      {"", "usage:", 2},
+  };
+  for (ErrorCase c : cases) {
+    for (auto [key, value] : {std::pair<std::string, std::string>{"$G", path("grey.png")}, {"$D", path("deep.png")}, {"$T", dir_}}) {
+      for (size_t at; (at = c.args.find(key)) != std::string::npos;) c.args.replace(at, 2, value);
+    }
+    const Outcome o = run(c.args);
+    EXPECT_EQ(o.exitCode, c.exitCode) << c.args << "\n" << o.output;
+    EXPECT_NE(o.output.find(c.expect), std::string::npos) << c.args << "\n" << o.output;
+    if (c.exitCode == 1) {
+      EXPECT_EQ(std::count(o.output.begin(), o.output.end(), '\n'), 1) << o.output;
+    }
+  }
+}
+
+TEST_F(Cli, HelpVersionAndDemo) {
+  EXPECT_NE(run("--version").output.find("8.2.1 (r44077)"), std::string::npos);
+  const Outcome help = run("canny --help");
+  EXPECT_EQ(help.exitCode, 0);
+  for (const char* o : {"--low", "--high", "--kernel", "--mask", "--norm", "--border", "--threads", "--time"})
+    EXPECT_NE(help.output.find(o), std::string::npos) << o;
+  const Outcome demo = run("demo --threads 2", dir_);
+  EXPECT_EQ(demo.exitCode, 0) << demo.output;
+  EXPECT_NE(demo.output.find("Mpixel/s"), std::string::npos);
+  Picture canny;
+  EXPECT_EQ(kvlcli::readImage(dir_ + "/demo-out/canny.png", &canny), "");
+  EXPECT_EQ(canny.width, 512);
+}
+
+}  // namespace

@@ -1,0 +1,472 @@
+// The operation table of the kvlcv tool: one entry per operation, each saying its options and how
+// it calls the library.
+#include "ops.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+extern "C" const unsigned char kvl_demo_png[];
+extern "C" const unsigned char kvl_demo_png_end[];
+
+namespace kvlcli {
+namespace {
+
+// ---- Shared helpers ----------------------------------------------------------------------------
+
+template <class F>
+RunResult timed(F&& call) {
+  RunResult r;
+  const auto t0 = std::chrono::steady_clock::now();
+  r.status = call();
+  r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  return r;
+}
+
+RunResult problem(std::string msg) {
+  RunResult r;
+  r.error = std::move(msg);
+  return r;
+}
+
+double number(const Args& a, const char* name, double fallback) {
+  auto it = a.find(name);
+  return it == a.end() ? fallback : std::strtod(it->second.c_str(), nullptr);
+}
+
+std::string word(const Args& a, const char* name, const char* fallback) {
+  auto it = a.find(name);
+  return it == a.end() ? fallback : it->second;
+}
+
+bool flag(const Args& a, const char* name) { return a.count(name) != 0; }
+
+// An 8-bit grey view of the input: RGB becomes luma (77 R + 150 G + 29 B + 128) >> 8.
+std::string toGrey8(const Picture& in, Picture* grey) {
+  if (in.depth != 8) return "needs an 8-bit image; this one has 16-bit samples";
+  if (in.channels == 1) {
+    *grey = in;
+    return "";
+  }
+  grey->allocate(in.width, in.height, 1, 8);
+  for (int y = 0; y < in.height; ++y) {
+    const uint8_t* s = in.row(y);
+    uint8_t* d = grey->row(y);
+    for (int x = 0; x < in.width; ++x)
+      d[x] = static_cast<uint8_t>((77 * s[3 * x] + 150 * s[3 * x + 1] + 29 * s[3 * x + 2] + 128) >> 8);
+  }
+  return "";
+}
+
+// A float grey image of the input's sample values (8- or 16-bit; RGB as luma).
+std::vector<float> toGrey32f(const Picture& in) {
+  std::vector<float> out(static_cast<size_t>(in.width) * in.height);
+  for (int y = 0; y < in.height; ++y)
+    for (int x = 0; x < in.width; ++x) {
+      auto sample = [&](int c) -> float {
+        const int i = x * in.channels + c;
+        return in.depth == 8 ? in.row(y)[i] : reinterpret_cast<const uint16_t*>(in.row(y))[i];
+      };
+      out[static_cast<size_t>(y) * in.width + x] =
+          in.channels == 1 ? sample(0) : (77.f * sample(0) + 150.f * sample(1) + 29.f * sample(2)) / 256.f;
+    }
+  return out;
+}
+
+// Signed and float results for a person: the absolute value scaled so that the 99.5th percentile
+// of the magnitudes is 255 (the brightest half percent saturates), as 8-bit grey. With --raw: 16s as a 16-bit PNG of value + 32768, 8s as value + 128, 32f
+// rounded and clamped to -32768..32767, + 32768, 16-bit.
+template <class T>
+void present(const std::vector<T>& v, int w, int h, bool raw, Picture* out) {
+  if (raw) {
+    const bool eight = sizeof(T) == 1;
+    out->allocate(w, h, 1, eight ? 8 : 16);
+    for (size_t i = 0; i < v.size(); ++i) {
+      if (eight) {
+        out->data[i] = static_cast<uint8_t>(static_cast<int>(v[i]) + 128);
+      } else {
+        const double c = std::clamp(std::nearbyint(static_cast<double>(v[i])), -32768.0, 32767.0);
+        reinterpret_cast<uint16_t*>(out->data.data())[i] = static_cast<uint16_t>(static_cast<int>(c) + 32768);
+      }
+    }
+    return;
+  }
+  std::vector<double> mag(v.size());
+  for (size_t i = 0; i < v.size(); ++i) mag[i] = std::fabs(static_cast<double>(v[i]));
+  std::vector<double> sorted = mag;
+  const size_t k = std::min(sorted.size() - 1, sorted.size() * 995 / 1000);
+  std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(k), sorted.end());
+  double top = sorted[k];
+  if (!(top > 0)) top = *std::max_element(mag.begin(), mag.end());
+  out->allocate(w, h, 1, 8);
+  for (size_t i = 0; i < v.size(); ++i)
+    out->data[i] = static_cast<uint8_t>(top > 0 ? std::min(255L, std::lround(mag[i] * 255.0 / top)) : 0);
+}
+
+int borderCode(const std::string& b) {
+  if (b == "constant") return kvlBorderConst;
+  if (b == "wrap") return kvlBorderWrap;
+  if (b == "mirror") return kvlBorderMirror;
+  if (b == "mirror-edge") return kvlBorderMirrorR;
+  return kvlBorderRepl;
+}
+
+// ---- Fixed filters: sobel, scharr, laplacian, lowpass -----------------------------------------
+
+using Size8 = KvlStatus (*)(KvliSize, int, int*);
+using Run16s = KvlStatus (*)(const Kvl8u*, int, Kvl16s*, int, KvliSize, int, int, Kvl8u, Kvl8u*);
+using Run8s = KvlStatus (*)(const Kvl8u*, int, Kvl8s*, int, KvliSize, int, int, Kvl8u, int, Kvl8u*);
+using Run8u = KvlStatus (*)(const Kvl8u*, int, Kvl8u*, int, KvliSize, int, int, Kvl8u, Kvl8u*);
+using Run32f = KvlStatus (*)(const Kvl32f*, int, Kvl32f*, int, KvliSize, int, int, Kvl32f, Kvl8u*);
+
+// One filter family's members; a null pointer is a type the family does not export.
+struct Family {
+  const char* dir;
+  Size8 size16s; Run16s run16s;
+  Size8 size8s; Run8s run8s;
+  Size8 size8u; Run8u run8u;
+  Size8 size32f; Run32f run32f;
+};
+
+// Families with a mask argument pass it through; the Scharr pair has none.
+#define KVL_M16S(F) [](KvliSize r, int m, int* s) { return kvliFilter##F##GetBufferSize_8u16s_C1R(r, m, s); }, \
+  [](const Kvl8u* a, int as, Kvl16s* b, int bs, KvliSize r, int m, int t, Kvl8u v, Kvl8u* buf) { \
+    return kvliFilter##F##Border_8u16s_C1R(a, as, b, bs, r, m, t, v, buf); }
+#define KVL_M8S(F) [](KvliSize r, int m, int* s) { return kvliFilter##F##GetBufferSize_8u8s_C1R(r, m, s); }, \
+  [](const Kvl8u* a, int as, Kvl8s* b, int bs, KvliSize r, int m, int t, Kvl8u v, int d, Kvl8u* buf) { \
+    return kvliFilter##F##Border_8u8s_C1R(a, as, b, bs, r, m, t, v, d, buf); }
+#define KVL_M32F(F) [](KvliSize r, int m, int* s) { return kvliFilter##F##GetBufferSize_32f_C1R(r, m, s); }, \
+  [](const Kvl32f* a, int as, Kvl32f* b, int bs, KvliSize r, int m, int t, Kvl32f v, Kvl8u* buf) { \
+    return kvliFilter##F##Border_32f_C1R(a, as, b, bs, r, m, t, v, buf); }
+#define KVL_S16S(F) [](KvliSize r, int, int* s) { return kvliFilter##F##GetBufferSize_8u16s_C1R(r, s); }, \
+  [](const Kvl8u* a, int as, Kvl16s* b, int bs, KvliSize r, int, int t, Kvl8u v, Kvl8u* buf) { \
+    return kvliFilter##F##Border_8u16s_C1R(a, as, b, bs, r, t, v, buf); }
+#define KVL_S8S(F) [](KvliSize r, int, int* s) { return kvliFilter##F##GetBufferSize_8u8s_C1R(r, s); }, \
+  [](const Kvl8u* a, int as, Kvl8s* b, int bs, KvliSize r, int, int t, Kvl8u v, int d, Kvl8u* buf) { \
+    return kvliFilter##F##Border_8u8s_C1R(a, as, b, bs, r, t, v, d, buf); }
+#define KVL_S32F(F) [](KvliSize r, int, int* s) { return kvliFilter##F##GetBufferSize_32f_C1R(r, s); }, \
+  [](const Kvl32f* a, int as, Kvl32f* b, int bs, KvliSize r, int, int t, Kvl32f v, Kvl8u* buf) { \
+    return kvliFilter##F##Border_32f_C1R(a, as, b, bs, r, t, v, buf); }
+#define KVL_NONE nullptr, nullptr
+
+const Family kSobel[] = {
+    {"vert", KVL_M16S(SobelNegVert), KVL_M8S(SobelVert), KVL_NONE, KVL_M32F(SobelNegVert)},
+    {"horiz", KVL_NONE, KVL_M8S(SobelHoriz), KVL_NONE, KVL_NONE},
+    {"vert2", KVL_M16S(SobelVertSecond), KVL_M8S(SobelVertSecond), KVL_NONE, KVL_M32F(SobelVertSecond)},
+    {"horiz2", KVL_M16S(SobelHorizSecond), KVL_M8S(SobelHorizSecond), KVL_NONE, KVL_M32F(SobelHorizSecond)},
+    {"cross", KVL_M16S(SobelCross), KVL_M8S(SobelCross), KVL_NONE, KVL_M32F(SobelCross)},
+};
+const Family kScharr[] = {
+    {"horiz", KVL_S16S(ScharrHoriz), KVL_S8S(ScharrHoriz), KVL_NONE, KVL_S32F(ScharrHoriz)},
+    {"vert", KVL_S16S(ScharrVert), KVL_S8S(ScharrVert), KVL_NONE, KVL_S32F(ScharrVert)},
+};
+const Family kLaplacian[] = {
+    {nullptr, KVL_M16S(Laplacian), KVL_M8S(Laplacian), KVL_NONE, KVL_M32F(Laplacian)},
+};
+const Family kLowpass[] = {
+    {nullptr, KVL_NONE, KVL_NONE,
+     [](KvliSize r, int m, int* s) { return kvliFilterLowpassGetBufferSize_8u_C1R(r, m, s); },
+     [](const Kvl8u* a, int as, Kvl8u* b, int bs, KvliSize r, int m, int t, Kvl8u v, Kvl8u* buf) {
+       return kvliFilterLowpassBorder_8u_C1R(a, as, b, bs, r, m, t, v, buf);
+     },
+     KVL_M32F(Lowpass)},
+};
+
+template <size_t N>
+RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in, Picture* out) {
+  const Family* f = &members[0];
+  const std::string dir = word(a, "dir", members[0].dir ? members[0].dir : "");
+  for (const Family& m : members)
+    if (m.dir && dir == m.dir) f = &m;
+  const int mask = word(a, "mask", "3") == "5" ? kvlMaskSize5x5 : kvlMaskSize3x3;
+  const int border = borderCode(word(a, "border", "replicate"));
+  const double value = number(a, "value", 0);
+  const bool raw = flag(a, "raw");
+  const bool lowpass = f->run8u != nullptr;
+  std::string type = word(a, "type", lowpass ? "8u" : "16s");
+  if (in.depth == 16 && !a.count("type")) type = "32f";
+  const KvliSize roi{in.width, in.height};
+  int bytes = 0;
+  std::vector<Kvl8u> buffer;
+  auto sized = [&](Size8 size) -> KvlStatus {
+    const KvlStatus s = size(roi, mask, &bytes);
+    if (s == kvlStatusOk) buffer.assign(static_cast<size_t>(bytes), 0);
+    return s;
+  };
+  if (type == "32f") {
+    if (!f->run32f) return problem("--type 32f is not available for this direction");
+    std::vector<float> src = toGrey32f(in), dst(src.size());
+    if (KvlStatus s = sized(f->size32f)) return RunResult{s, "", 0};
+    RunResult r = timed([&] {
+      return f->run32f(src.data(), in.width * 4, dst.data(), in.width * 4, roi, mask, border,
+                       static_cast<Kvl32f>(value), buffer.data());
+    });
+    if (r.status == kvlStatusOk) present(dst, in.width, in.height, raw, out);
+    return r;
+  }
+  Picture grey;
+  std::string err = toGrey8(in, &grey);
+  if (!err.empty()) return problem(err + " (use --type 32f)");
+  const Kvl8u v8 = static_cast<Kvl8u>(std::clamp(value, 0.0, 255.0));
+  if (type == "8u") {
+    if (!f->run8u) return problem("--type 8u is only available for lowpass");
+    if (KvlStatus s = sized(f->size8u)) return RunResult{s, "", 0};
+    out->allocate(in.width, in.height, 1, 8);
+    return timed([&] {
+      return f->run8u(grey.data.data(), grey.step(), out->data.data(), out->step(), roi, mask,
+                      border, v8, buffer.data());
+    });
+  }
+  if (type == "16s") {
+    if (!f->run16s) return problem("--type 16s is not available here; try --type 8s");
+    std::vector<Kvl16s> dst(static_cast<size_t>(in.width) * in.height);
+    if (KvlStatus s = sized(f->size16s)) return RunResult{s, "", 0};
+    RunResult r = timed([&] {
+      return f->run16s(grey.data.data(), grey.step(), dst.data(), in.width * 2, roi, mask, border,
+                       v8, buffer.data());
+    });
+    if (r.status == kvlStatusOk) present(dst, in.width, in.height, raw, out);
+    return r;
+  }
+  if (!f->run8s) return problem("--type 8s is not available here");
+  std::vector<Kvl8s> dst(static_cast<size_t>(in.width) * in.height);
+  if (KvlStatus s = sized(f->size8s)) return RunResult{s, "", 0};
+  const int divisor = static_cast<int>(number(a, "divisor", 1));
+  RunResult r = timed([&] {
+    return f->run8s(grey.data.data(), grey.step(), dst.data(), in.width, roi, mask, border, v8,
+                    divisor, buffer.data());
+  });
+  if (r.status == kvlStatusOk) present(dst, in.width, in.height, raw, out);
+  return r;
+}
+
+const Option kMaskOpt{"mask", "kernel size", {"3", "5"}, "3"};
+const Option kBorderOpt{"border", "pixels outside the image",
+                        {"replicate", "constant", "wrap", "mirror", "mirror-edge"}, "replicate"};
+const Option kValueOpt{"value", "the constant of --border constant", {}, "0"};
+const Option kTypeOpt{"type", "result type (16-bit input: 32f)", {"16s", "8s", "32f"}, "16s"};
+const Option kDivisorOpt{"divisor", "--type 8s divides by this (non-zero)", {}, "1"};
+const Option kRawOpt{"raw", "write raw values (16s/32f: 16-bit PNG of value + 32768; 8s: value + 128)", {}, "off", true};
+
+// ---- Canny ------------------------------------------------------------------------------------
+
+RunResult runCanny(const Args& a, const Picture& in, Picture* out) {
+  Picture grey;
+  std::string err = toGrey8(in, &grey);
+  if (!err.empty()) return problem(err);
+  const int kernel = word(a, "kernel", "sobel") == "scharr" ? kvlFilterScharr : kvlFilterSobel;
+  const int mask = word(a, "mask", "3") == "5" ? kvlMaskSize5x5 : kvlMaskSize3x3;
+  const int norm = word(a, "norm", "l2") == "l1" ? kvlNormL1 : kvlNormL2;
+  const int border = word(a, "border", "replicate") == "constant" ? kvlBorderConst : kvlBorderRepl;
+  const Kvl8u value = static_cast<Kvl8u>(std::clamp(number(a, "value", 0), 0.0, 255.0));
+  const float low = static_cast<float>(number(a, "low", 50)), high = static_cast<float>(number(a, "high", 150));
+  const KvliSize roi{in.width, in.height};
+  int bytes = 0;
+  if (KvlStatus s = kvliCannyBorderGetSize(roi, kernel, mask, kvl8u, &bytes)) return RunResult{s, "", 0};
+  std::vector<Kvl8u> buffer(static_cast<size_t>(bytes));
+  out->allocate(in.width, in.height, 1, 8);
+  return timed([&] {
+    return kvliCannyBorder_8u_C1R(grey.data.data(), grey.step(), out->data.data(), out->step(), roi,
+                                  kernel, mask, border, value, low, high, norm, buffer.data());
+  });
+}
+
+// ---- Colour-to-grey gradient -------------------------------------------------------------------
+
+RunResult runGradientGray(const Args& a, const Picture& in, Picture* out) {
+  if (in.channels != 3) return problem("needs a 3-channel (RGB) image of per-channel gradients");
+  const std::string n = word(a, "norm", "l2");
+  const int norm = n == "inf" ? 0 : n == "l1" ? 1 : 2;
+  const KvliSize roi{in.width, in.height};
+  if (flag(a, "float")) {
+    std::vector<float> src(static_cast<size_t>(in.width) * in.height * 3), dst(static_cast<size_t>(in.width) * in.height);
+    for (int y = 0; y < in.height; ++y)
+      for (int i = 0; i < in.width * 3; ++i)
+        src[static_cast<size_t>(y) * in.width * 3 + i] =
+            in.depth == 8 ? in.row(y)[i] : reinterpret_cast<const uint16_t*>(in.row(y))[i];
+    RunResult r = timed([&] {
+      return kvliGradientColorToGray_32f_C3C1R(src.data(), in.width * 12, dst.data(), in.width * 4, roi, norm);
+    });
+    if (r.status == kvlStatusOk) present(dst, in.width, in.height, flag(a, "raw"), out);
+    return r;
+  }
+  out->allocate(in.width, in.height, 1, in.depth);
+  return timed([&] {
+    if (in.depth == 8)
+      return kvliGradientColorToGray_8u_C3C1R(in.data.data(), in.step(), out->data.data(), out->step(), roi, norm);
+    return kvliGradientColorToGray_16u_C3C1R(reinterpret_cast<const Kvl16u*>(in.data.data()), in.step(),
+                                             reinterpret_cast<Kvl16u*>(out->data.data()), out->step(), roi, norm);
+  });
+}
+
+// ---- The table ----------------------------------------------------------------------------------
+
+const std::vector<Operation> kOperations = {
+    {"sobel", "Sobel derivative of a grey image (RGB is converted to luma)",
+     "  --dir vert: vertical edges, left column minus right (8s, 16s, 32f); horiz: horizontal\n"
+     "  edges, row below minus row above (8s); vert2/horiz2: second derivatives; cross: mixed.\n"
+     "  Signed results are written as |value|, scaled so the 99.5th percentile is 255, unless --raw.",
+     {{"dir", "derivative", {"vert", "horiz", "vert2", "horiz2", "cross"}, "vert"}, kMaskOpt,
+      kBorderOpt, kValueOpt, kTypeOpt, kDivisorOpt, kRawOpt},
+     [](const Args& a, const Picture& in, Picture* out) { return runFamily(kSobel, a, in, out); }},
+    {"scharr", "3x3 Scharr derivative of a grey image",
+     "  --dir horiz: row below minus row above; vert: right column minus left.\n"
+     "  Signed results are written as |value|, scaled so the 99.5th percentile is 255, unless --raw.",
+     {{"dir", "derivative", {"horiz", "vert"}, "horiz"}, kBorderOpt, kValueOpt, kTypeOpt, kDivisorOpt, kRawOpt},
+     [](const Args& a, const Picture& in, Picture* out) { return runFamily(kScharr, a, in, out); }},
+    {"laplacian", "Laplacian of a grey image",
+     "  3x3 kernel [2 0 2; 0 -8 0; 2 0 2], or the 5x5 sum of second derivatives.\n"
+     "  Signed results are written as |value|, scaled so the 99.5th percentile is 255, unless --raw.",
+     {kMaskOpt, kBorderOpt, kValueOpt, kTypeOpt, kDivisorOpt, kRawOpt},
+     [](const Args& a, const Picture& in, Picture* out) { return runFamily(kLaplacian, a, in, out); }},
+    {"lowpass", "3x3 or 5x5 box average of a grey image",
+     "  8-bit result (the mean, rounded); --type 32f averages the raw sample values and writes them\n"
+     "  scaled to 0..255 (or, with --raw, as a 16-bit PNG of value + 32768).",
+     {kMaskOpt, kBorderOpt, kValueOpt, {"type", "result type", {"8u", "32f"}, "8u"}, kRawOpt},
+     [](const Args& a, const Picture& in, Picture* out) { return runFamily(kLowpass, a, in, out); }},
+    {"canny", "Canny edges of an 8-bit grey image (RGB is converted to luma)",
+     "  Edge pixels are 255, others 0.",
+     {{"low", "lower threshold (>= 0)", {}, "50"},
+      {"high", "upper threshold (>= low)", {}, "150"},
+      {"kernel", "derivative kernel", {"sobel", "scharr"}, "sobel"},
+      {"mask", "derivative size (scharr: 3 only)", {"3", "5"}, "3"},
+      {"norm", "gradient magnitude", {"l1", "l2"}, "l2"},
+      {"border", "pixels outside the image", {"replicate", "constant"}, "replicate"},
+      kValueOpt},
+     runCanny},
+    {"gradient-gray", "Combines the 3 channels of every pixel into one by a norm",
+     "  inf: the largest channel; l1: the mean (8/16-bit) or the sum (--float); l2: the root mean\n"
+     "  square (8/16-bit) or the Euclidean length (--float). Output has the input's depth.",
+     {{"norm", "combination", {"inf", "l1", "l2"}, "l2"},
+      {"float", "compute in floating point (the raw sum, written scaled to 0..255)", {}, "off", true},
+      kRawOpt},
+     runGradientGray},
+};
+
+}  // namespace
+
+const std::vector<Operation>& operations() { return kOperations; }
+
+const Operation* findOperation(const std::string& name) {
+  for (const Operation& op : kOperations)
+    if (name == op.name) return &op;
+  return nullptr;
+}
+
+std::string checkValue(const Option& opt, const std::string& value) {
+  if (opt.values.empty()) {
+    char* end = nullptr;
+    const double v = std::strtod(value.c_str(), &end);
+    if (value.empty() || *end || !std::isfinite(v))
+      return std::string("--") + opt.name + " takes a number, not '" + value + "'";
+    return "";
+  }
+  for (const char* v : opt.values)
+    if (value == v) return "";
+  std::string list;
+  for (const char* v : opt.values) list += std::string(list.empty() ? "" : ", ") + v;
+  return std::string("--") + opt.name + " takes one of " + list + ", not '" + value + "'";
+}
+
+StatusInfo statusInfo(KvlStatus s) {
+  static const struct {
+    KvlStatus code;
+    StatusInfo info;
+  } table[] = {
+      {kvlStatusOk, {"kvlStatusOk", "success"}},
+      {kvlStatusDivByZero, {"kvlStatusDivByZero", "a divisor was zero"}},
+      {kvlStatusCountExceeded, {"kvlStatusCountExceeded", "the output array filled up"}},
+      {kvlStatusOverflow, {"kvlStatusOverflow", "a computed count does not fit 32 bits"}},
+      {kvlStatusBadArgument, {"kvlStatusBadArgument", "an argument value is not accepted (for example a zero divisor or a border this filter does not take)"}},
+      {kvlStatusBadSize, {"kvlStatusBadSize", "an image or parameter size is not accepted"}},
+      {kvlStatusNullPointer, {"kvlStatusNullPointer", "a required pointer is null"}},
+      {kvlStatusNoMemory, {"kvlStatusNoMemory", "out of memory"}},
+      {kvlStatusOutOfRange, {"kvlStatusOutOfRange", "a value lies outside its permitted range"}},
+      {kvlStatusBadDataType, {"kvlStatusBadDataType", "the data type is not supported"}},
+      {kvlStatusBadStep, {"kvlStatusBadStep", "a row step is shorter than the row"}},
+      {kvlStatusBadContext, {"kvlStatusBadContext", "a state record is not valid"}},
+      {kvlStatusBadMaskSize, {"kvlStatusBadMaskSize", "the mask size is not supported (Scharr takes 3x3 only)"}},
+      {kvlStatusBadAnchor, {"kvlStatusBadAnchor", "the anchor lies outside the kernel"}},
+      {kvlStatusBadChannel, {"kvlStatusBadChannel", "the channel count is not supported"}},
+      {kvlStatusBadChannelOfInterest, {"kvlStatusBadChannelOfInterest", "the channel of interest is not 1..3"}},
+      {kvlStatusBadChannels, {"kvlStatusBadChannels", "the channel count is not supported"}},
+      {kvlStatusBadMetric, {"kvlStatusBadMetric", "the metric is not positive"}},
+      {kvlStatusStepNotMultiple, {"kvlStatusStepNotMultiple", "a step is not a multiple of the element size"}},
+      {kvlStatusBadBorderType, {"kvlStatusBadBorderType", "this function does not take that border type"}},
+      {kvlStatusBadNormType, {"kvlStatusBadNormType", "the norm is not supported"}},
+      {kvlStatusInPlaceNotSupported, {"kvlStatusInPlaceNotSupported", "this function cannot work in place"}},
+      {kvlStatusNotSupportedMode, {"kvlStatusNotSupportedMode", "the mode is not implemented"}},
+  };
+  for (const auto& e : table)
+    if (e.code == s) return e.info;
+  return {"unknown status", "a status this tool does not know"};
+}
+
+int demo(const std::string& dir) {
+  Picture photo;
+  const std::string err = readPngMemory(kvl_demo_png, static_cast<size_t>(kvl_demo_png_end - kvl_demo_png), &photo);
+  if (!err.empty()) {
+    std::fprintf(stderr, "kvlcv: %s\n", err.c_str());
+    return 1;
+  }
+  mkdir(dir.c_str(), 0777);
+  const KvlLibraryVersion* v = kvlcvGetLibVersion();
+  int threads = 0;
+  kvlGetNumThreads(&threads);
+  std::printf("%s %s, %d thread(s); sample: %dx%d RGB photograph (NASA, public domain)\n\n", v->Name,
+              v->Version, threads, photo.width, photo.height);
+  struct Run {
+    const char* op;
+    Args args;
+    const char* file;
+  };
+  const Run runs[] = {
+      {"sobel", {{"dir", "vert"}}, "sobel-vert.png"},
+      {"sobel", {{"dir", "vert"}, {"mask", "5"}, {"type", "32f"}}, "sobel-vert-5x5-32f.png"},
+      {"sobel", {{"dir", "horiz"}, {"type", "8s"}}, "sobel-horiz-8s.png"},
+      {"sobel", {{"dir", "cross"}}, "sobel-cross.png"},
+      {"scharr", {{"dir", "horiz"}}, "scharr-horiz.png"},
+      {"scharr", {{"dir", "vert"}}, "scharr-vert.png"},
+      {"laplacian", {}, "laplacian.png"},
+      {"laplacian", {{"mask", "5"}}, "laplacian-5x5.png"},
+      {"lowpass", {{"mask", "5"}}, "lowpass-5x5.png"},
+      {"canny", {}, "canny.png"},
+      {"canny", {{"kernel", "scharr"}, {"norm", "l1"}, {"low", "200"}, {"high", "500"}}, "canny-scharr-l1.png"},
+      {"gradient-gray", {{"norm", "l2"}}, "gradient-gray-l2.png"},
+  };
+  std::printf("%-16s %-46s %-10s %10s %12s\n", "operation", "options", "size", "time (ms)", "Mpixel/s");
+  int failures = 0;
+  for (const Run& r : runs) {
+    const Operation* op = findOperation(r.op);
+    std::string opts;
+    for (const auto& [k, val] : r.args) opts += "--" + k + " " + val + " ";
+    Picture out;
+    RunResult res = op->run(r.args, photo, &out);
+    for (int rep = 0; rep < 4 && res.error.empty() && res.status == kvlStatusOk; ++rep) {
+      const RunResult again = op->run(r.args, photo, &out);  // the best of five runs
+      res.seconds = std::min(res.seconds, again.seconds);
+    }
+    std::string note;
+    if (!res.error.empty()) note = res.error;
+    else if (res.status != kvlStatusOk) note = statusInfo(res.status).name;
+    else note = writeImage(dir + "/" + r.file, out);
+    if (!note.empty()) {
+      ++failures;
+      std::printf("%-16s %-46s failed: %s\n", r.op, opts.c_str(), note.c_str());
+      continue;
+    }
+    char size[32];
+    std::snprintf(size, sizeof(size), "%dx%d", photo.width, photo.height);
+    std::printf("%-16s %-46s %-10s %10.3f %12.1f\n", r.op, opts.c_str(), size, res.seconds * 1e3,
+                photo.width * static_cast<double>(photo.height) / 1e6 / res.seconds);
+  }
+  std::printf("\nResults written to %s/\n", dir.c_str());
+  return failures ? 1 : 0;
+}
+
+}  // namespace kvlcli
