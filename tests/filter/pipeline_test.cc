@@ -416,7 +416,9 @@ TEST(RowPipeline, ValidationOrder) {
                 {a.width, a.height}, a.nullKernel ? nullptr : kernel.data(), a.K, a.anchor,
                 a.border, 0, a.divisor, a.nullBuffer ? nullptr : buffer.data());
       EXPECT_EQ(got, want) << m.name << ": " << c.what;
-      if (got != kvlStatusOk) EXPECT_TRUE(dst.unchanged()) << m.name << ": " << c.what;
+      if (got != kvlStatusOk) {
+        EXPECT_TRUE(dst.unchanged()) << m.name << ": " << c.what;
+      }
     }
   });
 }
@@ -462,7 +464,9 @@ TEST(ColumnPipeline, ValidationOrder) {
                 {a.width, a.height}, a.nullKernel ? nullptr : kernel.data(), a.K, a.divisor,
                 a.nullBuffer ? nullptr : buffer);
       EXPECT_EQ(got, want) << m.name << ": " << c.what;
-      if (got != kvlStatusOk) EXPECT_TRUE(dst.unchanged()) << m.name << ": " << c.what;
+      if (got != kvlStatusOk) {
+        EXPECT_TRUE(dst.unchanged()) << m.name << ": " << c.what;
+      }
     }
   });
 }
