@@ -416,10 +416,14 @@ int demo(const std::string& dir) {
   }
   mkdir(dir.c_str(), 0777);
   const KvlLibraryVersion* v = kvlcvGetLibVersion();
-  int threads = 0;
+  int threads = 0, cache = 0;
   kvlGetNumThreads(&threads);
-  std::printf("%s %s, %d thread(s); sample: %dx%d RGB photograph (NASA, public domain)\n\n", v->Name,
-              v->Version, threads, photo.width, photo.height);
+  kvlGetMaxCacheSizeB(&cache);
+  std::printf("%s, version %s (%d.%d.%d build %d), built %s, target \"%s\"\n", v->Name, v->Version,
+              v->major, v->minor, v->majorBuild, v->build, v->BuildDate, v->targetCpu);
+  std::printf("threads %d permitted, %d cores, largest cache %d KiB\n", threads, kvlGetNumCoresOnDie(),
+              cache / 1024);
+  std::printf("sample: %dx%d RGB photograph (NASA, public domain)\n\n", photo.width, photo.height);
   struct Run {
     const char* op;
     Args args;
