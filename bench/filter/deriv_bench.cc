@@ -9,7 +9,7 @@
 namespace kvl::bench {
 namespace {
 
-enum class Peer { kSobelDx, kSobelDy, kScharrDx, kLaplacian, kBox };
+enum class Peer { kSobelDx, kSobelDy, kScharrDx, kScharrDy, kLaplacian, kBox };
 
 struct Case {
   const char* name;
@@ -57,6 +57,8 @@ const Case kCases[] = {
     {"SobelHoriz_32f_3x3", true, 33, Peer::kSobelDy, true, KVL_BENCH_32F(SobelHoriz)},
     {"ScharrVert_8u16s", false, 33, Peer::kScharrDx, false, KVL_BENCH_SCHARR_8U16S(ScharrVert)},
     {"ScharrVert_32f", true, 33, Peer::kScharrDx, false, KVL_BENCH_SCHARR_32F(ScharrVert)},
+    {"ScharrHoriz_8u16s", false, 33, Peer::kScharrDy, false, KVL_BENCH_SCHARR_8U16S(ScharrHoriz)},
+    {"ScharrHoriz_32f", true, 33, Peer::kScharrDy, false, KVL_BENCH_SCHARR_32F(ScharrHoriz)},
     {"Laplacian_8u16s_3x3", false, 33, Peer::kLaplacian, false, KVL_BENCH_8U16S(Laplacian)},
     {"Laplacian_8u16s_5x5", false, 55, Peer::kLaplacian, false, KVL_BENCH_8U16S(Laplacian)},
     {"Laplacian_32f_3x3", true, 33, Peer::kLaplacian, false, KVL_BENCH_32F(Laplacian)},
@@ -85,6 +87,7 @@ void runPeer(const Case& c, const cv::Mat& a, cv::Mat& b) {
     case Peer::kSobelDx: cv::Sobel(a, b, depth, 1, 0, k, 1, 0, cv::BORDER_REPLICATE); break;
     case Peer::kSobelDy: cv::Sobel(a, b, depth, 0, 1, k, 1, 0, cv::BORDER_REPLICATE); break;
     case Peer::kScharrDx: cv::Scharr(a, b, depth, 1, 0, 1, 0, cv::BORDER_REPLICATE); break;
+    case Peer::kScharrDy: cv::Scharr(a, b, depth, 0, 1, 1, 0, cv::BORDER_REPLICATE); break;
     case Peer::kLaplacian: cv::Laplacian(a, b, depth, k, 1, 0, cv::BORDER_REPLICATE); break;
     case Peer::kBox:
       if (c.f32)

@@ -96,7 +96,7 @@ void run(Kind kind, int K, Out o, const void* pSrc, int srcStep, void* pDst, int
   const bool stream =
       o == Out::k16s && static_cast<long long>(roi.width) * roi.height * 2 >= kStreamBytes;
   const Job job{pSrc, srcStep, pDst, dstStep, roi.width, roi.height, 0, roi.height,
-                bt, value, recip, pBuffer, bytes, stream};
+                bt, value, recip, pBuffer, bytes, stream, kPrefetchRows};
   const int team = threaded ? par::teamBorderFilter(roi) : 1;
   par::runStripes(team, roi.height, [&](const par::Stripe& s) {
     Job part = job;

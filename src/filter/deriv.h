@@ -144,6 +144,7 @@ struct Job {
   void* buffer;    // this stripe's work memory
   long long bufferBytes;
   bool stream;     // outputs larger than the caches: store 16s/32f rows around the caches
+  int prefetchRows;  // source rows fetched ahead of the row pass (0: none)
 };
 using Fn = void (*)(const Job&);
 
@@ -240,6 +241,18 @@ inline void storeOut(void* dstRow, int x, A s, int bodyEnd, float recip) {
 constexpr long long kRingTarget = 256 * 1024;
 // Destinations of at least this many bytes are written with streaming stores.
 constexpr long long kStreamBytes = 12LL << 20;
+// Source rows are prefetched this many rows ahead of the row pass: on large images the
+// hardware prefetcher alone leaves the loads waiting on memory (measured on 4K frames; 2 rows
+// is too close for 32f, 16 too far).
+constexpr int kPrefetchRows = 4;
+// Rows per band when a row is split into tiles: the band's source rows stay in the second-level
+// cache while the tiles after the first read them again.
+constexpr long long kBandBytes = 256 * 1024;
+inline int bandRows(int width, int srcBytes, int rows) {
+  long long b = kBandBytes / (static_cast<long long>(width) * srcBytes);
+  if (b < 16) b = 16;
+  return b > rows ? rows : static_cast<int>(b);
+}
 inline int tileWidth(const Job& j, int K, int pairs, int workBytes) {
   const long long perCol = static_cast<long long>(pairs) * K * workBytes;
   long long usable = j.bufferBytes - 32;  // slack for aligning the ring to 32 bytes

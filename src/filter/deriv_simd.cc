@@ -31,9 +31,45 @@ HWY_INLINE V scaled(D d, V v, int k) {
   return hn::Mul(v, hn::Set(d, static_cast<hn::TFromD<D>>(k)));
 }
 
-// The vector form of tapSum: the same terms in the same order.
+// Whether the taps mirror each other about the centre with the same sign (sign +1) or the
+// opposite sign (sign -1).
+constexpr bool mirrored(const Taps& t, int sign) {
+  for (int i = 0; i < t.n / 2; ++i)
+    if (t.k[i] != sign * t.k[t.n - 1 - i]) return false;
+  return sign == 1 || t.k[t.n / 2] == 0;
+}
+
+// The vector form of tapSum: the same terms in the same order. Integer lanes wrap exactly, so
+// for them a mirrored kernel first pairs the outer pixels and scales each pair once (one
+// product per pair instead of two, the same bits).
 template <Taps kT, class D, class L>
 HWY_INLINE hn::Vec<D> vecTapSum(D d, const L& load) {
+  if constexpr (!hwy::IsFloat<hn::TFromD<D>>() && (mirrored(kT, 1) || mirrored(kT, -1))) {
+    constexpr bool kSame = mirrored(kT, 1);
+    hn::Vec<D> s = hn::Zero(d);
+    bool first = true;
+    auto add = [&](hn::Vec<D> v, int k) {  // s += k x v, negative k as a subtraction
+      if (first) {
+        s = scaled(d, v, k);
+      } else {
+        s = k < 0 ? hn::Sub(s, scaled(d, v, -k)) : hn::Add(s, scaled(d, v, k));
+      }
+      first = false;
+    };
+#pragma GCC unroll 2
+    for (int i = 0; i < kT.n / 2; ++i) {
+      const int k = kT.k[kT.n - 1 - i];
+      if (k == 0) continue;
+      const hn::Vec<D> lo = load(i), hi = load(kT.n - 1 - i);
+      if (kSame) {
+        add(hn::Add(lo, hi), k);
+      } else {  // k x (hi - lo), kept a positive multiple of the difference
+        add(k > 0 ? hn::Sub(hi, lo) : hn::Sub(lo, hi), k > 0 ? k : -k);
+      }
+    }
+    if (kT.k[kT.n / 2] != 0) add(load(kT.n / 2), kT.k[kT.n / 2]);
+    return s;
+  }
   hn::Vec<D> s = hn::Zero(d);
   bool first = true;
 #pragma GCC unroll 5
@@ -127,99 +163,114 @@ void kernel(const Job& j) {
   auto srcRow = [&](int y) { return rowPtr(static_cast<const Src*>(j.src), j.srcStep, y); };
   auto slot = [&](int p, int yy) { return ring + (p * kK + ((yy % kK) + kK) % kK) * tw; };
 
-  for (int x0 = 0; x0 < w; x0 += tw) {
-    const int n = std::min(tw, w - x0);
-    // The row pass of virtual row yy into its ring slot.
-    auto fillRow = [&](int yy) {
-      const int sy = sourceRow(yy, j.height, bt);
-      for (int p = 0; p < kPairs; ++p) {
-        W* t = slot(p, yy);
-        if (sy == kConstRow) {
-          std::fill(t, t + n, rowOfConstant<Src>(p == 0 ? kA0 : kA1, value));
-        } else if (p == 0) {
-          rowPass<kA0, Src>(srcRow(sy), w, bt, value, x0, n, t);
-        } else {
-          rowPass<kA1, Src>(srcRow(sy), w, bt, value, x0, n, t);
-        }
-      }
-    };
-    for (int yy = j.y0 - c; yy < j.y0 + c; ++yy) fillRow(yy);
-    for (int y = j.y0; y < j.y0 + j.rows; ++y) {
-      fillRow(y + c);
-      const W* r0[kK];
-      const W* r1[kK];
-      for (int r = 0; r < kK; ++r) {
-        r0[r] = slot(0, y + r - c);
-        r1[r] = slot(kPairs - 1, y + r - c);
-      }
-      const Src* centre = srcRow(y) + x0;
-      auto vecSum = [&](int i) {
-        if constexpr (centreForm(kKind, kK)) {
-          const auto t02 = hn::Add(hn::LoadU(d, r0[0] + i), hn::LoadU(d, r0[2] + i));
-          hn::Vec<decltype(d)> ctr;
-          if constexpr (std::is_same_v<Src, Kvl8u>) {
-            ctr = hn::PromoteTo(d, hn::LoadU(hn::Rebind<uint8_t, decltype(d)>(), centre + i));
+  // With more than one tile the rows go in bands, each band through every tile, so the band's
+  // source rows are still cached when the next tile reads them; each band and tile restarts
+  // the ring c rows above the band.
+  const int band = tw < w ? bandRows(w, static_cast<int>(sizeof(Src)), j.rows) : j.rows;
+  for (int yb = j.y0; yb < j.y0 + j.rows; yb += band) {
+    const int yEnd = std::min(j.y0 + j.rows, yb + band);
+    for (int x0 = 0; x0 < w; x0 += tw) {
+      const int n = std::min(tw, w - x0);
+      // The row pass of virtual row yy into its ring slot.
+      auto fillRow = [&](int yy) {
+        const int sy = sourceRow(yy, j.height, bt);
+        for (int p = 0; p < kPairs; ++p) {
+          W* t = slot(p, yy);
+          if (sy == kConstRow) {
+            std::fill(t, t + n, rowOfConstant<Src>(p == 0 ? kA0 : kA1, value));
+          } else if (p == 0) {
+            rowPass<kA0, Src>(srcRow(sy), w, bt, value, x0, n, t);
           } else {
-            ctr = hn::LoadU(d, centre + i);
+            rowPass<kA1, Src>(srcRow(sy), w, bt, value, x0, n, t);
           }
-          if constexpr (std::is_same_v<Src, Kvl8u>) {
-            return hn::Sub(hn::ShiftLeft<1>(t02), hn::ShiftLeft<3>(ctr));
-          } else {
-            return hn::Sub(hn::Mul(t02, hn::Set(d, 2.0f)), hn::Mul(ctr, hn::Set(d, 8.0f)));
-          }
-        } else {
-          auto s = vecTapSum<kB0>(d, [&](int r) { return hn::LoadU(d, r0[r] + i); });
-          if constexpr (kPairs == 2)
-            s = hn::Add(s, vecTapSum<kB1>(d, [&](int r) { return hn::LoadU(d, r1[r] + i); }));
-          return s;
         }
       };
-      auto scalarSum = [&](int i) -> A {
-        if constexpr (centreForm(kKind, kK)) {
-          return centreColumn<A>(r0[0][i], r0[2][i], static_cast<A>(centre[i]));
+      for (int yy = yb - c; yy < yb + c; ++yy) fillRow(yy);
+      for (int y = yb; y < yEnd; ++y) {
+        if (j.prefetchRows > 0) {  // the tile's span of a source row a few rows below
+          const int py = y + c + j.prefetchRows;
+          if (py < j.height) {
+            const char* pr = reinterpret_cast<const char*>(srcRow(py) + x0);
+            const int bytes = n * static_cast<int>(sizeof(Src));
+            for (int b = 0; b < bytes; b += 64) _mm_prefetch(pr + b, _MM_HINT_T0);
+          }
+        }
+        fillRow(y + c);
+        const W* r0[kK];
+        const W* r1[kK];
+        for (int r = 0; r < kK; ++r) {
+          r0[r] = slot(0, y + r - c);
+          r1[r] = slot(kPairs - 1, y + r - c);
+        }
+        const Src* centre = srcRow(y) + x0;
+        auto vecSum = [&](int i) {
+          if constexpr (centreForm(kKind, kK)) {
+            const auto t02 = hn::Add(hn::LoadU(d, r0[0] + i), hn::LoadU(d, r0[2] + i));
+            hn::Vec<decltype(d)> ctr;
+            if constexpr (std::is_same_v<Src, Kvl8u>) {
+              ctr = hn::PromoteTo(d, hn::LoadU(hn::Rebind<uint8_t, decltype(d)>(), centre + i));
+            } else {
+              ctr = hn::LoadU(d, centre + i);
+            }
+            if constexpr (std::is_same_v<Src, Kvl8u>) {
+              return hn::Sub(hn::ShiftLeft<1>(t02), hn::ShiftLeft<3>(ctr));
+            } else {
+              return hn::Sub(hn::Mul(t02, hn::Set(d, 2.0f)), hn::Mul(ctr, hn::Set(d, 8.0f)));
+            }
+          } else {
+            auto s = vecTapSum<kB0>(d, [&](int r) { return hn::LoadU(d, r0[r] + i); });
+            if constexpr (kPairs == 2)
+              s = hn::Add(s, vecTapSum<kB1>(d, [&](int r) { return hn::LoadU(d, r1[r] + i); }));
+            return s;
+          }
+        };
+        auto scalarSum = [&](int i) -> A {
+          if constexpr (centreForm(kKind, kK)) {
+            return centreColumn<A>(r0[0][i], r0[2][i], static_cast<A>(centre[i]));
+          } else {
+            A s = tapSum<A>(kB0, [&](int r) { return r0[r][i]; });
+            if constexpr (kPairs == 2)
+              s = static_cast<A>(s + tapSum<A>(kB1, [&](int r) { return r1[r][i]; }));
+            return s;
+          }
+        };
+        char* outRow = rowPtr(static_cast<char*>(j.dst), j.dstStep, y);
+        int i = 0;
+        if constexpr (kOut == Out::k16s || kOut == Out::k32f) {
+          W* out = reinterpret_cast<W*>(outRow) + x0;
+          const uintptr_t vb = static_cast<uintptr_t>(N) * sizeof(W);
+          const uintptr_t mis = reinterpret_cast<uintptr_t>(out) % vb;
+          const int head = static_cast<int>((vb - mis) % vb / sizeof(W));
+          if (j.stream && mis % sizeof(W) == 0 && head + N <= n) {
+            // Streaming stores from the first vector-aligned pixel; the unaligned head and the
+            // overlapping last vector use ordinary stores (overlapping pixels get the same values
+            // from both, so the weak ordering of the streaming stores does not matter).
+            if (head > 0) hn::StoreU(vecSum(0), d, out);
+            for (i = head; i + N <= n; i += N) hn::Stream(vecSum(i), d, out + i);
+            if (i < n) hn::StoreU(vecSum(n - N), d, out + n - N);
+            i = n;
+          } else if (n >= N) {
+            for (; i + N <= n; i += N) hn::StoreU(vecSum(i), d, out + i);
+            if (i < n) hn::StoreU(vecSum(n - N), d, out + n - N);  // overlapping last vector
+            i = n;
+          }
         } else {
-          A s = tapSum<A>(kB0, [&](int r) { return r0[r][i]; });
-          if constexpr (kPairs == 2)
-            s = static_cast<A>(s + tapSum<A>(kB1, [&](int r) { return r1[r][i]; }));
-          return s;
+          using D8 = std::conditional_t<kOut == Out::k8s, int8_t, uint8_t>;
+          const hn::Rebind<D8, decltype(d)> d8;
+          const hn::Repartition<float, decltype(d)> df;
+          const auto recip = hn::Set(df, j.recip);
+          D8* out = reinterpret_cast<D8*>(outRow) + x0;
+          const int groupEnd = std::min(n, bodyEnd - x0);
+          if (groupEnd >= N) {
+            for (; i + N <= groupEnd; i += N)
+              hn::StoreU(convertGroup(d8, d, vecSum(i), recip), d8, out + i);
+            if (i < groupEnd)  // overlapping last vector, still inside the rounded groups
+              hn::StoreU(convertGroup(d8, d, vecSum(groupEnd - N), recip), d8, out + groupEnd - N);
+            i = groupEnd;
+          }
         }
-      };
-      char* outRow = rowPtr(static_cast<char*>(j.dst), j.dstStep, y);
-      int i = 0;
-      if constexpr (kOut == Out::k16s || kOut == Out::k32f) {
-        W* out = reinterpret_cast<W*>(outRow) + x0;
-        const uintptr_t vb = static_cast<uintptr_t>(N) * sizeof(W);
-        const uintptr_t mis = reinterpret_cast<uintptr_t>(out) % vb;
-        const int head = static_cast<int>((vb - mis) % vb / sizeof(W));
-        if (j.stream && mis % sizeof(W) == 0 && head + N <= n) {
-          // Streaming stores from the first vector-aligned pixel; the unaligned head and the
-          // overlapping last vector use ordinary stores (overlapping pixels get the same values
-          // from both, so the weak ordering of the streaming stores does not matter).
-          if (head > 0) hn::StoreU(vecSum(0), d, out);
-          for (i = head; i + N <= n; i += N) hn::Stream(vecSum(i), d, out + i);
-          if (i < n) hn::StoreU(vecSum(n - N), d, out + n - N);
-          i = n;
-        } else if (n >= N) {
-          for (; i + N <= n; i += N) hn::StoreU(vecSum(i), d, out + i);
-          if (i < n) hn::StoreU(vecSum(n - N), d, out + n - N);  // overlapping last vector
-          i = n;
-        }
-      } else {
-        using D8 = std::conditional_t<kOut == Out::k8s, int8_t, uint8_t>;
-        const hn::Rebind<D8, decltype(d)> d8;
-        const hn::Repartition<float, decltype(d)> df;
-        const auto recip = hn::Set(df, j.recip);
-        D8* out = reinterpret_cast<D8*>(outRow) + x0;
-        const int groupEnd = std::min(n, bodyEnd - x0);
-        if (groupEnd >= N) {
-          for (; i + N <= groupEnd; i += N)
-            hn::StoreU(convertGroup(d8, d, vecSum(i), recip), d8, out + i);
-          if (i < groupEnd)  // overlapping last vector, still inside the rounded groups
-            hn::StoreU(convertGroup(d8, d, vecSum(groupEnd - N), recip), d8, out + groupEnd - N);
-          i = groupEnd;
-        }
+        for (; i < n; ++i) storeOut<kOut, A>(outRow, x0 + i, scalarSum(i), bodyEnd, j.recip);
       }
-      for (; i < n; ++i) storeOut<kOut, A>(outRow, x0 + i, scalarSum(i), bodyEnd, j.recip);
     }
   }
 }

@@ -508,7 +508,7 @@ TEST(DerivKernels, StreamingStoresMatchTheReference) {
           return Job{k.f32 ? static_cast<const void*>(srcF.roi()) : src8.roi(),
                      k.f32 ? srcF.step() : src8.step(), out + offset, w * outBytes, w, h, 0, h,
                      kvlBorderRepl, 0.f, 1.f, buf.data(), static_cast<long long>(buf.size()),
-                     stream};
+                     stream, 0};
         };
         std::memset(want, 0, sizeof(want));
         kRef[k.index](job(want, false));
@@ -520,6 +520,46 @@ TEST(DerivKernels, StreamingStoresMatchTheReference) {
               << kvl::test::targetName(kLevel[t]) << " width " << w << " offset " << offset;
         }
       }
+}
+
+// A work buffer too small for a whole row splits it into column tiles, taken band by band down
+// the image; prefetching ahead is on. Every band and tile edge must give the reference rows.
+TEST(DerivKernels, TilesAndBandsMatchTheReference) {
+  using namespace kvl::filter::deriv;
+  const int kLevel[3] = {kvl::simd::kAVX3, kvl::simd::kAVX2, kvl::simd::kSSE4};
+  struct K {
+    int index;
+    bool f32;
+    int perColumn;  // ring bytes per column: pairs x K x work bytes
+  };
+  const int w = 300, h = 1800;  // 256 KiB bands of 8u rows: 873 rows, so three bands
+  Image<Kvl32f> srcF(w, h, 2, 21);
+  Image<Kvl8u> src8(w, h, 2, 21);
+  srcF.fillRandom(22);
+  src8.fillRandom(22);
+  std::vector<Kvl8u> want(static_cast<size_t>(w) * h * 4), got(want.size());
+  for (K k : {K{kernelIndex(Kind::kScharrVert, 3, Out::k16s), false, 6},
+              K{kernelIndex(Kind::kLaplacian, 5, Out::k8s), false, 20},
+              K{kernelIndex(Kind::kSobelCross, 5, Out::k32f), true, 20}})
+    for (int cols : {64, 128, 100}) {  // tiles of 64, 128 and 64 columns
+      const int outBytes = k.f32 ? 4 : 2;
+      std::vector<Kvl8u> buf(32 + static_cast<size_t>(k.perColumn) * cols);
+      auto job = [&](Kvl8u* out, int rows, int prefetch) {
+        return Job{k.f32 ? static_cast<const void*>(srcF.roi()) : src8.roi(),
+                   k.f32 ? srcF.step() : src8.step(), out, w * outBytes, w, h, 0, rows,
+                   kvlBorderRepl | kvlBorderInMemTop, 0.f, 0.25f, buf.data(),
+                   static_cast<long long>(buf.size()), false, prefetch};
+      };
+      std::fill(want.begin(), want.end(), 0);
+      kRef[k.index](job(want.data(), h, 0));
+      for (int t = 0; t < 3; ++t) {
+        if (kvl::simd::bestTarget() < kLevel[t]) continue;
+        std::fill(got.begin(), got.end(), 0);
+        kTargets[t][k.index](job(got.data(), h, kPrefetchRows));
+        EXPECT_TRUE(got == want) << kvl::test::targetName(kLevel[t]) << " kernel " << k.index
+                                 << " columns " << cols;
+      }
+    }
 }
 
 }  // namespace
