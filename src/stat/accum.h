@@ -27,13 +27,23 @@ using AbsDiffRowFn = void (*)(const T* a, const T* b, T* dst, int n);
 template <class T>
 using AbsDiffCRowFn = void (*)(const T* a, T v, T* dst, int n);
 
-// The best kernel for this CPU (the scalar reference below the lowest vector target).
+// The best kernel for this CPU (the scalar reference below the lowest vector target). With
+// `stream` set, the absolute-difference kernels write the vector body of each row with
+// cache-bypassing stores (same values, the destination just does not stay in cache) and fence
+// them before returning, so the rows are visible to other threads when the kernel returns.
 template <AccOp kOp, class Src, bool kMasked>
 AccRowFn<Src> accRowKernel();
 template <class T>
-AbsDiffRowFn<T> absDiffRowKernel();
+AbsDiffRowFn<T> absDiffRowKernel(bool stream);
 template <class T>
-AbsDiffCRowFn<T> absDiffCRowKernel();
+AbsDiffCRowFn<T> absDiffCRowKernel(bool stream);
+
+// A destination of more than this many bytes is written with cache-bypassing stores: it would
+// evict the sources (and everything else) from the last-level cache on its way through, and the
+// stores skip reading each destination line before overwriting it. The cache size the library
+// reports, with a floor for machines that report none.
+long long streamingThresholdBytes();
+inline bool streamDestination(long long dstBytes) { return dstBytes > streamingThresholdBytes(); }
 
 namespace ref {
 template <AccOp kOp, class Src, bool kMasked>

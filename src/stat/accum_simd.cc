@@ -50,8 +50,21 @@ HWY_INLINE void accStep(DF df, const Src* s1, const Src* s2, const Kvl8u* mask, 
   } else {
     r = hn::Add(a, hn::Mul(alpha, hn::Sub(f1, a)));
   }
-  // The blend stores the old bits back unchanged under a zero mask byte.
-  if constexpr (kMasked) r = hn::IfThenElse(loadMask(df, mask + x), r, a);
+  if constexpr (kMasked) {
+#if HWY_TARGET == HWY_AVX3
+    // Masked kernels run in place: a masked store skips the lanes under a zero mask byte, which
+    // keeps their bits, and one byte test makes the lane mask.
+    const hn::Rebind<uint8_t, DF> d8;
+    const auto bytes = hn::LoadU(d8, mask + x);
+    hn::Mask<DF> m;
+    m.raw = _mm_test_epi8_mask(bytes.raw, bytes.raw);
+    hn::BlendedStore(r, m, df, out + x);
+    return;
+#else
+    // The blend stores the old bits back unchanged under a zero mask byte.
+    r = hn::IfThenElse(loadMask(df, mask + x), r, a);
+#endif
+  }
   hn::StoreU(r, df, out + x);
 }
 
@@ -85,34 +98,63 @@ HWY_INLINE hn::Vec<D> absDiffVec(hn::Vec<D> a, hn::Vec<D> b) {
   }
 }
 
-template <class T>
+// Stores v at dst: a cache-bypassing store when kStream is set and dst is vector-aligned.
+template <bool kStream, class D>
+HWY_INLINE void put(D d, hn::Vec<D> v, hn::TFromD<D>* dst, bool aligned) {
+  if constexpr (kStream) {
+    if (aligned) {
+      hn::Stream(v, d, dst);
+      return;
+    }
+  }
+  hn::StoreU(v, d, dst);
+}
+
+// Orders the cache-bypassing stores before anything the caller does next.
+template <bool kStream>
+HWY_INLINE void fenceStreams() {
+#if HWY_ARCH_X86
+  if constexpr (kStream) _mm_sfence();
+#endif
+}
+
+// The vector body walks dst from its first vector-aligned element; `aligned` is false only when
+// dst is not even element-aligned, and then the body uses ordinary stores.
+template <class T, bool kStream>
 void absDiffRow(const T* a, const T* b, T* dst, int n) {
   const hn::ScalableTag<T> d;
   const int N = static_cast<int>(hn::Lanes(d));
+  const size_t vectorBytes = N * sizeof(T);
   int x = 0;
-  for (const int head = alignedHead(dst, N * sizeof(T), n); x < head; ++x)
+  for (const int head = alignedHead(dst, static_cast<int>(vectorBytes), n); x < head; ++x)
     dst[x] = absDiff(a[x], b[x]);
+  const bool aligned = reinterpret_cast<uintptr_t>(dst + x) % vectorBytes == 0;
   for (; x + 2 * N <= n; x += 2 * N) {
-    hn::StoreU(absDiffVec<decltype(d)>(hn::LoadU(d, a + x), hn::LoadU(d, b + x)), d, dst + x);
-    hn::StoreU(absDiffVec<decltype(d)>(hn::LoadU(d, a + x + N), hn::LoadU(d, b + x + N)), d,
-               dst + x + N);
+    put<kStream>(d, absDiffVec<decltype(d)>(hn::LoadU(d, a + x), hn::LoadU(d, b + x)), dst + x,
+                 aligned);
+    put<kStream>(d, absDiffVec<decltype(d)>(hn::LoadU(d, a + x + N), hn::LoadU(d, b + x + N)),
+                 dst + x + N, aligned);
   }
   for (; x < n; ++x) dst[x] = absDiff(a[x], b[x]);
+  fenceStreams<kStream>();
 }
 
-template <class T>
+template <class T, bool kStream>
 void absDiffCRow(const T* a, T v, T* dst, int n) {
   const hn::ScalableTag<T> d;
   const int N = static_cast<int>(hn::Lanes(d));
+  const size_t vectorBytes = N * sizeof(T);
   const auto vv = hn::Set(d, v);
   int x = 0;
-  for (const int head = alignedHead(dst, N * sizeof(T), n); x < head; ++x)
+  for (const int head = alignedHead(dst, static_cast<int>(vectorBytes), n); x < head; ++x)
     dst[x] = absDiff(a[x], v);
+  const bool aligned = reinterpret_cast<uintptr_t>(dst + x) % vectorBytes == 0;
   for (; x + 2 * N <= n; x += 2 * N) {
-    hn::StoreU(absDiffVec<decltype(d)>(hn::LoadU(d, a + x), vv), d, dst + x);
-    hn::StoreU(absDiffVec<decltype(d)>(hn::LoadU(d, a + x + N), vv), d, dst + x + N);
+    put<kStream>(d, absDiffVec<decltype(d)>(hn::LoadU(d, a + x), vv), dst + x, aligned);
+    put<kStream>(d, absDiffVec<decltype(d)>(hn::LoadU(d, a + x + N), vv), dst + x + N, aligned);
   }
   for (; x < n; ++x) dst[x] = absDiff(a[x], v);
+  fenceStreams<kStream>();
 }
 
 }  // namespace HWY_NAMESPACE
@@ -131,23 +173,29 @@ AccRowFn<Src> accRowKernel() {
 }
 
 template <class T>
-AbsDiffRowFn<T> absDiffRowKernel() {
-  static const AbsDiffRowFn<T> table[3] = KVL_SIMD_TABLE(absDiffRow<T>);
-  return simd::pick(table, &ref::absDiffRow<T>);
+AbsDiffRowFn<T> absDiffRowKernel(bool stream) {
+  static const AbsDiffRowFn<T> cached[3] = {
+      N_AVX3::absDiffRow<T, false>, N_AVX2::absDiffRow<T, false>, N_SSE4::absDiffRow<T, false>};
+  static const AbsDiffRowFn<T> streamed[3] = {
+      N_AVX3::absDiffRow<T, true>, N_AVX2::absDiffRow<T, true>, N_SSE4::absDiffRow<T, true>};
+  return simd::pick(stream ? streamed : cached, &ref::absDiffRow<T>);
 }
 
 template <class T>
-AbsDiffCRowFn<T> absDiffCRowKernel() {
-  static const AbsDiffCRowFn<T> table[3] = KVL_SIMD_TABLE(absDiffCRow<T>);
-  return simd::pick(table, &ref::absDiffCRow<T>);
+AbsDiffCRowFn<T> absDiffCRowKernel(bool stream) {
+  static const AbsDiffCRowFn<T> cached[3] = {
+      N_AVX3::absDiffCRow<T, false>, N_AVX2::absDiffCRow<T, false>, N_SSE4::absDiffCRow<T, false>};
+  static const AbsDiffCRowFn<T> streamed[3] = {
+      N_AVX3::absDiffCRow<T, true>, N_AVX2::absDiffCRow<T, true>, N_SSE4::absDiffCRow<T, true>};
+  return simd::pick(stream ? streamed : cached, &ref::absDiffCRow<T>);
 }
 
 #define KVL_INSTANTIATE_ACC(op, Src, masked) template AccRowFn<Src> accRowKernel<op, Src, masked>();
 KVL_ACC_KERNELS(KVL_INSTANTIATE_ACC)
 #undef KVL_INSTANTIATE_ACC
-#define KVL_INSTANTIATE_ABSDIFF(T)                \
-  template AbsDiffRowFn<T> absDiffRowKernel<T>(); \
-  template AbsDiffCRowFn<T> absDiffCRowKernel<T>();
+#define KVL_INSTANTIATE_ABSDIFF(T)                    \
+  template AbsDiffRowFn<T> absDiffRowKernel<T>(bool); \
+  template AbsDiffCRowFn<T> absDiffCRowKernel<T>(bool);
 KVL_ABSDIFF_TYPES(KVL_INSTANTIATE_ABSDIFF)
 #undef KVL_INSTANTIATE_ABSDIFF
 

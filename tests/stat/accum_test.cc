@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 #include "support/support.h"
@@ -364,6 +365,81 @@ TEST(AbsDiffC, NegativeValueCopiesTheSource) {
   Image<Kvl8u> a(37, 2, 0, 1), d(37, 2);
   ASSERT_EQ(kvliAbsDiffC_8u_C1R(a.roi(), a.step(), d.roi(), d.step(), {37, 2}, -5), kvlStatusOk);
   EXPECT_EQ(d.pixels(), a.pixels());
+}
+
+// The cache-bypassing kernels write the same bytes as the reference: every element type, every
+// target, widths that leave heads and tails, and destinations at every element offset inside a
+// 64-byte line (so the vector body starts after heads of every length).
+template <class T>
+void checkStreamingKernels() {
+  kvl::test::forEachTarget([&](int target) {
+    const auto diff = kvl::stat::absDiffRowKernel<T>(true);
+    const auto diffC = kvl::stat::absDiffCRowKernel<T>(true);
+    for (int n : {1, 15, 16, 63, 64, 65, 130, 300, 1027}) {
+      Image<T> a(n, 1, 0, n), b(n, 1, 0, n + 1);
+      a.fillRandom(n);
+      b.fillRandom(n + 1);
+      a.px(0, 0) = std::numeric_limits<T>::max();
+      std::vector<T> want(n), wantC(n);
+      const T v = b.px(n / 2, 0);
+      kvl::stat::ref::absDiffRow<T>(a.at(0, 0), b.at(0, 0), want.data(), n);
+      kvl::stat::ref::absDiffCRow<T>(a.at(0, 0), v, wantC.data(), n);
+      for (int offset = 0; offset < 64; offset += static_cast<int>(sizeof(T)) * (n < 100 ? 1 : 3)) {
+        std::vector<unsigned char> buf((n + 2) * sizeof(T) + 128, 0xa5);
+        const std::vector<unsigned char> clean = buf;
+        T* d = reinterpret_cast<T*>(buf.data() + 64 + offset);
+        const auto check = [&](const std::vector<T>& expect, const char* what) {
+          std::vector<T> got(n);
+          std::memcpy(got.data(), d, n * sizeof(T));
+          ASSERT_TRUE(sameBytes(got, expect, n))
+              << what << " n " << n << " offset " << offset << " " << kvl::test::targetName(target);
+          // Nothing before or after the row changed.
+          ASSERT_TRUE(std::equal(buf.begin(), buf.begin() + 64 + offset, clean.begin()));
+          ASSERT_TRUE(std::equal(buf.begin() + 64 + offset + n * sizeof(T), buf.end(),
+                                 clean.begin() + 64 + offset + n * sizeof(T)));
+        };
+        diff(a.at(0, 0), b.at(0, 0), d, n);
+        check(want, "AbsDiff");
+        diffC(a.at(0, 0), v, d, n);
+        check(wantC, "AbsDiffC");
+      }
+    }
+  });
+}
+
+TEST(AbsDiff, StreamingKernelsMatchTheReference) {
+  checkStreamingKernels<Kvl8u>();
+  checkStreamingKernels<Kvl16u>();
+  checkStreamingKernels<Kvl32f>();
+}
+
+// A destination just above the streaming threshold through the exported functions, with padded
+// rows, on one and two threads.
+TEST(AbsDiff, DestinationAboveTheStreamingThreshold) {
+  const int w = 1021, step = 1088;  // odd width, rows padded to a multiple of 64 bytes
+  const long long threshold = kvl::stat::streamingThresholdBytes();
+  const int h = static_cast<int>(threshold / step) + 3;
+  ASSERT_TRUE(kvl::stat::streamDestination(static_cast<long long>(h) * step));
+  std::vector<Kvl8u> a(static_cast<size_t>(h) * step), b(a.size());
+  for (size_t i = 0; i < a.size(); ++i) {
+    a[i] = static_cast<Kvl8u>(i * 2654435761u >> 13);
+    b[i] = static_cast<Kvl8u>(i * 40503u >> 5);
+  }
+  std::vector<Kvl8u> want(a.size(), 0), wantC(a.size(), 0);
+  for (int y = 0; y < h; ++y) {
+    const size_t o = static_cast<size_t>(y) * step;
+    kvl::stat::ref::absDiffRow<Kvl8u>(&a[o], &b[o], &want[o], w);
+    kvl::stat::ref::absDiffCRow<Kvl8u>(&a[o], Kvl8u{77}, &wantC[o], w);
+  }
+  for (int threads : {1, 2}) {
+    kvl::test::ThreadScope scope(threads);
+    std::vector<Kvl8u> d(a.size(), 0);
+    ASSERT_EQ(kvliAbsDiff_8u_C1R(a.data(), step, b.data(), step, d.data(), step, {w, h}),
+              kvlStatusOk);
+    EXPECT_TRUE(d == want) << "threads " << threads;  // padding stays zero in both
+    ASSERT_EQ(kvliAbsDiffC_8u_C1R(a.data(), step, d.data(), step, {w, h}, 77), kvlStatusOk);
+    EXPECT_TRUE(d == wantC) << "threads " << threads;
+  }
 }
 
 }  // namespace
