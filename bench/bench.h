@@ -25,6 +25,14 @@ struct Size {
 };
 inline const std::vector<Size> kSizes = {{640, 480}, {1920, 1080}, {3840, 2160}};
 
+// The peer's body of a pair when OpenCV is present, else no peer:
+// pair(name, threads, pixels, kvlBody, KVL_PEER([=](benchmark::State& st) { ... })).
+#ifdef KVL_HAVE_OPENCV
+#define KVL_PEER(...) __VA_ARGS__
+#else
+#define KVL_PEER(...) nullptr
+#endif
+
 // Registers "<name>/kvl" and, when `peer` is set and OpenCV is present, "<name>/cv". Both run
 // with `threads` permitted threads in their library; items are pixels.
 void pair(const std::string& name, int threads, long long pixels, Body kvl, Body peer);

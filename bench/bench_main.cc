@@ -46,10 +46,12 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& r : runs) {
-      if (r.run_type != Run::RT_Iteration || r.error_occurred) continue;
-      std::string n = r.benchmark_name();
-      const std::string rt = "/real_time";  // added by UseRealTime()
-      if (n.size() > rt.size() && n.compare(n.size() - rt.size(), rt.size(), rt) == 0) n.resize(n.size() - rt.size());
+      if (r.error_occurred) continue;
+      // With repetitions the medians stand for the case; otherwise the single run does.
+      const bool median = r.run_type == Run::RT_Aggregate && r.aggregate_name == "median";
+      if (r.run_type != Run::RT_Iteration && !median) continue;
+      if (r.run_type == Run::RT_Iteration && r.repetitions > 1) continue;
+      std::string n = r.run_name.function_name;
       const double t = r.GetAdjustedRealTime();
       auto ends = [&](const std::string& s) {
         return n.size() > s.size() && n.compare(n.size() - s.size(), s.size(), s) == 0;
@@ -61,7 +63,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void Finalize() override {
     ConsoleReporter::Finalize();
     if (cv_.empty()) {
-      std::printf("\nNo OpenCV peer in this build: no ratios.\n");
+      std::printf("\nNo OpenCV peer measured in this run: no ratios.\n");
       return;
     }
     std::printf("\n%-56s %10s\n", "case (kvlCV vs OpenCV, same run)", "speed-up");

@@ -19,15 +19,11 @@ const bool registered = [] {
              kvliCopy_32f_C1R(reinterpret_cast<const Kvl32f*>(src->data()), *step,
                               reinterpret_cast<Kvl32f*>(dst->data()), *step, roi);
          },
-#ifdef KVL_HAVE_OPENCV
-         [=](benchmark::State& st) {
+         KVL_PEER([=](benchmark::State& st) {
            cv::Mat a(s.height, s.width, CV_32F, src->data(), *step);
            cv::Mat b(s.height, s.width, CV_32F, dst->data(), *step);
            for (auto _ : st) a.copyTo(b);
-         });
-#else
-         nullptr);
-#endif
+         }));
   }
   return true;
 }();

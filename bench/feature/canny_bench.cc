@@ -63,15 +63,11 @@ const bool registered = [] {
                                      kvlFilterSobel, kvlMaskSize3x3, kvlBorderRepl, 0, kLow, kHigh,
                                      l2 ? kvlNormL2 : kvlNormL1, sc->buf.data());
           },
-#ifdef KVL_HAVE_OPENCV
-          [=](benchmark::State& st) {
+          KVL_PEER([=](benchmark::State& st) {
             cv::Mat src(s.height, s.width, CV_8U, sc->img.data(), sc->step);
             cv::Mat dst(s.height, s.width, CV_8U, sc->dst.data(), sc->dstep);
             for (auto _ : st) cv::Canny(src, dst, kLow, kHigh, 3, l2);
-          });
-#else
-          nullptr);
-#endif
+          }));
     }
     pair(
         "Canny_16s8u/" + s.name(), 1, pixels,
@@ -80,16 +76,12 @@ const bool registered = [] {
             kvliCanny_16s8u_C1R(sc->dx.data(), sc->step * 2, sc->dy.data(), sc->step * 2,
                                 sc->dst.data(), sc->dstep, roi, kLow, kHigh, sc->gradBuf.data());
         },
-#ifdef KVL_HAVE_OPENCV
-        [=](benchmark::State& st) {
+        KVL_PEER([=](benchmark::State& st) {
           cv::Mat dx(s.height, s.width, CV_16S, sc->dx.data(), sc->step * 2);
           cv::Mat dy(s.height, s.width, CV_16S, sc->dy.data(), sc->step * 2);
           cv::Mat dst(s.height, s.width, CV_8U, sc->dst.data(), sc->dstep);
           for (auto _ : st) cv::Canny(dx, dy, dst, kLow, kHigh, false);
-        });
-#else
-        nullptr);
-#endif
+        }));
   }
   return true;
 }();

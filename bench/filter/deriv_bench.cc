@@ -129,17 +129,13 @@ const bool registered = [] {
               for (auto _ : st)
                 c.call(src->data(), *srcStep, dst->data(), dstStep, roi, c.mask, buf.data());
             },
-#ifdef KVL_HAVE_OPENCV
-            [=](benchmark::State& st) {
+            KVL_PEER([=](benchmark::State& st) {
               const cv::Mat a(s.height, s.width, c.f32 ? CV_32F : CV_8U, src->data(), *srcStep);
               cv::Mat b(s.height, s.width,
                         c.f32 ? CV_32F : (c.peer == Peer::kBox ? CV_8U : CV_16S), dst->data(),
                         dstStep);
               for (auto _ : st) runPeer(c, a, b);
-            });
-#else
-            nullptr);
-#endif
+            }));
       }
   return true;
 }();

@@ -122,17 +122,13 @@ const bool registered = [] {
                                                          f.colBuffer.data());
                       });
               },
-#ifdef KVL_HAVE_OPENCV
-              [=](benchmark::State& st) {
+              KVL_PEER([=](benchmark::State& st) {
                 cv::Mat a(s.height, s.width, CV_8U, src->data(), *srcStep);
                 cv::Mat b(s.height, s.width, CV_16S, dst->data(), dstStep);
                 const cv::Mat kx = asMat(kernel16s(K)), ky = asMat(deriv16s(K));
                 for (auto _ : st)
                   cv::sepFilter2D(a, b, CV_16S, kx, ky, cv::Point(-1, -1), 0, cv::BORDER_REPLICATE);
-              });
-#else
-              nullptr);
-#endif
+              }));
         }
         // 32f -> 32f rows -> 32f.
         {
@@ -170,17 +166,13 @@ const bool registered = [] {
                                                          f.colBuffer.data());
                       });
               },
-#ifdef KVL_HAVE_OPENCV
-              [=](benchmark::State& st) {
+              KVL_PEER([=](benchmark::State& st) {
                 cv::Mat a(s.height, s.width, CV_32F, src->data(), step);
                 cv::Mat b(s.height, s.width, CV_32F, dst->data(), step);
                 const cv::Mat mx = asMat(kx), my = asMat(ky);
                 for (auto _ : st)
                   cv::sepFilter2D(a, b, CV_32F, mx, my, cv::Point(-1, -1), 0, cv::BORDER_REPLICATE);
-              });
-#else
-              nullptr);
-#endif
+              }));
         }
       }
     }
