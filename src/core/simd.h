@@ -27,5 +27,9 @@ Fn pick(const Fn (&table)[3], Fn ref) {
 
 }  // namespace kvl::simd
 
+// After the parameter list of a lambda inside a vector kernel: the compiler may otherwise leave
+// a lambda out of line and pass its vectors through memory.
+#define KVL_INLINE_LAMBDA __attribute__((always_inline))
+
 // Inside `#if HWY_ONCE` of a *_simd.cc: the per-target entries of kernel `fn`.
 #define KVL_SIMD_TABLE(fn) {N_AVX3::fn, N_AVX2::fn, N_SSE4::fn}

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "core/pixel.h"
+#include "core/simd.h"
 #include "filter/deriv.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -48,7 +49,8 @@ HWY_INLINE hn::Vec<D> vecTapSum(D d, const L& load) {
     constexpr bool kSame = mirrored(kT, 1);
     hn::Vec<D> s = hn::Zero(d);
     bool first = true;
-    auto add = [&](hn::Vec<D> v, int k) {  // s += k x v, negative k as a subtraction
+    // s += k x v, negative k as a subtraction
+    auto add = [&](hn::Vec<D> v, int k) KVL_INLINE_LAMBDA {
       if (first) {
         s = scaled(d, v, k);
       } else {
@@ -110,12 +112,15 @@ HWY_INLINE void rowPass(const Src* row, int w, int bt, Src value, int x0, int n,
   for (int x = x0; x < lo; ++x) t[x - x0] = rowAtEdge<Src>(kA, row, x, w, bt, value);
   // The interior in whole vectors; the last one overlaps its predecessor rather than leaving
   // a scalar remainder (the row pass has no grouping, so recomputed pixels are identical).
-  auto vecAt = [&](int x) {
+  auto vecAt = [&](int x) KVL_INLINE_LAMBDA {
     if constexpr (std::is_same_v<Src, Kvl8u>) {
       const hn::Rebind<uint8_t, decltype(d)> d8;
-      return vecTapSum<kA>(d, [&](int i) { return hn::PromoteTo(d, hn::LoadU(d8, row + x + i - c)); });
+      return vecTapSum<kA>(d, [&](int i) KVL_INLINE_LAMBDA {
+        return hn::PromoteTo(d, hn::LoadU(d8, row + x + i - c));
+      });
     } else {
-      return vecTapSum<kA>(d, [&](int i) { return hn::LoadU(d, row + x + i - c); });
+      return vecTapSum<kA>(
+          d, [&](int i) KVL_INLINE_LAMBDA { return hn::LoadU(d, row + x + i - c); });
     }
   };
   int x = lo;
@@ -133,12 +138,16 @@ HWY_INLINE void rowPass(const Src* row, int w, int bt, Src value, int x0, int n,
 // The group conversion of 16-bit sums: x recip in single precision, round to nearest even,
 // saturate to D (clamping before rounding gives the same integers, the range ends being whole).
 template <class D8, class D16>
-HWY_INLINE hn::Vec<D8> convertGroup(D8 d8, D16 d16, hn::Vec<D16> s, hn::Vec<hn::Repartition<float, D16>> r) {
+HWY_INLINE hn::Vec<D8> convertGroup(D8 d8, D16 d16, hn::Vec<D16> s,
+                                    hn::Vec<hn::Repartition<float, D16>> r) {
   const hn::Repartition<int32_t, D16> d32;
   const hn::Repartition<float, D16> df;
   const hn::Half<D16> dh;
-  const auto lo = hn::NearestInt(hn::Mul(hn::ConvertTo(df, hn::PromoteTo(d32, hn::LowerHalf(dh, s))), r));
-  const auto hi = hn::NearestInt(hn::Mul(hn::ConvertTo(df, hn::PromoteTo(d32, hn::UpperHalf(dh, s))), r));
+  auto half = [&](auto h) KVL_INLINE_LAMBDA {
+    return hn::NearestInt(hn::Mul(hn::ConvertTo(df, hn::PromoteTo(d32, h)), r));
+  };
+  const auto lo = half(hn::LowerHalf(dh, s));
+  const auto hi = half(hn::UpperHalf(dh, s));
   const auto v16 = hn::Combine(d16, hn::DemoteTo(dh, hi), hn::DemoteTo(dh, lo));
   return hn::DemoteTo(d8, v16);
 }
@@ -203,7 +212,7 @@ void kernel(const Job& j) {
           r1[r] = slot(kPairs - 1, y + r - c);
         }
         const Src* centre = srcRow(y) + x0;
-        auto vecSum = [&](int i) {
+        auto vecSum = [&](int i) KVL_INLINE_LAMBDA {
           if constexpr (centreForm(kKind, kK)) {
             const auto t02 = hn::Add(hn::LoadU(d, r0[0] + i), hn::LoadU(d, r0[2] + i));
             hn::Vec<decltype(d)> ctr;
@@ -218,9 +227,12 @@ void kernel(const Job& j) {
               return hn::Sub(hn::Mul(t02, hn::Set(d, 2.0f)), hn::Mul(ctr, hn::Set(d, 8.0f)));
             }
           } else {
-            auto s = vecTapSum<kB0>(d, [&](int r) { return hn::LoadU(d, r0[r] + i); });
+            auto s = vecTapSum<kB0>(
+                d, [&](int r) KVL_INLINE_LAMBDA { return hn::LoadU(d, r0[r] + i); });
             if constexpr (kPairs == 2)
-              s = hn::Add(s, vecTapSum<kB1>(d, [&](int r) { return hn::LoadU(d, r1[r] + i); }));
+              s = hn::Add(s, vecTapSum<kB1>(d, [&](int r) KVL_INLINE_LAMBDA {
+                            return hn::LoadU(d, r1[r] + i);
+                          }));
             return s;
           }
         };
