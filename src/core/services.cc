@@ -37,3 +37,14 @@ int owncvGetCacheSize() {
   kvlGetMaxCacheSizeB(&size);
   return size;
 }
+
+namespace kvl {
+long long streamingThresholdBytes() {
+  static const long long bytes = [] {
+    constexpr long long kFloor = 1LL << 20;  // when the cache size is unknown or tiny
+    const long long cache = owncvGetCacheSize();
+    return cache > kFloor ? cache : kFloor;
+  }();
+  return bytes;
+}
+}  // namespace kvl

@@ -23,3 +23,16 @@ int runomp();
 int runsepomp(int kernelSize);
 // The size in bytes of the largest cache.
 int owncvGetCacheSize();
+
+namespace kvl {
+// A call that touches more than this many bytes (sources and destination) writes its
+// destination with cache-bypassing stores: the images cannot all stay in the last-level cache,
+// so the destination would only evict the sources (and everything else) on its way through, and
+// the stores skip reading each destination line before overwriting it. Below it every image can
+// stay cached between calls, and ordinary stores keep the destination there. The threshold is
+// the cache size the library reports, with a floor for machines that report none.
+long long streamingThresholdBytes();
+inline bool streamDestination(long long touchedBytes) {
+  return touchedBytes > streamingThresholdBytes();
+}
+}  // namespace kvl

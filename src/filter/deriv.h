@@ -239,8 +239,6 @@ inline void storeOut(void* dstRow, int x, A s, int bodyEnd, float recip) {
 // Columns of the work buffer per tile: each tile keeps pairs x K rows of Work elements. Tiles
 // keep the ring within the first-level caches; the buffer decides the largest tile.
 constexpr long long kRingTarget = 256 * 1024;
-// Destinations of at least this many bytes are written with streaming stores.
-constexpr long long kStreamBytes = 12LL << 20;
 // Source rows are prefetched this many rows ahead of the row pass: on large images the
 // hardware prefetcher alone leaves the loads waiting on memory (measured on 4K frames; 2 rows
 // is too close for 32f, 16 too far).

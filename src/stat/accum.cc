@@ -11,15 +11,6 @@
 
 namespace kvl::stat {
 
-long long streamingThresholdBytes() {
-  static const long long bytes = [] {
-    constexpr long long kFloor = 1LL << 20;  // when the cache size is unknown or tiny
-    const long long cache = owncvGetCacheSize();
-    return cache > kFloor ? cache : kFloor;
-  }();
-  return bytes;
-}
-
 namespace {
 
 using check::Step;
@@ -70,8 +61,8 @@ KvlStatus absDiffImage(const T* a, int aStep, const T* b, int bStep, T* dst, int
   KVL_TRY(check::nonNull(a, b, dst));
   KVL_TRY(check::roi(roi));
   KVL_TRY(check::steps(roi.width, Step<T, kC>{aStep}, Step<T, kC>{bStep}, Step<T, kC>{dstStep}));
-  const AbsDiffRowFn<T> fn =
-      absDiffRowKernel<T>(streamDestination(static_cast<long long>(roi.height) * dstStep));
+  const long long touched = static_cast<long long>(roi.height) * (0LL + aStep + bStep + dstStep);
+  const AbsDiffRowFn<T> fn = absDiffRowKernel<T>(streamDestination(touched));
   const int n = roi.width * kC;
   const bool contiguous = dense(a, aStep, n) && dense(b, bStep, n) && dense(dst, dstStep, n);
   par::runStripes(par::teamPerPixel(roi), roi.height, [&](const par::Stripe& s) {
@@ -94,8 +85,8 @@ KvlStatus absDiffCImage(const T* a, int aStep, T* dst, int dstStep, KvliSize roi
   } else {
     v = saturate<T>(value);
   }
-  const AbsDiffCRowFn<T> fn =
-      absDiffCRowKernel<T>(streamDestination(static_cast<long long>(roi.height) * dstStep));
+  const long long touched = static_cast<long long>(roi.height) * (0LL + aStep + dstStep);
+  const AbsDiffCRowFn<T> fn = absDiffCRowKernel<T>(streamDestination(touched));
   const bool contiguous = dense(a, aStep, roi.width) && dense(dst, dstStep, roi.width);
   par::runStripes(par::teamPerPixel(roi), roi.height, [&](const par::Stripe& s) {
     forRows(s, roi.width, contiguous,

@@ -38,13 +38,6 @@ AbsDiffRowFn<T> absDiffRowKernel(bool stream);
 template <class T>
 AbsDiffCRowFn<T> absDiffCRowKernel(bool stream);
 
-// A destination of more than this many bytes is written with cache-bypassing stores: it would
-// evict the sources (and everything else) from the last-level cache on its way through, and the
-// stores skip reading each destination line before overwriting it. The cache size the library
-// reports, with a floor for machines that report none.
-long long streamingThresholdBytes();
-inline bool streamDestination(long long dstBytes) { return dstBytes > streamingThresholdBytes(); }
-
 namespace ref {
 template <AccOp kOp, class Src, bool kMasked>
 void accRow(const Src* s1, const Src* s2, const Kvl8u* mask, const Kvl32f* in, Kvl32f* out, int n,

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 
+#include "core/services.h"
 #include "support/support.h"
 
 namespace {
@@ -413,13 +414,13 @@ TEST(AbsDiff, StreamingKernelsMatchTheReference) {
   checkStreamingKernels<Kvl32f>();
 }
 
-// A destination just above the streaming threshold through the exported functions, with padded
+// Images just above the streaming threshold through the exported functions, with padded
 // rows, on one and two threads.
 TEST(AbsDiff, DestinationAboveTheStreamingThreshold) {
   const int w = 1021, step = 1088;  // odd width, rows padded to a multiple of 64 bytes
-  const long long threshold = kvl::stat::streamingThresholdBytes();
-  const int h = static_cast<int>(threshold / step) + 3;
-  ASSERT_TRUE(kvl::stat::streamDestination(static_cast<long long>(h) * step));
+  const long long threshold = kvl::streamingThresholdBytes();
+  const int h = static_cast<int>(threshold / (2 * step)) + 3;  // AbsDiffC touches 2 images
+  ASSERT_TRUE(kvl::streamDestination(static_cast<long long>(h) * 2 * step));
   std::vector<Kvl8u> a(static_cast<size_t>(h) * step), b(a.size());
   for (size_t i = 0; i < a.size(); ++i) {
     a[i] = static_cast<Kvl8u>(i * 2654435761u >> 13);
