@@ -5,6 +5,7 @@
 #include <random>
 
 #include "bench.h"
+#include "core/simd.h"
 
 namespace kvl::bench {
 
@@ -81,7 +82,25 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
 }  // namespace kvl::bench
 
+// --kvl_target=avx3|avx2|sse4|scalar caps the vector target kvlCV uses (default: the best the
+// CPU runs), to compare the targets on one machine.
 int main(int argc, char** argv) {
+  const std::string flag = "--kvl_target=";
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a.compare(0, flag.size(), flag) != 0) continue;
+    const std::string t = a.substr(flag.size());
+    const int level = t == "avx3" ? kvl::simd::kAVX3 : t == "avx2" ? kvl::simd::kAVX2
+                    : t == "sse4" ? kvl::simd::kSSE4 : t == "scalar" ? kvl::simd::kRef : -1;
+    if (level < 0) {
+      std::fprintf(stderr, "unknown target '%s' (avx3, avx2, sse4 or scalar)\n", t.c_str());
+      return 1;
+    }
+    kvl::simd::forceTarget(level);
+    for (int j = i; j + 1 < argc; ++j) argv[j] = argv[j + 1];
+    --argc;
+    --i;
+  }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   kvl::bench::RatioReporter reporter;
