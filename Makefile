@@ -4,8 +4,8 @@ CMAKE_FLAGS ?=
 RELEASE := build/release
 ASAN := build/asan
 BENCH := build/bench
-# Each case runs five times, interleaved at random with the others, and the ratios use the
-# medians: a shared machine's noise then hits kvlCV and its peer alike.
+# Each case runs five times, interleaved at random with the others, and the ratios compare the
+# best repetitions: a shared machine's noise only adds time, and hits kvlCV and its peer alike.
 BENCH_RUN ?= --benchmark_min_time=0.1 --benchmark_repetitions=5 \
   --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true
 

@@ -33,6 +33,9 @@ inline const std::vector<Size> kSizes = {{640, 480}, {1920, 1080}, {3840, 2160}}
 #define KVL_PEER(...) nullptr
 #endif
 
+// Real time, plus the best repetition as the "min" statistic the ratio table uses.
+benchmark::internal::Benchmark* timed(benchmark::internal::Benchmark* b);
+
 // Registers "<name>/kvl" and, when `peer` is set and OpenCV is present, "<name>/cv". Both run
 // with `threads` permitted threads in their library; items are pixels.
 void pair(const std::string& name, int threads, long long pixels, Body kvl, Body peer);
