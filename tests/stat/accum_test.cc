@@ -368,50 +368,55 @@ TEST(AbsDiffC, NegativeValueCopiesTheSource) {
   EXPECT_EQ(d.pixels(), a.pixels());
 }
 
-// The cache-bypassing kernels write the same bytes as the reference: every element type, every
-// target, widths that leave heads and tails, and destinations at every element offset inside a
-// 64-byte line (so the vector body starts after heads of every length).
+// The row kernels, cached and cache-bypassing, write the same bytes as the reference: every
+// element type, every target, widths that leave heads, four-vector steps and tails, and
+// destinations at every element offset inside a 64-byte line (so the vector body starts after
+// heads of every length).
 template <class T>
-void checkStreamingKernels() {
+void checkRowKernels() {
   kvl::test::forEachTarget([&](int target) {
-    const auto diff = kvl::stat::absDiffRowKernel<T>(true);
-    const auto diffC = kvl::stat::absDiffCRowKernel<T>(true);
-    for (int n : {1, 15, 16, 63, 64, 65, 130, 300, 1027}) {
-      Image<T> a(n, 1, 0, n), b(n, 1, 0, n + 1);
-      a.fillRandom(n);
-      b.fillRandom(n + 1);
-      a.px(0, 0) = std::numeric_limits<T>::max();
-      std::vector<T> want(n), wantC(n);
-      const T v = b.px(n / 2, 0);
-      kvl::stat::ref::absDiffRow<T>(a.at(0, 0), b.at(0, 0), want.data(), n);
-      kvl::stat::ref::absDiffCRow<T>(a.at(0, 0), v, wantC.data(), n);
-      for (int offset = 0; offset < 64; offset += static_cast<int>(sizeof(T)) * (n < 100 ? 1 : 3)) {
-        std::vector<unsigned char> buf((n + 2) * sizeof(T) + 128, 0xa5);
-        const std::vector<unsigned char> clean = buf;
-        T* d = reinterpret_cast<T*>(buf.data() + 64 + offset);
-        const auto check = [&](const std::vector<T>& expect, const char* what) {
-          std::vector<T> got(n);
-          std::memcpy(got.data(), d, n * sizeof(T));
-          ASSERT_TRUE(sameBytes(got, expect, n))
-              << what << " n " << n << " offset " << offset << " " << kvl::test::targetName(target);
-          // Nothing before or after the row changed.
-          ASSERT_TRUE(std::equal(buf.begin(), buf.begin() + 64 + offset, clean.begin()));
-          ASSERT_TRUE(std::equal(buf.begin() + 64 + offset + n * sizeof(T), buf.end(),
-                                 clean.begin() + 64 + offset + n * sizeof(T)));
-        };
-        diff(a.at(0, 0), b.at(0, 0), d, n);
-        check(want, "AbsDiff");
-        diffC(a.at(0, 0), v, d, n);
-        check(wantC, "AbsDiffC");
+    for (bool stream : {false, true}) {
+      const auto diff = kvl::stat::absDiffRowKernel<T>(stream);
+      const auto diffC = kvl::stat::absDiffCRowKernel<T>(stream);
+      for (int n : {1, 15, 16, 63, 64, 65, 130, 300, 1027}) {
+        Image<T> a(n, 1, 0, n), b(n, 1, 0, n + 1);
+        a.fillRandom(n);
+        b.fillRandom(n + 1);
+        a.px(0, 0) = std::numeric_limits<T>::max();
+        std::vector<T> want(n), wantC(n);
+        const T v = b.px(n / 2, 0);
+        kvl::stat::ref::absDiffRow<T>(a.at(0, 0), b.at(0, 0), want.data(), n);
+        kvl::stat::ref::absDiffCRow<T>(a.at(0, 0), v, wantC.data(), n);
+        const int stride = static_cast<int>(sizeof(T)) * (n < 100 ? 1 : 3);
+        for (int offset = 0; offset < 64; offset += stride) {
+          std::vector<unsigned char> buf((n + 2) * sizeof(T) + 128, 0xa5);
+          const std::vector<unsigned char> clean = buf;
+          T* d = reinterpret_cast<T*>(buf.data() + 64 + offset);
+          const auto check = [&](const std::vector<T>& expect, const char* what) {
+            std::vector<T> got(n);
+            std::memcpy(got.data(), d, n * sizeof(T));
+            ASSERT_TRUE(sameBytes(got, expect, n))
+                << what << (stream ? " streamed" : " cached") << " n " << n << " offset "
+                << offset << " " << kvl::test::targetName(target);
+            // Nothing before or after the row changed.
+            ASSERT_TRUE(std::equal(buf.begin(), buf.begin() + 64 + offset, clean.begin()));
+            ASSERT_TRUE(std::equal(buf.begin() + 64 + offset + n * sizeof(T), buf.end(),
+                                   clean.begin() + 64 + offset + n * sizeof(T)));
+          };
+          diff(a.at(0, 0), b.at(0, 0), d, n);
+          check(want, "AbsDiff");
+          diffC(a.at(0, 0), v, d, n);
+          check(wantC, "AbsDiffC");
+        }
       }
     }
   });
 }
 
-TEST(AbsDiff, StreamingKernelsMatchTheReference) {
-  checkStreamingKernels<Kvl8u>();
-  checkStreamingKernels<Kvl16u>();
-  checkStreamingKernels<Kvl32f>();
+TEST(AbsDiff, RowKernelsMatchTheReference) {
+  checkRowKernels<Kvl8u>();
+  checkRowKernels<Kvl16u>();
+  checkRowKernels<Kvl32f>();
 }
 
 // Images just above the streaming threshold through the exported functions, with padded
