@@ -135,14 +135,11 @@ const bool registered = [] {
           for (auto _ : st) fn(p, {s.width, s.height});
           st.SetBytesProcessed(st.iterations() * bytes);
         };
-        Body cvBody = nullptr;
-#ifdef KVL_HAVE_OPENCV
-        cvBody = [=, fn = c.cv](benchmark::State& st) {
+        const Body cvBody = KVL_PEER([=, fn = c.cv](benchmark::State& st) {
           Planes& p = get();
           for (auto _ : st) fn(p, s.width, s.height);
           st.SetBytesProcessed(st.iterations() * bytes);
-        };
-#endif
+        });
         pair(std::string(c.name) + "/" + s.name(), threads, pixels, kvlBody, cvBody);
       }
       // The yardstick: a streaming copy of the 32f accumulator's bytes split over the same threads.

@@ -91,8 +91,8 @@ void run(Kind kind, int K, Out o, const void* pSrc, int srcStep, void* pDst, int
          KvliSize roi, int bt, float value, float recip, Kvl8u* pBuffer, long long bytes,
          bool threaded) {
   const Fn fn = pickKernel(kind, K, o);
-  // 16-bit and float outputs of calls whose images outgrow the cache bypass it; 8-bit outputs
-  // are stored through the rounded groups and the scalar tail, and stay cached.
+  // 16-bit and float outputs of calls whose images outgrow the cache bypass it; the kernels
+  // store 8-bit outputs with ordinary stores only.
   const int inBytes = o == Out::k32f ? 4 : 1, outBytes = o == Out::k32f ? 4 : 2;
   const long long touched = static_cast<long long>(roi.width) * roi.height * (inBytes + outBytes);
   const bool stream = (o == Out::k16s || o == Out::k32f) && streamDestination(touched);

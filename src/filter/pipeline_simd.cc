@@ -11,6 +11,8 @@
 #include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
 
+#include <type_traits>
+
 #include "core/simd.h"
 #include "filter/pipeline.h"
 
@@ -23,6 +25,21 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 // Longer kernels run the scalar reference (their coefficients would not stay in registers).
 constexpr int kMaxTaps = 64;
+
+// Calls f(taps, unit) with taps = std::integral_constant<int, K> for the dedicated 3- and 5-tap
+// paths (0, any length, otherwise) and unit = std::bool_constant<recip == 1>.
+template <class F>
+HWY_INLINE void byTaps(int K, float recip, F&& f) {
+  auto withUnit = [&](auto taps) {
+    if (recip == 1.0f) return f(taps, std::true_type{});
+    return f(taps, std::false_type{});
+  };
+  switch (K) {
+    case 3: return withUnit(std::integral_constant<int, 3>{});
+    case 5: return withUnit(std::integral_constant<int, 5>{});
+    default: return withUnit(std::integral_constant<int, 0>{});
+  }
+}
 
 // A coefficient pair as the bits of one 32-bit lane: c0 in the low (even) 16-bit lane.
 inline int32_t pairBits(int c0, int c1) {
@@ -132,18 +149,9 @@ void rowIntImpl(const Src* e, int16_t* out, int n, int stride, const int16_t* ke
 template <class Src>
 void rowInt(const Src* e, int16_t* out, int n, int stride, const int16_t* kernel, int K,
             float recip) {
-  const bool unit = recip == 1.0f;
-  switch (K) {
-    case 3:
-      return unit ? rowIntImpl<3, true>(e, out, n, stride, kernel, K, recip)
-                  : rowIntImpl<3, false>(e, out, n, stride, kernel, K, recip);
-    case 5:
-      return unit ? rowIntImpl<5, true>(e, out, n, stride, kernel, K, recip)
-                  : rowIntImpl<5, false>(e, out, n, stride, kernel, K, recip);
-    default:
-      return unit ? rowIntImpl<0, true>(e, out, n, stride, kernel, K, recip)
-                  : rowIntImpl<0, false>(e, out, n, stride, kernel, K, recip);
-  }
+  byTaps(K, recip, [&](auto taps, auto unit) {
+    rowIntImpl<decltype(taps)::value, decltype(unit)::value>(e, out, n, stride, kernel, K, recip);
+  });
 }
 
 void row8u16s(const Kvl8u* e, Kvl16s* out, int n, int stride, const Kvl16s* kernel, int K,
@@ -215,14 +223,9 @@ void rowFloatImpl(const Src* e, Src* out, int n, int stride, const Ker* kernel, 
 
 template <class Src, class Ker>
 void rowFloat(const Src* e, Src* out, int n, int stride, const Ker* kernel, int K, float recip) {
-  switch (K) {
-    case 3:
-      return rowFloatImpl<3>(e, out, n, stride, kernel, K, recip);
-    case 5:
-      return rowFloatImpl<5>(e, out, n, stride, kernel, K, recip);
-    default:
-      return rowFloatImpl<0>(e, out, n, stride, kernel, K, recip);
-  }
+  byTaps(K, recip, [&](auto taps, auto) {
+    rowFloatImpl<decltype(taps)::value>(e, out, n, stride, kernel, K, recip);
+  });
 }
 
 void row16u(const Kvl16u* e, Kvl16u* out, int n, int stride, const Kvl16u* kernel, int K,
@@ -284,18 +287,9 @@ void columnIntImpl(const int16_t* const* rows, Dst* out, int n, const int16_t* k
 template <class Dst>
 void columnInt(const int16_t* const* rows, Dst* out, int n, const int16_t* kernel, int K,
                float recip) {
-  const bool unit = recip == 1.0f;
-  switch (K) {
-    case 3:
-      return unit ? columnIntImpl<3, true>(rows, out, n, kernel, K, recip)
-                  : columnIntImpl<3, false>(rows, out, n, kernel, K, recip);
-    case 5:
-      return unit ? columnIntImpl<5, true>(rows, out, n, kernel, K, recip)
-                  : columnIntImpl<5, false>(rows, out, n, kernel, K, recip);
-    default:
-      return unit ? columnIntImpl<0, true>(rows, out, n, kernel, K, recip)
-                  : columnIntImpl<0, false>(rows, out, n, kernel, K, recip);
-  }
+  byTaps(K, recip, [&](auto taps, auto unit) {
+    columnIntImpl<decltype(taps)::value, decltype(unit)::value>(rows, out, n, kernel, K, recip);
+  });
 }
 
 void column16s(const Kvl16s* const* rows, Kvl16s* out, int n, const Kvl16s* kernel, int K,
@@ -358,14 +352,9 @@ void columnFloatImpl(const Src* const* rows, Src* out, int n, const Ker* kernel,
 
 template <class Src, class Ker>
 void columnFloat(const Src* const* rows, Src* out, int n, const Ker* kernel, int K, float recip) {
-  switch (K) {
-    case 3:
-      return columnFloatImpl<3>(rows, out, n, kernel, K, recip);
-    case 5:
-      return columnFloatImpl<5>(rows, out, n, kernel, K, recip);
-    default:
-      return columnFloatImpl<0>(rows, out, n, kernel, K, recip);
-  }
+  byTaps(K, recip, [&](auto taps, auto) {
+    columnFloatImpl<decltype(taps)::value>(rows, out, n, kernel, K, recip);
+  });
 }
 
 void column16u(const Kvl16u* const* rows, Kvl16u* out, int n, const Kvl16u* kernel, int K,
