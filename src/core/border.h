@@ -37,22 +37,45 @@ inline int mapIndex(int i, int w, int mode) {
   }
 }
 
+// Index i of a row or column of n pixels, as a filter reads it under border type bt: i itself
+// inside, or on a side whose in-memory flag (flagLow below 0, flagHigh above n - 1) is set or
+// with mode 6; the folded index for modes 1..4; kConstant for the constant border (mode 0).
+constexpr int kConstant = -2147483647 - 1;
+inline int sourceIndex(int i, int n, int bt, int flagLow, int flagHigh) {
+  if (i >= 0 && i < n) return i;
+  const int mode = bt & 15;
+  if (mode == kvlBorderInMem || (bt & (i < 0 ? flagLow : flagHigh))) return i;
+  const int j = mapIndex(i, n, mode);  // -1: mode 0 (or a mode no caller accepts)
+  return j < 0 ? kConstant : j;
+}
+// The image row a filter reads for row y of an image of h rows (kConstant: a constant row).
+inline int sourceRow(int y, int h, int bt) {
+  return sourceIndex(y, h, bt, kvlBorderInMemTop, kvlBorderInMemBottom);
+}
+// Pixel x (any integer) of a one-channel row of w pixels extended by the row rule.
+template <class T>
+inline T pixelAt(const T* row, int x, int w, int bt, T value) {
+  if (x >= 0 && x < w) return row[x];
+  const int j = sourceIndex(x, w, bt, kvlBorderInMemLeft, kvlBorderInMemRight);
+  return j == kConstant ? value : row[j];
+}
+
+// Pixels [from, to) (any integers) of the row p0 .. p(w-1) of kC channels, extended by the row
+// rule, into out: the middle is copied, the sides follow the mode or read memory.
+template <class T, int kC>
+void extendRange(const T* src, int w, int from, int to, int bt, T value, T* out) {
+  for (int i = from; i < to; ++i, out += kC) {
+    const int j = sourceIndex(i, w, bt, kvlBorderInMemLeft, kvlBorderInMemRight);
+    for (int c = 0; c < kC; ++c) out[c] = j == kConstant ? value : src[j * kC + c];
+  }
+}
+
 // Writes the L extension pixels left of the row p0 .. p(w-1) to dst[0 .. L) and the R pixels
-// right of it to dst[L + w .. L + w + R) (in pixels of kC channels). A side with its in-memory flag
-// (or mode 6) reads the pixels stored beside the row; the other sides follow the mode, mode 0
-// taking `value` in every channel.
+// right of it to dst[L + w .. L + w + R) (in pixels of kC channels).
 template <class T, int kC>
 void fillSides(const T* src, T* dst, int w, int L, int R, int borderType, T value) {
-  const int mode = borderType & 15;
-  const bool inMem = mode == kvlBorderInMem;
-  auto side = [&](int from, int to, bool mem, T* out) {
-    for (int i = from; i < to; ++i, out += kC) {
-      const int j = mem ? i : mapIndex(i, w, mode);
-      for (int c = 0; c < kC; ++c) out[c] = (!mem && j < 0) ? value : src[j * kC + c];
-    }
-  };
-  side(-L, 0, inMem || (borderType & kvlBorderInMemLeft), dst);
-  side(w, w + R, inMem || (borderType & kvlBorderInMemRight), dst + (L + w) * kC);
+  extendRange<T, kC>(src, w, -L, 0, borderType, value, dst);
+  extendRange<T, kC>(src, w, w, w + R, borderType, value, dst + (L + w) * kC);
 }
 
 // Writes A + w + (K - 1 - A) pixels: the row extended by A pixels on the left and K - 1 - A on

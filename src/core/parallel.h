@@ -37,6 +37,32 @@ inline int teamBorderFilter(KvliSize roi) {
                           ownGetNumThreads());
 }
 
+// Separable pipelines (the row passes of 8u16s and 16s, the column passes of 16s, 16s8u, 16s8s
+// and Low_16s): a team of `threads` from width x height >= 32768 x maxThreads pixels; the column
+// passes also need runsepomp(kernelSize) != 0, so kernels of 3 and 5 taps go parallel only on a
+// die with several cores.
+constexpr long long kPipelineMinPixelsPerThread = 32768;
+inline int teamPipeline(KvliSize roi, int maxThreads, int threads) {
+  if (static_cast<long long>(roi.width) * roi.height < kPipelineMinPixelsPerThread * maxThreads)
+    return 1;
+  return threads > 1 ? threads : 1;
+}
+inline int teamPipelineRow(KvliSize roi) {
+  return teamPipeline(roi, owncvGetMaxNumThreads(), ownGetNumThreads());
+}
+inline int teamPipelineColumn(KvliSize roi, int kernelSize) {
+  return runsepomp(kernelSize) != 0 ? teamPipelineRow(roi) : 1;
+}
+
+// Colour-to-grey gradient: min(width x height / 1024, height / 16, threads); 1 or less is serial.
+inline int teamGradient(KvliSize roi, int threads) {
+  long long team = static_cast<long long>(roi.width) * roi.height / 1024;
+  if (roi.height / 16 < team) team = roi.height / 16;
+  if (threads < team) team = threads;
+  return team > 1 ? static_cast<int>(team) : 1;
+}
+inline int teamGradient(KvliSize roi) { return teamGradient(roi, ownGetNumThreads()); }
+
 // One thread's share of the rows. Stripe edges inside the image are marked in memory, so a
 // neighbourhood filter reads its neighbours' rows there instead of extending the border.
 struct Stripe {

@@ -8,6 +8,7 @@
 #include "core/check.h"
 #include "core/pixel.h"
 #include "core/simd.h"
+#include "filter/deriv.h"
 #include "impl_decls.h"
 
 namespace kvl::feature {
@@ -15,6 +16,9 @@ namespace {
 
 // The stack switches to 32-bit coordinates at this width or height.
 constexpr int kWideStackFrom = 65533;
+// CannyBorder computes its derivatives this many rows at a time (fewer when the buffer is small):
+// each band restarts the derivative kernels' ring above it, so longer bands waste less.
+constexpr int kCannyBandRows = 32;
 
 uint8_t* align32(uint8_t* p) { return p + ((32 - reinterpret_cast<uintptr_t>(p) % 32) % 32); }
 size_t round32(size_t n) { return (n + 31) / 32 * 32; }
@@ -167,7 +171,7 @@ void detect(const Map& map, Rings<M>& rings, EdgeStack<C>& st, int w, int h, M h
   std::memset(below, 0, (static_cast<size_t>(w) + 2) * sizeof(M));
   suppress(h - 1, below);
 
-  const LinkFn link = simd::pick(kLinkTable, &ref::link);
+  const LinkFn link = kLink.pick();
   for (int r = 0; r < h; ++r) {
     uint8_t* row = map.row(r);
     const int n = link(map.row(r - 1), row, map.row(r + 1), w, rings.seeds);
@@ -175,7 +179,7 @@ void detect(const Map& map, Rings<M>& rings, EdgeStack<C>& st, int w, int h, M h
       st.push(row + rings.seeds[i], static_cast<size_t>(r), rings.seeds[i]);
     hysteresis(map, w, h, st);  // grows while the rows around r are in cache
   }
-  const EdgesFn edges = simd::pick(kEdgesTable, &ref::edges);
+  const EdgesFn edges = kEdges.pick();
   for (int r = 0; r < h; ++r) edges(map.row(r), w, rowPtr(pDst, dstStep, r));
 }
 
@@ -245,11 +249,11 @@ extern "C" KvlStatus impl_kvliCanny_16s8u_C1R(const Kvl16s* pSrcDx, int srcDxSte
   KVL_TRY(checkThresholds(lowThreshold, highThreshold));
   const int w = roiSize.width, h = roiSize.height;
   const int32_t low = truncThreshold(lowThreshold), high = truncThreshold(highThreshold);
-  const MagClass16sFn magClass = simd::pick(kMagClass16sTable, &ref::magClass16s);
+  const MagClass16sFn magClass = kMagClass16s.pick();
   auto magRow = [&](int y, int32_t* mag, uint8_t* cls) {
     magClass(rowPtr(pSrcDx, srcDxStep, y), rowPtr(pSrcDy, srcDyStep, y), w, low, mag, cls);
   };
-  runGradientStack<int32_t>(pBuffer, w, h, high, simd::pick(kNms32sTable, &ref::nms32s), magRow,
+  runGradientStack<int32_t>(pBuffer, w, h, high, kNms32s.pick(), magRow,
                             pDstEdges, dstEdgeStep);
   return kvlStatusOk;
 }
@@ -265,11 +269,11 @@ extern "C" KvlStatus impl_kvliCanny_32f8u_C1R(const Kvl32f* pSrcDx, int srcDxSte
                        check::Step<Kvl32f>{srcDyStep}, check::Step<Kvl8u>{dstEdgeStep}));
   KVL_TRY(checkThresholds(lowThreshold, highThreshold));
   const int w = roiSize.width, h = roiSize.height;
-  const MagClass32fFn magClass = simd::pick(kMagClass32fTable, &ref::magClass32f);
+  const MagClass32fFn magClass = kMagClass32f.pick();
   auto magRow = [&](int y, float* mag, uint8_t* cls) {
     magClass(rowPtr(pSrcDx, srcDxStep, y), rowPtr(pSrcDy, srcDyStep, y), w, lowThreshold, mag, cls);
   };
-  runGradientStack<float>(pBuffer, w, h, highThreshold, simd::pick(kNms32fTable, &ref::nms32f),
+  runGradientStack<float>(pBuffer, w, h, highThreshold, kNms32f.pick(),
                           magRow, pDstEdges, dstEdgeStep);
   return kvlStatusOk;
 }
@@ -304,38 +308,66 @@ extern "C" KvlStatus impl_kvliCannyBorder_8u_C1R(const Kvl8u* pSrc, int srcStep,
     return kvlStatusBadBorderType;
 
   const int w = roiSize.width, h = roiSize.height;
-  const BorderSource source{pSrc,
-                            srcStep,
-                            w,
-                            h,
-                            borderType,
-                            borderValue,
-                            filterType == kvlFilterScharr,
-                            mask == kvlMaskSize5x5 ? 2 : 1};
-  // Layout: map, then one region with the magnitude and class rings, the derivative rows and
-  // the derivative scratch, then the stack of 32-bit pairs in whatever the size query left.
+  const int K = mask == kvlMaskSize5x5 ? 5 : 3;
+  // The derivatives come from the derivative filters' kernels: dx is kerDx along the rows and
+  // the smoothing kernel down the columns (right minus left), dy the transpose (below minus
+  // above). Bit 0 of the border type chooses replicate or constant, so mode 6 alone is the
+  // constant border; only the flags read memory.
+  namespace dv = kvl::filter::deriv;
+  const bool scharr = filterType == kvlFilterScharr;
+  const dv::Fn derivDx =
+      dv::kernelFor({scharr ? dv::Kind::kScharrVert : dv::Kind::kSobelDx, K, dv::Out::k16s}).pick();
+  const dv::Fn derivDy =
+      dv::kernelFor({scharr ? dv::Kind::kScharrHoriz : dv::Kind::kSobelHoriz, K, dv::Out::k16s})
+          .pick();
+  const int bt = ((borderType & 1) ? kvlBorderRepl : kvlBorderConst) | (borderType & check::kInMemFlags);
+
+  // Layout: map, the magnitude and class rings, a band of dx and dy rows, the derivative kernels'
+  // ring, then the stack of 32-bit pairs in whatever the size query left. A stack too small for
+  // every strong pixel only costs rescans (see EdgeStack), so the band and ring come first.
   uint8_t* const end = pBuffer + borderSize(roiSize, mask);
   uint8_t* p = align32(pBuffer);
   const Map map{p, static_cast<ptrdiff_t>(w) + 2};
   p += round32(static_cast<size_t>(w + 2) * static_cast<size_t>(h + 2));
   Rings<float> rings;
-  p = carveRings(p, w, rings);
+  p = carveRings(p, w, rings);  // 4-byte aligned
+  // The band of dx and dy rows, then the ring, packed: the smallest ROIs leave only a few bytes
+  // beyond one row of each (the kernels align their ring themselves and tile a row that does not
+  // fit it whole).
+  const size_t rowBytes = static_cast<size_t>(w) * sizeof(Kvl16s);
+  const size_t ringBytes = static_cast<size_t>(K) * rowBytes + 64;
+  const size_t free = static_cast<size_t>(end - p);
+  int band = kCannyBandRows < h ? kCannyBandRows : h;
+  while (band > 1 && 2 * rowBytes * band + ringBytes > free) --band;
   Kvl16s* dx = reinterpret_cast<Kvl16s*>(p);
-  Kvl16s* dy = dx + w;
-  p += static_cast<size_t>(w) * 4;
-  uint8_t* scratch = p;  // 4-byte aligned: the rows above are whole multiples of 4 bytes
-  p = align32(scratch + derivScratchBytes(w));
+  Kvl16s* dy = dx + static_cast<size_t>(w) * band;
+  p += 2 * rowBytes * band;
+  const size_t left = static_cast<size_t>(end - p);
+  const size_t ringHave = left < ringBytes ? left : ringBytes;
+  uint8_t* ring = p;
+  p += ringHave;
+  p += (8 - reinterpret_cast<uintptr_t>(p) % 8) % 8;  // the stack's pairs
   const size_t stackCap = p < end ? static_cast<size_t>(end - p) / sizeof(Pair<uint32_t>) : 0;
   EdgeStack<uint32_t> st{reinterpret_cast<Pair<uint32_t>*>(p), stackCap};
 
-  const DerivRowFn deriv = simd::pick(kDerivRowTable, &ref::derivRow);
-  const MagClassBorderFn magClass = simd::pick(kMagClassBorderTable, &ref::magClassBorder);
+  dv::Job job{pSrc, srcStep, dx, static_cast<int>(rowBytes), w, h, 0, 0, bt,
+              static_cast<float>(borderValue), 1.0f, 0, ring, static_cast<long long>(ringHave),
+              false, dv::kPrefetchRows};
+  const MagClassBorderFn magClass = kMagClassBorder.pick();
   const bool l2 = norm == kvlNormL2;
   auto magRow = [&](int y, float* mag, uint8_t* cls) {
-    deriv(source, y, dx, dy, scratch);
-    magClass(dx, dy, w, lowThreshold, l2, mag, cls);
+    const int i = y % band;
+    if (i == 0) {  // the next band of derivative rows
+      job.y0 = job.dstY0 = y;
+      job.rows = h - y < band ? h - y : band;
+      job.dst = dx;
+      derivDx(job);
+      job.dst = dy;
+      derivDy(job);
+    }
+    const size_t at = static_cast<size_t>(i) * static_cast<size_t>(w);
+    magClass(dx + at, dy + at, w, lowThreshold, l2, mag, cls);
   };
-  detect(map, rings, st, w, h, highThreshold, simd::pick(kNms32fTable, &ref::nms32f), magRow, pDst,
-         dstStep);
+  detect(map, rings, st, w, h, highThreshold, kNms32f.pick(), magRow, pDst, dstStep);
   return kvlStatusOk;
 }

@@ -1,11 +1,12 @@
-// Canny edge detection: row kernels (derivatives, magnitude and direction class, suppression,
-// final map to edges), their vector tables, and the shared work-buffer and hysteresis helpers.
+// Canny edge detection: row kernels (magnitude and direction class, suppression, seeds, final
+// map to edges) and their dispatch. CannyBorder takes its derivatives from the derivative filters.
 #pragma once
 
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 
+#include "core/simd.h"
 #include "kvlcv.h"
 
 namespace kvl::feature {
@@ -65,23 +66,6 @@ using LinkFn = int (*)(const uint8_t* prev, uint8_t* cur, const uint8_t* next, i
 // out[c] = 255 where mapRow[c] is kEdge, else 0.
 using EdgesFn = void (*)(const uint8_t* mapRow, int w, Kvl8u* out);
 
-// The source of CannyBorder as the derivative stage sees it.
-struct BorderSource {
-  const Kvl8u* src;
-  int step;
-  int width, height;
-  int borderType;  // mode bit 0: replicate (1) or constant (0); flags 16..128 read memory
-  Kvl8u value;
-  bool scharr;  // 3x3 only
-  int k;        // kernel radius: 1 (3x3) or 2 (5x5)
-};
-
-// Derivatives of ROI row y: dx, dy of w elements. `scratch` holds derivScratchBytes(w) bytes.
-using DerivRowFn = void (*)(const BorderSource& s, int y, Kvl16s* dx, Kvl16s* dy, uint8_t* scratch);
-// Scratch of the derivative stage (2-byte aligned): two 16-bit rows of w + 4 and a constant row
-// of w bytes.
-constexpr size_t derivScratchBytes(int w) { return 5 * static_cast<size_t>(w) + 20; }
-
 namespace ref {
 void magClass16s(const Kvl16s* dx, const Kvl16s* dy, int w, int32_t low, int32_t* mag,
                  uint8_t* cls);
@@ -96,16 +80,14 @@ void nms32f(const float* prev, const float* cur, const float* next, const uint8_
             float high, uint8_t* mapRow);
 int link(const uint8_t* prev, uint8_t* cur, const uint8_t* next, int w, uint32_t* cols);
 void edges(const uint8_t* mapRow, int w, Kvl8u* out);
-void derivRow(const BorderSource& s, int y, Kvl16s* dx, Kvl16s* dy, uint8_t* scratch);
 }  // namespace ref
 
-extern const MagClass16sFn kMagClass16sTable[3];
-extern const MagClass32fFn kMagClass32fTable[3];
-extern const MagClassBorderFn kMagClassBorderTable[3];
-extern const Nms32sFn kNms32sTable[3];
-extern const Nms32fFn kNms32fTable[3];
-extern const EdgesFn kEdgesTable[3];
-extern const LinkFn kLinkTable[3];
-extern const DerivRowFn kDerivRowTable[3];
+extern const simd::Kernel<MagClass16sFn> kMagClass16s;
+extern const simd::Kernel<MagClass32fFn> kMagClass32f;
+extern const simd::Kernel<MagClassBorderFn> kMagClassBorder;
+extern const simd::Kernel<Nms32sFn> kNms32s;
+extern const simd::Kernel<Nms32fFn> kNms32f;
+extern const simd::Kernel<EdgesFn> kEdges;
+extern const simd::Kernel<LinkFn> kLink;
 
 }  // namespace kvl::feature

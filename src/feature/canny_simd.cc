@@ -14,6 +14,7 @@ HWY_BEFORE_NAMESPACE();
 namespace kvl::feature {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
+#if KVL_SIMD_TARGET
 
 using DI = hn::ScalableTag<int32_t>;
 using DF = hn::ScalableTag<float>;
@@ -200,109 +201,7 @@ void edges(const uint8_t* mapRow, int w, Kvl8u* out) {
   ref::edges(mapRow + c, w - c, out + c);
 }
 
-// Derivatives from the 8-bit source: a vertical pass over the 2k + 1 source rows gives, per
-// column, the smoothed sum V and the derivative sum D (16-bit, exact); a horizontal pass then
-// gives dx = deriv (x) V and dy = smooth (x) D. Rows outside the ROI are memory rows (flag),
-// the edge row (replicate) or a constant row; the k columns on either side follow the column rule.
-void derivRow(const BorderSource& s, int y, Kvl16s* dx, Kvl16s* dy, uint8_t* scratch) {
-  static const int16_t kSmooth3[3] = {1, 2, 1}, kScharr3[3] = {3, 10, 3}, kDeriv3[3] = {-1, 0, 1};
-  static const int16_t kSmooth5[5] = {1, 4, 6, 4, 1}, kDeriv5[5] = {-1, -2, 0, 2, 1};
-  const int k = s.k, n = 2 * k + 1, w = s.width;
-  const int16_t* smooth = k == 2 ? kSmooth5 : (s.scharr ? kScharr3 : kSmooth3);
-  const int16_t* deriv = k == 2 ? kDeriv5 : kDeriv3;
-  const bool repl = (s.borderType & 1) != 0;
-  int16_t* V = reinterpret_cast<int16_t*>(scratch);
-  int16_t* D = V + w + 2 * k;
-  uint8_t* constRow = reinterpret_cast<uint8_t*>(D + w + 2 * k);
-
-  const Kvl8u* rows[5];
-  bool constant[5];
-  bool anyConstant = false;
-  for (int i = 0; i < n; ++i) {
-    int r = y + i - k;
-    constant[i] = false;
-    if (r < 0 || r >= s.height) {
-      const bool mem = (s.borderType & (r < 0 ? kvlBorderInMemTop : kvlBorderInMemBottom)) != 0;
-      if (!mem) {
-        if (repl) {
-          r = r < 0 ? 0 : s.height - 1;
-        } else {
-          constant[i] = anyConstant = true;
-        }
-      }
-    }
-    rows[i] = constant[i] ? constRow : rowPtr(s.src, s.step, r);
-  }
-  if (anyConstant) std::memset(constRow, s.value, static_cast<size_t>(w));
-
-  // Vertical pass over the ROI columns.
-  const hn::ScalableTag<int16_t> d16;
-  const hn::Rebind<uint8_t, decltype(d16)> d8;
-  const int N = static_cast<int>(hn::Lanes(d16));
-  int c = 0;
-  for (; c + N <= w; c += N) {
-    auto v = hn::Zero(d16), dd = hn::Zero(d16);
-    for (int i = 0; i < n; ++i) {
-      const auto p = hn::PromoteTo(d16, hn::LoadU(d8, rows[i] + c));
-      v = hn::Add(v, hn::Mul(p, hn::Set(d16, smooth[i])));
-      if (deriv[i] != 0) dd = hn::Add(dd, hn::Mul(p, hn::Set(d16, deriv[i])));
-    }
-    hn::StoreU(v, d16, V + k + c);
-    hn::StoreU(dd, d16, D + k + c);
-  }
-  for (; c < w; ++c) {
-    int v = 0, dd = 0;
-    for (int i = 0; i < n; ++i) {
-      v += smooth[i] * rows[i][c];
-      dd += deriv[i] * rows[i][c];
-    }
-    V[k + c] = static_cast<int16_t>(v);
-    D[k + c] = static_cast<int16_t>(dd);
-  }
-  // The k columns on either side.
-  for (int j = -k; j < w + k; j = (j == -1 ? w : j + 1)) {
-    const bool left = j < 0;
-    const bool mem = (s.borderType & (left ? kvlBorderInMemLeft : kvlBorderInMemRight)) != 0;
-    int v = 0, dd = 0;
-    for (int i = 0; i < n; ++i) {
-      int p;
-      if (constant[i]) {
-        p = s.value;
-      } else if (mem) {
-        p = rows[i][j];
-      } else if (repl) {
-        p = rows[i][left ? 0 : w - 1];
-      } else {
-        p = s.value;
-      }
-      v += smooth[i] * p;
-      dd += deriv[i] * p;
-    }
-    V[k + j] = static_cast<int16_t>(v);
-    D[k + j] = static_cast<int16_t>(dd);
-  }
-  // Horizontal pass.
-  c = 0;
-  for (; c + N <= w; c += N) {
-    auto gx = hn::Zero(d16), gy = hn::Zero(d16);
-    for (int j = 0; j < n; ++j) {
-      if (deriv[j] != 0)
-        gx = hn::Add(gx, hn::Mul(hn::LoadU(d16, V + c + j), hn::Set(d16, deriv[j])));
-      gy = hn::Add(gy, hn::Mul(hn::LoadU(d16, D + c + j), hn::Set(d16, smooth[j])));
-    }
-    hn::StoreU(gx, d16, dx + c);
-    hn::StoreU(gy, d16, dy + c);
-  }
-  for (; c < w; ++c) {
-    int gx = 0, gy = 0;
-    for (int j = 0; j < n; ++j) {
-      gx += deriv[j] * V[c + j];
-      gy += smooth[j] * D[c + j];
-    }
-    dx[c] = static_cast<Kvl16s>(gx);
-    dy[c] = static_cast<Kvl16s>(gy);
-  }
-}
+#endif  // KVL_SIMD_TARGET
 
 }  // namespace HWY_NAMESPACE
 }  // namespace kvl::feature
@@ -310,13 +209,13 @@ HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 namespace kvl::feature {
-const MagClass16sFn kMagClass16sTable[3] = KVL_SIMD_TABLE(magClass16s);
-const MagClass32fFn kMagClass32fTable[3] = KVL_SIMD_TABLE(magClass32f);
-const MagClassBorderFn kMagClassBorderTable[3] = KVL_SIMD_TABLE(magClassBorder);
-const Nms32sFn kNms32sTable[3] = KVL_SIMD_TABLE(nms32s);
-const Nms32fFn kNms32fTable[3] = KVL_SIMD_TABLE(nms32f);
-const EdgesFn kEdgesTable[3] = KVL_SIMD_TABLE(edges);
-const LinkFn kLinkTable[3] = KVL_SIMD_TABLE(link);
-const DerivRowFn kDerivRowTable[3] = KVL_SIMD_TABLE(derivRow);
+const simd::Kernel<MagClass16sFn> kMagClass16s{KVL_TARGETS(magClass16s), &ref::magClass16s};
+const simd::Kernel<MagClass32fFn> kMagClass32f{KVL_TARGETS(magClass32f), &ref::magClass32f};
+const simd::Kernel<MagClassBorderFn> kMagClassBorder{KVL_TARGETS(magClassBorder),
+                                                     &ref::magClassBorder};
+const simd::Kernel<Nms32sFn> kNms32s{KVL_TARGETS(nms32s), &ref::nms32s};
+const simd::Kernel<Nms32fFn> kNms32f{KVL_TARGETS(nms32f), &ref::nms32f};
+const simd::Kernel<EdgesFn> kEdges{KVL_TARGETS(edges), &ref::edges};
+const simd::Kernel<LinkFn> kLink{KVL_TARGETS(link), &ref::link};
 }  // namespace kvl::feature
 #endif

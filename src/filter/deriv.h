@@ -1,13 +1,17 @@
 // Fixed derivative and smoothing filters with border: kernel tables, the per-call job, the
-// shared scalar arithmetic, the kernel tables per target and the internal Sobel members.
+// kernels' dispatch, the arithmetic the reference and the vector kernels share, and the internal
+// Sobel members.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 
 #include "core/border.h"
+#include "core/simd.h"
 #include "filter/column_rule.h"
+#include "filter/deriv_members.h"
 #include "kvlcv.h"
 
 namespace kvl::filter::deriv {
@@ -26,18 +30,6 @@ constexpr Kvl16s kerScharr_3_16s[3] = {3, 10, 3};
 constexpr Kvl16s kerAvr_3_16s[3] = {1, 1, 1};
 constexpr Kvl16s kerAvr_5_16s[5] = {1, 1, 1, 1, 1};
 constexpr Kvl16s kerLap_3_16s[3] = {1, 0, 1};
-constexpr Kvl32f kerSobel_3_32f[3] = {1, 2, 1};
-constexpr Kvl32f kerSobel_5_32f[5] = {1, 4, 6, 4, 1};
-constexpr Kvl32f kerDx_3_32f[3] = {-1, 0, 1};
-constexpr Kvl32f kerDx_5_32f[5] = {-1, -2, 0, 2, 1};
-constexpr Kvl32f kerDxNeg_3_32f[3] = {1, 0, -1};
-constexpr Kvl32f kerDxNeg_5_32f[5] = {1, 2, 0, -2, -1};
-constexpr Kvl32f kerD2x_3_32f[3] = {1, -2, 1};
-constexpr Kvl32f kerD2x_5_32f[5] = {1, 0, -2, 0, 1};
-constexpr Kvl32f kerScharr_3_32f[3] = {3, 10, 3};
-constexpr Kvl32f kerAvr_3_32f[3] = {1, 1, 1};
-constexpr Kvl32f kerAvr_5_32f[5] = {1, 1, 1, 1, 1};
-constexpr Kvl32f kerLap_3_32f[3] = {1, 0, 1};
 
 // A kernel of n taps (3 or 5) as integers; the 16s and 32f tables above hold the same values.
 struct Taps {
@@ -52,26 +44,8 @@ constexpr Taps taps(const T (&t)[N]) {
   return r;
 }
 
-// The filters. Each is a row kernel A followed by a column kernel B; the 5x5 Laplacian adds a
-// second pair, and the 3x3 Laplacian is 2 x (kerLap rows, kerLap columns) - 8 x centre, which
-// is the kernel [2 0 2; 0 -8 0; 2 0 2].
-enum class Kind : int {
-  kSobelHoriz,        // kerSobel rows, kerDx columns: row below minus row above
-  kSobelNegVert,      // kerDxNeg rows, kerSobel columns: left column minus right column
-  kSobelHorizSecond,  // kerSobel rows, kerD2x columns
-  kSobelVertSecond,   // kerD2x rows, kerSobel columns
-  kSobelCross,        // kerDxNeg rows, kerDx columns
-  kScharrHoriz,       // kerScharr rows, kerDx columns
-  kScharrVert,        // kerDx rows, kerScharr columns
-  kLaplacian,
-  kLowpass,           // kerAvr rows and columns
-  kCount
-};
-
-// Output element of a member: the integer members keep 16-bit sums (16s), divide and saturate
-// (8s, and 8u for the lowpass), or store single precision sums (32f).
-enum class Out : int { k16s, k8s, k8u, k32f, kCount };
-
+// The 3x3 Laplacian is 2 x (kerLap rows, kerLap columns) - 8 x centre, which is the kernel
+// [2 0 2; 0 -8 0; 2 0 2]; the 5x5 one adds a second pair.
 constexpr int pairsOf(Kind k, int K) { return (k == Kind::kLaplacian && K == 5) ? 2 : 1; }
 // The 3x3 Laplacian's column step adds the centre pixel to the kerLap pair.
 constexpr bool centreForm(Kind k, int K) { return k == Kind::kLaplacian && K == 3; }
@@ -83,6 +57,7 @@ constexpr Taps rowTaps(Kind k, int K, int pair) {
     case Kind::kSobelHorizSecond: return five ? taps(kerSobel_5_16s) : taps(kerSobel_3_16s);
     case Kind::kSobelNegVert:
     case Kind::kSobelCross: return five ? taps(kerDxNeg_5_16s) : taps(kerDxNeg_3_16s);
+    case Kind::kSobelDx: return five ? taps(kerDx_5_16s) : taps(kerDx_3_16s);
     case Kind::kSobelVertSecond: return five ? taps(kerD2x_5_16s) : taps(kerD2x_3_16s);
     case Kind::kScharrHoriz: return taps(kerScharr_3_16s);
     case Kind::kScharrVert: return taps(kerDx_3_16s);
@@ -101,6 +76,7 @@ constexpr Taps colTaps(Kind k, int K, int pair) {
     case Kind::kSobelCross:
     case Kind::kScharrHoriz: return five ? taps(kerDx_5_16s) : taps(kerDx_3_16s);
     case Kind::kSobelNegVert:
+    case Kind::kSobelDx:
     case Kind::kSobelVertSecond: return five ? taps(kerSobel_5_16s) : taps(kerSobel_3_16s);
     case Kind::kSobelHorizSecond: return five ? taps(kerD2x_5_16s) : taps(kerD2x_3_16s);
     case Kind::kScharrVert: return taps(kerScharr_3_16s);
@@ -111,22 +87,6 @@ constexpr Taps colTaps(Kind k, int K, int pair) {
     default: return Taps{0, {0, 0, 0, 0, 0}};
   }
 }
-
-// Which (kind, kernel length, output) combinations exist.
-constexpr bool exists(Kind k, int K, Out o) {
-  if ((k == Kind::kScharrHoriz || k == Kind::kScharrVert) && K != 3) return false;
-  if (k == Kind::kLowpass) return o == Out::k8u || o == Out::k32f;
-  return o != Out::k8u;
-}
-
-constexpr int kNumKernels = static_cast<int>(Kind::kCount) * 2 * static_cast<int>(Out::kCount);
-constexpr int kernelIndex(Kind k, int K, Out o) {
-  return (static_cast<int>(k) * 2 + (K == 5 ? 1 : 0)) * static_cast<int>(Out::kCount) +
-         static_cast<int>(o);
-}
-constexpr Kind kindOf(int i) { return static_cast<Kind>(i / (2 * static_cast<int>(Out::kCount))); }
-constexpr int lengthOf(int i) { return (i / static_cast<int>(Out::kCount)) % 2 ? 5 : 3; }
-constexpr Out outOf(int i) { return static_cast<Out>(i % static_cast<int>(Out::kCount)); }
 
 // One call (or one thread's stripe) of a filter. src and dst address row 0 of the ROI; the
 // kernel writes rows y0 .. y0 + rows - 1. Rows outside 0 .. height-1 come from the border rule in
@@ -141,6 +101,7 @@ struct Job {
   int borderType;  // mode 6 already rewritten to the four flags
   float value;     // border value (8u values are exact in float)
   float recip;     // 1 / divisor for the 8s and 8u outputs
+  int dstY0;       // the row number dst points at (0: the ROI's first row)
   void* buffer;    // this stripe's work memory
   long long bufferBytes;
   bool stream;     // outputs larger than the caches: store 16s/32f rows around the caches
@@ -148,10 +109,85 @@ struct Job {
 };
 using Fn = void (*)(const Job&);
 
-// Per-target kernel tables ({AVX3, AVX2, SSE4}), indexed by kernelIndex; null where no member.
-extern const Fn* const kTargets[3];
-// The scalar reference kernels, the same index.
-extern const Fn* const kRef;
+// ---- The kernels: one per (kind, kernel length, output) that a member or another family uses,
+// derived from the member table. ----
+struct KernelKey {
+  Kind kind;
+  int K;  // 3 or 5
+  Out out;
+  constexpr bool operator==(const KernelKey&) const = default;
+};
+
+// Kernels other families run without a member of their own: Canny's horizontal derivative.
+#define KVL_DERIV_EXTRA_KERNELS(X) X(kSobelDx, 3, k16s) X(kSobelDx, 5, k16s)
+
+namespace detail {
+// Each member needs its kind and output at K = 3, and at K = 5 unless it is always 3x3.
+#define KVL_DERIV_KEYS_OF(Name, types, kind, out, args)                            \
+  KernelKey{Kind::kind, 3, Out::out},                                             \
+      KernelKey{Kind::kind, Args::args == Args::NoMask ? 3 : 5, Out::out},
+#define KVL_DERIV_EXTRA_KEY(kind, K, out) KernelKey{Kind::kind, K, Out::out},
+inline constexpr KernelKey kAllKeys[] = {KVL_DERIV_MEMBERS(KVL_DERIV_KEYS_OF)
+                                             KVL_DERIV_EXTRA_KERNELS(KVL_DERIV_EXTRA_KEY)};
+#undef KVL_DERIV_KEYS_OF
+#undef KVL_DERIV_EXTRA_KEY
+constexpr bool firstOf(size_t i) {
+  for (size_t j = 0; j < i; ++j)
+    if (kAllKeys[j] == kAllKeys[i]) return false;
+  return true;
+}
+constexpr size_t countDistinct() {
+  size_t n = 0;
+  for (size_t i = 0; i < std::size(kAllKeys); ++i) n += firstOf(i) ? 1 : 0;
+  return n;
+}
+}  // namespace detail
+
+// The distinct kernels, in table order.
+inline constexpr size_t kNumKernels = detail::countDistinct();
+inline constexpr std::array<KernelKey, kNumKernels> kKernels = [] {
+  std::array<KernelKey, kNumKernels> r{};
+  size_t n = 0;
+  for (size_t i = 0; i < std::size(detail::kAllKeys); ++i)
+    if (detail::firstOf(i)) r[n++] = detail::kAllKeys[i];
+  return r;
+}();
+constexpr int kernelIndex(KernelKey k) {
+  for (size_t i = 0; i < kNumKernels; ++i)
+    if (kKernels[i] == k) return static_cast<int>(i);
+  return -1;
+}
+
+// The kernels are compiled in kUnits files (deriv_simd_<u>.cc), unit u holding the kernels
+// [unitBegin(u), unitBegin(u + 1)), so no file takes long to compile.
+inline constexpr int kUnits = 4;
+constexpr int unitBegin(int u) { return static_cast<int>(kNumKernels * u / kUnits); }
+constexpr int unitOf(int index) {
+  int u = 0;
+  while (u + 1 < kUnits && index >= unitBegin(u + 1)) ++u;
+  return u;
+}
+// Unit u's kernels, defined by deriv_simd_<u>.cc.
+template <int kUnit>
+struct Unit {
+  static const simd::Kernel<Fn>* const kernels;
+};
+template <>
+const simd::Kernel<Fn>* const Unit<0>::kernels;
+template <>
+const simd::Kernel<Fn>* const Unit<1>::kernels;
+template <>
+const simd::Kernel<Fn>* const Unit<2>::kernels;
+template <>
+const simd::Kernel<Fn>* const Unit<3>::kernels;
+
+// The kernel of a key.
+inline const simd::Kernel<Fn>& kernelFor(KernelKey k) {
+  static const simd::Kernel<Fn>* const units[kUnits] = {Unit<0>::kernels, Unit<1>::kernels,
+                                                         Unit<2>::kernels, Unit<3>::kernels};
+  const int i = kernelIndex(k);
+  return units[unitOf(i)][i - unitBegin(unitOf(i))];
+}
 
 // ---- Arithmetic shared by the reference and the vector kernels' edge pixels. ----
 
@@ -177,36 +213,15 @@ inline A tapSum(const Taps& t, V&& v) {
   return s;
 }
 
-constexpr int kConstRow = std::numeric_limits<int>::min();
-
-// The image row a virtual row yy reads: itself inside the image or on a side in memory, the
-// folded row for modes 1..4, or kConstRow for the constant border.
-inline int sourceRow(int yy, int h, int bt) {
-  if (yy >= 0 && yy < h) return yy;
-  if (yy < 0 && (bt & kvlBorderInMemTop)) return yy;
-  if (yy >= h && (bt & kvlBorderInMemBottom)) return yy;
-  const int mode = bt & 15;
-  if (mode == kvlBorderConst) return kConstRow;
-  return border::mapIndex(yy, h, mode);
-}
-
-// Pixel x of a row extended by the row rule (memory on flagged sides).
-template <class Src>
-inline Src pixelAt(const Src* row, int x, int w, int bt, Src value) {
-  if (x >= 0 && x < w) return row[x];
-  if ((x < 0 && (bt & kvlBorderInMemLeft)) || (x >= w && (bt & kvlBorderInMemRight)))
-    return row[x];
-  const int mode = bt & 15;
-  if (mode == kvlBorderConst) return value;
-  return row[border::mapIndex(x, w, mode)];
-}
+using border::kConstant;
+using border::sourceRow;
 
 // Row pass at pixel x with the border rule (edges and narrow rows).
 template <class Src>
 inline Work<Src> rowAtEdge(const Taps& a, const Src* row, int x, int w, int bt, Src value) {
   const int c = a.n / 2;
   return static_cast<Work<Src>>(
-      tapSum<Acc<Src>>(a, [&](int i) { return pixelAt<Src>(row, x + i - c, w, bt, value); }));
+      tapSum<Acc<Src>>(a, [&](int i) { return border::pixelAt<Src>(row, x + i - c, w, bt, value); }));
 }
 
 // Row pass of a constant row (the rows above and below for the constant border).
@@ -269,30 +284,19 @@ inline void* alignUp(void* p, size_t a) {
 }  // namespace kvl::filter::deriv
 
 // ---- The four first-derivative Sobel members computed by the general fixed-kernel filter.
-// Not exported: Canny and the command-line tool call them. They run on the calling thread and
+// Not exported (members of the table with args General). They run on the calling thread and
 // validate in their own order: null pointers, ROI size, step multiples (the steps are not
 // compared with the width), mask (33, 55), then the border type (modes 0, 1, 3, 4, 6 with flags,
 // nothing above 255), all but the mask failing with kvlStatusBadArgument. SobelVert is the left
 // column minus the right column, SobelHoriz the row below minus the row above. Buffer: 8u16s
 // align32(mask 33 ? 3M + 6 : 7M + 28) + 32 bytes, 32f four times that count before alignment,
 // M = max(width, height). ----
-KvlStatus kvliFilterSobelVertBorder_8u16s_C1R(const Kvl8u* pSrc, int srcStep, Kvl16s* pDst,
-                                              int dstStep, KvliSize roiSize, KvliMaskSize mask,
-                                              int borderType, Kvl8u borderValue, Kvl8u* pBuffer);
-KvlStatus kvliFilterSobelHorizBorder_8u16s_C1R(const Kvl8u* pSrc, int srcStep, Kvl16s* pDst,
-                                               int dstStep, KvliSize roiSize, KvliMaskSize mask,
-                                               int borderType, Kvl8u borderValue, Kvl8u* pBuffer);
-KvlStatus kvliFilterSobelVertBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst,
-                                            int dstStep, KvliSize roiSize, KvliMaskSize mask,
-                                            int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
-KvlStatus kvliFilterSobelHorizBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst,
-                                             int dstStep, KvliSize roiSize, KvliMaskSize mask,
-                                             int borderType, Kvl32f borderValue, Kvl8u* pBuffer);
-KvlStatus kvliFilterSobelVertGetBufferSize_8u16s_C1R(KvliSize roiSize, KvliMaskSize mask,
-                                                     int* pBufferSize);
-KvlStatus kvliFilterSobelHorizGetBufferSize_8u16s_C1R(KvliSize roiSize, KvliMaskSize mask,
-                                                      int* pBufferSize);
-KvlStatus kvliFilterSobelVertGetBufferSize_32f_C1R(KvliSize roiSize, KvliMaskSize mask,
-                                                   int* pBufferSize);
-KvlStatus kvliFilterSobelHorizGetBufferSize_32f_C1R(KvliSize roiSize, KvliMaskSize mask,
-                                                    int* pBufferSize);
+#define KVL_DERIV_DECLARE_General(Name, types, out)                                            \
+  KvlStatus kvliFilter##Name##Border_##types##_C1R(KVL_DERIV_PARAMS(out, General));             \
+  KvlStatus kvliFilter##Name##GetBufferSize_##types##_C1R(KvliSize roiSize, KvliMaskSize mask,  \
+                                                           int* pBufferSize);
+#define KVL_DERIV_DECLARE_Mask(Name, types, out)
+#define KVL_DERIV_DECLARE_NoMask(Name, types, out)
+#define KVL_DERIV_DECLARE(Name, types, kind, out, args) KVL_DERIV_DECLARE_##args(Name, types, out)
+KVL_DERIV_MEMBERS(KVL_DERIV_DECLARE)
+#undef KVL_DERIV_DECLARE

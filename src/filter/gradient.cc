@@ -1,4 +1,4 @@
-// Colour-to-grey gradient combination: validation, the family's team rule and row stripes.
+// Colour-to-grey gradient combination: validation, kernel choice and row stripes.
 #include "filter/gradient.h"
 
 #include "core/check.h"
@@ -7,15 +7,6 @@
 #include "impl_decls.h"
 
 namespace kvl::filter {
-
-// min(width x height / 1024, height / 16, threads); 1 or less runs on the calling thread. Pixels
-// are independent, so the standard stripe split gives the same bytes as any other.
-int gradientTeam(KvliSize roi, int threads) {
-  long long team = static_cast<long long>(roi.width) * roi.height / 1024;
-  if (roi.height / 16 < team) team = roi.height / 16;
-  if (threads < team) team = threads;
-  return team > 1 ? static_cast<int>(team) : 1;
-}
 
 namespace {
 
@@ -28,8 +19,10 @@ KvlStatus gradientColorToGray(const T* src, int srcStep, T* dst, int dstStep, Kv
   KVL_TRY(check::stepsCover(roi.width, check::Step<T, 3>{srcStep}, check::Step<T, 1>{dstStep}));
   if (norm != kGradNormInf && norm != kGradNormL1 && norm != kGradNormL2)
     return kvlStatusBadArgument;
-  const GradientRowFn<T> fn = gradientRowKernel<T>(norm);
-  par::runStripes(gradientTeam(roi, ownGetNumThreads()), roi.height, [&](const par::Stripe& s) {
+  const GradientRowFn<T> fn = norm == kGradNormInf  ? GradientKernel<T, kGradNormInf>::kernel.pick()
+                             : norm == kGradNormL1 ? GradientKernel<T, kGradNormL1>::kernel.pick()
+                                                   : GradientKernel<T, kGradNormL2>::kernel.pick();
+  par::runStripes(par::teamGradient(roi), roi.height, [&](const par::Stripe& s) {
     for (int y = s.y0; y < s.y0 + s.rows; ++y)
       fn(rowPtr(src, srcStep, y), rowPtr(dst, dstStep, y), roi.width);
   });

@@ -5,12 +5,18 @@
 #include <cstring>
 #include <type_traits>
 
+#include "core/simd.h"
 #include "kvlcv.h"
 
 namespace kvl::filter {
 
-// Members: X(suffix, T).
-#define KVL_GRADIENT_MEMBERS(X) X(8u, Kvl8u) X(16u, Kvl16u) X(32f, Kvl32f)
+// Members, kvliGradientColorToGray_<suffix>_C3C1R: X(suffix, T).
+// clang-format off
+#define KVL_GRADIENT_MEMBERS(X) \
+  X(8u,  Kvl8u)                 \
+  X(16u, Kvl16u)                \
+  X(32f, Kvl32f)
+// clang-format on
 // Norm codes of this family.
 constexpr int kGradNormInf = 0, kGradNormL1 = 1, kGradNormL2 = 2;
 
@@ -19,11 +25,17 @@ constexpr int kGradNormInf = 0, kGradNormL1 = 1, kGradNormL2 = 2;
 template <class T>
 using GradientRowFn = void (*)(const T* src, T* dst, int n);
 
-template <class T>
-GradientRowFn<T> gradientRowKernel(int norm);
-
-// The team size of a call: min(width x height / 1024, height / 16, threads), at least 1.
-int gradientTeam(KvliSize roi, int threads);
+// The kernel of one member and norm, instantiated for every row of the member table.
+template <class T, int kNorm>
+struct GradientKernel {
+  static const simd::Kernel<GradientRowFn<T>> kernel;
+};
+#define KVL_GRADIENT_EXTERN(suffix, T)              \
+  extern template struct GradientKernel<T, kGradNormInf>; \
+  extern template struct GradientKernel<T, kGradNormL1>;  \
+  extern template struct GradientKernel<T, kGradNormL2>;
+KVL_GRADIENT_MEMBERS(KVL_GRADIENT_EXTERN)
+#undef KVL_GRADIENT_EXTERN
 
 namespace ref {
 template <class T, int kNorm>

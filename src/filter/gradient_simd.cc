@@ -12,7 +12,7 @@ namespace kvl::filter {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-#if HWY_TARGET != HWY_SCALAR
+#if KVL_SIMD_TARGET
 // The largest int32 vector of any target, in lanes.
 constexpr int kMaxLanes32 = 16;
 
@@ -95,21 +95,16 @@ void gradientRowFloat(const Kvl32f* src, Kvl32f* dst, int n) {
   ref::gradientRow<Kvl32f, kNorm>(src + 3 * x, dst + x, n - x);
 }
 
-#endif  // HWY_TARGET != HWY_SCALAR
-
 template <class T, int kNorm>
 void gradientRow(const T* src, T* dst, int n) {
-#if HWY_TARGET == HWY_SCALAR
-  // Compiled only as Highway's baseline; the dispatch never picks it.
-  ref::gradientRow<T, kNorm>(src, dst, n);
-#else
   if constexpr (std::is_same_v<T, Kvl32f>) {
     gradientRowFloat<kNorm>(src, dst, n);
   } else {
     gradientRowInt<T, kNorm>(src, dst, n);
   }
-#endif
 }
+
+#endif  // KVL_SIMD_TARGET
 
 }  // namespace HWY_NAMESPACE
 }  // namespace kvl::filter
@@ -119,25 +114,13 @@ HWY_AFTER_NAMESPACE();
 namespace kvl::filter {
 
 template <class T, int kNorm>
-GradientRowFn<T> pickGradient() {
-  static const GradientRowFn<T> table[3] = {
-      N_AVX3::gradientRow<T, kNorm>, N_AVX2::gradientRow<T, kNorm>, N_SSE4::gradientRow<T, kNorm>};
-  return simd::pick(table, &ref::gradientRow<T, kNorm>);
-}
+const simd::Kernel<GradientRowFn<T>> GradientKernel<T, kNorm>::kernel{
+    KVL_TARGETS(gradientRow<T, kNorm>), &ref::gradientRow<T, kNorm>};
 
-template <class T>
-GradientRowFn<T> gradientRowKernel(int norm) {
-  switch (norm) {
-    case kGradNormInf:
-      return pickGradient<T, kGradNormInf>();
-    case kGradNormL1:
-      return pickGradient<T, kGradNormL1>();
-    default:
-      return pickGradient<T, kGradNormL2>();
-  }
-}
-
-#define KVL_INSTANTIATE(suffix, T) template GradientRowFn<T> gradientRowKernel<T>(int);
+#define KVL_INSTANTIATE(suffix, T)                 \
+  template struct GradientKernel<T, kGradNormInf>; \
+  template struct GradientKernel<T, kGradNormL1>;  \
+  template struct GradientKernel<T, kGradNormL2>;
 KVL_GRADIENT_MEMBERS(KVL_INSTANTIATE)
 #undef KVL_INSTANTIATE
 

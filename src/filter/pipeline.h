@@ -10,6 +10,7 @@
 
 #include <cstdint>
 
+#include "core/simd.h"
 #include "filter/column_rule.h"
 #include "kvlcv.h"
 
@@ -43,7 +44,7 @@ inline int32_t intSum(const Src* e, int stride, const Ker* kernel, int K) {
                                static_cast<int32_t>(e[k * stride]));
   return static_cast<int32_t>(s);
 }
-// Float members (16u and 32f): single precision, one order: kernel[0] x e[0] first, then the
+// Float members (the 16u row pass and 32f): single precision, one order: kernel[0] x e[0] first, then the
 // products of k = 1..K-1 added one by one. Every path uses this order.
 template <class Src, class Ker>
 inline float floatSum(const Src* e, int stride, const Ker* kernel, int K) {
@@ -54,9 +55,10 @@ inline float floatSum(const Src* e, int stride, const Ker* kernel, int K) {
 }
 template <class Src, class Ker>
 inline int32_t columnIntSum(const Src* const* rows, int i, const Ker* kernel, int K) {
-  uint32_t s = 0;
+  uint32_t s = 0;  // products and sum modulo 2^32 (16u x 16u products exceed int)
   for (int k = 0; k < K; ++k)
-    s += static_cast<uint32_t>(static_cast<int32_t>(kernel[k]) * static_cast<int32_t>(rows[k][i]));
+    s += static_cast<uint32_t>(static_cast<int32_t>(kernel[k])) *
+         static_cast<uint32_t>(static_cast<int32_t>(rows[k][i]));
   return static_cast<int32_t>(s);
 }
 template <class Src, class Ker>
@@ -72,16 +74,6 @@ template <class Dst>
 inline Dst rowConvert(float v) {
   return static_cast<Dst>(truncToward0(clampToRange<Dst>(v)));
 }
-// The column pass's rule for float sums (16u): groups round ties to even, the tail truncates.
-template <class Dst>
-inline Dst columnConvertGroupF(float v) {
-  return static_cast<Dst>(roundTiesEven(clampToRange<Dst>(v)));
-}
-template <class Dst>
-inline Dst columnConvertTailF(float v) {
-  return static_cast<Dst>(truncToward0(clampToRange<Dst>(v)));
-}
-
 // ---- Scalar reference kernels (the oracle and the fallback) ----
 namespace ref {
 void row8u16s(const Kvl8u* e, Kvl16s* out, int n, int stride, const Kvl16s* kernel, int K,
@@ -104,26 +96,56 @@ void column32f(const Kvl32f* const* rows, Kvl32f* out, int n, const Kvl32f* kern
                float recip);
 }  // namespace ref
 
-// ---- Vector kernels, {AVX3, AVX2, SSE4} ----
-extern const Row8u16sFn kRow8u16sTable[3];
-extern const Row16sFn kRow16sTable[3];
-extern const Row16uFn kRow16uTable[3];
-extern const Row32fFn kRow32fTable[3];
-extern const Column16sFn kColumn16sTable[3];
-extern const Column16s8uFn kColumn16s8uTable[3];
-extern const Column16s8sFn kColumn16s8sTable[3];
-extern const Column16uFn kColumn16uTable[3];
-extern const Column32fFn kColumn32fTable[3];
-
-// The best kernel for this CPU (reference below the lowest vector target).
-Row8u16sFn row8u16s();
-Row16sFn row16s();
-Row16uFn row16u();
-Row32fFn row32f();
-Column16sFn column16s();
-Column16s8uFn column16s8u();
-Column16s8sFn column16s8s();
-Column16uFn column16u();
-Column32fFn column32f();
+// ---- The kernels on every target ----
+extern const simd::Kernel<Row8u16sFn> kRow8u16s;
+extern const simd::Kernel<Row16sFn> kRow16s;
+extern const simd::Kernel<Row16uFn> kRow16u;
+extern const simd::Kernel<Row32fFn> kRow32f;
+extern const simd::Kernel<Column16sFn> kColumn16s;
+extern const simd::Kernel<Column16s8uFn> kColumn16s8u;
+extern const simd::Kernel<Column16s8sFn> kColumn16s8s;
+extern const simd::Kernel<Column16uFn> kColumn16u;
+extern const simd::Kernel<Column32fFn> kColumn32f;
 
 }  // namespace kvl::filter
+
+// ---- The members, one per line. ----
+// Row pass: X(types, Src, Dst, Kernel, channels, size rule, divisor rule, threaded, kernel):
+// kvliFilterRowBorderPipeline_<types> and kvliFilterRowBorderPipelineGetBufferSize_<types>.
+// Divisor rules: kNonZero (any non-zero divisor), kPositive (divisor >= 1), kNone (no divisor
+// argument: the float members).
+// clang-format off
+#define KVL_ROW_PIPELINE_MEMBERS(X)                                                        \
+  X(8u16s_C1R,   Kvl8u,  Kvl16s, Kvl16s, 1, k8u16sC1,  kNonZero,  true,  kRow8u16s)       \
+  X(8u16s_C3R,   Kvl8u,  Kvl16s, Kvl16s, 3, k8u16sC3,  kNonZero,  true,  kRow8u16s)       \
+  X(16s_C1R,     Kvl16s, Kvl16s, Kvl16s, 1, k16sC1,    kNonZero,  true,  kRow16s)         \
+  X(16s_C3R,     Kvl16s, Kvl16s, Kvl16s, 3, k16sC3,    kNonZero,  true,  kRow16s)         \
+  X(Low_16s_C1R, Kvl16s, Kvl16s, Kvl16s, 1, kLow16sC1, kNonZero,  true,  kRow16s)         \
+  X(Low_16s_C3R, Kvl16s, Kvl16s, Kvl16s, 3, kLow16sC3, kNonZero,  true,  kRow16s)         \
+  X(16u_C1R,     Kvl16u, Kvl16u, Kvl16u, 1, k16uC1,    kPositive, false, kRow16u)         \
+  X(16u_C3R,     Kvl16u, Kvl16u, Kvl16u, 3, k16uC3,    kPositive, false, kRow16u)         \
+  X(32f_C1R,     Kvl32f, Kvl32f, Kvl32f, 1, k32fC1,    kNone,     false, kRow32f)         \
+  X(32f_C3R,     Kvl32f, Kvl32f, Kvl32f, 3, k32fC3,    kNone,     false, kRow32f)
+// Column pass: X(types, Src, Dst, Kernel, channels, size rule, divisor rule, threaded, kernel):
+// kvliFilterColumnPipeline_<types> and kvliFilterColumnPipelineGetBufferSize_<types>.
+#define KVL_COLUMN_PIPELINE_MEMBERS(X)                                                     \
+  X(16s_C1R,     Kvl16s, Kvl16s, Kvl16s, 1, k16sC1,    kNonZero,  true,  kColumn16s)      \
+  X(16s_C3R,     Kvl16s, Kvl16s, Kvl16s, 3, k16sC3,    kNonZero,  true,  kColumn16s)      \
+  X(16s8u_C1R,   Kvl16s, Kvl8u,  Kvl16s, 1, k16sC1,    kNonZero,  true,  kColumn16s8u)    \
+  X(16s8u_C3R,   Kvl16s, Kvl8u,  Kvl16s, 3, k16sC3,    kNonZero,  true,  kColumn16s8u)    \
+  X(16s8s_C1R,   Kvl16s, Kvl8s,  Kvl16s, 1, k16sC1,    kNonZero,  true,  kColumn16s8s)    \
+  X(16s8s_C3R,   Kvl16s, Kvl8s,  Kvl16s, 3, k16sC3,    kNonZero,  true,  kColumn16s8s)    \
+  X(Low_16s_C1R, Kvl16s, Kvl16s, Kvl16s, 1, kLow16sC1, kNonZero,  true,  kColumn16s)      \
+  X(Low_16s_C3R, Kvl16s, Kvl16s, Kvl16s, 3, kLow16sC3, kNonZero,  true,  kColumn16s)      \
+  X(16u_C1R,     Kvl16u, Kvl16u, Kvl16u, 1, k16uC1,    kNonZero,  false, kColumn16u)      \
+  X(16u_C3R,     Kvl16u, Kvl16u, Kvl16u, 3, k16uC3,    kNonZero,  false, kColumn16u)      \
+  X(32f_C1R,     Kvl32f, Kvl32f, Kvl32f, 1, k32fC1,    kNone,     false, kColumn32f)      \
+  X(32f_C3R,     Kvl32f, Kvl32f, Kvl32f, 3, k32fC3,    kNone,     false, kColumn32f)
+// clang-format on
+// The divisor parameter of a member and the divisor it passes on (1 without one), by its rule.
+#define KVL_PIPELINE_DIVISOR_PARAM_kNonZero int divisor,
+#define KVL_PIPELINE_DIVISOR_PARAM_kPositive int divisor,
+#define KVL_PIPELINE_DIVISOR_PARAM_kNone
+#define KVL_PIPELINE_DIVISOR_ARG_kNonZero divisor
+#define KVL_PIPELINE_DIVISOR_ARG_kPositive divisor
+#define KVL_PIPELINE_DIVISOR_ARG_kNone 1

@@ -54,11 +54,7 @@ void column16s8s(const Kvl16s* const* rows, Kvl8s* out, int n, const Kvl16s* ker
 }
 void column16u(const Kvl16u* const* rows, Kvl16u* out, int n, const Kvl16u* kernel, int K,
                float recip) {
-  const int body = columnBodyEnd(n);
-  for (int i = 0; i < n; ++i) {
-    const float v = columnFloatSum(rows, i, kernel, K) * recip;
-    out[i] = i < body ? columnConvertGroupF<Kvl16u>(v) : columnConvertTailF<Kvl16u>(v);
-  }
+  columnInt(rows, out, n, kernel, K, recip);
 }
 void column32f(const Kvl32f* const* rows, Kvl32f* out, int n, const Kvl32f* kernel, int K, float) {
   for (int i = 0; i < n; ++i) out[i] = columnFloatSum(rows, i, kernel, K);

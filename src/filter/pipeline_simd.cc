@@ -21,7 +21,7 @@ namespace kvl::filter {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-#if HWY_TARGET <= HWY_SSE4
+#if KVL_SIMD_TARGET
 
 // Longer kernels run the scalar reference (their coefficients would not stay in registers).
 constexpr int kMaxTaps = 64;
@@ -308,67 +308,79 @@ void column16s8s(const Kvl16s* const* rows, Kvl8s* out, int n, const Kvl16s* ker
   columnInt(rows, out, n, kernel, K, recip);
 }
 
-// ---- Column pass, float members ----
-template <int kK, class Src, class Ker>
-void columnFloatImpl(const Src* const* rows, Src* out, int n, const Ker* kernel, int K,
-                     float recip) {
+// ---- Column pass, 32f ----
+template <int kK>
+void column32fImpl(const float* const* rows, float* out, int n, const float* kernel, int K) {
   if constexpr (kK != 0) K = kK;
   float kf[kMaxTaps];
-  const Src* r[kMaxTaps];
+  const float* r[kMaxTaps];
   for (int k = 0; k < K; ++k) {
-    kf[k] = static_cast<float>(kernel[k]);
+    kf[k] = kernel[k];
     r[k] = rows[k];
   }
-  constexpr bool kInt = sizeof(Src) == 2;
   auto block = [&](auto df, int i) {
-    auto s = hn::Mul(hn::Set(df, kf[0]), loadF(df, r[0] + i));
+    auto s = hn::Mul(hn::Set(df, kf[0]), hn::LoadU(df, r[0] + i));
     for (int k = 1; k < (kK ? kK : K); ++k)
-      s = hn::Add(s, hn::Mul(hn::Set(df, kf[k]), loadF(df, r[k] + i)));
-    if constexpr (kInt) {
-      s = hn::Min(hn::Max(hn::Mul(s, hn::Set(df, recip)), hn::Zero(df)), hn::Set(df, 65535.f));
-      s = hn::ConvertTo(df, hn::NearestInt(s));  // the groups round to nearest even
-    }
-    storeF(df, s, out + i);
+      s = hn::Add(s, hn::Mul(hn::Set(df, kf[k]), hn::LoadU(df, r[k] + i)));
+    hn::StoreU(s, df, out + i);
   };
   const hn::ScalableTag<float> df;
   const hn::Full128<float> d4;
   const int N = static_cast<int>(hn::Lanes(df));
   int i = 0;
-  if constexpr (kInt) {  // group rule: vectors over the body, scalar truncation for the tail
-    const int body = columnBodyEnd(n);
-    for (; i + N <= body; i += N) block(df, i);
-    for (; i < body; i += 4) block(d4, i);
-    for (; i < n; ++i) out[i] = columnConvertTailF<Src>(columnFloatSum(rows, i, kernel, K) * recip);
-  } else {
-    for (; i + N <= n; i += N) block(df, i);
-    if (i == n) return;
-    if (n >= N) return block(df, n - N);
-    for (; i + 4 <= n; i += 4) block(d4, i);
-    if (i == n) return;
-    if (n >= 4) return block(d4, n - 4);
-    for (; i < n; ++i) out[i] = columnFloatSum(rows, i, kernel, K);
-  }
+  for (; i + N <= n; i += N) block(df, i);
+  if (i == n) return;
+  if (n >= N) return block(df, n - N);  // no group rule: an overlapping last vector
+  for (; i + 4 <= n; i += 4) block(d4, i);
+  if (i == n) return;
+  if (n >= 4) return block(d4, n - 4);
+  for (; i < n; ++i) out[i] = columnFloatSum(rows, i, kernel, K);
 }
 
-template <class Src, class Ker>
-void columnFloat(const Src* const* rows, Src* out, int n, const Ker* kernel, int K, float recip) {
-  byTaps(K, recip, [&](auto taps, auto) {
-    columnFloatImpl<decltype(taps)::value>(rows, out, n, kernel, K, recip);
-  });
+// ---- Column pass, 16u: 32-bit products and sums (wrapping), then the integer rule ----
+template <int kK>
+void column16uImpl(const uint16_t* const* rows, uint16_t* out, int n, const uint16_t* kernel,
+                   int K, float recip) {
+  if constexpr (kK != 0) K = kK;
+  int32_t kc[kMaxTaps];
+  const uint16_t* r[kMaxTaps];
+  for (int k = 0; k < K; ++k) {
+    kc[k] = kernel[k];
+    r[k] = rows[k];
+  }
+  auto block = [&](auto d32, int i) {
+    const hn::Rebind<uint16_t, decltype(d32)> d16;
+    auto s = hn::Mul(hn::Set(d32, kc[0]), hn::PromoteTo(d32, hn::LoadU(d16, r[0] + i)));
+    for (int k = 1; k < (kK ? kK : K); ++k)
+      s = hn::Add(s, hn::Mul(hn::Set(d32, kc[k]), hn::PromoteTo(d32, hn::LoadU(d16, r[k] + i))));
+    store16(d16, hn::DemoteTo(d16, scaleInt<true>(d32, s, recip, 0.0f, 65535.0f)), out + i);
+  };
+  const int body = columnBodyEnd(n);
+  const hn::ScalableTag<int32_t> d32;
+  const int N = static_cast<int>(hn::Lanes(d32));
+  int i = 0;
+  for (; i + N <= body; i += N) block(d32, i);
+  const hn::CappedTag<int32_t, 4> d4;  // the body is whole groups of 8, vectors whole fours
+  for (; i < body; i += 4) block(d4, i);
+  for (; i < n; ++i) out[i] = columnConvertTail<Kvl16u>(columnIntSum(rows, i, kernel, K), recip);
 }
 
 void column16u(const Kvl16u* const* rows, Kvl16u* out, int n, const Kvl16u* kernel, int K,
                float recip) {
   if (K > kMaxTaps) return ref::column16u(rows, out, n, kernel, K, recip);
-  columnFloat(rows, out, n, kernel, K, recip);
+  byTaps(K, recip, [&](auto taps, auto) {
+    column16uImpl<decltype(taps)::value>(rows, out, n, kernel, K, recip);
+  });
 }
 void column32f(const Kvl32f* const* rows, Kvl32f* out, int n, const Kvl32f* kernel, int K,
                float recip) {
   if (K > kMaxTaps) return ref::column32f(rows, out, n, kernel, K, recip);
-  columnFloat(rows, out, n, kernel, K, recip);
+  byTaps(K, recip, [&](auto taps, auto) {
+    column32fImpl<decltype(taps)::value>(rows, out, n, kernel, K);
+  });
 }
 
-#endif  // HWY_TARGET <= HWY_SSE4
+#endif  // KVL_SIMD_TARGET
 
 }  // namespace HWY_NAMESPACE
 }  // namespace kvl::filter
@@ -376,14 +388,14 @@ HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 namespace kvl::filter {
-const Row8u16sFn kRow8u16sTable[3] = KVL_SIMD_TABLE(row8u16s);
-const Row16sFn kRow16sTable[3] = KVL_SIMD_TABLE(row16s);
-const Row16uFn kRow16uTable[3] = KVL_SIMD_TABLE(row16u);
-const Row32fFn kRow32fTable[3] = KVL_SIMD_TABLE(row32f);
-const Column16sFn kColumn16sTable[3] = KVL_SIMD_TABLE(column16s);
-const Column16s8uFn kColumn16s8uTable[3] = KVL_SIMD_TABLE(column16s8u);
-const Column16s8sFn kColumn16s8sTable[3] = KVL_SIMD_TABLE(column16s8s);
-const Column16uFn kColumn16uTable[3] = KVL_SIMD_TABLE(column16u);
-const Column32fFn kColumn32fTable[3] = KVL_SIMD_TABLE(column32f);
+const simd::Kernel<Row8u16sFn> kRow8u16s{KVL_TARGETS(row8u16s), &ref::row8u16s};
+const simd::Kernel<Row16sFn> kRow16s{KVL_TARGETS(row16s), &ref::row16s};
+const simd::Kernel<Row16uFn> kRow16u{KVL_TARGETS(row16u), &ref::row16u};
+const simd::Kernel<Row32fFn> kRow32f{KVL_TARGETS(row32f), &ref::row32f};
+const simd::Kernel<Column16sFn> kColumn16s{KVL_TARGETS(column16s), &ref::column16s};
+const simd::Kernel<Column16s8uFn> kColumn16s8u{KVL_TARGETS(column16s8u), &ref::column16s8u};
+const simd::Kernel<Column16s8sFn> kColumn16s8s{KVL_TARGETS(column16s8s), &ref::column16s8s};
+const simd::Kernel<Column16uFn> kColumn16u{KVL_TARGETS(column16u), &ref::column16u};
+const simd::Kernel<Column32fFn> kColumn32f{KVL_TARGETS(column32f), &ref::column32f};
 }  // namespace kvl::filter
 #endif

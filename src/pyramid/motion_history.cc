@@ -17,7 +17,7 @@ KvlStatus updateMotionHistory(const Sil* sil, int silStep, Kvl32f* mhi, int mhiS
   if (duration < 0.0f) return kvlStatusOutOfRange;
   // The limit is rounded to float once; every pixel compares against the same value.
   const float limit = timestamp - duration;
-  const MhiRowFn<Sil> fn = mhiRowKernel<Sil>();
+  const MhiRowFn<Sil> fn = MhiKernel<Sil>::kernel.pick();
   for (int y = 0; y < roi.height; ++y)
     fn(rowPtr(sil, silStep, y), rowPtr(mhi, mhiStep, y), roi.width, timestamp, limit);
   return kvlStatusOk;

@@ -5,20 +5,29 @@
 #include <cstring>
 #include <type_traits>
 
+#include "core/simd.h"
 #include "kvlcv.h"
 
 namespace kvl::pyramid {
 
-// Members: X(suffix, silhouette type).
-#define KVL_MHI_MEMBERS(X) X(8u32f, Kvl8u) X(16u32f, Kvl16u) X(32f, Kvl32f)
+// Members, kvliUpdateMotionHistory_<suffix>_C1IR: X(suffix, silhouette type).
+// clang-format off
+#define KVL_MHI_MEMBERS(X) \
+  X(8u32f,  Kvl8u)         \
+  X(16u32f, Kvl16u)        \
+  X(32f,    Kvl32f)
+// clang-format on
 
 // One row of n pixels: a non-zero silhouette value stamps the history with `timestamp`; otherwise
 // a history value below `limit` (strictly; NaN never is) becomes 0 and any other stays.
 template <class Sil>
 using MhiRowFn = void (*)(const Sil* sil, Kvl32f* mhi, int n, float timestamp, float limit);
 
+// The kernel of one member, instantiated for every row of the member table.
 template <class Sil>
-MhiRowFn<Sil> mhiRowKernel();
+struct MhiKernel {
+  static const simd::Kernel<MhiRowFn<Sil>> kernel;
+};
 
 namespace ref {
 template <class Sil>
@@ -32,5 +41,9 @@ inline float mhiUpdate(Sil s, float h, float timestamp, float limit) {
   if (s != Sil{0}) return timestamp;
   return h < limit ? 0.0f : h;
 }
+
+#define KVL_MHI_EXTERN(suffix, Sil) extern template struct MhiKernel<Sil>;
+KVL_MHI_MEMBERS(KVL_MHI_EXTERN)
+#undef KVL_MHI_EXTERN
 
 }  // namespace kvl::pyramid

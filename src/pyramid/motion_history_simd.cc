@@ -50,12 +50,9 @@ HWY_AFTER_NAMESPACE();
 namespace kvl::pyramid {
 
 template <class Sil>
-MhiRowFn<Sil> mhiRowKernel() {
-  static const MhiRowFn<Sil> table[3] = KVL_SIMD_TABLE(mhiRow<Sil>);
-  return simd::pick(table, &ref::mhiRow<Sil>);
-}
+const simd::Kernel<MhiRowFn<Sil>> MhiKernel<Sil>::kernel{KVL_TARGETS(mhiRow<Sil>), &ref::mhiRow<Sil>};
 
-#define KVL_INSTANTIATE(suffix, Sil) template MhiRowFn<Sil> mhiRowKernel<Sil>();
+#define KVL_INSTANTIATE(suffix, Sil) template struct MhiKernel<Sil>;
 KVL_MHI_MEMBERS(KVL_INSTANTIATE)
 #undef KVL_INSTANTIATE
 

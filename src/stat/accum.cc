@@ -40,7 +40,7 @@ template <AccOp kOp, class Src, bool kMasked>
 KvlStatus accumulateImage(const Src* s1, int s1Step, const Src* s2, int s2Step, const Kvl8u* mask,
                           int maskStep, const Kvl32f* in, int inStep, Kvl32f* out, int outStep,
                           KvliSize roi, float alpha) {
-  const AccRowFn<Src> fn = accRowKernel<kOp, Src, kMasked>();
+  const AccRowFn<Src> fn = AccKernel<kOp, Src, kMasked>::kernel.pick();
   const int w = roi.width;
   const bool contiguous = dense(s1, s1Step, w) && (!s2 || dense(s2, s2Step, w)) &&
                           (!mask || dense(mask, maskStep, w)) && dense(in, inStep, w) &&
@@ -62,7 +62,9 @@ KvlStatus absDiffImage(const T* a, int aStep, const T* b, int bStep, T* dst, int
   KVL_TRY(check::roi(roi));
   KVL_TRY(check::steps(roi.width, Step<T, kC>{aStep}, Step<T, kC>{bStep}, Step<T, kC>{dstStep}));
   const long long touched = static_cast<long long>(roi.height) * (0LL + aStep + bStep + dstStep);
-  const AbsDiffRowFn<T> fn = absDiffRowKernel<T>(streamDestination(touched));
+  const AbsDiffRowFn<T> fn = streamDestination(touched)
+                                ? AbsDiffKernel<T, kC, true>::kernel.pick()
+                                : AbsDiffKernel<T, kC, false>::kernel.pick();
   const int n = roi.width * kC;
   const bool contiguous = dense(a, aStep, n) && dense(b, bStep, n) && dense(dst, dstStep, n);
   par::runStripes(par::teamPerPixel(roi), roi.height, [&](const par::Stripe& s) {
@@ -86,7 +88,8 @@ KvlStatus absDiffCImage(const T* a, int aStep, T* dst, int dstStep, KvliSize roi
     v = saturate<T>(value);
   }
   const long long touched = static_cast<long long>(roi.height) * (0LL + aStep + dstStep);
-  const AbsDiffCRowFn<T> fn = absDiffCRowKernel<T>(streamDestination(touched));
+  const AbsDiffCRowFn<T> fn = streamDestination(touched) ? AbsDiffCKernel<T, true>::kernel.pick()
+                                                          : AbsDiffCKernel<T, false>::kernel.pick();
   const bool contiguous = dense(a, aStep, roi.width) && dense(dst, dstStep, roi.width);
   par::runStripes(par::teamPerPixel(roi), roi.height, [&](const par::Stripe& s) {
     forRows(s, roi.width, contiguous,

@@ -1,6 +1,7 @@
 // Accumulation and absolute difference: the member tables and the row kernels' signatures.
 #pragma once
 
+#include "core/simd.h"
 #include "kvlcv.h"
 
 namespace kvl::stat {
@@ -27,76 +28,62 @@ using AbsDiffRowFn = void (*)(const T* a, const T* b, T* dst, int n);
 template <class T>
 using AbsDiffCRowFn = void (*)(const T* a, T v, T* dst, int n);
 
-// The best kernel for this CPU (the scalar reference below the lowest vector target). With
-// `stream` set, the absolute-difference kernels write the vector body of each row with
-// cache-bypassing stores (same values, the destination just does not stay in cache) and fence
-// them before returning, so the rows are visible to other threads when the kernel returns.
+// The kernel of each member, instantiated from the member tables below. Stream: the
+// absolute-difference kernels write the vector body of each row with cache-bypassing stores (same
+// values, the destination just does not stay in cache) and fence them before returning, so the
+// rows are visible to other threads when the kernel returns.
 template <AccOp kOp, class Src, bool kMasked>
-AccRowFn<Src> accRowKernel();
-template <class T>
-AbsDiffRowFn<T> absDiffRowKernel(bool stream);
-template <class T>
-AbsDiffCRowFn<T> absDiffCRowKernel(bool stream);
+struct AccKernel {
+  static const simd::Kernel<AccRowFn<Src>> kernel;
+};
+template <class T, int kC, bool kStream>
+struct AbsDiffKernel {
+  static const simd::Kernel<AbsDiffRowFn<T>> kernel;
+};
+template <class T, bool kStream>
+struct AbsDiffCKernel {
+  static const simd::Kernel<AbsDiffCRowFn<T>> kernel;
+};
 
-namespace ref {
-template <AccOp kOp, class Src, bool kMasked>
-void accRow(const Src* s1, const Src* s2, const Kvl8u* mask, const Kvl32f* in, Kvl32f* out, int n,
-            float alpha);
-template <class T>
-void absDiffRow(const T* a, const T* b, T* dst, int n);
-template <class T>
-void absDiffCRow(const T* a, T v, T* dst, int n);
-}  // namespace ref
-
-// Every accumulating kernel the members use: X(op, Src, masked).
-#define KVL_ACC_KERNELS(X)                                                                        \
-  X(AccOp::kAdd, Kvl8u, false)                                                                    \
-  X(AccOp::kAdd, Kvl8s, false) X(AccOp::kAdd, Kvl16u, false) X(AccOp::kAdd, Kvl8u, true)          \
-      X(AccOp::kAdd, Kvl8s, true) X(AccOp::kAdd, Kvl16u, true) X(AccOp::kAdd, Kvl32f, true)       \
-          X(AccOp::kSquare, Kvl8u, false) X(AccOp::kSquare, Kvl8s, false)                         \
-              X(AccOp::kSquare, Kvl16u, false) X(AccOp::kSquare, Kvl32f, false)                   \
-                  X(AccOp::kSquare, Kvl8u, true) X(AccOp::kSquare, Kvl8s, true)                   \
-                      X(AccOp::kSquare, Kvl16u, true) X(AccOp::kSquare, Kvl32f, true)             \
-                          X(AccOp::kProduct, Kvl8u, false) X(AccOp::kProduct, Kvl8s, false) X(    \
-                              AccOp::kProduct, Kvl16u, false) X(AccOp::kProduct, Kvl32f, false)   \
-                              X(AccOp::kProduct, Kvl8u, true) X(AccOp::kProduct, Kvl8s, true) X(  \
-                                  AccOp::kProduct, Kvl16u, true) X(AccOp::kProduct, Kvl32f, true) \
-                                  X(AccOp::kWeighted, Kvl8u, false)                               \
-                                      X(AccOp::kWeighted, Kvl8s, false)                           \
-                                          X(AccOp::kWeighted, Kvl16u, false)                      \
-                                              X(AccOp::kWeighted, Kvl32f, false)                  \
-                                                  X(AccOp::kWeighted, Kvl8u, true)                \
-                                                      X(AccOp::kWeighted, Kvl8s, true)            \
-                                                          X(AccOp::kWeighted, Kvl16u, true)       \
-                                                              X(AccOp::kWeighted, Kvl32f, true)
-
-// Element types of the absolute differences.
-#define KVL_ABSDIFF_TYPES(X) X(Kvl8u) X(Kvl16u) X(Kvl32f)
-
-// The exported members, by shape. One source: X(name, member suffix, Src, op).
-#define KVL_ACC_ONE_SOURCE_MEMBERS(X)                                                       \
-  X(Add, 8u32f, Kvl8u, AccOp::kAdd)                                                         \
-  X(Add, 8s32f, Kvl8s, AccOp::kAdd) X(Add, 16u32f, Kvl16u, AccOp::kAdd)                     \
-      X(AddSquare, 8u32f, Kvl8u, AccOp::kSquare) X(AddSquare, 8s32f, Kvl8s, AccOp::kSquare) \
-          X(AddSquare, 16u32f, Kvl16u, AccOp::kSquare) X(AddSquare, 32f, Kvl32f, AccOp::kSquare)
-// Masked one source, the same plus the masked 32f addition.
+// ---- The members, one per line ----
+// clang-format off
+// One source, kvli<Name>_<types>_C1IR: X(Name, types, Src, op).
+#define KVL_ACC_ONE_SOURCE_MEMBERS(X)          \
+  X(Add,       8u32f,  Kvl8u,  AccOp::kAdd)    \
+  X(Add,       8s32f,  Kvl8s,  AccOp::kAdd)    \
+  X(Add,       16u32f, Kvl16u, AccOp::kAdd)    \
+  X(AddSquare, 8u32f,  Kvl8u,  AccOp::kSquare) \
+  X(AddSquare, 8s32f,  Kvl8s,  AccOp::kSquare) \
+  X(AddSquare, 16u32f, Kvl16u, AccOp::kSquare) \
+  X(AddSquare, 32f,    Kvl32f, AccOp::kSquare)
+// Masked one source, kvli<Name>_<types>_C1IMR: the same plus the masked 32f addition.
 #define KVL_ACC_ONE_SOURCE_MASKED_MEMBERS(X) \
-  KVL_ACC_ONE_SOURCE_MEMBERS(X) X(Add, 32f, Kvl32f, AccOp::kAdd)
-// Two sources: X(name, suffix, Src, op).
-#define KVL_ACC_TWO_SOURCE_MEMBERS(X)                                                         \
-  X(AddProduct, 8u32f, Kvl8u, AccOp::kProduct)                                                \
-  X(AddProduct, 8s32f, Kvl8s, AccOp::kProduct) X(AddProduct, 16u32f, Kvl16u, AccOp::kProduct) \
-      X(AddProduct, 32f, Kvl32f, AccOp::kProduct)
-// Weighted: X(name, suffix, Src, op).
-#define KVL_ACC_WEIGHTED_MEMBERS(X)                                                               \
-  X(AddWeighted, 8u32f, Kvl8u, AccOp::kWeighted)                                                  \
-  X(AddWeighted, 8s32f, Kvl8s, AccOp::kWeighted) X(AddWeighted, 16u32f, Kvl16u, AccOp::kWeighted) \
-      X(AddWeighted, 32f, Kvl32f, AccOp::kWeighted)
-// Absolute differences: X(suffix, T, channels).
+  KVL_ACC_ONE_SOURCE_MEMBERS(X)              \
+  X(Add,       32f,    Kvl32f, AccOp::kAdd)
+// Two sources, C1IR and C1IMR: X(Name, types, Src, op).
+#define KVL_ACC_TWO_SOURCE_MEMBERS(X)              \
+  X(AddProduct,  8u32f,  Kvl8u,  AccOp::kProduct)  \
+  X(AddProduct,  8s32f,  Kvl8s,  AccOp::kProduct)  \
+  X(AddProduct,  16u32f, Kvl16u, AccOp::kProduct)  \
+  X(AddProduct,  32f,    Kvl32f, AccOp::kProduct)
+// Weighted, C1IR and C1IMR (and the two-source kvliAddWeighted_32f_C1R on the unmasked 32f
+// kernel): X(Name, types, Src, op).
+#define KVL_ACC_WEIGHTED_MEMBERS(X)                 \
+  X(AddWeighted, 8u32f,  Kvl8u,  AccOp::kWeighted)  \
+  X(AddWeighted, 8s32f,  Kvl8s,  AccOp::kWeighted)  \
+  X(AddWeighted, 16u32f, Kvl16u, AccOp::kWeighted)  \
+  X(AddWeighted, 32f,    Kvl32f, AccOp::kWeighted)
+// Absolute differences, kvliAbsDiff_<types>: X(types, T, channels).
 #define KVL_ABSDIFF_MEMBERS(X) \
-  X(8u_C1R, Kvl8u, 1) X(8u_C3R, Kvl8u, 3) X(16u_C1R, Kvl16u, 1) X(32f_C1R, Kvl32f, 1)
-// X(suffix, T, value type).
-#define KVL_ABSDIFFC_MEMBERS(X) \
-  X(8u_C1R, Kvl8u, int) X(16u_C1R, Kvl16u, int) X(32f_C1R, Kvl32f, Kvl32f)
+  X(8u_C1R,  Kvl8u,  1)        \
+  X(8u_C3R,  Kvl8u,  3)        \
+  X(16u_C1R, Kvl16u, 1)        \
+  X(32f_C1R, Kvl32f, 1)
+// kvliAbsDiffC_<types>: X(types, T, value type).
+#define KVL_ABSDIFFC_MEMBERS(X)   \
+  X(8u_C1R,  Kvl8u,  int)         \
+  X(16u_C1R, Kvl16u, int)         \
+  X(32f_C1R, Kvl32f, Kvl32f)
+// clang-format on
 
 }  // namespace kvl::stat

@@ -12,6 +12,7 @@ HWY_BEFORE_NAMESPACE();
 namespace kvl::stat {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
+#if KVL_SIMD_TARGET
 
 // Lanes of source type Src converted exactly to float.
 template <class Src, class DF>
@@ -166,47 +167,47 @@ void absDiffCRow(const T* a, T v, T* dst, int n) {
   fenceStreams<kStream>();
 }
 
+#endif  // KVL_SIMD_TARGET
+
 }  // namespace HWY_NAMESPACE
 }  // namespace kvl::stat
 HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
+#include "stat/accum_ref.h"
+
 namespace kvl::stat {
 
 template <AccOp kOp, class Src, bool kMasked>
-AccRowFn<Src> accRowKernel() {
-  static const AccRowFn<Src> table[3] = {N_AVX3::accRow<kOp, Src, kMasked>,
-                                         N_AVX2::accRow<kOp, Src, kMasked>,
-                                         N_SSE4::accRow<kOp, Src, kMasked>};
-  return simd::pick(table, &ref::accRow<kOp, Src, kMasked>);
-}
+const simd::Kernel<AccRowFn<Src>> AccKernel<kOp, Src, kMasked>::kernel{
+    KVL_TARGETS(accRow<kOp, Src, kMasked>), &ref::accRow<kOp, Src, kMasked>};
+template <class T, int kC, bool kStream>
+const simd::Kernel<AbsDiffRowFn<T>> AbsDiffKernel<T, kC, kStream>::kernel{
+    KVL_TARGETS(absDiffRow<T, kStream>), &ref::absDiffRow<T>};
+template <class T, bool kStream>
+const simd::Kernel<AbsDiffCRowFn<T>> AbsDiffCKernel<T, kStream>::kernel{
+    KVL_TARGETS(absDiffCRow<T, kStream>), &ref::absDiffCRow<T>};
 
-template <class T>
-AbsDiffRowFn<T> absDiffRowKernel(bool stream) {
-  static const AbsDiffRowFn<T> cached[3] = {
-      N_AVX3::absDiffRow<T, false>, N_AVX2::absDiffRow<T, false>, N_SSE4::absDiffRow<T, false>};
-  static const AbsDiffRowFn<T> streamed[3] = {
-      N_AVX3::absDiffRow<T, true>, N_AVX2::absDiffRow<T, true>, N_SSE4::absDiffRow<T, true>};
-  return simd::pick(stream ? streamed : cached, &ref::absDiffRow<T>);
-}
-
-template <class T>
-AbsDiffCRowFn<T> absDiffCRowKernel(bool stream) {
-  static const AbsDiffCRowFn<T> cached[3] = {
-      N_AVX3::absDiffCRow<T, false>, N_AVX2::absDiffCRow<T, false>, N_SSE4::absDiffCRow<T, false>};
-  static const AbsDiffCRowFn<T> streamed[3] = {
-      N_AVX3::absDiffCRow<T, true>, N_AVX2::absDiffCRow<T, true>, N_SSE4::absDiffCRow<T, true>};
-  return simd::pick(stream ? streamed : cached, &ref::absDiffCRow<T>);
-}
-
-#define KVL_INSTANTIATE_ACC(op, Src, masked) template AccRowFn<Src> accRowKernel<op, Src, masked>();
-KVL_ACC_KERNELS(KVL_INSTANTIATE_ACC)
-#undef KVL_INSTANTIATE_ACC
-#define KVL_INSTANTIATE_ABSDIFF(T)                    \
-  template AbsDiffRowFn<T> absDiffRowKernel<T>(bool); \
-  template AbsDiffCRowFn<T> absDiffCRowKernel<T>(bool);
-KVL_ABSDIFF_TYPES(KVL_INSTANTIATE_ABSDIFF)
-#undef KVL_INSTANTIATE_ABSDIFF
+#define KVL_UNMASKED(Name, types, Src, op) template struct AccKernel<op, Src, false>;
+#define KVL_MASKED(Name, types, Src, op) template struct AccKernel<op, Src, true>;
+KVL_ACC_ONE_SOURCE_MEMBERS(KVL_UNMASKED)
+KVL_ACC_ONE_SOURCE_MASKED_MEMBERS(KVL_MASKED)
+KVL_ACC_TWO_SOURCE_MEMBERS(KVL_UNMASKED)
+KVL_ACC_TWO_SOURCE_MEMBERS(KVL_MASKED)
+KVL_ACC_WEIGHTED_MEMBERS(KVL_UNMASKED)
+KVL_ACC_WEIGHTED_MEMBERS(KVL_MASKED)
+#undef KVL_UNMASKED
+#undef KVL_MASKED
+#define KVL_ABSDIFF(types, T, C)                   \
+  template struct AbsDiffKernel<T, C, false>;      \
+  template struct AbsDiffKernel<T, C, true>;
+KVL_ABSDIFF_MEMBERS(KVL_ABSDIFF)
+#undef KVL_ABSDIFF
+#define KVL_ABSDIFFC(types, T, V)             \
+  template struct AbsDiffCKernel<T, false>;   \
+  template struct AbsDiffCKernel<T, true>;
+KVL_ABSDIFFC_MEMBERS(KVL_ABSDIFFC)
+#undef KVL_ABSDIFFC
 
 }  // namespace kvl::stat
 #endif  // HWY_ONCE

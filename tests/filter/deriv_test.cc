@@ -27,64 +27,26 @@ struct Member {
   SizeFn size;
 };
 
-template <class T>
-constexpr Ty tyOf() {
-  if constexpr (std::is_same_v<T, Kvl8u>) return Ty::k8u;
-  if constexpr (std::is_same_v<T, Kvl8s>) return Ty::k8s;
-  if constexpr (std::is_same_v<T, Kvl16s>) return Ty::k16s;
-  return Ty::k32f;
-}
-
-// One adaptor per argument list: mask and no mask, divisor and no divisor.
-template <class S, class D, class V>
-Member make(std::string n, KvlStatus (*f)(const S*, int, D*, int, KvliSize, int, int, V, Kvl8u*),
-            KvlStatus (*size)(KvliSize, int, int*), bool general = false) {
-  return {n, tyOf<S>(), tyOf<D>(), true, false, general,
-          [f](const void* s, int ss, void* d, int ds, KvliSize r, int m, int bt, float v, int,
-              Kvl8u* b) { return f(static_cast<const S*>(s), ss, static_cast<D*>(d), ds, r, m, bt, V(v), b); },
-          size};
-}
-template <class S, class D, class V>
-Member make(std::string n, KvlStatus (*f)(const S*, int, D*, int, KvliSize, int, int, V, int, Kvl8u*),
-            KvlStatus (*size)(KvliSize, int, int*)) {
-  return {n, tyOf<S>(), tyOf<D>(), true, true, false,
-          [f](const void* s, int ss, void* d, int ds, KvliSize r, int m, int bt, float v, int dv,
-              Kvl8u* b) { return f(static_cast<const S*>(s), ss, static_cast<D*>(d), ds, r, m, bt, V(v), dv, b); },
-          size};
-}
-template <class S, class D, class V>
-Member make(std::string n, KvlStatus (*f)(const S*, int, D*, int, KvliSize, int, V, Kvl8u*),
-            KvlStatus (*size)(KvliSize, int*)) {
-  return {n, tyOf<S>(), tyOf<D>(), false, false, false,
-          [f](const void* s, int ss, void* d, int ds, KvliSize r, int, int bt, float v, int,
-              Kvl8u* b) { return f(static_cast<const S*>(s), ss, static_cast<D*>(d), ds, r, bt, V(v), b); },
-          [size](KvliSize r, int, int* p) { return size(r, p); }};
-}
-template <class S, class D, class V>
-Member make(std::string n, KvlStatus (*f)(const S*, int, D*, int, KvliSize, int, V, int, Kvl8u*),
-            KvlStatus (*size)(KvliSize, int*)) {
-  return {n, tyOf<S>(), tyOf<D>(), false, true, false,
-          [f](const void* s, int ss, void* d, int ds, KvliSize r, int, int bt, float v, int dv,
-              Kvl8u* b) { return f(static_cast<const S*>(s), ss, static_cast<D*>(d), ds, r, bt, V(v), dv, b); },
-          [size](KvliSize r, int, int* p) { return size(r, p); }};
-}
-
-#define KVL_MEMBER(N, T) make(#N "_" #T, kvliFilter##N##Border_##T##_C1R, kvliFilter##N##GetBufferSize_##T##_C1R)
-#define KVL_MEMBER3(N) KVL_MEMBER(N, 8u16s), KVL_MEMBER(N, 8u8s), KVL_MEMBER(N, 32f)
-#define KVL_GENERAL(N, T) \
-  make(#N "_" #T "_general", kvliFilter##N##Border_##T##_C1R, kvliFilter##N##GetBufferSize_##T##_C1R, true)
-
 void PrintTo(const Member& m, std::ostream* os) { *os << m.name; }
 
+// The family's member table, in the one signature of the tests.
 const std::vector<Member>& members() {
-  static const std::vector<Member> all = {
-      KVL_MEMBER(SobelHoriz, 8u8s),   KVL_MEMBER(SobelVert, 8u8s),    KVL_MEMBER3(SobelNegVert),
-      KVL_MEMBER3(SobelHorizSecond),  KVL_MEMBER3(SobelVertSecond),   KVL_MEMBER3(SobelCross),
-      KVL_MEMBER3(Laplacian),         KVL_MEMBER(Lowpass, 8u),        KVL_MEMBER(Lowpass, 32f),
-      KVL_MEMBER3(ScharrHoriz),       KVL_MEMBER3(ScharrVert),
-      KVL_GENERAL(SobelVert, 8u16s),  KVL_GENERAL(SobelHoriz, 8u16s),
-      KVL_GENERAL(SobelVert, 32f),    KVL_GENERAL(SobelHoriz, 32f),
-  };
+  using kvl::filter::deriv::Args;
+  using kvl::filter::deriv::Out;
+  static const std::vector<Member> all = [] {
+    std::vector<Member> r;
+    for (const kvl::filter::deriv::Member& m : {KVL_DERIV_MEMBERS(KVL_DERIV_MEMBER_RECORD)}) {
+      const Ty dst = m.out == Out::k16s ? Ty::k16s
+                     : m.out == Out::k8s ? Ty::k8s
+                     : m.out == Out::k8u ? Ty::k8u
+                                         : Ty::k32f;
+      const bool general = m.args == Args::General;
+      r.push_back({std::string(m.name) + (general ? "_general" : ""),
+                   m.out == Out::k32f ? Ty::k32f : Ty::k8u, dst, m.args != Args::NoMask,
+                   m.out == Out::k8s, general, m.run, m.size});
+    }
+    return r;
+  }();
   return all;
 }
 
@@ -490,11 +452,10 @@ TEST(DerivKernels, StreamingStoresMatchTheReference) {
   using namespace kvl::filter::deriv;
   const int kLevel[3] = {kvl::simd::kAVX3, kvl::simd::kAVX2, kvl::simd::kSSE4};
   struct K {
-    int index;
+    KernelKey key;
     bool f32;
   };
-  for (K k : {K{kernelIndex(Kind::kSobelCross, 5, Out::k32f), true},
-              K{kernelIndex(Kind::kLaplacian, 3, Out::k16s), false}})
+  for (K k : {K{{Kind::kSobelCross, 5, Out::k32f}, true}, K{{Kind::kLaplacian, 3, Out::k16s}, false}})
     for (int offset : {0, 4, 12, 128})  // bytes from a 64-byte boundary
       for (int w : {67, 130}) {
         const int h = 4, outBytes = k.f32 ? 4 : 2;
@@ -507,15 +468,15 @@ TEST(DerivKernels, StreamingStoresMatchTheReference) {
         auto job = [&](Kvl8u* out, bool stream) {
           return Job{k.f32 ? static_cast<const void*>(srcF.roi()) : src8.roi(),
                      k.f32 ? srcF.step() : src8.step(), out + offset, w * outBytes, w, h, 0, h,
-                     kvlBorderRepl, 0.f, 1.f, buf.data(), static_cast<long long>(buf.size()),
+                     kvlBorderRepl, 0.f, 1.f, 0, buf.data(), static_cast<long long>(buf.size()),
                      stream, 0};
         };
         std::memset(want, 0, sizeof(want));
-        kRef[k.index](job(want, false));
+        kernelFor(k.key).ref(job(want, false));
         for (int t = 0; t < 3; ++t) {
           if (kvl::simd::bestTarget() < kLevel[t]) continue;
           std::memset(got, 0, sizeof(got));
-          kTargets[t][k.index](job(got, true));
+          kernelFor(k.key).at(kLevel[t])(job(got, true));
           EXPECT_EQ(0, std::memcmp(got, want, sizeof(got)))
               << kvl::test::targetName(kLevel[t]) << " width " << w << " offset " << offset;
         }
@@ -528,7 +489,7 @@ TEST(DerivKernels, TilesAndBandsMatchTheReference) {
   using namespace kvl::filter::deriv;
   const int kLevel[3] = {kvl::simd::kAVX3, kvl::simd::kAVX2, kvl::simd::kSSE4};
   struct K {
-    int index;
+    KernelKey key;
     bool f32;
     int perColumn;  // ring bytes per column: pairs x K x work bytes
   };
@@ -538,25 +499,25 @@ TEST(DerivKernels, TilesAndBandsMatchTheReference) {
   srcF.fillRandom(22);
   src8.fillRandom(22);
   std::vector<Kvl8u> want(static_cast<size_t>(w) * h * 4), got(want.size());
-  for (K k : {K{kernelIndex(Kind::kScharrVert, 3, Out::k16s), false, 6},
-              K{kernelIndex(Kind::kLaplacian, 5, Out::k8s), false, 20},
-              K{kernelIndex(Kind::kSobelCross, 5, Out::k32f), true, 20}})
+  for (K k : {K{{Kind::kScharrVert, 3, Out::k16s}, false, 6},
+              K{{Kind::kLaplacian, 5, Out::k8s}, false, 20},
+              K{{Kind::kSobelCross, 5, Out::k32f}, true, 20}})
     for (int cols : {64, 128, 100}) {  // tiles of 64, 128 and 64 columns
       const int outBytes = k.f32 ? 4 : 2;
       std::vector<Kvl8u> buf(32 + static_cast<size_t>(k.perColumn) * cols);
       auto job = [&](Kvl8u* out, int rows, int prefetch) {
         return Job{k.f32 ? static_cast<const void*>(srcF.roi()) : src8.roi(),
                    k.f32 ? srcF.step() : src8.step(), out, w * outBytes, w, h, 0, rows,
-                   kvlBorderRepl | kvlBorderInMemTop, 0.f, 0.25f, buf.data(),
+                   kvlBorderRepl | kvlBorderInMemTop, 0.f, 0.25f, 0, buf.data(),
                    static_cast<long long>(buf.size()), false, prefetch};
       };
       std::fill(want.begin(), want.end(), 0);
-      kRef[k.index](job(want.data(), h, 0));
+      kernelFor(k.key).ref(job(want.data(), h, 0));
       for (int t = 0; t < 3; ++t) {
         if (kvl::simd::bestTarget() < kLevel[t]) continue;
         std::fill(got.begin(), got.end(), 0);
-        kTargets[t][k.index](job(got.data(), h, kPrefetchRows));
-        EXPECT_TRUE(got == want) << kvl::test::targetName(kLevel[t]) << " kernel " << k.index
+        kernelFor(k.key).at(kLevel[t])(job(got.data(), h, kPrefetchRows));
+        EXPECT_TRUE(got == want) << kvl::test::targetName(kLevel[t]) << " kernel " << kernelIndex(k.key)
                                  << " columns " << cols;
       }
     }

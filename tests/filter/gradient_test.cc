@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 
+#include "core/parallel.h"
 #include "support/support.h"
 
 namespace {
@@ -170,7 +171,7 @@ TEST(GradientColorToGray, TeamRule) {
       {{700, 400}, 1, 1},
   };
   for (const Case& c : cases)
-    EXPECT_EQ(kvl::filter::gradientTeam(c.roi, c.threads), c.team)
+    EXPECT_EQ(kvl::par::teamGradient(c.roi, c.threads), c.team)
         << c.roi.width << "x" << c.roi.height;
 }
 

@@ -1,6 +1,7 @@
 // Accumulation and absolute difference: every member against the scalar reference on every target,
 // validation order, thread invariance and the hand-computed cases.
 #include "stat/accum.h"
+#include "stat/accum_ref.h"
 
 #include <algorithm>
 #include <cmath>
@@ -376,8 +377,10 @@ template <class T>
 void checkRowKernels() {
   kvl::test::forEachTarget([&](int target) {
     for (bool stream : {false, true}) {
-      const auto diff = kvl::stat::absDiffRowKernel<T>(stream);
-      const auto diffC = kvl::stat::absDiffCRowKernel<T>(stream);
+      const auto diff = stream ? kvl::stat::AbsDiffKernel<T, 1, true>::kernel.pick()
+                               : kvl::stat::AbsDiffKernel<T, 1, false>::kernel.pick();
+      const auto diffC = stream ? kvl::stat::AbsDiffCKernel<T, true>::kernel.pick()
+                                : kvl::stat::AbsDiffCKernel<T, false>::kernel.pick();
       for (int n : {1, 15, 16, 63, 64, 65, 130, 300, 1027}) {
         Image<T> a(n, 1, 0, n), b(n, 1, 0, n + 1);
         a.fillRandom(n);

@@ -1,4 +1,6 @@
 // Scalar reference kernels of accumulation and absolute difference: the rules written out plainly.
+#pragma once
+
 #include <cmath>
 
 #include "stat/accum.h"
@@ -26,17 +28,5 @@ template <class T>
 void absDiffCRow(const T* a, T v, T* dst, int n) {
   for (int x = 0; x < n; ++x) dst[x] = absDiff(a[x], v);
 }
-
-#define KVL_INSTANTIATE_ACC(op, Src, masked)                                                 \
-  template void accRow<op, Src, masked>(const Src*, const Src*, const Kvl8u*, const Kvl32f*, \
-                                        Kvl32f*, int, float);
-KVL_ACC_KERNELS(KVL_INSTANTIATE_ACC)
-#undef KVL_INSTANTIATE_ACC
-
-#define KVL_INSTANTIATE_ABSDIFF(T)                          \
-  template void absDiffRow<T>(const T*, const T*, T*, int); \
-  template void absDiffCRow<T>(const T*, T, T*, int);
-KVL_ABSDIFF_TYPES(KVL_INSTANTIATE_ABSDIFF)
-#undef KVL_INSTANTIATE_ABSDIFF
 
 }  // namespace kvl::stat::ref

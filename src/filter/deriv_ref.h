@@ -1,18 +1,17 @@
 // Scalar reference of the derivative filters: every output pixel from the row pass of the K rows
 // around it, written out literally. It is the test oracle and the fallback below SSE4.
+#pragma once
+
 #include <algorithm>
-#include <array>
 #include <type_traits>
-#include <utility>
 
 #include "core/pixel.h"
 #include "filter/deriv.h"
 
-namespace kvl::filter::deriv {
-namespace {
+namespace kvl::filter::deriv::ref {
 
 template <Kind kKind, int kK, Out kOut>
-void refKernel(const Job& j) {
+void kernel(const Job& j) {
   using Src = std::conditional_t<kOut == Out::k32f, Kvl32f, Kvl8u>;
   using W = Work<Src>;
   using A = Acc<Src>;
@@ -34,13 +33,13 @@ void refKernel(const Job& j) {
           W* t = ring + (p * kK + r) * tw;
           const int sy = sourceRow(y + r - c, j.height, j.borderType);
           for (int x = 0; x < n; ++x)
-            t[x] = sy == kConstRow
+            t[x] = sy == kConstant
                        ? rowOfConstant<Src>(a, value)
                        : rowAtEdge<Src>(a, srcRow(sy), x0 + x, w, j.borderType, value);
         }
       }
       // Column pass.
-      void* out = rowPtr(static_cast<char*>(j.dst), j.dstStep, y);
+      void* out = rowPtr(static_cast<char*>(j.dst), j.dstStep, y - j.dstY0);
       for (int x = 0; x < n; ++x) {
         A s;
         if constexpr (centreForm(kKind, kK)) {
@@ -59,23 +58,4 @@ void refKernel(const Job& j) {
   }
 }
 
-template <int I>
-constexpr Fn entry() {
-  if constexpr (exists(kindOf(I), lengthOf(I), outOf(I)))
-    return &refKernel<kindOf(I), lengthOf(I), outOf(I)>;
-  else
-    return nullptr;
-}
-
-template <int... I>
-constexpr auto makeTable(std::integer_sequence<int, I...>) {
-  return std::array<Fn, sizeof...(I)>{entry<I>()...};
-}
-
-constexpr auto kRefArray = makeTable(std::make_integer_sequence<int, kNumKernels>{});
-
-}  // namespace
-
-const Fn* const kRef = kRefArray.data();
-
-}  // namespace kvl::filter::deriv
+}  // namespace kvl::filter::deriv::ref

@@ -1,10 +1,16 @@
-// Vector kernels of the derivative filters: the row pass of each source row into a ring of K
-// intermediate rows per column tile, then the column pass from the ring into the destination.
-#undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "filter/deriv_simd.cc"
-#include <hwy/foreach_target.h>  // must come before highway.h
-#include <hwy/highway.h>
+// Vector kernels of the derivative filters, per target: the row pass of each source row into a
+// ring of K intermediate rows per column tile, then the column pass from the ring into the
+// destination. Included by every deriv_simd_<unit>.cc under Highway's per-target loop.
 
+// Per-target include guard: this header is included once per target.
+#if defined(KVL_FILTER_DERIV_INL_H_) == defined(HWY_TARGET_TOGGLE)
+#ifdef KVL_FILTER_DERIV_INL_H_
+#undef KVL_FILTER_DERIV_INL_H_
+#else
+#define KVL_FILTER_DERIV_INL_H_
+#endif
+
+#include <hwy/highway.h>
 #include <immintrin.h>
 
 #include <algorithm>
@@ -20,8 +26,7 @@ HWY_BEFORE_NAMESPACE();
 namespace kvl::filter::deriv {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
-// Only the SSE4, AVX2 and AVX-512 builds are dispatched; the single-lane baseline has no table.
-#if HWY_TARGET != HWY_SCALAR
+#if KVL_SIMD_TARGET
 
 // k x v with the products by +-1 and 2 as exact additions (the same bits as the multiply).
 template <class D, class V>
@@ -185,7 +190,7 @@ void kernel(const Job& j) {
         const int sy = sourceRow(yy, j.height, bt);
         for (int p = 0; p < kPairs; ++p) {
           W* t = slot(p, yy);
-          if (sy == kConstRow) {
+          if (sy == kConstant) {
             std::fill(t, t + n, rowOfConstant<Src>(p == 0 ? kA0 : kA1, value));
           } else if (p == 0) {
             rowPass<kA0, Src>(srcRow(sy), w, bt, value, x0, n, t);
@@ -246,7 +251,7 @@ void kernel(const Job& j) {
             return s;
           }
         };
-        char* outRow = rowPtr(static_cast<char*>(j.dst), j.dstStep, y);
+        char* outRow = rowPtr(static_cast<char*>(j.dst), j.dstStep, y - j.dstY0);
         int i = 0;
         if constexpr (kOut == Out::k16s || kOut == Out::k32f) {
           W* out = reinterpret_cast<W*>(outRow) + x0;
@@ -294,30 +299,35 @@ void kernelFenced(const Job& j) {
   if (j.stream) _mm_sfence();
 }
 
-template <int I>
-constexpr Fn entry() {
-  if constexpr (exists(kindOf(I), lengthOf(I), outOf(I)))
-    return &kernelFenced<kindOf(I), lengthOf(I), outOf(I)>;
-  else
-    return nullptr;
-}
-
-template <int... I>
-constexpr std::array<Fn, sizeof...(I)> makeTable(std::integer_sequence<int, I...>) {
-  return {entry<I>()...};
-}
-
-const std::array<Fn, kNumKernels> kTable =
-    makeTable(std::make_integer_sequence<int, kNumKernels>{});
-#endif  // HWY_TARGET != HWY_SCALAR
+#endif  // KVL_SIMD_TARGET
 
 }  // namespace HWY_NAMESPACE
 }  // namespace kvl::filter::deriv
 HWY_AFTER_NAMESPACE();
 
-#if HWY_ONCE
+#endif  // per-target include guard
+
+#if HWY_ONCE && !defined(KVL_FILTER_DERIV_UNIT_H_)
+#define KVL_FILTER_DERIV_UNIT_H_
+#include "filter/deriv_ref.h"
+
 namespace kvl::filter::deriv {
-const Fn* const kTargets[3] = {N_AVX3::kTable.data(), N_AVX2::kTable.data(),
-                               N_SSE4::kTable.data()};
+// The kernels [unitBegin(kUnit), unitBegin(kUnit + 1)) on every target, with their references.
+template <int kUnit, size_t... I>
+constexpr std::array<simd::Kernel<Fn>, sizeof...(I)> unitKernels(std::index_sequence<I...>) {
+  constexpr int b = unitBegin(kUnit);
+  return {simd::Kernel<Fn>{
+      KVL_TARGETS(kernelFenced<kKernels[b + I].kind, kKernels[b + I].K, kKernels[b + I].out>),
+      &ref::kernel<kKernels[b + I].kind, kKernels[b + I].K, kKernels[b + I].out>}...};
+}
 }  // namespace kvl::filter::deriv
+
+// Defines Unit<u>::kernels; the file deriv_simd_<u>.cc says it once, after the per-target passes.
+#define KVL_DERIV_UNIT_KERNELS(u)                                                           \
+  namespace kvl::filter::deriv {                                                            \
+  constexpr auto kUnit##u##Kernels =                                                        \
+      unitKernels<u>(std::make_index_sequence<unitBegin(u + 1) - unitBegin(u)>{});          \
+  template <>                                                                               \
+  const simd::Kernel<Fn>* const Unit<u>::kernels = kUnit##u##Kernels.data();                \
+  }
 #endif
