@@ -4,7 +4,9 @@
 #include "filter/pipeline.h"
 
 #include <algorithm>
+#include <cmath>
 #include <numeric>
+#include <random>
 #include <tuple>
 
 #include "core/border.h"
@@ -339,6 +341,44 @@ TEST(ColumnPipeline, HalvesRoundInGroupsAndTruncateInTheTail) {
               kvlStatusOk);
     EXPECT_EQ(std::vector<Kvl8u>(out8, out8 + 10), std::vector<Kvl8u>(want8, want8 + 10));
   });
+}
+
+// The 16u column pass sums its products in 32-bit integers and scales the sum once: long kernels
+// with large coefficients and values, against the rule computed in 64 bits (the sums here stay
+// below 2^31), for one and three channels.
+TEST(ColumnPipeline, SixteenBitUnsignedSumsInIntegers) {
+  const int w = 100, h = 5, K = 9, divisor = 9802;
+  std::mt19937 rng(96);
+  std::vector<Kvl16u> kernel(K);
+  for (Kvl16u& k : kernel) k = static_cast<Kvl16u>(900 + rng() % 400);
+  for (int channels : {1, 3}) {
+    const int n = w * channels;
+    std::vector<std::vector<Kvl16u>> rows(h + K - 1, std::vector<Kvl16u>(n));
+    for (auto& r : rows)
+      for (Kvl16u& v : r) v = static_cast<Kvl16u>(rng());
+    std::vector<const Kvl16u*> ptrs;
+    for (const auto& r : rows) ptrs.push_back(r.data());
+    const float recip = 1.0f / static_cast<float>(divisor);
+    kvl::test::forEachTarget([&](int) {
+      std::vector<Kvl16u> out(static_cast<size_t>(n) * h);
+      int bytes = 0;
+      auto size = channels == 1 ? kvliFilterColumnPipelineGetBufferSize_16u_C1R
+                                : kvliFilterColumnPipelineGetBufferSize_16u_C3R;
+      auto run = channels == 1 ? kvliFilterColumnPipeline_16u_C1R : kvliFilterColumnPipeline_16u_C3R;
+      ASSERT_EQ(size({w, h}, K, &bytes), kvlStatusOk);
+      std::vector<Kvl8u> buf(bytes);
+      ASSERT_EQ(run(ptrs.data(), out.data(), n * 2, {w, h}, kernel.data(), K, divisor, buf.data()),
+                kvlStatusOk);
+      for (int y = 0; y < h; ++y)
+        for (int i = 0; i < n; ++i) {
+          long long sum = 0;
+          for (int k = 0; k < K; ++k) sum += 1LL * kernel[k] * rows[y + k][i];
+          const float v = std::min(static_cast<float>(sum) * recip, 65535.0f);
+          const int want = i < n - n % 8 ? static_cast<int>(std::nearbyint(v)) : static_cast<int>(v);
+          ASSERT_EQ(out[static_cast<size_t>(y) * n + i], want) << "row " << y << " element " << i;
+        }
+    });
+  }
 }
 
 TEST(ColumnPipeline, HeightOneKernelThreeReadsExactlyThreeRows) {
