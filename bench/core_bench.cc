@@ -1,5 +1,6 @@
 // The streaming copy: the yardstick for the memory-bound families.
 #include <cstring>
+#include <memory>
 
 #include "bench.h"
 #include "core/border.h"

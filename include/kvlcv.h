@@ -190,9 +190,9 @@ KVL_API KvlStatus kvliFilterRowBorderPipelineGetBufferSize_32f_C3R(KvliSize roiS
 /* Column pass: combines kernelSize rows vertically: output row y, element x is
  * conv(sum over k of pKernel[k] x ppSrc[y + k][x]); ppSrc holds height + kernelSize - 1 row
  * pointers, which need not be contiguous or ordered (the caller chooses them, and with them the
- * vertical border). Integer members sum products in 32-bit integers (wrapping modulo 2^32), except
- * 16u, which sums in float in the order k = 0..K-1 as the 16u row pass does; the sum is multiplied
- * by the float 1/divisor and clamped in float to the destination range. The conversion to integer
+ * vertical border). Integer members (16u included) sum the products in 32-bit integers (wrapping
+ * modulo 2^32); the sum is converted to float once, multiplied by the float 1/divisor and clamped
+ * in float to the destination range. The conversion to integer
  * depends on the element's place in the row of n = width x channels elements: elements
  * 0 .. n - n % 8 - 1 round to nearest with ties to even; the last n % 8 elements (the tail, 0 to 7
  * elements) truncate toward zero. Low_16s shares the 16s arithmetic. 32f stores the float sum

@@ -2,88 +2,65 @@
 // Laplacian and the box filter, 8u->16s (8u->8u for the box) and 32f, 3x3 and 5x5.
 #include <cstring>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "bench.h"
-#include "filter/deriv.h"
+#include "filter/deriv.h"  // the internal members of the table
 
 namespace kvl::bench {
 namespace {
 
-enum class Peer { kSobelDx, kSobelDy, kScharrDx, kScharrDy, kLaplacian, kBox };
+enum class Peer { kNone, kSobelDx, kSobelDy, kScharrDx, kScharrDy, kLaplacian, kBox };
+
+// The OpenCV function that computes the same derivative (up to the sign convention).
+Peer peerOf(filter::deriv::Kind k) {
+  using filter::deriv::Kind;
+  switch (k) {
+    case Kind::kSobelNegVert: return Peer::kSobelDx;
+    case Kind::kSobelHoriz: return Peer::kSobelDy;
+    case Kind::kScharrVert: return Peer::kScharrDx;
+    case Kind::kScharrHoriz: return Peer::kScharrDy;
+    case Kind::kLaplacian: return Peer::kLaplacian;
+    case Kind::kLowpass: return Peer::kBox;
+    default: return Peer::kNone;
+  }
+}
 
 struct Case {
-  const char* name;
+  std::string name;
   bool f32;     // 32f in and out; otherwise 8u in, 16s out (8u out for the box)
   int mask;     // 33 or 55
   Peer peer;
   bool serial;  // the general-filter members run on the calling thread: 1 thread only
-  // kvlCV call: src, srcStep, dst, dstStep, roi, mask, buffer
-  KvlStatus (*call)(const void*, int, void*, int, KvliSize, int, Kvl8u*);
-  KvlStatus (*size)(KvliSize, int, int*);
+  const filter::deriv::Member* member;
 };
 
-#define KVL_BENCH_8U16S(Name)                                                                \
-  [](const void* s, int ss, void* d, int ds, KvliSize r, int m, Kvl8u* b) {                  \
-    return kvliFilter##Name##Border_8u16s_C1R(static_cast<const Kvl8u*>(s), ss,              \
-                                              static_cast<Kvl16s*>(d), ds, r, m, kvlBorderRepl, 0, b); \
-  },                                                                                         \
-      [](KvliSize r, int m, int* p) { return kvliFilter##Name##GetBufferSize_8u16s_C1R(r, m, p); }
-#define KVL_BENCH_32F(Name)                                                                  \
-  [](const void* s, int ss, void* d, int ds, KvliSize r, int m, Kvl8u* b) {                  \
-    return kvliFilter##Name##Border_32f_C1R(static_cast<const Kvl32f*>(s), ss,               \
-                                            static_cast<Kvl32f*>(d), ds, r, m, kvlBorderRepl, 0.f, b); \
-  },                                                                                         \
-      [](KvliSize r, int m, int* p) { return kvliFilter##Name##GetBufferSize_32f_C1R(r, m, p); }
-#define KVL_BENCH_SCHARR_8U16S(Name)                                                         \
-  [](const void* s, int ss, void* d, int ds, KvliSize r, int, Kvl8u* b) {                    \
-    return kvliFilter##Name##Border_8u16s_C1R(static_cast<const Kvl8u*>(s), ss,              \
-                                              static_cast<Kvl16s*>(d), ds, r, kvlBorderRepl, 0, b); \
-  },                                                                                         \
-      [](KvliSize r, int, int* p) { return kvliFilter##Name##GetBufferSize_8u16s_C1R(r, p); }
-#define KVL_BENCH_SCHARR_32F(Name)                                                           \
-  [](const void* s, int ss, void* d, int ds, KvliSize r, int, Kvl8u* b) {                    \
-    return kvliFilter##Name##Border_32f_C1R(static_cast<const Kvl32f*>(s), ss,               \
-                                            static_cast<Kvl32f*>(d), ds, r, kvlBorderRepl, 0.f, b); \
-  },                                                                                         \
-      [](KvliSize r, int, int* p) { return kvliFilter##Name##GetBufferSize_32f_C1R(r, p); }
-
-const Case kCases[] = {
-    {"SobelNegVert_8u16s_3x3", false, 33, Peer::kSobelDx, false, KVL_BENCH_8U16S(SobelNegVert)},
-    {"SobelNegVert_8u16s_5x5", false, 55, Peer::kSobelDx, false, KVL_BENCH_8U16S(SobelNegVert)},
-    {"SobelNegVert_32f_3x3", true, 33, Peer::kSobelDx, false, KVL_BENCH_32F(SobelNegVert)},
-    {"SobelNegVert_32f_5x5", true, 55, Peer::kSobelDx, false, KVL_BENCH_32F(SobelNegVert)},
-    {"SobelHoriz_8u16s_3x3", false, 33, Peer::kSobelDy, true, KVL_BENCH_8U16S(SobelHoriz)},
-    {"SobelHoriz_8u16s_5x5", false, 55, Peer::kSobelDy, true, KVL_BENCH_8U16S(SobelHoriz)},
-    {"SobelHoriz_32f_3x3", true, 33, Peer::kSobelDy, true, KVL_BENCH_32F(SobelHoriz)},
-    {"ScharrVert_8u16s", false, 33, Peer::kScharrDx, false, KVL_BENCH_SCHARR_8U16S(ScharrVert)},
-    {"ScharrVert_32f", true, 33, Peer::kScharrDx, false, KVL_BENCH_SCHARR_32F(ScharrVert)},
-    {"ScharrHoriz_8u16s", false, 33, Peer::kScharrDy, false, KVL_BENCH_SCHARR_8U16S(ScharrHoriz)},
-    {"ScharrHoriz_32f", true, 33, Peer::kScharrDy, false, KVL_BENCH_SCHARR_32F(ScharrHoriz)},
-    {"Laplacian_8u16s_3x3", false, 33, Peer::kLaplacian, false, KVL_BENCH_8U16S(Laplacian)},
-    {"Laplacian_8u16s_5x5", false, 55, Peer::kLaplacian, false, KVL_BENCH_8U16S(Laplacian)},
-    {"Laplacian_32f_3x3", true, 33, Peer::kLaplacian, false, KVL_BENCH_32F(Laplacian)},
-    {"Laplacian_32f_5x5", true, 55, Peer::kLaplacian, false, KVL_BENCH_32F(Laplacian)},
-    {"Lowpass_8u_3x3", false, 33, Peer::kBox, false,
-     [](const void* s, int ss, void* d, int ds, KvliSize r, int m, Kvl8u* b) {
-       return kvliFilterLowpassBorder_8u_C1R(static_cast<const Kvl8u*>(s), ss,
-                                             static_cast<Kvl8u*>(d), ds, r, m, kvlBorderRepl, 0, b);
-     },
-     [](KvliSize r, int m, int* p) { return kvliFilterLowpassGetBufferSize_8u_C1R(r, m, p); }},
-    {"Lowpass_8u_5x5", false, 55, Peer::kBox, false,
-     [](const void* s, int ss, void* d, int ds, KvliSize r, int m, Kvl8u* b) {
-       return kvliFilterLowpassBorder_8u_C1R(static_cast<const Kvl8u*>(s), ss,
-                                             static_cast<Kvl8u*>(d), ds, r, m, kvlBorderRepl, 0, b);
-     },
-     [](KvliSize r, int m, int* p) { return kvliFilterLowpassGetBufferSize_8u_C1R(r, m, p); }},
-    {"Lowpass_32f_3x3", true, 33, Peer::kBox, false, KVL_BENCH_32F(Lowpass)},
-    {"Lowpass_32f_5x5", true, 55, Peer::kBox, false, KVL_BENCH_32F(Lowpass)},
-};
+// Every member of the table whose output OpenCV also computes (16s, the box's 8u, 32f), at each
+// of its mask sizes.
+std::vector<Case> cases() {
+  using filter::deriv::Args;
+  using filter::deriv::Out;
+  static const filter::deriv::Member kMembers[] = {KVL_DERIV_MEMBERS(KVL_DERIV_MEMBER_RECORD)};
+  std::vector<Case> r;
+  for (const filter::deriv::Member& m : kMembers) {
+    const Peer peer = peerOf(m.kind);
+    if (peer == Peer::kNone || m.out == Out::k8s) continue;
+    for (int mask : {33, 55}) {
+      if (mask == 55 && m.args == Args::NoMask) continue;
+      r.push_back({std::string(m.name) + (m.args == Args::NoMask ? "" : mask == 33 ? "_3x3" : "_5x5"),
+                   m.out == Out::k32f, mask, peer, m.args == Args::General, &m});
+    }
+  }
+  return r;
+}
 
 #ifdef KVL_HAVE_OPENCV
 void runPeer(const Case& c, const cv::Mat& a, cv::Mat& b) {
   const int k = c.mask == 55 ? 5 : 3;
   const int depth = c.f32 ? CV_32F : CV_16S;
   switch (c.peer) {
+    case Peer::kNone: break;
     case Peer::kSobelDx: cv::Sobel(a, b, depth, 1, 0, k, 1, 0, cv::BORDER_REPLICATE); break;
     case Peer::kSobelDy: cv::Sobel(a, b, depth, 0, 1, k, 1, 0, cv::BORDER_REPLICATE); break;
     case Peer::kScharrDx: cv::Scharr(a, b, depth, 1, 0, 1, 0, cv::BORDER_REPLICATE); break;
@@ -100,7 +77,7 @@ void runPeer(const Case& c, const cv::Mat& a, cv::Mat& b) {
 #endif
 
 const bool registered = [] {
-  for (const Case& c : kCases)
+  for (const Case& c : cases())
     for (const Size& s : kSizes)
       for (int threads : {1, 2}) {
         if (c.serial && threads > 1) continue;
@@ -119,15 +96,16 @@ const bool registered = [] {
         auto dst = std::make_shared<std::vector<unsigned char>>(
             static_cast<size_t>(dstStep) * s.height + 64);
         const KvliSize roi{s.width, s.height};
-        const std::string name = std::string("Deriv/") + c.name + "/" + s.name();
+        const std::string name = "Deriv/" + c.name + "/" + s.name();
         pair(
             name, threads, 1LL * s.width * s.height,
             [=](benchmark::State& st) {
               int bytes = 0;
-              c.size(roi, c.mask, &bytes);  // sized with this case's thread count
+              c.member->size(roi, c.mask, &bytes);  // sized with this case's thread count
               std::vector<Kvl8u> buf(bytes);
               for (auto _ : st)
-                c.call(src->data(), *srcStep, dst->data(), dstStep, roi, c.mask, buf.data());
+                c.member->run(src->data(), *srcStep, dst->data(), dstStep, roi, c.mask,
+                              kvlBorderRepl, 0.f, 1, buf.data());
             },
             KVL_PEER([=](benchmark::State& st) {
               const cv::Mat a(s.height, s.width, c.f32 ? CV_32F : CV_8U, src->data(), *srcStep);

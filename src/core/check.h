@@ -74,7 +74,6 @@ constexpr unsigned modeBit(int m) { return 1u << m; }
 constexpr unsigned kModes01234 = 0x1f;
 constexpr unsigned kModes01234_6 = kModes01234 | modeBit(6);
 constexpr unsigned kModes0134_6 = modeBit(0) | modeBit(1) | modeBit(3) | modeBit(4) | modeBit(6);
-constexpr unsigned kModes016 = modeBit(0) | modeBit(1) | modeBit(6);
 constexpr int kInMemFlags = kvlBorderInMemTop | kvlBorderInMemBottom | kvlBorderInMemLeft |
                             kvlBorderInMemRight;
 

@@ -21,11 +21,13 @@ inline int teamPerPixel(KvliSize roi, int threads) {
 inline int teamPerPixel(KvliSize roi) { return teamPerPixel(roi, ownGetNumThreads()); }
 
 // Neighbourhood filters with border: parallel only when height >= 5 T, width >= 256, T >= 2,
-// height >= 256 and runomp() != 0; the team is min(height / 128, cores, threads).
-inline int teamBorderFilter(KvliSize roi, int maxThreads, int cores, int runompValue,
+// height >= 256 and runomp() != 0 (runomp() reports a core count, 0 when the die has one); the
+// team is min(height / 128, cores, threads).
+inline int teamBorderFilter(KvliSize roi, int maxThreads, int cores, int runompResult,
                             int threads) {
   const int t = maxThreads;
-  if (!(roi.height >= 5 * t && roi.width >= 256 && t >= 2 && roi.height >= 256 && runompValue))
+  const bool mayFork = runompResult != 0;
+  if (!(roi.height >= 5 * t && roi.width >= 256 && t >= 2 && roi.height >= 256 && mayFork))
     return 1;
   int team = roi.height / 128;
   if (cores < team) team = cores;
