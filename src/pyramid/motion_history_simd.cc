@@ -11,6 +11,7 @@ HWY_BEFORE_NAMESPACE();
 namespace kvl::pyramid {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
+#if KVL_SIMD_TARGET
 
 // Lanes whose silhouette value is non-zero. Floats are tested on their bits without the sign, so
 // -0 counts as zero and NaN as set on every target alike.
@@ -41,6 +42,8 @@ void mhiRow(const Sil* sil, Kvl32f* mhi, int n, float timestamp, float limit) {
   }
   for (; x < n; ++x) mhi[x] = mhiUpdate(sil[x], mhi[x], timestamp, limit);
 }
+
+#endif  // KVL_SIMD_TARGET
 
 }  // namespace HWY_NAMESPACE
 }  // namespace kvl::pyramid
