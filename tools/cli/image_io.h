@@ -24,10 +24,23 @@ struct Picture {
   }
 };
 
-// Each returns an empty string on success, else a one-line message naming the problem.
-std::string readImage(const std::string& path, Picture* out);
+// Images with more pixels than this are refused before any sample memory is allocated: a small
+// compressed file can claim a size that would exhaust memory. A side is at most kMaxSide pixels.
+constexpr uint64_t kDefaultMaxPixels = 100000000;
+constexpr uint32_t kMaxSide = 1u << 24;
+
+// A file that is not regular (a pipe, a device) has no size to check a header against, so at
+// most this many bytes are taken from it: room for the largest sample data the limit allows.
+constexpr uint64_t streamByteCap(uint64_t maxPixels) { return maxPixels * 8 + (64u << 20); }
+
+// Each returns an empty string on success, else a one-line message naming the problem. The type
+// is recognised from the first bytes, and a binary PGM/PPM is checked against the bytes the file
+// really holds before its samples are allocated.
+std::string readImage(const std::string& path, Picture* out,
+                      uint64_t maxPixels = kDefaultMaxPixels);
 std::string readPngMemory(const uint8_t* bytes, size_t size, Picture* out);
-// The format follows the extension: .png, .pgm (grey) or .ppm (RGB).
+// The format follows the extension: .png, .pgm (grey) or .ppm (RGB). Every failed write, flush
+// or close is reported.
 std::string writeImage(const std::string& path, const Picture& pic);
 
 }  // namespace kvlcli

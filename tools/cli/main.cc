@@ -6,10 +6,11 @@
 // the library. This file parses the command line, reads and writes images, and reports.
 #include <kvlcv.h>
 
-#include <chrono>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,12 @@
 
 namespace kvlcli {
 namespace {
+
+// Options every operation takes, besides --time and --help.
+const Option kThreadsOpt{"threads", "threads the library may use", {}, "the available cores",
+                         Kind::kInteger, 1, 1024};
+const Option kMaxPixelsOpt{"max-pixels", "refuse input images of more pixels", {}, "100000000",
+                           Kind::kInteger, 1, static_cast<double>(kMaxSide) * kMaxSide};
 
 void printVersion() {
   const KvlLibraryVersion* v = kvlcvGetLibVersion();
@@ -36,22 +43,40 @@ void usage(FILE* out) {
   for (const Operation& op : operations()) std::fprintf(out, "  %-14s %s\n", op.name, op.summary);
   std::fprintf(out,
                "\ncommon options:\n"
-               "  --threads N    threads the library may use (default: the available cores)\n"
-               "  --time         print the operation's wall time and throughput\n");
+               "  --threads N      threads the library may use (default: the available cores)\n"
+               "  --time           print the operation's wall time and throughput\n"
+               "  --max-pixels N   refuse input images of more than N pixels before reading their\n"
+               "                   samples (default %llu); a pipe or device is read up to\n"
+               "                   8 bytes per pixel of that limit\n",
+               static_cast<unsigned long long>(kDefaultMaxPixels));
+}
+
+// One line per option of every operation: "<operation> --<option> <kind> [<word>...]", for
+// scripts and tests that go through every accepted value.
+void listOperations() {
+  static const char* const kinds[] = {"word", "number", "integer", "flag"};
+  for (const Operation& op : operations())
+    for (const Option& o : op.options) {
+      std::printf("%s --%s %s", op.name, o.name, kinds[static_cast<int>(o.kind)]);
+      for (const char* v : o.values) std::printf(" %s", v);
+      std::printf("\n");
+    }
 }
 
 void opUsage(const Operation& op, FILE* out) {
   std::fprintf(out, "usage: kvlcv %s [options] <input> <output>\n\n%s\n%s\n\noptions:\n", op.name,
                op.summary, op.details);
   for (const Option& o : op.options) {
-    std::string values;
-    for (const char* v : o.values) values += std::string(values.empty() ? "" : "|") + v;
-    std::fprintf(out, "  --%-10s %-22s %s (default %s)\n", o.name,
-                 values.empty() ? "N" : values.c_str(), o.help, o.fallback);
+    std::string values(o.kind == Kind::kNumber || o.kind == Kind::kInteger ? "N" : "");
+    for (const char* v : o.values) values.append(values.empty() ? "" : "|").append(v);
+    std::fprintf(out, "  --%-10s %-22s %s (default %s)\n", o.name, values.c_str(), o.help,
+                 o.fallback);
   }
   std::fprintf(out,
                "  --threads N    threads the library may use\n"
-               "  --time         print the operation's wall time and throughput\n");
+               "  --time         print the operation's wall time and throughput\n"
+               "  --max-pixels N refuse input images of more pixels (default %llu)\n",
+               static_cast<unsigned long long>(kDefaultMaxPixels));
 }
 
 int fail(const std::string& msg) {
@@ -59,54 +84,68 @@ int fail(const std::string& msg) {
   return 1;
 }
 
-// Parses "--name value" and "--name=value" pairs and two positional arguments.
+// Parses "--name value" and "--name=value" pairs and the positional arguments.
 struct CommandLine {
   Args args;
   std::vector<std::string> files;
+  std::vector<std::string> flagBefore;  // per file: the flag right before it, if any
   int threads = 0;
+  uint64_t maxPixels = kDefaultMaxPixels;
   bool time = false;
   bool help = false;
+
+  // Empty when there are an input and an output, else the message; a surplus argument that
+  // follows a flag is most likely a value given to it.
+  std::string checkFiles(const char* opName) const {
+    if (files.size() < 2)
+      return std::string(opName) + " needs an input and an output file (kvlcv " + opName +
+             " --help)";
+    if (files.size() == 2) return "";
+    for (size_t i = 0; i < files.size(); ++i)
+      if (!flagBefore[i].empty())
+        return "unexpected argument '" + files[i] + "' (" + flagBefore[i] + " takes no value)";
+    return "unexpected argument '" + files[2] + "' (" + opName +
+           " takes one input and one output file)";
+  }
 };
 
 std::string parse(const Operation* op, int argc, char** argv, CommandLine* cl) {
+  std::string lastFlag;
   for (int i = 2; i < argc; ++i) {
-    std::string a = argv[i];
+    const std::string a = argv[i], previous = lastFlag;
+    lastFlag.clear();
     if (a == "--help" || a == "-h") {
       cl->help = true;
       continue;
     }
-    if (a == "--time") {
-      cl->time = true;
-      continue;
-    }
     if (a.rfind("--", 0) != 0 || a.size() == 2) {
       cl->files.push_back(a);
+      cl->flagBefore.push_back(previous);
       continue;
     }
     std::string name = a.substr(2), value;
     const size_t eq = name.find('=');
-    const Option* opt = nullptr;
     if (eq != std::string::npos) {
       value = name.substr(eq + 1);
       name = name.substr(0, eq);
     }
-    if (name == "threads") {
-      if (eq == std::string::npos) {
-        if (i + 1 >= argc) return "--threads needs a value";
-        value = argv[++i];
-      }
-      char* end = nullptr;
-      const long n = std::strtol(value.c_str(), &end, 10);
-      if (*end || n < 1 || n > 1024) return "--threads takes a whole number from 1 to 1024, not '" + value + "'";
-      cl->threads = static_cast<int>(n);
+    const Option* opt = nullptr;
+    if (name == "time") {
+      if (eq != std::string::npos) return "--time takes no value";
+      cl->time = true;
+      lastFlag = a;
       continue;
     }
+    if (name == kThreadsOpt.name) opt = &kThreadsOpt;
+    if (name == kMaxPixelsOpt.name) opt = &kMaxPixelsOpt;
     if (op)
       for (const Option& o : op->options)
         if (name == o.name) opt = &o;
     if (!opt) return std::string("unknown option --") + name + (op ? std::string(" for ") + op->name : "");
-    if (opt->flag) {
+    if (opt->kind == Kind::kFlag) {
+      if (eq != std::string::npos) return checkValue(*opt, value);
       cl->args[name] = "1";
+      lastFlag = a;
       continue;
     }
     if (eq == std::string::npos) {
@@ -115,7 +154,9 @@ std::string parse(const Operation* op, int argc, char** argv, CommandLine* cl) {
     }
     std::string err = checkValue(*opt, value);
     if (!err.empty()) return err;
-    cl->args[name] = value;
+    if (opt == &kThreadsOpt) cl->threads = std::atoi(value.c_str());
+    else if (opt == &kMaxPixelsOpt) cl->maxPixels = std::strtoull(value.c_str(), nullptr, 10);
+    else cl->args[name] = value;
   }
   return "";
 }
@@ -133,11 +174,7 @@ int runDemo(int argc, char** argv) {
   return demo("demo-out");
 }
 
-}  // namespace
-}  // namespace kvlcli
-
-int main(int argc, char** argv) {
-  using namespace kvlcli;
+int run(int argc, char** argv) {
   if (argc < 2) {
     usage(stderr);
     return 2;
@@ -151,6 +188,10 @@ int main(int argc, char** argv) {
     printVersion();
     return 0;
   }
+  if (first == "--list-ops") {
+    listOperations();
+    return 0;
+  }
   if (first == "demo") return runDemo(argc, argv);
   const Operation* op = findOperation(first);
   if (!op) return fail("unknown operation '" + first + "' (kvlcv --help lists them)");
@@ -161,12 +202,12 @@ int main(int argc, char** argv) {
     opUsage(*op, stdout);
     return 0;
   }
-  if (cl.files.size() != 2)
-    return fail(std::string(op->name) + " needs an input and an output file (kvlcv " + op->name + " --help)");
+  err = cl.checkFiles(op->name);
+  if (!err.empty()) return fail(err);
   if (cl.threads) kvlSetNumThreads(cl.threads);
 
   Picture in, out;
-  err = readImage(cl.files[0], &in);
+  err = readImage(cl.files[0], &in, cl.maxPixels);
   if (!err.empty()) return fail(err);
   RunResult r = op->run(cl.args, in, &out);
   if (!r.error.empty()) return fail(std::string(op->name) + ": " + r.error);
@@ -183,4 +224,21 @@ int main(int argc, char** argv) {
                 mpix / r.seconds);
   }
   return 0;
+}
+
+}  // namespace
+}  // namespace kvlcli
+
+int main(int argc, char** argv) {
+  // The library never throws; the tool's own containers can, and a failed allocation is one line.
+  int status;
+  try {
+    status = kvlcli::run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    return kvlcli::fail("out of memory (--max-pixels lowers the accepted image size)");
+  }
+  // Help, listings and timings that never reached their destination are a failure too.
+  if (std::fflush(stdout) != 0 || std::ferror(stdout))
+    return kvlcli::fail(std::string("standard output: write error (") + std::strerror(errno) + ")");
+  return status;
 }

@@ -177,6 +177,9 @@ const Family kLowpass[] = {
      KVL_M32F(Lowpass)},
 };
 
+// The border constant of an 8-bit source is a sample value.
+const Option kValue8Opt{"value", "", {}, "0", Kind::kInteger, 0, 255};
+
 template <size_t N>
 RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in, Picture* out) {
   const Family* f = &members[0];
@@ -187,9 +190,22 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   const int border = borderCode(word(a, "border", "replicate"));
   const double value = number(a, "value", 0);
   const bool raw = flag(a, "raw");
-  const bool lowpass = f->run8u != nullptr;
-  std::string type = word(a, "type", lowpass ? "8u" : "16s");
-  if (in.depth == 16 && !a.count("type")) type = "32f";
+  // The default type is the first this member offers, in the order of the --type lists (32f for a
+  // 16-bit input, where offered), so that every --dir works without naming a type.
+  const std::pair<const char*, bool> types[] = {{"8u", f->run8u != nullptr},
+                                                 {"16s", f->run16s != nullptr},
+                                                 {"8s", f->run8s != nullptr},
+                                                 {"32f", f->run32f != nullptr}};
+  std::string offered, type = word(a, "type", "");
+  for (const auto& [name, has] : types)
+    if (has) offered += std::string(offered.empty() ? "" : ", ") + name;
+  if (type.empty())
+    type = in.depth == 16 && f->run32f ? "32f" : offered.substr(0, offered.find(','));
+  for (const auto& [name, has] : types)
+    if (type == name && !has)
+      return problem("--type " + type + " is not available" +
+                     (f->dir ? std::string(" for --dir ") + f->dir : std::string()) +
+                     " (it offers " + offered + ")");
   const KvliSize roi{in.width, in.height};
   int bytes = 0;
   std::vector<Kvl8u> buffer;
@@ -199,7 +215,6 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
     return s;
   };
   if (type == "32f") {
-    if (!f->run32f) return problem("--type 32f is not available for this direction");
     std::vector<float> src = toGrey32f(in), dst(src.size());
     if (KvlStatus s = sized(f->size32f)) return RunResult{s, "", 0};
     RunResult r = timed([&] {
@@ -211,10 +226,16 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   }
   Picture grey;
   std::string err = toGrey8(in, &grey);
-  if (!err.empty()) return problem(err + " (use --type 32f)");
-  const Kvl8u v8 = static_cast<Kvl8u>(std::clamp(value, 0.0, 255.0));
+  if (!err.empty()) {
+    if (f->run32f || !f->dir) return problem(err + " (use --type 32f)");
+    return problem(err + " (--dir " + f->dir + " offers no 32f type)");
+  }
+  if (a.count("value")) {
+    err = checkValue(kValue8Opt, a.at("value"));
+    if (!err.empty()) return problem(err + " for an 8-bit image");
+  }
+  const Kvl8u v8 = static_cast<Kvl8u>(value);
   if (type == "8u") {
-    if (!f->run8u) return problem("--type 8u is only available for lowpass");
     if (KvlStatus s = sized(f->size8u)) return RunResult{s, "", 0};
     out->allocate(in.width, in.height, 1, 8);
     return timed([&] {
@@ -223,7 +244,6 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
     });
   }
   if (type == "16s") {
-    if (!f->run16s) return problem("--type 16s is not available here; try --type 8s");
     std::vector<Kvl16s> dst(static_cast<size_t>(in.width) * in.height);
     if (KvlStatus s = sized(f->size16s)) return RunResult{s, "", 0};
     RunResult r = timed([&] {
@@ -233,7 +253,6 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
     if (r.status == kvlStatusOk) present(dst, in.width, in.height, raw, out);
     return r;
   }
-  if (!f->run8s) return problem("--type 8s is not available here");
   std::vector<Kvl8s> dst(static_cast<size_t>(in.width) * in.height);
   if (KvlStatus s = sized(f->size8s)) return RunResult{s, "", 0};
   const int divisor = static_cast<int>(number(a, "divisor", 1));
@@ -248,10 +267,14 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
 const Option kMaskOpt{"mask", "kernel size", {"3", "5"}, "3"};
 const Option kBorderOpt{"border", "pixels outside the image",
                         {"replicate", "constant", "wrap", "mirror", "mirror-edge"}, "replicate"};
-const Option kValueOpt{"value", "the constant of --border constant", {}, "0"};
+const Option kValueOpt{"value", "the constant of --border constant (0..255 for 8-bit types)", {},
+                       "0", Kind::kNumber};
 const Option kTypeOpt{"type", "result type (16-bit input: 32f)", {"16s", "8s", "32f"}, "16s"};
-const Option kDivisorOpt{"divisor", "--type 8s divides by this (non-zero)", {}, "1"};
-const Option kRawOpt{"raw", "write raw values (16s/32f: 16-bit PNG of value + 32768; 8s: value + 128)", {}, "off", true};
+const Option kDivisorOpt{"divisor", "--type 8s divides by this (a non-zero integer)", {}, "1",
+                         Kind::kInteger, -2147483648.0, 2147483647.0, true};
+const Option kRawOpt{"raw",
+                     "write raw values (16s/32f: 16-bit PNG of value + 32768; 8s: value + 128)",
+                     {}, "off", Kind::kFlag};
 
 // ---- Canny ------------------------------------------------------------------------------------
 
@@ -263,8 +286,10 @@ RunResult runCanny(const Args& a, const Picture& in, Picture* out) {
   const int mask = word(a, "mask", "3") == "5" ? kvlMaskSize5x5 : kvlMaskSize3x3;
   const int norm = word(a, "norm", "l2") == "l1" ? kvlNormL1 : kvlNormL2;
   const int border = word(a, "border", "replicate") == "constant" ? kvlBorderConst : kvlBorderRepl;
-  const Kvl8u value = static_cast<Kvl8u>(std::clamp(number(a, "value", 0), 0.0, 255.0));
+  const Kvl8u value = static_cast<Kvl8u>(number(a, "value", 0));
   const float low = static_cast<float>(number(a, "low", 50)), high = static_cast<float>(number(a, "high", 150));
+  if (low > high)
+    return problem("--low " + word(a, "low", "50") + " is above --high " + word(a, "high", "150"));
   const KvliSize roi{in.width, in.height};
   int bytes = 0;
   if (KvlStatus s = kvliCannyBorderGetSize(roi, kernel, mask, kvl8u, &bytes)) return RunResult{s, "", 0};
@@ -308,11 +333,15 @@ RunResult runGradientGray(const Args& a, const Picture& in, Picture* out) {
 
 const std::vector<Operation> kOperations = {
     {"sobel", "Sobel derivative of a grey image (RGB is converted to luma)",
-     "  --dir vert: vertical edges, left column minus right (8s, 16s, 32f); horiz: horizontal\n"
-     "  edges, row below minus row above (8s); vert2/horiz2: second derivatives; cross: mixed.\n"
+     "  --dir vert: vertical edges, left column minus right (16s, 8s, 32f); horiz: horizontal\n"
+     "  edges, row below minus row above (8s only); vert2/horiz2: second derivatives; cross:\n"
+     "  mixed.\n"
      "  Signed results are written as |value|, scaled so the 99.5th percentile is 255, unless --raw.",
      {{"dir", "derivative", {"vert", "horiz", "vert2", "horiz2", "cross"}, "vert"}, kMaskOpt,
-      kBorderOpt, kValueOpt, kTypeOpt, kDivisorOpt, kRawOpt},
+      kBorderOpt, kValueOpt,
+      {"type", "result type (16-bit input: 32f)", {"16s", "8s", "32f"},
+       "16s, or the first type --dir offers: horiz 8s"},
+      kDivisorOpt, kRawOpt},
      [](const Args& a, const Picture& in, Picture* out) { return runFamily(kSobel, a, in, out); }},
     {"scharr", "3x3 Scharr derivative of a grey image",
      "  --dir horiz: row below minus row above; vert: right column minus left.\n"
@@ -331,19 +360,20 @@ const std::vector<Operation> kOperations = {
      [](const Args& a, const Picture& in, Picture* out) { return runFamily(kLowpass, a, in, out); }},
     {"canny", "Canny edges of an 8-bit grey image (RGB is converted to luma)",
      "  Edge pixels are 255, others 0.",
-     {{"low", "lower threshold (>= 0)", {}, "50"},
-      {"high", "upper threshold (>= low)", {}, "150"},
+     {{"low", "lower threshold (>= 0)", {}, "50", Kind::kNumber, 0},
+      {"high", "upper threshold (>= low)", {}, "150", Kind::kNumber, 0},
       {"kernel", "derivative kernel", {"sobel", "scharr"}, "sobel"},
       {"mask", "derivative size (scharr: 3 only)", {"3", "5"}, "3"},
       {"norm", "gradient magnitude", {"l1", "l2"}, "l2"},
       {"border", "pixels outside the image", {"replicate", "constant"}, "replicate"},
-      kValueOpt},
+      {"value", "the constant of --border constant (0..255)", {}, "0", Kind::kInteger, 0, 255}},
      runCanny},
     {"gradient-gray", "Combines the 3 channels of every pixel into one by a norm",
      "  inf: the largest channel; l1: the mean (8/16-bit) or the sum (--float); l2: the root mean\n"
      "  square (8/16-bit) or the Euclidean length (--float). Output has the input's depth.",
      {{"norm", "combination", {"inf", "l1", "l2"}, "l2"},
-      {"float", "compute in floating point (the raw sum, written scaled to 0..255)", {}, "off", true},
+      {"float", "compute in floating point (the raw sum, written scaled to 0..255)", {}, "off",
+       Kind::kFlag},
       kRawOpt},
      runGradientGray},
 };
@@ -359,11 +389,32 @@ const Operation* findOperation(const std::string& name) {
 }
 
 std::string checkValue(const Option& opt, const std::string& value) {
-  if (opt.values.empty()) {
+  const std::string head = std::string("--") + opt.name + ": ";
+  if (opt.kind == Kind::kFlag) return std::string("--") + opt.name + " takes no value";
+  if (opt.kind != Kind::kWord) {
     char* end = nullptr;
     const double v = std::strtod(value.c_str(), &end);
-    if (value.empty() || *end || !std::isfinite(v))
-      return std::string("--") + opt.name + " takes a number, not '" + value + "'";
+    const bool number = !value.empty() && !*end && std::isfinite(v) &&
+                        !std::isspace(static_cast<unsigned char>(value[0]));
+    if (opt.kind == Kind::kInteger) {
+      // Digits with an optional sign: "2.5", "1e3" and "0x10" are not whole numbers as typed.
+      const size_t digits = value.find_first_not_of("+-") == 1 ? 1 : 0;
+      if (value.size() <= digits ||
+          value.find_first_not_of("0123456789", digits) != std::string::npos)
+        return head + (number ? value : "'" + value + "'") + " is not an integer";
+    } else if (!number) {
+      return head + "'" + value + "' is not a number";
+    }
+    auto text = [](double d) {
+      char buf[32];
+      std::snprintf(buf, sizeof(buf), "%.15g", d);
+      return std::string(buf);
+    };
+    if (!number || v < opt.min || v > opt.max) {
+      if (opt.max >= 1e300) return head + value + " is below " + text(opt.min);
+      return head + value + " is outside " + text(opt.min) + ".." + text(opt.max);
+    }
+    if (opt.nonzero && v == 0) return head + "0 is not allowed (it must be non-zero)";
     return "";
   }
   for (const char* v : opt.values)

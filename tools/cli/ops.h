@@ -13,12 +13,22 @@ namespace kvlcli {
 
 using Args = std::map<std::string, std::string>;
 
+enum class Kind {
+  kWord,     // one of `values`
+  kNumber,   // a finite decimal number within [min, max]
+  kInteger,  // a whole number (digits only) within [min, max]
+  kFlag,     // takes no value
+};
+
 struct Option {
   const char* name;
   const char* help;
-  std::vector<const char*> values;  // accepted words; empty: a number
+  std::vector<const char*> values;  // kWord: the accepted words
   const char* fallback;             // the default, as text
-  bool flag = false;                // takes no value
+  Kind kind = Kind::kWord;
+  double min = -1e300;  // kNumber, kInteger: the accepted range
+  double max = 1e300;
+  bool nonzero = false;  // kNumber, kInteger: 0 is refused
 };
 
 struct RunResult {
@@ -43,7 +53,8 @@ struct StatusInfo {
 const std::vector<Operation>& operations();
 const Operation* findOperation(const std::string& name);
 StatusInfo statusInfo(KvlStatus status);
-// Empty when `value` is acceptable for `opt`, else the message.
+// Empty when `value` is acceptable for `opt`, else a message naming the option, such as
+// "--divisor: 2.5 is not an integer".
 std::string checkValue(const Option& opt, const std::string& value);
 // Runs every operation on the built-in photograph, writes PNGs into `dir`, prints a table.
 int demo(const std::string& dir);
