@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "filter/deriv_members.h"
+
 extern "C" const unsigned char kvl_demo_png[];
 extern "C" const unsigned char kvl_demo_png_end[];
 
@@ -118,64 +120,36 @@ int borderCode(const std::string& b) {
 
 // ---- Fixed filters: sobel, scharr, laplacian, lowpass -----------------------------------------
 
-using Size8 = KvlStatus (*)(KvliSize, int, int*);
-using Run16s = KvlStatus (*)(const Kvl8u*, int, Kvl16s*, int, KvliSize, int, int, Kvl8u, Kvl8u*);
-using Run8s = KvlStatus (*)(const Kvl8u*, int, Kvl8s*, int, KvliSize, int, int, Kvl8u, int, Kvl8u*);
-using Run8u = KvlStatus (*)(const Kvl8u*, int, Kvl8u*, int, KvliSize, int, int, Kvl8u, Kvl8u*);
-using Run32f = KvlStatus (*)(const Kvl32f*, int, Kvl32f*, int, KvliSize, int, int, Kvl32f, Kvl8u*);
+namespace dv = kvl::filter::deriv;
 
-// One filter family's members; a null pointer is a type the family does not export.
+// The exported members of the derivative filters, from the family's table.
+const std::vector<dv::Member>& derivMembers() {
+  static const std::vector<dv::Member> all = {KVL_DERIV_MEMBERS(KVL_DERIV_EXPORTED_RECORD)};
+  return all;
+}
+
+// One --dir of an operation: the member names it runs; each type comes from the first name with
+// a member of that type (Sobel "vert" takes 8s from SobelVert, whose kernels are NegVert's).
 struct Family {
   const char* dir;
-  Size8 size16s; Run16s run16s;
-  Size8 size8s; Run8s run8s;
-  Size8 size8u; Run8u run8u;
-  Size8 size32f; Run32f run32f;
+  std::vector<std::string> names;
+  // The member of output `o`, or null when none of the names has one.
+  const dv::Member* member(dv::Out o) const {
+    for (const std::string& n : names)
+      for (const dv::Member& m : derivMembers())
+        if (m.out == o && std::string(m.name).rfind(n + "_", 0) == 0) return &m;
+    return nullptr;
+  }
 };
-
-// Families with a mask argument pass it through; the Scharr pair has none.
-#define KVL_M16S(F) [](KvliSize r, int m, int* s) { return kvliFilter##F##GetBufferSize_8u16s_C1R(r, m, s); }, \
-  [](const Kvl8u* a, int as, Kvl16s* b, int bs, KvliSize r, int m, int t, Kvl8u v, Kvl8u* buf) { \
-    return kvliFilter##F##Border_8u16s_C1R(a, as, b, bs, r, m, t, v, buf); }
-#define KVL_M8S(F) [](KvliSize r, int m, int* s) { return kvliFilter##F##GetBufferSize_8u8s_C1R(r, m, s); }, \
-  [](const Kvl8u* a, int as, Kvl8s* b, int bs, KvliSize r, int m, int t, Kvl8u v, int d, Kvl8u* buf) { \
-    return kvliFilter##F##Border_8u8s_C1R(a, as, b, bs, r, m, t, v, d, buf); }
-#define KVL_M32F(F) [](KvliSize r, int m, int* s) { return kvliFilter##F##GetBufferSize_32f_C1R(r, m, s); }, \
-  [](const Kvl32f* a, int as, Kvl32f* b, int bs, KvliSize r, int m, int t, Kvl32f v, Kvl8u* buf) { \
-    return kvliFilter##F##Border_32f_C1R(a, as, b, bs, r, m, t, v, buf); }
-#define KVL_S16S(F) [](KvliSize r, int, int* s) { return kvliFilter##F##GetBufferSize_8u16s_C1R(r, s); }, \
-  [](const Kvl8u* a, int as, Kvl16s* b, int bs, KvliSize r, int, int t, Kvl8u v, Kvl8u* buf) { \
-    return kvliFilter##F##Border_8u16s_C1R(a, as, b, bs, r, t, v, buf); }
-#define KVL_S8S(F) [](KvliSize r, int, int* s) { return kvliFilter##F##GetBufferSize_8u8s_C1R(r, s); }, \
-  [](const Kvl8u* a, int as, Kvl8s* b, int bs, KvliSize r, int, int t, Kvl8u v, int d, Kvl8u* buf) { \
-    return kvliFilter##F##Border_8u8s_C1R(a, as, b, bs, r, t, v, d, buf); }
-#define KVL_S32F(F) [](KvliSize r, int, int* s) { return kvliFilter##F##GetBufferSize_32f_C1R(r, s); }, \
-  [](const Kvl32f* a, int as, Kvl32f* b, int bs, KvliSize r, int, int t, Kvl32f v, Kvl8u* buf) { \
-    return kvliFilter##F##Border_32f_C1R(a, as, b, bs, r, t, v, buf); }
-#define KVL_NONE nullptr, nullptr
 
 const Family kSobel[] = {
-    {"vert", KVL_M16S(SobelNegVert), KVL_M8S(SobelVert), KVL_NONE, KVL_M32F(SobelNegVert)},
-    {"horiz", KVL_NONE, KVL_M8S(SobelHoriz), KVL_NONE, KVL_NONE},
-    {"vert2", KVL_M16S(SobelVertSecond), KVL_M8S(SobelVertSecond), KVL_NONE, KVL_M32F(SobelVertSecond)},
-    {"horiz2", KVL_M16S(SobelHorizSecond), KVL_M8S(SobelHorizSecond), KVL_NONE, KVL_M32F(SobelHorizSecond)},
-    {"cross", KVL_M16S(SobelCross), KVL_M8S(SobelCross), KVL_NONE, KVL_M32F(SobelCross)},
+    {"vert", {"SobelNegVert", "SobelVert"}}, {"horiz", {"SobelHoriz"}},
+    {"vert2", {"SobelVertSecond"}},          {"horiz2", {"SobelHorizSecond"}},
+    {"cross", {"SobelCross"}},
 };
-const Family kScharr[] = {
-    {"horiz", KVL_S16S(ScharrHoriz), KVL_S8S(ScharrHoriz), KVL_NONE, KVL_S32F(ScharrHoriz)},
-    {"vert", KVL_S16S(ScharrVert), KVL_S8S(ScharrVert), KVL_NONE, KVL_S32F(ScharrVert)},
-};
-const Family kLaplacian[] = {
-    {nullptr, KVL_M16S(Laplacian), KVL_M8S(Laplacian), KVL_NONE, KVL_M32F(Laplacian)},
-};
-const Family kLowpass[] = {
-    {nullptr, KVL_NONE, KVL_NONE,
-     [](KvliSize r, int m, int* s) { return kvliFilterLowpassGetBufferSize_8u_C1R(r, m, s); },
-     [](const Kvl8u* a, int as, Kvl8u* b, int bs, KvliSize r, int m, int t, Kvl8u v, Kvl8u* buf) {
-       return kvliFilterLowpassBorder_8u_C1R(a, as, b, bs, r, m, t, v, buf);
-     },
-     KVL_M32F(Lowpass)},
-};
+const Family kScharr[] = {{"horiz", {"ScharrHoriz"}}, {"vert", {"ScharrVert"}}};
+const Family kLaplacian[] = {{nullptr, {"Laplacian"}}};
+const Family kLowpass[] = {{nullptr, {"Lowpass"}}};
 
 // The border constant of an 8-bit source is a sample value.
 const Option kValue8Opt{"value", "", {}, "0", Kind::kInteger, 0, 255};
@@ -192,15 +166,17 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   const bool raw = flag(a, "raw");
   // The default type is the first this member offers, in the order of the --type lists (32f for a
   // 16-bit input, where offered), so that every --dir works without naming a type.
-  const std::pair<const char*, bool> types[] = {{"8u", f->run8u != nullptr},
-                                                 {"16s", f->run16s != nullptr},
-                                                 {"8s", f->run8s != nullptr},
-                                                 {"32f", f->run32f != nullptr}};
+  const dv::Member* const m8u = f->member(dv::Out::k8u);
+  const dv::Member* const m16s = f->member(dv::Out::k16s);
+  const dv::Member* const m8s = f->member(dv::Out::k8s);
+  const dv::Member* const m32f = f->member(dv::Out::k32f);
+  const std::pair<const char*, bool> types[] = {
+      {"8u", m8u != nullptr}, {"16s", m16s != nullptr}, {"8s", m8s != nullptr}, {"32f", m32f != nullptr}};
   std::string offered, type = word(a, "type", "");
   for (const auto& [name, has] : types)
     if (has) offered += std::string(offered.empty() ? "" : ", ") + name;
   if (type.empty())
-    type = in.depth == 16 && f->run32f ? "32f" : offered.substr(0, offered.find(','));
+    type = in.depth == 16 && m32f ? "32f" : offered.substr(0, offered.find(','));
   for (const auto& [name, has] : types)
     if (type == name && !has)
       return problem("--type " + type + " is not available" +
@@ -209,17 +185,17 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   const KvliSize roi{in.width, in.height};
   int bytes = 0;
   std::vector<Kvl8u> buffer;
-  auto sized = [&](Size8 size) -> KvlStatus {
-    const KvlStatus s = size(roi, mask, &bytes);
+  auto sized = [&](const dv::Member* m) -> KvlStatus {
+    const KvlStatus s = m->size(roi, mask, &bytes);
     if (s == kvlStatusOk) buffer.assign(static_cast<size_t>(bytes), 0);
     return s;
   };
   if (type == "32f") {
     std::vector<float> src = toGrey32f(in), dst(src.size());
-    if (KvlStatus s = sized(f->size32f)) return RunResult{s, "", 0};
+    if (KvlStatus s = sized(m32f)) return RunResult{s, "", 0};
     RunResult r = timed([&] {
-      return f->run32f(src.data(), in.width * 4, dst.data(), in.width * 4, roi, mask, border,
-                       static_cast<Kvl32f>(value), buffer.data());
+      return m32f->run(src.data(), in.width * 4, dst.data(), in.width * 4, roi, mask, border,
+                       static_cast<float>(value), 1, buffer.data());
     });
     if (r.status == kvlStatusOk) present(dst, in.width, in.height, raw, out);
     return r;
@@ -227,7 +203,7 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   Picture grey;
   std::string err = toGrey8(in, &grey);
   if (!err.empty()) {
-    if (f->run32f || !f->dir) return problem(err + " (use --type 32f)");
+    if (m32f || !f->dir) return problem(err + " (use --type 32f)");
     return problem(err + " (--dir " + f->dir + " offers no 32f type)");
   }
   if (a.count("value")) {
@@ -236,28 +212,28 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   }
   const Kvl8u v8 = static_cast<Kvl8u>(value);
   if (type == "8u") {
-    if (KvlStatus s = sized(f->size8u)) return RunResult{s, "", 0};
+    if (KvlStatus s = sized(m8u)) return RunResult{s, "", 0};
     out->allocate(in.width, in.height, 1, 8);
     return timed([&] {
-      return f->run8u(grey.data.data(), grey.step(), out->data.data(), out->step(), roi, mask,
-                      border, v8, buffer.data());
+      return m8u->run(grey.data.data(), grey.step(), out->data.data(), out->step(), roi, mask,
+                      border, v8, 1, buffer.data());
     });
   }
   if (type == "16s") {
     std::vector<Kvl16s> dst(static_cast<size_t>(in.width) * in.height);
-    if (KvlStatus s = sized(f->size16s)) return RunResult{s, "", 0};
+    if (KvlStatus s = sized(m16s)) return RunResult{s, "", 0};
     RunResult r = timed([&] {
-      return f->run16s(grey.data.data(), grey.step(), dst.data(), in.width * 2, roi, mask, border,
-                       v8, buffer.data());
+      return m16s->run(grey.data.data(), grey.step(), dst.data(), in.width * 2, roi, mask, border,
+                       v8, 1, buffer.data());
     });
     if (r.status == kvlStatusOk) present(dst, in.width, in.height, raw, out);
     return r;
   }
   std::vector<Kvl8s> dst(static_cast<size_t>(in.width) * in.height);
-  if (KvlStatus s = sized(f->size8s)) return RunResult{s, "", 0};
+  if (KvlStatus s = sized(m8s)) return RunResult{s, "", 0};
   const int divisor = static_cast<int>(number(a, "divisor", 1));
   RunResult r = timed([&] {
-    return f->run8s(grey.data.data(), grey.step(), dst.data(), in.width, roi, mask, border, v8,
+    return m8s->run(grey.data.data(), grey.step(), dst.data(), in.width, roi, mask, border, v8,
                     divisor, buffer.data());
   });
   if (r.status == kvlStatusOk) present(dst, in.width, in.height, raw, out);
