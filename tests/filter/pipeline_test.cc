@@ -1,15 +1,14 @@
-// Row and column pipeline passes: every member on every vector target against the scalar
-// reference kernels, golden rounding and saturation cases, validation order, buffer sizes and
-// thread invariance.
+// Row and column pipeline passes over their member tables: reference, golden, validation, threads.
 #include "filter/pipeline.h"
 
 #include <algorithm>
 #include <cmath>
 #include <numeric>
 #include <random>
-#include <tuple>
+#include <string>
 
 #include "core/border.h"
+#include "core/parallel.h"
 #include "support/support.h"
 
 namespace {
@@ -19,84 +18,71 @@ using kvl::test::GuardedBlock;
 using kvl::test::Image;
 using kvl::test::sameBytes;
 using kvl::test::ThreadScope;
-namespace ref = kvl::filter::ref;
 
-// Uniform views of the members; the 32f members take no divisor (adapters below drop it).
-template <class S, class D, class Kr, int kC>
+enum class Div { kNone, kNonZero, kPositive };  // the tables' divisor rules
+
+// Every member of the two tables in one signature: untyped element pointers, a divisor that the
+// kNone members ignore, and the member's scalar reference kernel.
 struct RowMember {
-  using Src = S;
-  using Dst = D;
-  using Ker = Kr;
-  static constexpr int C = kC;
   const char* name;
-  KvlStatus (*run)(const S*, int, D**, KvliSize, const Kr*, int, int, int, S, int, Kvl8u*);
-  KvlStatus (*size)(KvliSize, int, int*);
-  kvl::filter::RowKernel<S, D, Kr> ref;
-  int divisor;  // 0: none, 1: non-zero, 2: positive
+  int channels;
+  Div divisor;
+  bool threaded;
+  KvlStatus (*run)(const void* src, int srcStep, void* dstRows, KvliSize roi, const void* kernel,
+                   int K, int anchor, int border, double value, int divisor, Kvl8u* buffer);
+  KvlStatus (*size)(KvliSize roi, int K, int* bytes);
+  void (*ref)(const void* e, void* out, int n, int stride, const void* kernel, int K, float recip);
 };
-template <class S, class D, class Kr, int kC>
 struct ColumnMember {
-  using Src = S;
-  using Dst = D;
-  using Ker = Kr;
-  static constexpr int C = kC;
   const char* name;
-  KvlStatus (*run)(const S**, D*, int, KvliSize, const Kr*, int, int, Kvl8u*);
-  KvlStatus (*size)(KvliSize, int, int*);
-  kvl::filter::ColumnKernel<S, D, Kr> ref;
-  bool hasDivisor;
+  int channels;
+  Div divisor;
+  bool threaded;
+  KvlStatus (*run)(void* srcRows, void* dst, int dstStep, KvliSize roi, const void* kernel, int K,
+                   int divisor, Kvl8u* buffer);
+  KvlStatus (*size)(KvliSize roi, int K, int* bytes);
+  void (*ref)(const void* rows, void* out, int n, const void* kernel, int K, float recip);
 };
 
-#define ROW32F(C)                                                                               \
-  KvlStatus row32fC##C(const Kvl32f* s, int st, Kvl32f** d, KvliSize r, const Kvl32f* k, int K, \
-                       int A, int bt, Kvl32f v, int, Kvl8u* b) {                                \
-    return kvliFilterRowBorderPipeline_32f_C##C##R(s, st, d, r, k, K, A, bt, v, b);             \
-  }                                                                                             \
-  KvlStatus col32fC##C(const Kvl32f** s, Kvl32f* d, int st, KvliSize r, const Kvl32f* k, int K, \
-                       int, Kvl8u* b) {                                                         \
-    return kvliFilterColumnPipeline_32f_C##C##R(s, d, st, r, k, K, b);                          \
-  }
-ROW32F(1)
-ROW32F(3)
-
-// clang-format off
-#define ROW(sfx, S, D, C, kern, div, run) \
-  RowMember<S, D, D, C>{#sfx, run, kvliFilterRowBorderPipelineGetBufferSize_##sfx, ref::kern, div}
-#define COL(sfx, S, D, C, kern, div, run) \
-  ColumnMember<S, D, S, C>{#sfx, run, kvliFilterColumnPipelineGetBufferSize_##sfx, ref::kern, div}
-// clang-format on
-#define R_(sfx) kvliFilterRowBorderPipeline_##sfx
-#define C_(sfx) kvliFilterColumnPipeline_##sfx
-
-const auto kRowMembers =
-    std::make_tuple(ROW(8u16s_C1R, Kvl8u, Kvl16s, 1, row8u16s, 1, R_(8u16s_C1R)),
-                    ROW(8u16s_C3R, Kvl8u, Kvl16s, 3, row8u16s, 1, R_(8u16s_C3R)),
-                    ROW(16s_C1R, Kvl16s, Kvl16s, 1, row16s, 1, R_(16s_C1R)),
-                    ROW(16s_C3R, Kvl16s, Kvl16s, 3, row16s, 1, R_(16s_C3R)),
-                    ROW(Low_16s_C1R, Kvl16s, Kvl16s, 1, row16s, 1, R_(Low_16s_C1R)),
-                    ROW(Low_16s_C3R, Kvl16s, Kvl16s, 3, row16s, 1, R_(Low_16s_C3R)),
-                    ROW(16u_C1R, Kvl16u, Kvl16u, 1, row16u, 2, R_(16u_C1R)),
-                    ROW(16u_C3R, Kvl16u, Kvl16u, 3, row16u, 2, R_(16u_C3R)),
-                    ROW(32f_C1R, Kvl32f, Kvl32f, 1, row32f, 0, row32fC1),
-                    ROW(32f_C3R, Kvl32f, Kvl32f, 3, row32f, 0, row32fC3));
-
-const auto kColumnMembers =
-    std::make_tuple(COL(16s_C1R, Kvl16s, Kvl16s, 1, column16s, true, C_(16s_C1R)),
-                    COL(16s_C3R, Kvl16s, Kvl16s, 3, column16s, true, C_(16s_C3R)),
-                    COL(16s8u_C1R, Kvl16s, Kvl8u, 1, column16s8u, true, C_(16s8u_C1R)),
-                    COL(16s8u_C3R, Kvl16s, Kvl8u, 3, column16s8u, true, C_(16s8u_C3R)),
-                    COL(16s8s_C1R, Kvl16s, Kvl8s, 1, column16s8s, true, C_(16s8s_C1R)),
-                    COL(16s8s_C3R, Kvl16s, Kvl8s, 3, column16s8s, true, C_(16s8s_C3R)),
-                    COL(Low_16s_C1R, Kvl16s, Kvl16s, 1, column16s, true, C_(Low_16s_C1R)),
-                    COL(Low_16s_C3R, Kvl16s, Kvl16s, 3, column16s, true, C_(Low_16s_C3R)),
-                    COL(16u_C1R, Kvl16u, Kvl16u, 1, column16u, true, C_(16u_C1R)),
-                    COL(16u_C3R, Kvl16u, Kvl16u, 3, column16u, true, C_(16u_C3R)),
-                    COL(32f_C1R, Kvl32f, Kvl32f, 1, column32f, false, col32fC1),
-                    COL(32f_C3R, Kvl32f, Kvl32f, 3, column32f, false, col32fC3));
-
-template <class Tuple, class Fn>
-void forEachMember(const Tuple& t, Fn&& fn) {
-  std::apply([&](const auto&... m) { (fn(m), ...); }, t);
+// f.template operator()<Src, Dst, Ker>(record) for a row of a table.
+#define DIVISOR_ARG_kNonZero(d) d,
+#define DIVISOR_ARG_kPositive(d) d,
+#define DIVISOR_ARG_kNone(d)
+#define ROW_VISIT(types, S, D, Kr, C, sizes, div, threaded, kernel)                            \
+  f.template operator()<S, D, Kr>(RowMember{                                                   \
+      #types, C, Div::div, threaded,                                                           \
+      [](const void* s, int ss, void* d, KvliSize roi, const void* k, int K, int A, int bt,    \
+         double v, [[maybe_unused]] int dv, Kvl8u* b) {                                        \
+        return kvliFilterRowBorderPipeline_##types(                                            \
+            static_cast<const S*>(s), ss, static_cast<D**>(d), roi, static_cast<const Kr*>(k), \
+            K, A, bt, static_cast<S>(v), DIVISOR_ARG_##div(dv) b);                             \
+      },                                                                                       \
+      kvliFilterRowBorderPipelineGetBufferSize_##types,                                        \
+      [](const void* e, void* o, int n, int st, const void* k, int K, float r) {               \
+        kvl::filter::kernel.ref(static_cast<const S*>(e), static_cast<D*>(o), n, st,           \
+                                static_cast<const Kr*>(k), K, r);                              \
+      }});
+#define COLUMN_VISIT(types, S, D, Kr, C, sizes, div, threaded, kernel)                         \
+  f.template operator()<S, D, Kr>(ColumnMember{                                                \
+      #types, C, Div::div, threaded,                                                           \
+      [](void* s, void* d, int ds, KvliSize roi, const void* k, int K, [[maybe_unused]] int dv, \
+         Kvl8u* b) {                                                                           \
+        return kvliFilterColumnPipeline_##types(static_cast<const S**>(s), static_cast<D*>(d), \
+                                                ds, roi, static_cast<const Kr*>(k), K,         \
+                                                DIVISOR_ARG_##div(dv) b);                      \
+      },                                                                                       \
+      kvliFilterColumnPipelineGetBufferSize_##types,                                           \
+      [](const void* rows, void* o, int n, const void* k, int K, float r) {                    \
+        kvl::filter::kernel.ref(static_cast<const S* const*>(rows), static_cast<D*>(o), n,     \
+                                static_cast<const Kr*>(k), K, r);                              \
+      }});
+template <class F>
+void forEachRow(F&& f) {
+  KVL_ROW_PIPELINE_MEMBERS(ROW_VISIT)
+}
+template <class F>
+void forEachColumn(F&& f) {
+  KVL_COLUMN_PIPELINE_MEMBERS(COLUMN_VISIT)
 }
 
 // Small taps make rounding matter, full-range ones (wide) make saturation and wrapping matter.
@@ -114,9 +100,9 @@ std::vector<T> randomKernel(std::mt19937& rng, int K, bool wide) {
   return k;
 }
 
-int pickDivisor(std::mt19937& rng, int rule) {
+int pickDivisor(std::mt19937& rng, Div rule) {
   static const int kDivisors[] = {1, 2, 3, 4, 16, 255, -1, -2, -7};
-  return rule == 0 ? 1 : kDivisors[rng() % (rule == 2 ? 6 : 9)];
+  return rule == Div::kNone ? 1 : kDivisors[rng() % (rule == Div::kPositive ? 6 : 9)];
 }
 
 const int kKernels[] = {1, 2, 3, 4, 5, 7, 9};
@@ -125,47 +111,46 @@ const int kKernels[] = {1, 2, 3, 4, 5, 7, 9};
 int heightFor(int width) { return width == 1 ? 1 : width == 2 ? 3 : 1 + width % 4; }
 
 // Row pass against the reference kernel run over whole rows extended by the border utility (or
-// read from the memory around the row for mode 6); destination rows in scrambled order.
-template <class M>
-void rowSweep(const M& m, int width) {
-  using Src = typename M::Src;
-  using Dst = typename M::Dst;
-  constexpr int C = M::C;
+// read from the memory around the row for mode 6). The destination rows are in scrambled order;
+// the row-pointer array and the buffer each end at an inaccessible page.
+template <class S, class D, class Kr>
+void rowSweep(const RowMember& m, int width) {
+  const int C = m.channels, h = heightFor(width), n = width * C;
   std::mt19937 rng(width * 31 + C);
-  const int h = heightFor(width), n = width * C;
-  Image<Src, C> src(width, h, 9, width);
+  Image<S> src(n, h, 9 * C, width);
   src.fillRandom(rng());
-  Image<Dst, C> dst(width, h, 2, width + 1);
+  Image<D> dst(n, h, 2, width + 1);
+  GuardedBlock rowBlock(h * sizeof(D*), alignof(D*), 1);
+  D** rows = reinterpret_cast<D**>(rowBlock.data());
   std::vector<int> perm(h);
   std::iota(perm.begin(), perm.end(), 0);
   std::shuffle(perm.begin(), perm.end(), rng);
-  std::vector<Dst*> rows(h);
   for (int y = 0; y < h; ++y) rows[y] = dst.at(0, perm[y]);
   for (int K : kKernels)
     for (int A = 0; A < K; ++A)
       for (int bt : {kvlBorderConst, kvlBorderRepl, kvlBorderInMem}) {
-        const auto kernel = randomKernel<typename M::Ker>(rng, K, rng() % 4 == 0);
+        const auto kernel = randomKernel<Kr>(rng, K, rng() % 4 == 0);
         const int divisor = pickDivisor(rng, m.divisor);
-        const Src value = Image<Src, C>::uniform(rng, std::numeric_limits<Src>::lowest(),
-                                                 std::numeric_limits<Src>::max());
-        std::vector<Dst> want(static_cast<size_t>(n) * h);
-        std::vector<Src> ext((width + K - 1) * C);
+        const S value =
+            Image<S>::uniform(rng, std::numeric_limits<S>::lowest(), std::numeric_limits<S>::max());
+        std::vector<D> want(static_cast<size_t>(n) * h);
+        std::vector<S> ext((width + K - 1) * C);
         for (int y = 0; y < h; ++y) {
-          if (bt == kvlBorderInMem) {
-            std::copy(src.at(-A, y), src.at(-A, y) + ext.size(), ext.begin());
-          } else {
-            kvl::border::fillRow<Src, C>(src.at(0, y), ext.data(), width, K, A, bt, value);
-          }
+          if (bt == kvlBorderInMem)
+            std::copy(src.at(-A * C, y), src.at(-A * C, y) + ext.size(), ext.begin());
+          else
+            (C == 1 ? kvl::border::fillRow<S, 1> : kvl::border::fillRow<S, 3>)(
+                src.at(0, y), ext.data(), width, K, A, bt, value);
           m.ref(ext.data(), want.data() + y * n, n, C, kernel.data(), K, 1.0f / divisor);
         }
         int bytes = 0;
         ASSERT_EQ(m.size({width, h}, K, &bytes), kvlStatusOk);
         GuardedBlock buffer(bytes, 1, K);
         forEachTarget([&](int) {
-          ASSERT_EQ(m.run(src.roi(), src.step(), rows.data(), {width, h}, kernel.data(), K, A, bt,
-                          value, divisor, buffer.data()),
+          ASSERT_EQ(m.run(src.roi(), src.step(), rows, {width, h}, kernel.data(), K, A, bt, value,
+                          divisor, buffer.data()),
                     kvlStatusOk);
-          std::vector<Dst> got;
+          std::vector<D> got;
           for (int y = 0; y < h; ++y) got.insert(got.end(), rows[y], rows[y] + n);
           ASSERT_TRUE(sameBytes(got, want, width, C))
               << m.name << " w " << width << " K " << K << " A " << A << " border " << bt
@@ -177,35 +162,34 @@ void rowSweep(const M& m, int width) {
 }
 
 // Column pass against the reference kernel on the same row pointers: any order, some rows used
-// twice (as a replicated border would); narrow then full-range sources.
-template <class M>
-void columnSweep(const M& m, int width) {
-  using Src = typename M::Src;
-  using Dst = typename M::Dst;
-  constexpr int C = M::C;
+// twice (as a replicated border would); narrow then full-range sources. The height + K - 1
+// pointers end at an inaccessible page.
+template <class S, class D, class Kr>
+void columnSweep(const ColumnMember& m, int width) {
+  const int C = m.channels, h = heightFor(width), n = width * C;
   std::mt19937 rng(width * 17 + C);
-  const int h = heightFor(width), n = width * C;
-  Image<Dst, C> dst(width, h, 2, width + 3);
+  Image<D> dst(n, h, 2, width + 3);
   for (int K : kKernels)
     for (int pass = 0; pass < 2; ++pass) {
       const int inRows = h + K - 1;
-      Image<Src, C> src(width, inRows, 0, width * 7 + K);
-      if (pass == 0 && !std::is_floating_point_v<Src>)
-        src.fillRandom(rng(), static_cast<Src>(std::is_signed_v<Src> ? -300 : 0), Src(300));
+      Image<S> src(n, inRows, 0, width * 7 + K);
+      if (pass == 0 && !std::is_floating_point_v<S>)
+        src.fillRandom(rng(), static_cast<S>(std::is_signed_v<S> ? -300 : 0), S(300));
       else
         src.fillRandom(rng());
-      std::vector<const Src*> rows(inRows);
-      for (auto& r : rows) r = src.at(0, static_cast<int>(rng() % inRows));
-      const auto kernel = randomKernel<typename M::Ker>(rng, K, pass == 1 && rng() % 2);
-      const int divisor = pickDivisor(rng, m.hasDivisor ? 1 : 0);
-      std::vector<Dst> want(static_cast<size_t>(n) * h);
+      GuardedBlock rowBlock(inRows * sizeof(S*), alignof(S*), 1);
+      const S** rows = reinterpret_cast<const S**>(rowBlock.data());
+      for (int j = 0; j < inRows; ++j) rows[j] = src.at(0, static_cast<int>(rng() % inRows));
+      const auto kernel = randomKernel<Kr>(rng, K, pass == 1 && rng() % 2);
+      const int divisor = pickDivisor(rng, m.divisor);
+      std::vector<D> want(static_cast<size_t>(n) * h);
       for (int y = 0; y < h; ++y)
-        m.ref(rows.data() + y, want.data() + y * n, n, kernel.data(), K, 1.0f / divisor);
+        m.ref(rows + y, want.data() + y * n, n, kernel.data(), K, 1.0f / divisor);
       int bytes = 0;
       ASSERT_EQ(m.size({width, h}, K, &bytes), kvlStatusOk);
       GuardedBlock buffer(bytes, 1, K);
       forEachTarget([&](int) {
-        ASSERT_EQ(m.run(rows.data(), dst.roi(), dst.step(), {width, h}, kernel.data(), K, divisor,
+        ASSERT_EQ(m.run(rows, dst.roi(), dst.step(), {width, h}, kernel.data(), K, divisor,
                         buffer.data()),
                   kvlStatusOk);
         ASSERT_TRUE(sameBytes(dst.pixels(), want, width, C))
@@ -217,129 +201,104 @@ void columnSweep(const M& m, int width) {
 
 class PipelineWidths : public ::testing::TestWithParam<int> {};
 TEST_P(PipelineWidths, RowPassMatchesReferenceOnEveryTarget) {
-  forEachMember(kRowMembers, [&](const auto& m) { rowSweep(m, GetParam()); });
+  forEachRow([&]<class S, class D, class K>(const RowMember& m) {
+    rowSweep<S, D, K>(m, GetParam());
+  });
 }
 TEST_P(PipelineWidths, ColumnPassMatchesReferenceOnEveryTarget) {
-  forEachMember(kColumnMembers, [&](const auto& m) { columnSweep(m, GetParam()); });
+  forEachColumn([&]<class S, class D, class K>(const ColumnMember& m) {
+    columnSweep<S, D, K>(m, GetParam());
+  });
 }
 INSTANTIATE_TEST_SUITE_P(Widths1To70, PipelineWidths, ::testing::Range(1, 71));
 
-// ---- Golden cases ----
+// ---- Golden cases over the tables, on every target ----
 TEST(RowPipeline, GoldenCases) {
   struct Case {
-    const char* what;
-    std::vector<Kvl8u> src;
-    std::vector<Kvl16s> kernel;
-    int anchor, border, value, divisor;
-    std::vector<Kvl16s> want;
+    const char *member, *what;
+    std::vector<double> src, kernel;
+    int anchor, border;  // border 0 constant, 1 replicate
+    double value;
+    int divisor;
+    std::vector<double> want;
   };
   const Case cases[] = {
-      {"40000 saturates", {100, 100}, {200, 200}, 0, kvlBorderRepl, 0, 1, {32767, 32767}},
-      {"-40000 saturates", {100, 100}, {-200, -200}, 0, kvlBorderRepl, 0, 1, {-32768, -32768}},
-      {"-7 / 2 truncates", {1, 1, 1}, {-7}, 0, kvlBorderConst, 0, 2, {-3, -3, -3}},
-      {"7 / -2 truncates", {1}, {7}, 0, kvlBorderConst, 0, -2, {-3}},
-      {"one tap equal to the divisor copies",
-       {0, 9, 255, 4},
-       {5},
-       0,
-       kvlBorderRepl,
-       0,
-       5,
+      {"8u16s_C1R", "40000 saturates", {100, 100}, {200, 200}, 0, 1, 0, 1, {32767, 32767}},
+      {"8u16s_C1R", "-40000 saturates", {100, 100}, {-200, -200}, 0, 1, 0, 1, {-32768, -32768}},
+      {"8u16s_C1R", "-7 / 2 truncates", {1, 1, 1}, {-7}, 0, 0, 0, 2, {-3, -3, -3}},
+      {"8u16s_C1R", "7 / -2 truncates", {1}, {7}, 0, 0, 0, -2, {-3}},
+      {"8u16s_C1R", "one tap equal to the divisor copies", {0, 9, 255, 4}, {5}, 0, 1, 0, 5,
        {0, 9, 255, 4}},
-      {"anchor K-1 extends on the left only",
-       {10, 20, 30, 40},
-       {1, 0, 0},
-       2,
-       kvlBorderRepl,
-       0,
-       1,
+      {"8u16s_C1R", "anchor K-1 extends on the left only", {10, 20, 30, 40}, {1, 0, 0}, 2, 1, 0, 1,
        {10, 10, 10, 20}},
-      {"anchor 0 extends on the right only",
-       {10, 20, 30, 40},
-       {0, 0, 1},
-       0,
-       kvlBorderConst,
-       7,
-       1,
+      {"8u16s_C1R", "anchor 0 extends on the right only", {10, 20, 30, 40}, {0, 0, 1}, 0, 0, 7, 1,
        {30, 40, 7, 7}},
-      {"correlation, not convolution",
-       {1, 2, 3, 4, 5},
-       {1, 10, 100},
-       1,
-       kvlBorderConst,
-       0,
-       1,
+      {"8u16s_C1R", "correlation, not convolution", {1, 2, 3, 4, 5}, {1, 10, 100}, 1, 0, 0, 1,
        {210, 321, 432, 543, 54}},
-      {"10 / 3 across a vector and its tail",
-       std::vector<Kvl8u>(37, 10),
-       {1},
-       0,
-       kvlBorderRepl,
-       0,
-       3,
-       std::vector<Kvl16s>(37, 3)},
+      {"8u16s_C1R", "10 / 3 across a vector and its tail", std::vector<double>(37, 10), {1}, 0, 1,
+       0, 3, std::vector<double>(37, 3)},
+      {"16u_C1R", "(2 x 65535 + 2) / 2 clamps; (4 + 3) / 2 and (6 + 3) / 2 truncate",
+       {65535, 2, 3}, {2, 1}, 0, 1, 0, 2, {65535, 3, 4}},
+      {"32f_C1R", "float sums, constant border", {0.5, -1, 2}, {1, 0.25, -2}, 1, 0, 8, 1,
+       {8 + 0.125 + 2, 0.5 - 0.25 - 4, -1 + 0.5 - 16}},
   };
-  for (const Case& c : cases) {
-    const int w = static_cast<int>(c.src.size()), K = static_cast<int>(c.kernel.size());
-    std::vector<Kvl8u> buffer(4096);
-    forEachTarget([&](int) {
-      std::vector<Kvl16s> out(w);
-      Kvl16s* rows[1] = {out.data()};
-      ASSERT_EQ(kvliFilterRowBorderPipeline_8u16s_C1R(c.src.data(), w, rows, {w, 1},
-                                                      c.kernel.data(), K, c.anchor, c.border,
-                                                      Kvl8u(c.value), c.divisor, buffer.data()),
-                kvlStatusOk);
-      EXPECT_EQ(out, c.want) << c.what;
-    });
-  }
-}
-
-TEST(RowPipeline, SixteenBitUnsignedAndFloatGolden) {
-  const Kvl16u src16u[3] = {65535, 2, 3}, k16u[2] = {2, 1};
-  const Kvl32f src32f[3] = {0.5f, -1.0f, 2.0f}, k32f[3] = {1.0f, 0.25f, -2.0f};
-  Kvl16u out16u[3];
-  Kvl32f out32f[3];
-  Kvl16u* rows16u[1] = {out16u};
-  Kvl32f* rows32f[1] = {out32f};
-  std::vector<Kvl8u> buffer(4096);
-  forEachTarget([&](int) {
-    // (2 x 65535 + 2) / 2 clamps to 65535; (4 + 3) / 2 and (6 + 3) / 2 truncate.
-    ASSERT_EQ(kvliFilterRowBorderPipeline_16u_C1R(src16u, 6, rows16u, {3, 1}, k16u, 2, 0,
-                                                  kvlBorderRepl, 0, 2, buffer.data()),
-              kvlStatusOk);
-    EXPECT_EQ(std::vector<int>(out16u, out16u + 3), (std::vector<int>{65535, 3, 4}));
-    ASSERT_EQ(kvliFilterRowBorderPipeline_32f_C1R(src32f, 12, rows32f, {3, 1}, k32f, 3, 1,
-                                                  kvlBorderConst, 8.0f, buffer.data()),
-              kvlStatusOk);
-    EXPECT_EQ(
-        std::vector<float>(out32f, out32f + 3),
-        (std::vector<float>{8.0f + 0.125f + 2.0f, 0.5f - 0.25f - 4.0f, -1.0f + 0.5f - 16.0f}));
+  forEachRow([&]<class S, class D, class Kr>(const RowMember& m) {
+    for (const Case& c : cases) {
+      if (c.member != std::string(m.name)) continue;
+      const std::vector<S> src(c.src.begin(), c.src.end());
+      const std::vector<Kr> kernel(c.kernel.begin(), c.kernel.end());
+      const int w = static_cast<int>(src.size()), K = static_cast<int>(kernel.size());
+      std::vector<Kvl8u> buffer(1 << 16);
+      forEachTarget([&](int) {
+        std::vector<D> out(w);
+        D* rows[1] = {out.data()};
+        ASSERT_EQ(m.run(src.data(), w * sizeof(S), rows, {w, 1}, kernel.data(), K, c.anchor,
+                        c.border, c.value, c.divisor, buffer.data()),
+                  kvlStatusOk);
+        EXPECT_EQ(std::vector<double>(out.begin(), out.end()), c.want) << m.name << ": " << c.what;
+      });
+    }
   });
 }
 
 // Exact halves on both sides of the group/tail boundary: 11 elements are one group of 8 (ties to
-// even) and a tail of 3 (truncation); a C3 row of 3 pixels is 8 + 1.
-TEST(ColumnPipeline, HalvesRoundInGroupsAndTruncateInTheTail) {
-  const Kvl16s in[11] = {1, 3, 5, -1, -3, -5, 7, 9, 3, -3, 5}, one[1] = {1};
-  const Kvl16s group[8] = {0, 2, 2, 0, -2, -2, 4, 4};
-  const Kvl16s in8[10] = {5, 7, -6, 600, 1, 3, 9, 11, 5, 7};
-  const Kvl8u want8[10] = {2, 4, 0, 255, 0, 2, 4, 6, 2, 3};  // tail: 2.5 -> 2, 3.5 -> 3
-  const Kvl16s* rows[1] = {in};
-  const Kvl16s* rows8[1] = {in8};
-  Kvl8u buffer[8], out8[10];
-  forEachTarget([&](int) {
-    for (int C : {1, 3}) {
-      const int w = C == 1 ? 11 : 3;
-      Kvl16s out[11] = {};
-      ASSERT_EQ(C == 1 ? kvliFilterColumnPipeline_16s_C1R(rows, out, 22, {w, 1}, one, 1, 2, buffer)
-                       : kvliFilterColumnPipeline_16s_C3R(rows, out, 22, {w, 1}, one, 1, 2, buffer),
-                kvlStatusOk);
-      for (int i = 0; i < 8; ++i) EXPECT_EQ(out[i], group[i]) << "C" << C << " i " << i;
-      for (int i = 8; i < w * C; ++i) EXPECT_EQ(out[i], in[i] / 2) << "C" << C << " tail " << i;
+// even) and a tail of 3 (truncation); a C3 row of 3 pixels is 8 + 1. Tap k multiplies rows[k],
+// which need not be in image order; height 1 and K 3 read exactly three rows.
+TEST(ColumnPipeline, GoldenCases) {
+  struct Case {
+    const char* member;
+    std::vector<std::vector<double>> rows;
+    std::vector<double> kernel;
+    int divisor;
+    std::vector<double> want;
+  };
+  const Case cases[] = {
+      {"16s_C1R", {{1, 3, 5, -1, -3, -5, 7, 9, 3, -3, 5}}, {1}, 2,
+       {0, 2, 2, 0, -2, -2, 4, 4, 1, -1, 2}},
+      {"16s_C3R", {{1, 3, 5, -1, -3, -5, 7, 9, 3}}, {1}, 2, {0, 2, 2, 0, -2, -2, 4, 4, 1}},
+      {"16s8u_C1R", {{5, 7, -6, 600, 1, 3, 9, 11, 5, 7}}, {1}, 2, {2, 4, 0, 255, 0, 2, 4, 6, 2, 3}},
+      {"16s_C1R", {{100, 200, 300, 400}, {1, 2, 3, 4}, {10, 20, 30, 40}}, {1, 2, 3}, 1,
+       {132, 264, 396, 528}},
+  };
+  forEachColumn([&]<class S, class D, class Kr>(const ColumnMember& m) {
+    for (const Case& c : cases) {
+      if (c.member != std::string(m.name)) continue;
+      std::vector<std::vector<S>> data;
+      for (const auto& r : c.rows) data.emplace_back(r.begin(), r.end());
+      GuardedBlock rowBlock(data.size() * sizeof(S*), alignof(S*), 1);
+      const S** rows = reinterpret_cast<const S**>(rowBlock.data());
+      for (size_t k = 0; k < data.size(); ++k) rows[k] = data[k].data();
+      const std::vector<Kr> kernel(c.kernel.begin(), c.kernel.end());
+      const int n = static_cast<int>(c.want.size()), K = static_cast<int>(kernel.size());
+      std::vector<Kvl8u> buffer(1 << 16);
+      forEachTarget([&](int) {
+        std::vector<D> out(n);
+        ASSERT_EQ(m.run(rows, out.data(), n * sizeof(D), {n / m.channels, 1}, kernel.data(), K,
+                        c.divisor, buffer.data()),
+                  kvlStatusOk);
+        EXPECT_EQ(std::vector<double>(out.begin(), out.end()), c.want) << m.name;
+      });
     }
-    ASSERT_EQ(kvliFilterColumnPipeline_16s8u_C1R(rows8, out8, 10, {10, 1}, one, 1, 2, buffer),
-              kvlStatusOk);
-    EXPECT_EQ(std::vector<Kvl8u>(out8, out8 + 10), std::vector<Kvl8u>(want8, want8 + 10));
   });
 }
 
@@ -351,48 +310,31 @@ TEST(ColumnPipeline, SixteenBitUnsignedSumsInIntegers) {
   std::mt19937 rng(96);
   std::vector<Kvl16u> kernel(K);
   for (Kvl16u& k : kernel) k = static_cast<Kvl16u>(900 + rng() % 400);
+  std::vector<Kvl8u> buf(1 << 16);
   for (int channels : {1, 3}) {
     const int n = w * channels;
     std::vector<std::vector<Kvl16u>> rows(h + K - 1, std::vector<Kvl16u>(n));
-    for (auto& r : rows)
-      for (Kvl16u& v : r) v = static_cast<Kvl16u>(rng());
     std::vector<const Kvl16u*> ptrs;
-    for (const auto& r : rows) ptrs.push_back(r.data());
-    const float recip = 1.0f / static_cast<float>(divisor);
-    kvl::test::forEachTarget([&](int) {
+    for (auto& r : rows) {
+      for (Kvl16u& v : r) v = static_cast<Kvl16u>(rng());
+      ptrs.push_back(r.data());
+    }
+    forEachTarget([&](int) {
       std::vector<Kvl16u> out(static_cast<size_t>(n) * h);
-      int bytes = 0;
-      auto size = channels == 1 ? kvliFilterColumnPipelineGetBufferSize_16u_C1R
-                                : kvliFilterColumnPipelineGetBufferSize_16u_C3R;
-      auto run = channels == 1 ? kvliFilterColumnPipeline_16u_C1R : kvliFilterColumnPipeline_16u_C3R;
-      ASSERT_EQ(size({w, h}, K, &bytes), kvlStatusOk);
-      std::vector<Kvl8u> buf(bytes);
+      const auto run =
+          channels == 1 ? kvliFilterColumnPipeline_16u_C1R : kvliFilterColumnPipeline_16u_C3R;
       ASSERT_EQ(run(ptrs.data(), out.data(), n * 2, {w, h}, kernel.data(), K, divisor, buf.data()),
                 kvlStatusOk);
       for (int y = 0; y < h; ++y)
         for (int i = 0; i < n; ++i) {
           long long sum = 0;
           for (int k = 0; k < K; ++k) sum += 1LL * kernel[k] * rows[y + k][i];
-          const float v = std::min(static_cast<float>(sum) * recip, 65535.0f);
-          const int want = i < n - n % 8 ? static_cast<int>(std::nearbyint(v)) : static_cast<int>(v);
-          ASSERT_EQ(out[static_cast<size_t>(y) * n + i], want) << "row " << y << " element " << i;
+          const float v = std::min(static_cast<float>(sum) * (1.0f / divisor), 65535.0f);
+          const int want = i < n - n % 8 ? std::nearbyint(v) : v;
+          ASSERT_EQ(out[static_cast<size_t>(y) * n + i], want) << "row " << y << ", " << i;
         }
     });
   }
-}
-
-TEST(ColumnPipeline, HeightOneKernelThreeReadsExactlyThreeRows) {
-  const Kvl16s a[4] = {1, 2, 3, 4}, b[4] = {10, 20, 30, 40}, c[4] = {100, 200, 300, 400};
-  const Kvl16s kernel[3] = {1, 2, 3};
-  auto rows = std::make_unique<const Kvl16s*[]>(3);  // exactly three pointers, in any order
-  rows[0] = c, rows[1] = a, rows[2] = b;
-  forEachTarget([&](int) {
-    Kvl16s out[4];
-    Kvl8u buffer[1];
-    ASSERT_EQ(kvliFilterColumnPipeline_16s_C1R(rows.get(), out, 8, {4, 1}, kernel, 3, 1, buffer),
-              kvlStatusOk);
-    EXPECT_EQ(std::vector<Kvl16s>(out, out + 4), (std::vector<Kvl16s>{132, 264, 396, 528}));
-  });
 }
 
 // ---- Validation: each row changes valid arguments; a failure writes nothing ----
@@ -408,6 +350,13 @@ struct Validation {
   int want16 = 1;     // 16/32-bit images, when it differs
   int wantOther = 1;  // row: 16u (positive divisor); column: no effect
 };
+// What a member returns for a row: the members without a divisor do not check it.
+KvlStatus expected(const Validation& c, size_t elementBytes, Div rule) {
+  KvlStatus want = elementBytes > 1 && c.want16 != 1 ? KvlStatus(c.want16) : c.want;
+  if (rule == Div::kPositive && c.wantOther != 1) want = KvlStatus(c.wantOther);
+  if (rule == Div::kNone && c.a.divisor == 0 && want == kvlStatusBadArgument) want = kvlStatusOk;
+  return want;
+}
 
 TEST(RowPipeline, ValidationOrder) {
   const Validation table[] = {
@@ -425,9 +374,7 @@ TEST(RowPipeline, ValidationOrder) {
       {"anchor -1", {.anchor = -1}, kvlStatusBadAnchor},
       {"step one byte short, before border", {.border = 3, .stepDelta = -1}, kvlStatusBadStep},
       {"odd step", {.stepDelta = 1}, kvlStatusOk, kvlStatusStepNotMultiple},
-      {"odd step before border",
-       {.border = 3, .stepDelta = 1},
-       kvlStatusBadArgument,
+      {"odd step before border", {.border = 3, .stepDelta = 1}, kvlStatusBadArgument,
        kvlStatusStepNotMultiple},
       {"mirror border", {.border = kvlBorderMirror}, kvlStatusBadArgument},
       {"wrap border", {.border = kvlBorderWrap}, kvlStatusBadArgument},
@@ -436,26 +383,22 @@ TEST(RowPipeline, ValidationOrder) {
       {"divisor 0", {.divisor = 0}, kvlStatusBadArgument},
       {"negative divisor", {.divisor = -3}, kvlStatusOk, 1, kvlStatusBadArgument},
   };
-  forEachMember(kRowMembers, [&](const auto& m) {
-    using M = std::decay_t<decltype(m)>;
-    using Src = typename M::Src;
+  forEachRow([&]<class S, class D, class Kr>(const RowMember& m) {
+    const int C = m.channels;
     for (const Validation& c : table) {
       const Args& a = c.a;
-      KvlStatus want = sizeof(Src) > 1 && c.want16 != 1 ? c.want16 : c.want;
-      if (m.divisor == 2 && c.wantOther != 1) want = c.wantOther;
-      if (m.divisor == 0 && a.divisor == 0) want = kvlStatusOk;  // 32f: no divisor
-      Image<Src, M::C> src(8, 3, 3);
-      Image<typename M::Dst, M::C> dst(8, 3);
-      std::vector<typename M::Dst*> rows = {dst.at(0, 0), dst.at(0, 1), dst.at(0, 2)};
+      Image<S> src(8 * C, 3, 3 * C);
+      Image<D> dst(8 * C, 3);
+      std::vector<D*> rows = {dst.at(0, 0), dst.at(0, 1), dst.at(0, 2)};
       if (a.nullRow >= 0) rows[a.nullRow] = nullptr;
-      const std::vector<typename M::Ker> kernel(3, 1);
+      const std::vector<Kr> kernel(3, 1);
       std::vector<Kvl8u> buffer(1 << 16);
-      const int step = 8 * M::C * static_cast<int>(sizeof(Src)) + a.stepDelta;
-      const KvlStatus got =
-          m.run(a.nullSrc ? nullptr : src.roi(), step, a.nullDst ? nullptr : rows.data(),
-                {a.width, a.height}, a.nullKernel ? nullptr : kernel.data(), a.K, a.anchor,
-                a.border, 0, a.divisor, a.nullBuffer ? nullptr : buffer.data());
-      EXPECT_EQ(got, want) << m.name << ": " << c.what;
+      const KvlStatus got = m.run(
+          a.nullSrc ? nullptr : src.roi(), 8 * C * sizeof(S) + a.stepDelta,
+          a.nullDst ? nullptr : rows.data(), {a.width, a.height},
+          a.nullKernel ? nullptr : kernel.data(), a.K, a.anchor, a.border, 0, a.divisor,
+          a.nullBuffer ? nullptr : buffer.data());
+      EXPECT_EQ(got, expected(c, sizeof(S), m.divisor)) << m.name << ": " << c.what;
       if (got != kvlStatusOk) {
         EXPECT_TRUE(dst.unchanged()) << m.name << ": " << c.what;
       }
@@ -474,36 +417,31 @@ TEST(ColumnPipeline, ValidationOrder) {
       {"last source row null", {.nullRow = 4}, kvlStatusNullPointer},
       {"null row before kernel size", {.K = 0, .nullRow = 1}, kvlStatusNullPointer},
       {"kernel size before step", {.K = -2, .stepDelta = -1}, kvlStatusBadSize},
-      {"step one byte short, before null buffer",
-       {.nullBuffer = true, .stepDelta = -1},
+      {"step one byte short, before null buffer", {.nullBuffer = true, .stepDelta = -1},
        kvlStatusBadStep},
       {"odd step", {.stepDelta = 1}, kvlStatusOk, kvlStatusStepNotMultiple},
-      {"null buffer after steps, before divisor",
-       {.nullBuffer = true, .divisor = 0},
+      {"null buffer after steps, before divisor", {.nullBuffer = true, .divisor = 0},
        kvlStatusNullPointer},
       {"divisor 0", {.divisor = 0}, kvlStatusBadArgument},
       {"negative divisor", {.divisor = -2}, kvlStatusOk},
   };
-  forEachMember(kColumnMembers, [&](const auto& m) {
-    using M = std::decay_t<decltype(m)>;
-    using Dst = typename M::Dst;
+  forEachColumn([&]<class S, class D, class Kr>(const ColumnMember& m) {
+    const int C = m.channels;
     for (const Validation& c : table) {
       const Args& a = c.a;
-      KvlStatus want = sizeof(Dst) > 1 && c.want16 != 1 ? c.want16 : c.want;
-      if (!m.hasDivisor && want == kvlStatusBadArgument) want = kvlStatusOk;  // 32f: no divisor
-      Image<typename M::Src, M::C> src(8, 5);
-      Image<Dst, M::C> dst(8, 3);
-      std::vector<const typename M::Src*> rows(5);
+      Image<S> src(8 * C, 5);
+      Image<D> dst(8 * C, 3);
+      std::vector<const S*> rows(5);
       for (int j = 0; j < 5; ++j) rows[j] = src.at(0, j);
       if (a.nullRow >= 0) rows[a.nullRow] = nullptr;
-      const std::vector<typename M::Ker> kernel(3, 1);
+      const std::vector<Kr> kernel(3, 1);
       Kvl8u buffer[64];
-      const int step = 8 * M::C * static_cast<int>(sizeof(Dst)) + a.stepDelta;
       const KvlStatus got =
-          m.run(a.nullSrc ? nullptr : rows.data(), a.nullDst ? nullptr : dst.roi(), step,
-                {a.width, a.height}, a.nullKernel ? nullptr : kernel.data(), a.K, a.divisor,
+          m.run(a.nullSrc ? nullptr : rows.data(), a.nullDst ? nullptr : dst.roi(),
+                8 * C * sizeof(D) + a.stepDelta, {a.width, a.height},
+                a.nullKernel ? nullptr : kernel.data(), a.K, a.divisor,
                 a.nullBuffer ? nullptr : buffer);
-      EXPECT_EQ(got, want) << m.name << ": " << c.what;
+      EXPECT_EQ(got, expected(c, sizeof(D), m.divisor)) << m.name << ": " << c.what;
       if (got != kvlStatusOk) {
         EXPECT_TRUE(dst.unchanged()) << m.name << ": " << c.what;
       }
@@ -511,104 +449,83 @@ TEST(ColumnPipeline, ValidationOrder) {
   });
 }
 
-// ---- Buffer sizes, computed by hand for 1, 2 and 3 permitted threads ----
-TEST(PipelineBufferSize, HandComputed) {
-  struct Case {
-    KvlStatus (*fn)(KvliSize, int, int*);
-    KvliSize roi;
-    int K;
-    int want[3];
+// ---- Buffer sizes: NULL, sizes below 1 and sizes above INT_MAX fail, leaving the size alone ----
+TEST(PipelineBufferSize, Validation) {
+  auto check = [](const char* name, KvlStatus (*size)(KvliSize, int, int*)) {
+    int out = -1;
+    EXPECT_EQ(size({4, 4}, 3, nullptr), kvlStatusNullPointer) << name;
+    EXPECT_EQ(size({0, 4}, 3, nullptr), kvlStatusNullPointer) << name;
+    EXPECT_EQ(size({0, 4}, 3, &out), kvlStatusBadSize) << name;
+    EXPECT_EQ(size({4, 0}, 3, &out), kvlStatusBadSize) << name;
+    EXPECT_EQ(size({4, 4}, 0, &out), kvlStatusBadSize) << name;
+    EXPECT_EQ(out, -1) << name;
   };
-  const Case cases[] = {
-      // 32 + 8 (10 + 3) + 36 x 3 + 112 = 356 per thread
-      {kvliFilterRowBorderPipelineGetBufferSize_8u16s_C1R, {100, 10}, 3, {356, 712, 1068}},
-      // 32 + 8 x 2 + 288 + 64 = 400 per thread
-      {kvliFilterRowBorderPipelineGetBufferSize_32f_C3R, {1, 1}, 1, {400, 800, 1200}},
-      // 128 x 5 + 96 whatever the thread count
-      {kvliFilterRowBorderPipelineGetBufferSize_16u_C3R, {7, 7}, 5, {736, 736, 736}},
-      // ceil4(10) = 12: 32 + 8 (4 + 3) + 12 x 12 + 32 = 264 per thread
-      {kvliFilterColumnPipelineGetBufferSize_16s8u_C1R, {10, 4}, 3, {264, 528, 792}},
-      // ceil8(10) = 16: 32 + 56 + 36 x 16 + 32 = 696 per thread
-      {kvliFilterColumnPipelineGetBufferSize_Low_16s_C3R, {10, 4}, 3, {696, 1392, 2088}},
-      // 32 ((30 + 3) / 4 + 3) + 64 = 416; 32 x 5 + 32 = 192
-      {kvliFilterColumnPipelineGetBufferSize_16u_C3R, {10, 4}, 3, {416, 416, 416}},
-      {kvliFilterColumnPipelineGetBufferSize_32f_C1R, {640, 480}, 5, {192, 192, 192}},
-  };
+  forEachRow([&]<class, class, class>(const RowMember& m) { check(m.name, m.size); });
+  forEachColumn([&]<class, class, class>(const ColumnMember& m) { check(m.name, m.size); });
+  // 36 x 10^8 bytes do not fit an int; the row sizes do not grow with the width.
+  int out = -1;
+  EXPECT_EQ(kvliFilterColumnPipelineGetBufferSize_16s_C3R({100000000, 1}, 3, &out),
+            kvlStatusBadSize);
+  EXPECT_EQ(out, -1);
+  EXPECT_EQ(kvliFilterRowBorderPipelineGetBufferSize_16s_C1R({100000000, 1}, 3, &out), kvlStatusOk);
+}
+
+// ---- 1, 2 and 3 threads give the same bytes, on an image the team rules split ----
+// Runs call(dst) with 1, 2 and 3 permitted threads; team() is the split the rule makes then.
+template <class D, class Team, class Call>
+void threadInvariant(int n, int h, const std::string& what, Team&& team, Call&& call) {
+  std::vector<D> serial;
   for (int t = 1; t <= 3; ++t) {
     ThreadScope threads(t);
-    for (const Case& c : cases) {
-      int got = -1;
-      ASSERT_EQ(c.fn(c.roi, c.K, &got), kvlStatusOk);
-      EXPECT_EQ(got, c.want[t - 1]) << "case " << &c - cases << " threads " << t;
+    if (t > 1) {
+      ASSERT_GT(team(), 1) << what << ": no split with " << t << " threads";
     }
+    Image<D> dst(n, h, 1, 9);
+    ASSERT_EQ(call(dst), kvlStatusOk) << what;
+    if (t == 1) serial = dst.pixels();
+    EXPECT_TRUE(sameBytes(dst.pixels(), serial, n)) << what << ", " << t << " threads";
+    EXPECT_TRUE(dst.outsideUnchanged()) << what;
   }
 }
 
-TEST(PipelineBufferSize, Validation) {
-  struct Case {
-    KvliSize roi;
-    int K;
-    bool null;
-    KvlStatus wantColumn, wantRow;
-  };
-  const Case cases[] = {
-      {{4, 4}, 3, true, kvlStatusNullPointer, kvlStatusNullPointer},
-      {{0, 4}, 3, true, kvlStatusNullPointer, kvlStatusNullPointer},
-      {{0, 4}, 3, false, kvlStatusBadSize, kvlStatusBadSize},
-      {{4, 0}, 3, false, kvlStatusBadSize, kvlStatusBadSize},
-      {{4, 4}, 0, false, kvlStatusBadSize, kvlStatusBadSize},
-      // 36 x 10^8 bytes do not fit an int; the row sizes do not grow with the width
-      {{100000000, 1}, 3, false, kvlStatusBadSize, kvlStatusOk},
-  };
-  for (const Case& c : cases) {
-    int out = -1;
-    EXPECT_EQ(kvliFilterColumnPipelineGetBufferSize_16s_C3R(c.roi, c.K, c.null ? nullptr : &out),
-              c.wantColumn);
-    EXPECT_EQ(out, -1);
-    EXPECT_EQ(kvliFilterRowBorderPipelineGetBufferSize_16s_C1R(c.roi, c.K, c.null ? nullptr : &out),
-              c.wantRow);
-  }
-}
-
-// ---- Above the threshold, 1, 2 and 3 threads give the same bytes ----
 TEST(Pipeline, ThreadedEqualsSerial) {
-  constexpr int W = 301, H = 333;  // 100233 pixels: parallel even for three threads
-  Image<Kvl8u, 3> src(W, H, 0, 5);
-  const std::vector<Kvl16s> kernel = {1, -3, 7, 2, -1, 4, 1};
-  for (int K : {3, 5, 7}) {
-    std::vector<Kvl16s> mids[3];
-    std::vector<Kvl8u> outs[3];
-    for (int t = 1; t <= 3; ++t) {
-      ThreadScope threads(t);
-      Image<Kvl16s, 3> mid(W, H, 0, 9);
-      std::vector<Kvl16s*> rows(H);
-      for (int y = 0; y < H; ++y) rows[y] = mid.at(0, (y * 7) % H);  // scrambled
-      int bytes = 0;
-      ASSERT_EQ(kvliFilterRowBorderPipelineGetBufferSize_8u16s_C3R({W, H}, K, &bytes), kvlStatusOk);
-      GuardedBlock rowBuffer(bytes, 1, 1);
-      ASSERT_EQ(kvliFilterRowBorderPipeline_8u16s_C3R(src.roi(), src.step(), rows.data(), {W, H},
-                                                      kernel.data(), K, K / 2, kvlBorderRepl, 0, 3,
-                                                      rowBuffer.data()),
-                kvlStatusOk);
-      // The column pass reads the rows clamped at the image's top and bottom.
-      std::vector<const Kvl16s*> crows(H + K - 1);
-      for (int j = 0; j < H + K - 1; ++j) crows[j] = rows[std::clamp(j - K / 2, 0, H - 1)];
-      Image<Kvl8u, 1> dst(W * 3, H, 1, 3);
-      ASSERT_EQ(kvliFilterColumnPipelineGetBufferSize_16s8u_C1R({W * 3, H}, K, &bytes),
-                kvlStatusOk);
-      GuardedBlock colBuffer(bytes, 1, 2);
-      ASSERT_EQ(kvliFilterColumnPipeline_16s8u_C1R(crows.data(), dst.roi(), dst.step(), {W * 3, H},
-                                                   kernel.data(), K, 5, colBuffer.data()),
-                kvlStatusOk);
-      EXPECT_TRUE(dst.outsideUnchanged());
-      for (int y = 0; y < H; ++y) mids[t - 1].insert(mids[t - 1].end(), rows[y], rows[y] + W * 3);
-      outs[t - 1] = dst.pixels();
+  constexpr int W = 300, H = 330;  // 99000 pixels: at least 32768 per thread for three threads
+  const int kTaps[] = {1, -3, 7, 2, -1, 4, 1};
+  forEachRow([&]<class S, class D, class Kr>(const RowMember& m) {
+    if (!m.threaded) return;
+    Image<S> src(W * m.channels, H, 0, 5);
+    const std::vector<Kr> kernel(kTaps, kTaps + 5);
+    threadInvariant<D>(
+        W * m.channels, H, m.name, [&] { return kvl::par::teamPipelineRow({W, H}); },
+        [&](Image<D>& dst) {
+          std::vector<D*> rows(H);
+          for (int y = 0; y < H; ++y) rows[y] = dst.at(0, (y * 7) % H);  // scrambled
+          int bytes = 0;
+          EXPECT_EQ(m.size({W, H}, 5, &bytes), kvlStatusOk);
+          GuardedBlock buffer(bytes, 1, 1);
+          return m.run(src.roi(), src.step(), rows.data(), {W, H}, kernel.data(), 5, 2,
+                       kvlBorderRepl, 0, 3, buffer.data());
+        });
+  });
+  forEachColumn([&]<class S, class D, class Kr>(const ColumnMember& m) {
+    if (!m.threaded) return;
+    Image<S> src(W * m.channels, H, 0, 5);
+    for (int K : {3, 7}) {  // 3 and 5 taps split only on a die with several cores
+      std::vector<const S*> rows(H + K - 1);  // the rows clamped at the top and bottom
+      for (int j = 0; j < H + K - 1; ++j) rows[j] = src.at(0, std::clamp(j - K / 2, 0, H - 1));
+      const std::vector<Kr> kernel(kTaps, kTaps + K);
+      threadInvariant<D>(
+          W * m.channels, H, m.name + (" K " + std::to_string(K)),
+          [&] { return kvl::par::teamPipelineColumn({W, H}, K); },
+          [&](Image<D>& dst) {
+            int bytes = 0;
+            EXPECT_EQ(m.size({W, H}, K, &bytes), kvlStatusOk);
+            GuardedBlock buffer(bytes, 1, 2);
+            return m.run(rows.data(), dst.roi(), dst.step(), {W, H}, kernel.data(), K, 5,
+                         buffer.data());
+          });
     }
-    for (int t = 1; t < 3; ++t) {
-      EXPECT_TRUE(sameBytes(mids[t], mids[0], W, 3)) << "row pass, K " << K << ", " << t + 1;
-      EXPECT_TRUE(sameBytes(outs[t], outs[0], W * 3)) << "column pass, K " << K << ", " << t + 1;
-    }
-  }
+  });
 }
 
 }  // namespace
