@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
 # Installs the build into a scratch prefix and builds a C99 consumer against it twice: with
-# pkg-config and with find_package(kvlcv).
+# pkg-config exactly as the README shows, and with find_package(kvlcv).
 set -euo pipefail
 build=$1
 here=$2
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cmake --install "$build" --prefix "$tmp/prefix" > /dev/null
-export PKG_CONFIG_PATH="$tmp/prefix/lib/pkgconfig"
-cc -std=c99 -Wall -Wextra -pedantic -Werror "$here/consumer.c" -o "$tmp/consumer-pc" \
-  $(pkg-config --define-variable=prefix="$tmp/prefix" --cflags --libs kvlcv) -Wl,-rpath,"$tmp/prefix/lib"
-"$tmp/consumer-pc"
+# The README's recipe: the installed pkgconfig folder on PKG_CONFIG_PATH, plain pkg-config.
+pcfile=$(find "$tmp/prefix" -name kvlcv.pc)
+export PKG_CONFIG_PATH=$(dirname "$pcfile")
+cp "$here/consumer.c" "$tmp/app.c"
+(cd "$tmp" && cc -std=c99 app.c $(pkg-config --cflags --libs kvlcv) -o consumer-pc)
+LD_LIBRARY_PATH="$(pkg-config --variable=libdir kvlcv)" "$tmp/consumer-pc"
+# ...and it names this installation, not another one that the compiler would also find.
+[ "$(cd "$(pkg-config --variable=includedir kvlcv)" && pwd -P)" = \
+  "$(cd "$tmp/prefix/include" && pwd -P)" ]
+# The installed header is clean C99.
+cc -std=c99 -Wall -Wextra -pedantic -Werror -fsyntax-only "$tmp/app.c" $(pkg-config --cflags kvlcv)
 cmake -S "$here" -B "$tmp/cm" -DCMAKE_PREFIX_PATH="$tmp/prefix" \
   -DCMAKE_BUILD_RPATH="$tmp/prefix/lib" > /dev/null
 cmake --build "$tmp/cm" > /dev/null
