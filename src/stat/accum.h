@@ -86,4 +86,28 @@ struct AbsDiffCKernel {
   X(32f_C1R, Kvl32f, Kvl32f)
 // clang-format on
 
+// The kernels are defined and instantiated from these tables in accum_simd.cc.
+#define KVL_ACC_EXTERN(Name, types, Src, op)         \
+  extern template struct AccKernel<op, Src, false>; \
+  extern template struct AccKernel<op, Src, true>;
+#define KVL_ACC_EXTERN_MASKED(Name, types, Src, op) extern template struct AccKernel<op, Src, true>;
+#define KVL_ACC_EXTERN_ONE(Name, types, Src, op) extern template struct AccKernel<op, Src, false>;
+KVL_ACC_ONE_SOURCE_MEMBERS(KVL_ACC_EXTERN_ONE)
+KVL_ACC_ONE_SOURCE_MASKED_MEMBERS(KVL_ACC_EXTERN_MASKED)
+KVL_ACC_TWO_SOURCE_MEMBERS(KVL_ACC_EXTERN)
+KVL_ACC_WEIGHTED_MEMBERS(KVL_ACC_EXTERN)
+#define KVL_ABSDIFF_EXTERN(types, T, C)                 \
+  extern template struct AbsDiffKernel<T, C, false>;   \
+  extern template struct AbsDiffKernel<T, C, true>;
+#define KVL_ABSDIFFC_EXTERN(types, T, V)                \
+  extern template struct AbsDiffCKernel<T, false>;     \
+  extern template struct AbsDiffCKernel<T, true>;
+KVL_ABSDIFF_MEMBERS(KVL_ABSDIFF_EXTERN)
+KVL_ABSDIFFC_MEMBERS(KVL_ABSDIFFC_EXTERN)
+#undef KVL_ACC_EXTERN
+#undef KVL_ACC_EXTERN_MASKED
+#undef KVL_ACC_EXTERN_ONE
+#undef KVL_ABSDIFF_EXTERN
+#undef KVL_ABSDIFFC_EXTERN
+
 }  // namespace kvl::stat
