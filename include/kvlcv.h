@@ -16,6 +16,9 @@
  *   changing it. A buffer must not be shared by concurrent calls.
  * - Results never depend on the thread count. The library keeps no global mutable state and may
  *   be called from any number of threads at once on distinct outputs.
+ * - Results are the same bytes on every processor the library runs on, with one exception: when
+ *   a floating-point sum meets two or more NaN inputs, which input's payload the NaN result
+ *   carries is not specified (it is a NaN either way, and a single NaN's payload is kept).
  *
  * Every declaration marked KVL_API is an exported entry point; the list below is the library's
  * whole exported interface. The header is C99-clean. */

@@ -12,17 +12,44 @@ if [ "$want" != "$have" ]; then
   diff <(echo "$want") <(echo "$have") || true
   exit 1
 fi
-bad=0
-dis=$(mktemp)
-trap 'rm -f "$dis"' EXIT
-objdump -d --no-show-raw-insn "$lib" > "$dis"
-while read -r n; do
-  body=$(awk -v n="$n" '$0 ~ "<"n">:$" {on=1; next} on && NF==0 {exit} on {print}' "$dis")
-  body=$(echo "$body" | grep -v 'nop' || true)  # alignment padding before the next entry
-  count=$(echo "$body" | grep -c . || true)
-  if [ "$count" -ne 1 ] || ! echo "$body" | grep -Eq "jmp +\*0x[0-9a-f]+\(%rip\) +# [0-9a-f]+ <${n}_arraddr>"; then
-    echo "entry point $n is not a single jump through ${n}_arraddr:"; echo "$body"; bad=1
-  fi
-done < "$names"
-[ $bad -eq 0 ] || exit 1
-echo "abi: $(wc -l < "$names") entry points, each one jump through its cell; no other symbols"
+# One pass over the disassembly of the span holding the entry points (the exported code symbols;
+# the last one gets 64 bytes): a symbol's body runs from its "<name>:" line to the next blank
+# line or symbol. Nop lines are the alignment padding before the next entry and do not count.
+span=$(nm -D --defined-only "$lib" | awk '$2 == "T" {print $1}' | sort | sed -n '1p;$p')
+start=0x$(echo "$span" | head -1)
+stop=$(printf '0x%x' $(( 0x$(echo "$span" | tail -1) + 64 )))
+objdump -d --no-show-raw-insn --start-address="$start" --stop-address="$stop" "$lib" |
+  awk -v list="$names" '
+  function finish() {
+    if (cur == "") return
+    if (count != 1 || !jump) {
+      printf "entry point %s is not a single jump through %s_arraddr:\n%s", cur, cur, body
+      bad = 1
+    }
+    cur = ""
+  }
+  BEGIN {
+    while ((getline n < list) > 0) if (n != "") { want[n] = 1; total++ }
+    close(list)
+  }
+  /^[0-9a-f]+ <[^>]+>:$/ {
+    finish()
+    n = $2; sub(/^</, "", n); sub(/>:$/, "", n)
+    if (n in want) { cur = n; seen[n] = 1; count = 0; jump = 0; body = "" }
+    next
+  }
+  cur == "" { next }
+  NF == 0 { finish(); next }
+  /\t([a-z0-9]+ )*nop|\txchg +%ax,%ax$/ { next }
+  {
+    count++; body = body $0 "\n"
+    if ($0 ~ ("jmp +\\*0x[0-9a-f]+\\(%rip\\) +# [0-9a-f]+ <" cur "_arraddr>$")) jump = 1
+  }
+  END {
+    finish()
+    for (n in want) {
+      if (!(n in seen)) { printf "entry point %s is not in the disassembly\n", n; bad = 1 }
+    }
+    if (bad) exit 1
+    printf "abi: %d entry points, each one jump through its cell; no other symbols\n", total
+  }'

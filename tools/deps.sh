@@ -1,10 +1,15 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs when they are missing. With --bench it also
 # installs the benchmark peer (OpenCV), which stays optional: failing to get it is not an error.
+# With --fuzz it also installs clang 14 with its libFuzzer, sanitizer runtimes, OpenMP runtime
+# and symbolizer (needed by `make fuzz` only).
 set -euo pipefail
 need=(cmake g++ make python3 pkg-config libhwy-dev libgtest-dev libbenchmark-dev libpng-dev)
 optional=()
-[ "${1:-}" = "--bench" ] && optional=(libopencv-dev)
+case "${1:-}" in
+  --bench) optional=(libopencv-dev) ;;
+  --fuzz) need+=(clang-14 libclang-rt-14-dev libomp-14-dev llvm-14) ;;
+esac
 missing=()
 for p in "${need[@]}" "${optional[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
