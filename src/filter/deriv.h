@@ -160,7 +160,7 @@ constexpr int kernelIndex(KernelKey k) {
 
 // The kernels are compiled in kUnits files (deriv_simd_<u>.cc), unit u holding the kernels
 // [unitBegin(u), unitBegin(u + 1)), so no file takes long to compile.
-inline constexpr int kUnits = 4;
+inline constexpr int kUnits = 8;
 constexpr int unitBegin(int u) { return static_cast<int>(kNumKernels * u / kUnits); }
 constexpr int unitOf(int index) {
   int u = 0;
@@ -180,11 +180,20 @@ template <>
 const simd::Kernel<Fn>* const Unit<2>::kernels;
 template <>
 const simd::Kernel<Fn>* const Unit<3>::kernels;
+template <>
+const simd::Kernel<Fn>* const Unit<4>::kernels;
+template <>
+const simd::Kernel<Fn>* const Unit<5>::kernels;
+template <>
+const simd::Kernel<Fn>* const Unit<6>::kernels;
+template <>
+const simd::Kernel<Fn>* const Unit<7>::kernels;
 
 // The kernel of a key.
 inline const simd::Kernel<Fn>& kernelFor(KernelKey k) {
-  static const simd::Kernel<Fn>* const units[kUnits] = {Unit<0>::kernels, Unit<1>::kernels,
-                                                         Unit<2>::kernels, Unit<3>::kernels};
+  static const simd::Kernel<Fn>* const units[kUnits] = {
+      Unit<0>::kernels, Unit<1>::kernels, Unit<2>::kernels, Unit<3>::kernels,
+      Unit<4>::kernels, Unit<5>::kernels, Unit<6>::kernels, Unit<7>::kernels};
   const int i = kernelIndex(k);
   return units[unitOf(i)][i - unitBegin(unitOf(i))];
 }
