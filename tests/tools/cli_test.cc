@@ -131,17 +131,6 @@ TEST_F(Cli, SixteenBitInputsKeepTheirDepth) {
   EXPECT_EQ(run("laplacian " + path("deep.png") + " " + path("l.png")).exitCode, 0);
 }
 
-TEST_F(Cli, EveryOperationWritesAViewableImage) {
-  for (const char* op : {"sobel", "scharr", "laplacian", "lowpass", "canny"}) {
-    const Outcome o = run(std::string(op) + " --time " + path("rgb.png") + " " + path(std::string(op) + ".png"));
-    EXPECT_EQ(o.exitCode, 0) << op << ": " << o.output;
-    EXPECT_NE(o.output.find("Mpixel/s"), std::string::npos) << op;
-    const Picture p = read(std::string(op) + ".png");
-    EXPECT_EQ(p.width, rgb_.width);
-    EXPECT_EQ(p.depth, 8);
-  }
-}
-
 // Every accepted word of every option, and every flag, works alone on a real image: the defaults
 // of the other options must suit each choice. The operations come from the tool's own listing.
 TEST_F(Cli, EveryAcceptedValueWorksWithTheDefaults) {
@@ -161,6 +150,12 @@ TEST_F(Cli, EveryAcceptedValueWorksWithTheDefaults) {
       const Outcome o = run(op + " " + c + " " + path("rgb.png") + " " + path("o.png"));
       EXPECT_EQ(o.exitCode, 0) << op << " " << c << ": " << o.output;
     }
+  }
+  for (const std::string& op : listed) {  // --time reports the speed; the output is 8-bit
+    const Outcome o = run(op + " --time " + path("rgb.png") + " " + path("t.png"));
+    EXPECT_NE(o.output.find("Mpixel/s"), std::string::npos) << op << ": " << o.output;
+    const Picture p = read("t.png");
+    EXPECT_TRUE(p.depth == 8 && p.width == rgb_.width) << op;
   }
   // The listing covers every operation that --help names.
   std::istringstream helpLines(help.output.substr(help.output.find("operations:")));
@@ -200,15 +195,13 @@ void writeClaimingPng(const std::string& path, uint32_t w, uint32_t h) {
 // whatever the input claims.
 TEST_F(Cli, ErrorsAreOneActionableLine) {
   {
-    FILE* f = std::fopen(path("text.png").c_str(), "w");
-    std::fputs("hello", f);
-    std::fclose(f);
-    f = std::fopen(path("deep.pgm").c_str(), "w");
-    std::fputs("P5\n2 2\n70000\n", f);
-    std::fclose(f);
-    f = std::fopen(path("header.pgm").c_str(), "w");
-    std::fputs("P5 65535 65535 255\n", f);
-    std::fclose(f);
+    for (auto [name, text] : {std::pair<const char*, const char*>{"text.png", "hello"},
+                              {"deep.pgm", "P5\n2 2\n70000\n"},
+                              {"header.pgm", "P5 65535 65535 255\n"}}) {
+      FILE* f = std::fopen(path(name).c_str(), "w");
+      std::fputs(text, f);
+      std::fclose(f);
+    }
     writeClaimingPng(path("huge.png"), 100000, 100000);
     for (auto [target, name] : {std::pair<const char*, const char*>{"/dev/zero", "zero.png"},
                                 {"/dev/urandom", "random.png"},
