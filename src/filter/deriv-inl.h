@@ -322,12 +322,11 @@ constexpr std::array<simd::Kernel<Fn>, sizeof...(I)> unitKernels(std::index_sequ
 }
 }  // namespace kvl::filter::deriv
 
-// Defines Unit<u>::kernels; the file deriv_simd_<u>.cc says it once, after the per-target passes.
+// Defines kUnit<u>; the file deriv_simd_<u>.cc says it once, after the per-target passes.
 #define KVL_DERIV_UNIT_KERNELS(u)                                                           \
   namespace kvl::filter::deriv {                                                            \
   constexpr auto kUnit##u##Kernels =                                                        \
       unitKernels<u>(std::make_index_sequence<unitBegin(u + 1) - unitBegin(u)>{});          \
-  template <>                                                                               \
-  const simd::Kernel<Fn>* const Unit<u>::kernels = kUnit##u##Kernels.data();                \
+  const simd::Kernel<Fn>* const kUnit##u = kUnit##u##Kernels.data();                       \
   }
 #endif

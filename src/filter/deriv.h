@@ -158,42 +158,27 @@ constexpr int kernelIndex(KernelKey k) {
   return -1;
 }
 
-// The kernels are compiled in kUnits files (deriv_simd_<u>.cc), unit u holding the kernels
-// [unitBegin(u), unitBegin(u + 1)), so no file takes long to compile.
-inline constexpr int kUnits = 8;
+// The kernels are compiled in one file per unit (deriv_simd_<u>.cc), unit u holding the kernels
+// [unitBegin(u), unitBegin(u + 1)), so no file takes long to compile. Each file defines kUnit<u>.
+#define KVL_DERIV_UNITS(X) X(0) X(1) X(2) X(3) X(4) X(5) X(6) X(7)
+#define KVL_DERIV_UNIT_DECLARE(u) extern const simd::Kernel<Fn>* const kUnit##u;
+KVL_DERIV_UNITS(KVL_DERIV_UNIT_DECLARE)
+#undef KVL_DERIV_UNIT_DECLARE
+#define KVL_DERIV_UNIT_COUNT(u) +1
+inline constexpr int kUnits = 0 KVL_DERIV_UNITS(KVL_DERIV_UNIT_COUNT);
+#undef KVL_DERIV_UNIT_COUNT
 constexpr int unitBegin(int u) { return static_cast<int>(kNumKernels * u / kUnits); }
 constexpr int unitOf(int index) {
   int u = 0;
   while (u + 1 < kUnits && index >= unitBegin(u + 1)) ++u;
   return u;
 }
-// Unit u's kernels, defined by deriv_simd_<u>.cc.
-template <int kUnit>
-struct Unit {
-  static const simd::Kernel<Fn>* const kernels;
-};
-template <>
-const simd::Kernel<Fn>* const Unit<0>::kernels;
-template <>
-const simd::Kernel<Fn>* const Unit<1>::kernels;
-template <>
-const simd::Kernel<Fn>* const Unit<2>::kernels;
-template <>
-const simd::Kernel<Fn>* const Unit<3>::kernels;
-template <>
-const simd::Kernel<Fn>* const Unit<4>::kernels;
-template <>
-const simd::Kernel<Fn>* const Unit<5>::kernels;
-template <>
-const simd::Kernel<Fn>* const Unit<6>::kernels;
-template <>
-const simd::Kernel<Fn>* const Unit<7>::kernels;
 
 // The kernel of a key.
 inline const simd::Kernel<Fn>& kernelFor(KernelKey k) {
-  static const simd::Kernel<Fn>* const units[kUnits] = {
-      Unit<0>::kernels, Unit<1>::kernels, Unit<2>::kernels, Unit<3>::kernels,
-      Unit<4>::kernels, Unit<5>::kernels, Unit<6>::kernels, Unit<7>::kernels};
+#define KVL_DERIV_UNIT_POINTER(u) kUnit##u,
+  static const simd::Kernel<Fn>* const units[kUnits] = {KVL_DERIV_UNITS(KVL_DERIV_UNIT_POINTER)};
+#undef KVL_DERIV_UNIT_POINTER
   const int i = kernelIndex(k);
   return units[unitOf(i)][i - unitBegin(unitOf(i))];
 }
