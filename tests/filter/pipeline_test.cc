@@ -161,53 +161,10 @@ void rowSweep(const RowMember& m, int width) {
   EXPECT_TRUE(src.unchanged()) << m.name << " w " << width;
 }
 
-// Column pass against the reference kernel on the same row pointers: any order, some rows used
-// twice (as a replicated border would); narrow then full-range sources. The height + K - 1
-// pointers end at an inaccessible page.
-template <class S, class D, class Kr>
-void columnSweep(const ColumnMember& m, int width) {
-  const int C = m.channels, h = heightFor(width), n = width * C;
-  std::mt19937 rng(width * 17 + C);
-  Image<D> dst(n, h, 2, width + 3);
-  for (int K : kKernels)
-    for (int pass = 0; pass < 2; ++pass) {
-      const int inRows = h + K - 1;
-      Image<S> src(n, inRows, 0, width * 7 + K);
-      if (pass == 0 && !std::is_floating_point_v<S>)
-        src.fillRandom(rng(), static_cast<S>(std::is_signed_v<S> ? -300 : 0), S(300));
-      else
-        src.fillRandom(rng());
-      GuardedBlock rowBlock(inRows * sizeof(S*), alignof(S*), 1);
-      const S** rows = reinterpret_cast<const S**>(rowBlock.data());
-      for (int j = 0; j < inRows; ++j) rows[j] = src.at(0, static_cast<int>(rng() % inRows));
-      const auto kernel = randomKernel<Kr>(rng, K, pass == 1 && rng() % 2);
-      const int divisor = pickDivisor(rng, m.divisor);
-      std::vector<D> want(static_cast<size_t>(n) * h);
-      for (int y = 0; y < h; ++y)
-        m.ref(rows + y, want.data() + y * n, n, kernel.data(), K, 1.0f / divisor);
-      int bytes = 0;
-      ASSERT_EQ(m.size({width, h}, K, &bytes), kvlStatusOk);
-      GuardedBlock buffer(bytes, 1, K);
-      forEachTarget([&](int) {
-        ASSERT_EQ(m.run(rows, dst.roi(), dst.step(), {width, h}, kernel.data(), K, divisor,
-                        buffer.data()),
-                  kvlStatusOk);
-        ASSERT_TRUE(sameBytes(dst.pixels(), want, width, C))
-            << m.name << " w " << width << " K " << K << " divisor " << divisor;
-      });
-    }
-  EXPECT_TRUE(dst.outsideUnchanged()) << m.name << " w " << width;
-}
-
 class PipelineWidths : public ::testing::TestWithParam<int> {};
 TEST_P(PipelineWidths, RowPassMatchesReferenceOnEveryTarget) {
   forEachRow([&]<class S, class D, class K>(const RowMember& m) {
     rowSweep<S, D, K>(m, GetParam());
-  });
-}
-TEST_P(PipelineWidths, ColumnPassMatchesReferenceOnEveryTarget) {
-  forEachColumn([&]<class S, class D, class K>(const ColumnMember& m) {
-    columnSweep<S, D, K>(m, GetParam());
   });
 }
 INSTANTIATE_TEST_SUITE_P(Widths1To70, PipelineWidths, ::testing::Range(1, 71));
@@ -279,6 +236,7 @@ TEST(ColumnPipeline, GoldenCases) {
       {"16s8u_C1R", {{5, 7, -6, 600, 1, 3, 9, 11, 5, 7}}, {1}, 2, {2, 4, 0, 255, 0, 2, 4, 6, 2, 3}},
       {"16s_C1R", {{100, 200, 300, 400}, {1, 2, 3, 4}, {10, 20, 30, 40}}, {1, 2, 3}, 1,
        {132, 264, 396, 528}},
+      {"16s_C1R", {{6, -6, 7}}, {1}, -2, {-3, 3, -3}},
   };
   forEachColumn([&]<class S, class D, class Kr>(const ColumnMember& m) {
     for (const Case& c : cases) {
