@@ -6,9 +6,6 @@
 // aborts with a description when any target disagrees with the reference in a single byte.
 #pragma once
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <bit>
 #include <cstdarg>
 #include <cstdint>
@@ -25,6 +22,7 @@
 
 #include "core/simd.h"
 #include "kvlcv.h"
+#include "support/guarded.h"
 
 namespace kvl::fuzz {
 
@@ -217,7 +215,6 @@ class Image {
     roi_ = block_;
     initial_.assign(block_, block_ + bytes_);
   }
-  ~Image() { munmap(map_, mapBytes_); }
   Image(const Image&) = delete;
   Image& operator=(const Image&) = delete;
 
@@ -270,18 +267,12 @@ class Image {
   }
 
  private:
-  // Maps the block so that its last byte (+ shift) is followed by an inaccessible page.
+  // Places the block so that its last byte (+ shift) is followed by an inaccessible page.
   void allocate(size_t bytes, int shift) {
-    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const size_t body = (bytes + shift + page - 1) / page * page;
-    mapBytes_ = body + page;
-    void* p = mmap(nullptr, mapBytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (p == MAP_FAILED) abort();
-    map_ = static_cast<uint8_t*>(p);
-    mprotect(map_ + body, page, PROT_NONE);
+    pages_ = std::make_unique<test::GuardedPages>(bytes + shift);
     bytes_ = bytes;
     shift_ = shift;
-    block_ = map_ + body - shift - bytes;
+    block_ = pages_->end() - shift - bytes;
   }
   bool inBand(size_t i) const { return where(i, readable_); }
   bool where(size_t i, Around a) const;
@@ -296,8 +287,7 @@ class Image {
   Around readable_, margin_;
   int step_ = 0, shift_ = 0;
   bool null_ = false;
-  uint8_t* map_ = nullptr;
-  size_t mapBytes_ = 0;
+  std::unique_ptr<test::GuardedPages> pages_;
   uint8_t* block_ = nullptr;
   uint8_t* roi_ = nullptr;
   size_t bytes_ = 0;
