@@ -648,6 +648,9 @@ TEST_P(HaarApply, EveryTargetMatchesTheReference) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Members, HaarApply, ::testing::ValuesIn(kApply));
+INSTANTIATE_TEST_SUITE_P(Members, HaarApply, ::testing::ValuesIn(kApply),
+                         [](const ::testing::TestParamInfo<HaarApplyMember>& info) {
+                           return std::string(info.param.name + 4);  // without "kvli"
+                         });
 
 }  // namespace
