@@ -1,11 +1,14 @@
 // Vector kernels of the Haar classifier apply, one source for SSE4, AVX2 and AVX-512.
 //
 // Each lane is one candidate pixel and does the per-pixel rule's operations in the rule's order
-// (no fused multiply-add), so every target gives the reference's bytes. A row's candidates that
-// form a run of at least one vector are evaluated window by window with plain loads (the windows
-// of neighbouring pixels are neighbouring elements); the rest are listed, across rows, and
-// evaluated a vector at a time with gathers from their listed offsets. A short last piece of the
-// list takes the scalar rule. Nothing is read for a pixel whose mask byte is 0.
+// (no fused multiply-add), so every target gives the reference's bytes. A row is taken in spans
+// of one vector of neighbouring pixels, starting at a candidate: the windows of neighbouring
+// pixels are neighbouring table elements, so a span of candidates only is evaluated with plain
+// loads, and one with enough candidates among other pixels with masked loads (AVX2 and AVX-512,
+// whose masked loads read nothing for the other lanes). The candidates of thinner spans are
+// listed, across rows, and evaluated a vector at a time with gathers from their listed offsets; a
+// short last piece of the list takes the scalar rule. Nothing is read for a pixel whose mask byte
+// is 0.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "detect/haar_simd.cc"
 #include <hwy/foreach_target.h>  // must come before highway.h
@@ -29,14 +32,50 @@ constexpr int kMaxLanes = HWY_MAX_BYTES / 4;
 // A listed band of rows keeps its element offsets below this, so an offset plus a corner offset
 // stays in 32 bits; tables with longer rows take the scalar rule.
 constexpr ptrdiff_t kBandLimit = ptrdiff_t{1} << 30;
+// A span with at least this many candidates (and not only candidates) takes masked loads.
+#ifndef KVL_HAAR_MIN_MASKED
+#define KVL_HAAR_MIN_MASKED 2
+#endif
+constexpr int kMinMasked = KVL_HAAR_MIN_MASKED;
+// Vectors of every lane (16 on AVX-512) take spans of candidates only; thinner spans and the list
+// take vectors of at most 8 lanes, which waste fewer lanes on the pixels between candidates.
+constexpr size_t kFull = kMaxLanes;
+constexpr size_t kHalf = 8;
 
-// The vector form of each rule: f, its terms and the comparison with norm x threshold.
-template <HaarArith A>
+// The candidates among the N pixels from x (lanes past the row's end are not).
+template <class DV>
+HWY_INLINE hn::Mask<DV> candidates(DV dv, const Kvl8u* mask, int x, int w) {
+  const hn::Rebind<uint8_t, DV> d8;
+  const hn::Rebind<uint32_t, DV> du;
+  const int N = static_cast<int>(hn::Lanes(dv));
+  hn::Vec<decltype(d8)> bytes;
+  if (x + N <= w) {
+    bytes = hn::LoadU(d8, mask + x);
+  } else {
+    alignas(64) uint8_t tail[kMaxLanes] = {};
+    std::memcpy(tail, mask + x, static_cast<size_t>(w - x));
+    bytes = hn::Load(d8, tail);
+  }
+  return hn::RebindMask(dv, hn::Ne(hn::PromoteTo(du, bytes), hn::Zero(du)));
+}
+
+template <class D>
+HWY_INLINE uint64_t maskBits(D d, hn::Mask<D> m) {
+  uint8_t bytes[8] = {};
+  hn::StoreMaskBits(d, m, bytes);
+  uint64_t bits;
+  std::memcpy(&bits, bytes, 8);
+  return bits;
+}
+
+// The vector form of each rule, on vectors of at most kCap lanes: f, its terms and the
+// comparison with norm x threshold.
+template <HaarArith A, size_t kCap>
 struct VecRule {
   using Table = typename HaarTypes<A>::Table;
   using Value = typename HaarTypes<A>::Value;
-  using DT = hn::ScalableTag<Table>;
-  using DV = hn::ScalableTag<Value>;
+  using DT = hn::CappedTag<Table, kCap>;
+  using DV = hn::CappedTag<Value, kCap>;
   using VT = hn::Vec<DT>;
   using VV = hn::Vec<DV>;
   using F = VV;      // f, one lane per candidate
@@ -65,11 +104,11 @@ struct VecRule {
 };
 
 // The wide rule: 64-bit products and f, kept as the even lanes and the odd lanes.
-template <>
-struct VecRule<HaarArith::kWide> {
+template <size_t kCap>
+struct VecRule<HaarArith::kWide, kCap> {
   using Table = Kvl32s;
   using Value = Kvl32s;
-  using DT = hn::ScalableTag<int32_t>;
+  using DT = hn::CappedTag<int32_t, kCap>;
   using DV = DT;
   using D64 = hn::Repartition<int64_t, DT>;
   using DU64 = hn::Repartition<uint64_t, DT>;
@@ -104,11 +143,16 @@ struct VecRule<HaarArith::kWide> {
   }
 };
 
-// The stage sum of one vector of candidates. Contiguous: lane l is the window at up + l (and
-// tl + l); gathered: lane l is the window at up + iu[l] (and tl + it[l]).
-template <HaarArith A, bool kMixed, bool kGather>
+// How a vector of candidates reads its windows: lane l's window at up + l (and tl + l), for
+// every lane or only for the lanes of `lanes`, or at up + iu[l] (and tl + it[l]).
+enum Access : int { kRun, kMasked, kGather };
+// Masked loads that leave the other lanes unread.
+#define KVL_HAAR_MASKED_LOADS (HWY_TARGET <= HWY_AVX2)
+
+// The stage sum of one vector of candidates.
+template <HaarArith A, bool kMixed, int kAccess, size_t kCap>
 struct Stage {
-  using R = VecRule<A>;
+  using R = VecRule<A, kCap>;
   using Table = typename R::Table;
   using Value = typename R::Value;
   using DT = typename R::DT;
@@ -119,12 +163,17 @@ struct Stage {
   const Table* up;
   const Table* tl;
   VI iu, it;
+  hn::Mask<DT> lanes;
 
   HWY_INLINE typename R::VT corner(const Table* b, VI idx, int32_t o) const {
-    if constexpr (kGather) {
+    (void)idx;
+    if constexpr (kAccess == kGather) {
       return hn::GatherIndex(DT(), b + o, idx);
+#if KVL_HAAR_MASKED_LOADS
+    } else if constexpr (kAccess == kMasked) {
+      return hn::MaskedLoad(lanes, DT(), b + o);
+#endif
     } else {
-      (void)idx;
       return hn::LoadU(DT(), b + o);
     }
   }
@@ -173,12 +222,7 @@ struct Stage {
     records<2>(0, st.count2, off, norm, stage);
     records<3>(st.count2, st.count23, off, norm, stage);
     records<0>(st.count23, st.length, off, norm, stage);
-    const auto pass = hn::Not(hn::Gt(hn::Set(dv, j.threshold), stage));
-    uint8_t bytes[8] = {};
-    hn::StoreMaskBits(dv, pass, bytes);
-    uint64_t bits;
-    std::memcpy(&bits, bytes, 8);
-    return bits;
+    return maskBits(dv, hn::Not(hn::Gt(hn::Set(dv, j.threshold), stage)));
   }
 };
 
@@ -204,7 +248,7 @@ struct CandidateList {
 
 template <HaarArith A, bool kMixed>
 int evaluateList(const HaarJob<A>& j, CandidateList<typename HaarTypes<A>::Value>& list) {
-  using R = VecRule<A>;
+  using R = VecRule<A, kHalf>;
   using DV = typename R::DV;
   using VI = hn::Vec<hn::RebindToSigned<typename R::DT>>;
   const DV dv;
@@ -228,7 +272,7 @@ int evaluateList(const HaarJob<A>& j, CandidateList<typename HaarTypes<A>::Value
   for (; i < vectorEnd; i += N) {
     const VI iu = hn::LoadU(di, list.up + i);
     const VI it = kMixed ? hn::LoadU(di, list.tl + i) : iu;
-    const Stage<A, kMixed, true> s{j, up, tl, iu, it};
+    const Stage<A, kMixed, kGather, kHalf> s{j, up, tl, iu, it, hn::FirstN(typename R::DT(), N)};
     const int valid = list.n - i < N ? list.n - i : N;
     const uint64_t lanes = (1ull << valid) - 1;
     const uint64_t pass = s.stays(hn::LoadU(dv, list.norm + i)) & lanes;
@@ -263,14 +307,18 @@ HWY_INLINE int skipWhile(const Kvl8u* m, int c, int end, bool nonZero) {
 
 template <HaarArith A, bool kMixed>
 int haarApply(const HaarJob<A>& j) {
-  using R = VecRule<A>;
-  using Value = typename R::Value;
+  using Value = typename HaarTypes<A>::Value;
+  using RF = VecRule<A, kFull>;
+  using RH = VecRule<A, kHalf>;
   if (j.srcStride > kBandLimit || (kMixed && j.tiltStride > kBandLimit)) {
     return ref::haarApply<A, kMixed>(j);
   }
-  const typename R::DV dv;
-  const int N = static_cast<int>(hn::Lanes(dv));
-  const auto zero = hn::Zero(hn::RebindToSigned<typename R::DT>());
+  const typename RF::DV df;
+  const typename RH::DV dh;
+  const int Nf = static_cast<int>(hn::Lanes(df)), Nh = static_cast<int>(hn::Lanes(dh));
+  const uint64_t allF = (1ull << Nf) - 1, allH = (1ull << Nh) - 1;
+  const auto zeroF = hn::Zero(hn::RebindToSigned<typename RF::DT>());
+  const auto zeroH = hn::Zero(hn::RebindToSigned<typename RH::DT>());
   CandidateList<Value> list;
   int positive = 0;
   const int w = j.roi.width;
@@ -295,27 +343,39 @@ int haarApply(const HaarJob<A>& j) {
         list.r0 = r;
       }
     };
-    int c = skipWhile(mask, 0, w, false);
-    while (c < w) {
-      const int e = skipWhile(mask, c, w, true);
-      if (e - c >= N) {
-        // A run: whole vectors of neighbouring windows, the last one overlapping its
-        // predecessor so that only its new lanes count.
-        for (int x = c;; x += N) {
-          const int start = x + N <= e ? x : e - N;
-          const int fresh = x + N <= e ? N : e - x;
-          const Stage<A, kMixed, false> s{j, up + start, kMixed ? tl + start : nullptr, zero,
-                                          zero};
-          const uint64_t lanes = ((1ull << fresh) - 1) << (N - fresh);
-          const uint64_t pass = s.stays(hn::LoadU(dv, norm + start)) & lanes;
-          positive += __builtin_popcountll(pass);
-          clearFailed(~pass & lanes, [&](int l) { return mask + start + l; });
-          if (x + N >= e) break;
-        }
+    // Counts and clears the span at x after its evaluation.
+    auto settle = [&](int x, uint64_t pass, uint64_t bits) {
+      positive += __builtin_popcountll(pass & bits);
+      clearFailed(~pass & bits, [&](int l) { return mask + x + l; });
+    };
+    for (int x = skipWhile(mask, 0, w, false); x < w;) {
+      const uint64_t bits = maskBits(df, candidates(df, mask, x, w));
+      int next = x + Nf;
+      if (bits == allF) {
+        const Stage<A, kMixed, kRun, kFull> s{j,     up + x, kMixed ? tl + x : nullptr,
+                                              zeroF, zeroF,  hn::FirstN(typename RF::DT(), Nf)};
+        settle(x, s.stays(hn::LoadU(df, norm + x)), bits);
       } else {
-        for (int x = c; x < e; ++x) enlist(x);
+        // Only the first (at most 8) pixels: the scan goes on at the next candidate after them.
+        next = x + Nh;
+        const uint64_t hb = bits & allH;
+        if (hb == allH) {
+          const Stage<A, kMixed, kRun, kHalf> s{j,     up + x, kMixed ? tl + x : nullptr,
+                                                zeroH, zeroH,  hn::FirstN(typename RH::DT(), Nh)};
+          settle(x, s.stays(hn::LoadU(dh, norm + x)), hb);
+#if KVL_HAAR_MASKED_LOADS
+        } else if (__builtin_popcountll(hb) >= kMinMasked) {
+          const auto cand = candidates(dh, mask, x, w);
+          const Stage<A, kMixed, kMasked, kHalf> s{
+              j, up + x, kMixed ? tl + x : nullptr, zeroH, zeroH,
+              hn::RebindMask(typename RH::DT(), cand)};
+          settle(x, s.stays(hn::MaskedLoad(cand, dh, norm + x)), hb);
+#endif
+        } else {
+          for (uint64_t b = hb; b != 0; b &= b - 1) enlist(x + __builtin_ctzll(b));
+        }
       }
-      c = skipWhile(mask, e, w, false);
+      x = skipWhile(mask, next < w ? next : w, w, false);
     }
   }
   if (list.n > 0) positive += evaluateList<A, kMixed>(j, list);
