@@ -44,8 +44,8 @@ KvlStatus build(Input& in, const HaarApplyMember& m, St** pp, int kind) {
   num.push_back(0);  // never an empty array
   for (auto* v : {&weights, &thr, &v1, &v2}) v->push_back(0);
   rects.push_back({});
-  using Init = KvlStatus (*)(St**, const KvliRect*, const V*, const V*, const V*, const V*,
-                             const int*, int);
+  using Init =
+      KvlStatus (*)(St**, const KvliRect*, const V*, const V*, const V*, const V*, const int*, int);
   Init init;
   if constexpr (std::is_same_v<V, Kvl32f>) {
     init = tilted ? kvliTiltedHaarClassifierInitAlloc_32f : kvliHaarClassifierInitAlloc_32f;
@@ -53,8 +53,8 @@ KvlStatus build(Input& in, const HaarApplyMember& m, St** pp, int kind) {
     init = tilted ? kvliTiltedHaarClassifierInitAlloc_32s : kvliHaarClassifierInitAlloc_32s;
   }
   auto as = [](const std::vector<uint32_t>& v) { return reinterpret_cast<const V*>(v.data()); };
-  const KvlStatus status = init(pp, rects.data(), as(weights), as(thr), as(v1), as(v2),
-                                num.data(), length);
+  const KvlStatus status =
+      init(pp, rects.data(), as(weights), as(thr), as(v1), as(v2), num.data(), length);
   if (status == kvlStatusBadArgument && *pp != nullptr) abort();  // must be freed and cleared
   if (status != kvlStatusOk || kind != 1) return status;
   std::vector<Kvl8u> marks(length + 1);
@@ -90,7 +90,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const KvliSize roi = in.roi(120, 4000);
   // Every corner of every window, from both table origins (the tilted one is one down, one right).
   const Around band{std::max(0, -bounds.x), std::max(0, -bounds.y),
-                    std::max(0, bounds.x + bounds.width + 1), std::max(0, bounds.y + bounds.height + 1)};
+                    std::max(0, bounds.x + bounds.width + 1),
+                    std::max(0, bounds.y + bounds.height + 1)};
   const Type table = m.intTable ? typeOf<Kvl32s>() : typeOf<Kvl32f>();
   const Type val = m.intValue ? typeOf<Kvl32s>() : typeOf<Kvl32f>();
   Image& src = s.image("table", Role::kIn, table, roi, 1, band);

@@ -42,12 +42,14 @@ struct Scene {
       T(y + 2, 0) = T(y + 1, 1);
       for (int x = 1; x < kWidth; ++x)
         T(y + 2, x) = px(y, x - 1) + px(y, x) + T(y + 1, x - 1) + T(y + 1, x + 1) - T(y, x);
-      T(y + 2, kWidth) = px(y, kWidth - 1) + T(y + 1, kWidth - 1) + T(y + 1, kWidth + 1) -
-                         T(y, kWidth);
+      T(y + 2, kWidth) =
+          px(y, kWidth - 1) + T(y + 1, kWidth - 1) + T(y + 1, kWidth + 1) - T(y, kWidth);
       T(y + 2, kWidth + 1) = T(y + 1, kWidth);
     }
-    for (int64_t v : up) upI.push_back(static_cast<Kvl32s>(v)), upF.push_back(static_cast<float>(v));
-    for (int64_t v : tl) tlI.push_back(static_cast<Kvl32s>(v)), tlF.push_back(static_cast<float>(v));
+    for (int64_t v : up)
+      upI.push_back(static_cast<Kvl32s>(v)), upF.push_back(static_cast<float>(v));
+    for (int64_t v : tl)
+      tlI.push_back(static_cast<Kvl32s>(v)), tlF.push_back(static_cast<float>(v));
     const double n = kWindow * kWindow;
     for (int y = 0; y < kRoiH; ++y) {
       for (int x = 0; x < kRoiW; ++x) {
@@ -65,9 +67,11 @@ struct Scene {
     sparse.assign(dense.size(), 0);
     std::mt19937 rng(7);
     for (int k = 0; k < kRoiW * kRoiH / 20 / 9; ++k) {  // 3x3 clusters, about 5%
-      const int cx = 1 + static_cast<int>(rng() % (kRoiW - 2)), cy = 1 + static_cast<int>(rng() % (kRoiH - 2));
+      const int cx = 1 + static_cast<int>(rng() % (kRoiW - 2)),
+                cy = 1 + static_cast<int>(rng() % (kRoiH - 2));
       for (int dy = -1; dy <= 1; ++dy)
-        for (int dx = -1; dx <= 1; ++dx) sparse[static_cast<size_t>(cy + dy) * kRoiW + cx + dx] = 255;
+        for (int dx = -1; dx <= 1; ++dx)
+          sparse[static_cast<size_t>(cy + dy) * kRoiW + cx + dx] = 255;
     }
   }
 };
@@ -140,7 +144,8 @@ const bool registered = [] {
           std::vector<Kvl8u> mask(pristine);
           const void* up = m.intTable ? static_cast<const void*>(sc.upI.data()) : sc.upF.data();
           const void* tl = m.intTable ? static_cast<const void*>(sc.tlI.data()) : sc.tlF.data();
-          const void* norm = m.intValue ? static_cast<const void*>(sc.normI.data()) : sc.normF.data();
+          const void* norm =
+              m.intValue ? static_cast<const void*>(sc.normI.data()) : sc.normF.data();
           int positive = 0;
           for (auto _ : st) {
             std::memcpy(mask.data(), pristine.data(), mask.size());

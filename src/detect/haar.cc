@@ -82,10 +82,16 @@ KvlStatus initAlloc(HaarState<V>** ppState, const KvliRect* pFeature, const V* p
 
   auto* st = reinterpret_cast<HaarState<V>*>(mem);
   auto* records = reinterpret_cast<HaarRecord<V>*>(mem + sizeof(HaarState<V>));
-  auto* rects = reinterpret_cast<HaarRect<V>*>(mem + sizeof(HaarState<V>) +
-                                               sizeof(HaarRecord<V>) * length);
-  *st = HaarState<V>{length, static_cast<int32_t>(total), records, {0, 0, 0, 0},
-                     tilted ? kTiltedFlag : 0, static_cast<int32_t>(total), 0, 0};
+  auto* rects =
+      reinterpret_cast<HaarRect<V>*>(mem + sizeof(HaarState<V>) + sizeof(HaarRecord<V>) * length);
+  *st = HaarState<V>{length,
+                     static_cast<int32_t>(total),
+                     records,
+                     {0, 0, 0, 0},
+                     tilted ? kTiltedFlag : 0,
+                     static_cast<int32_t>(total),
+                     0,
+                     0};
   // Upright classifiers in three passes (2 rectangles, 3, the rest); tilted ones in one.
   int next = 0;
   HaarRect<V>* out = rects;
@@ -96,7 +102,11 @@ KvlStatus initAlloc(HaarState<V>** ppState, const KvliRect* pFeature, const V* p
       const int n = pNum[i];
       if (!tilted && (pass == 0 ? n != 2 : pass == 1 ? n != 3 : (n == 2 || n == 3))) continue;
       HaarRecord<V>& c = records[next++];
-      c = HaarRecord<V>{n, out, pThreshold[i], pVal1[i], pVal2[i],
+      c = HaarRecord<V>{n,
+                        out,
+                        pThreshold[i],
+                        pVal1[i],
+                        pVal2[i],
                         (static_cast<uint32_t>(i) << kIndexShift) | (tilted ? kTiltedFlag : 0)};
       for (int k = 0; k < n; ++k, ++out) {
         const KvliRect& r = pFeature[first + k];
@@ -216,8 +226,8 @@ KvlStatus apply(const typename HaarTypes<A>::Table* src, int srcStep,
                        check::Step<Value>{normStep}, check::Step<Kvl8u>{maskStep}));
   if (A == HaarArith::kWide && scaleFactor > 0) return kvlStatusBadArgument;
 
-  HaarJob<A> job{src,  srcStep / 4, nullptr, tiltStep / 4, norm, normStep, mask, maskStep,
-                 roi,  st,          nullptr, threshold,    0};
+  HaarJob<A> job{src,      srcStep / 4, nullptr, tiltStep / 4, norm,      normStep, mask,
+                 maskStep, roi,         st,      nullptr,      threshold, 0};
   Kvl32s* offsets = nullptr;
   if constexpr (kMixed) {
     job.tilt = tilt + job.tiltStride + 1;
@@ -242,31 +252,31 @@ KvlStatus apply(const typename HaarTypes<A>::Table* src, int srcStep,
 }  // namespace
 }  // namespace kvl::detect
 
-#define KVL_HAAR_STATE(types, V)                                                                 \
-  extern "C" KvlStatus impl_kvliHaarClassifierInitAlloc_##types(                                 \
-      KvliHaarClassifier_##types** ppState, const KvliRect* pFeature, const V* pWeight,          \
-      const V* pThreshold, const V* pVal1, const V* pVal2, const int* pNum, int length) {        \
-    return kvl::detect::initAlloc<V>(reinterpret_cast<kvl::detect::HaarState<V>**>(ppState),     \
-                                     pFeature, pWeight, pThreshold, pVal1, pVal2, pNum, length,  \
-                                     false);                                                     \
-  }                                                                                              \
-  extern "C" KvlStatus impl_kvliTiltedHaarClassifierInitAlloc_##types(                           \
-      KvliHaarClassifier_##types** ppState, const KvliRect* pFeature, const V* pWeight,          \
-      const V* pThreshold, const V* pVal1, const V* pVal2, const int* pNum, int length) {        \
-    return kvl::detect::initAlloc<V>(reinterpret_cast<kvl::detect::HaarState<V>**>(ppState),     \
-                                     pFeature, pWeight, pThreshold, pVal1, pVal2, pNum, length,  \
-                                     true);                                                      \
-  }                                                                                              \
-  extern "C" KvlStatus impl_kvliHaarClassifierFree_##types(KvliHaarClassifier_##types* pState) { \
-    return kvl::detect::freeState(kvl::detect::stateOf(pState));                                 \
-  }                                                                                              \
-  extern "C" KvlStatus impl_kvliGetHaarClassifierSize_##types(                                   \
-      KvliHaarClassifier_##types* pState, KvliSize* pSize) {                                     \
-    return kvl::detect::classifierSize(kvl::detect::stateOf(pState), pSize);                     \
-  }                                                                                              \
-  extern "C" KvlStatus impl_kvliTiltHaarFeatures_##types(const Kvl8u* pMask, int flag,           \
-                                                         KvliHaarClassifier_##types* pState) {   \
-    return kvl::detect::tiltFeatures(pMask, flag, kvl::detect::stateOf(pState));                 \
+#define KVL_HAAR_STATE(types, V)                                                                  \
+  extern "C" KvlStatus impl_kvliHaarClassifierInitAlloc_##types(                                  \
+      KvliHaarClassifier_##types** ppState, const KvliRect* pFeature, const V* pWeight,           \
+      const V* pThreshold, const V* pVal1, const V* pVal2, const int* pNum, int length) {         \
+    return kvl::detect::initAlloc<V>(reinterpret_cast<kvl::detect::HaarState<V>**>(ppState),      \
+                                     pFeature, pWeight, pThreshold, pVal1, pVal2, pNum, length,   \
+                                     false);                                                      \
+  }                                                                                               \
+  extern "C" KvlStatus impl_kvliTiltedHaarClassifierInitAlloc_##types(                            \
+      KvliHaarClassifier_##types** ppState, const KvliRect* pFeature, const V* pWeight,           \
+      const V* pThreshold, const V* pVal1, const V* pVal2, const int* pNum, int length) {         \
+    return kvl::detect::initAlloc<V>(reinterpret_cast<kvl::detect::HaarState<V>**>(ppState),      \
+                                     pFeature, pWeight, pThreshold, pVal1, pVal2, pNum, length,   \
+                                     true);                                                       \
+  }                                                                                               \
+  extern "C" KvlStatus impl_kvliHaarClassifierFree_##types(KvliHaarClassifier_##types* pState) {  \
+    return kvl::detect::freeState(kvl::detect::stateOf(pState));                                  \
+  }                                                                                               \
+  extern "C" KvlStatus impl_kvliGetHaarClassifierSize_##types(KvliHaarClassifier_##types* pState, \
+                                                              KvliSize* pSize) {                  \
+    return kvl::detect::classifierSize(kvl::detect::stateOf(pState), pSize);                      \
+  }                                                                                               \
+  extern "C" KvlStatus impl_kvliTiltHaarFeatures_##types(const Kvl8u* pMask, int flag,            \
+                                                         KvliHaarClassifier_##types* pState) {    \
+    return kvl::detect::tiltFeatures(pMask, flag, kvl::detect::stateOf(pState));                  \
   }
 KVL_HAAR_STATE_MEMBERS(KVL_HAAR_STATE)
 #undef KVL_HAAR_STATE
@@ -279,14 +289,14 @@ KVL_HAAR_STATE_MEMBERS(KVL_HAAR_STATE)
 #define KVL_HAAR_SFS_PARAMS_Sfs , int scaleFactor
 #define KVL_HAAR_SFS_PASS_NoSfs 0
 #define KVL_HAAR_SFS_PASS_Sfs scaleFactor
-#define KVL_HAAR_APPLY(Op, suffix, arith, layout, Table, Value, types, sfs)                      \
-  extern "C" KvlStatus impl_kvli##Op##_##suffix(                                                 \
-      const Table* pSrc, int srcStep, KVL_HAAR_TILT_PARAMS_##layout(Table) const Value* pNorm,   \
-      int normStep, Kvl8u* pMask, int maskStep, KvliSize roiSize, int* pPositive,               \
-      Value threshold, KvliHaarClassifier_##types* pState KVL_HAAR_SFS_PARAMS_##sfs) {          \
-    return kvl::detect::apply<kvl::detect::HaarArith::arith, KVL_HAAR_MIXED_##layout>(           \
-        pSrc, srcStep, KVL_HAAR_TILT_PASS_##layout, pNorm, normStep, pMask, maskStep, roiSize,   \
-        pPositive, threshold, kvl::detect::stateOf(pState), KVL_HAAR_SFS_PASS_##sfs);            \
+#define KVL_HAAR_APPLY(Op, suffix, arith, layout, Table, Value, types, sfs)                        \
+  extern "C" KvlStatus impl_kvli##Op##_##suffix(                                                   \
+      const Table* pSrc, int srcStep, KVL_HAAR_TILT_PARAMS_##layout(Table) const Value* pNorm,     \
+      int normStep, Kvl8u* pMask, int maskStep, KvliSize roiSize, int* pPositive, Value threshold, \
+      KvliHaarClassifier_##types* pState KVL_HAAR_SFS_PARAMS_##sfs) {                              \
+    return kvl::detect::apply<kvl::detect::HaarArith::arith, KVL_HAAR_MIXED_##layout>(             \
+        pSrc, srcStep, KVL_HAAR_TILT_PASS_##layout, pNorm, normStep, pMask, maskStep, roiSize,     \
+        pPositive, threshold, kvl::detect::stateOf(pState), KVL_HAAR_SFS_PASS_##sfs);              \
   }
 KVL_HAAR_APPLY_MEMBERS(KVL_HAAR_APPLY)
 #undef KVL_HAAR_APPLY

@@ -27,24 +27,24 @@ struct HaarRect {
 // A weak classifier.
 template <class V>
 struct HaarRecord {
-  int32_t n;         // rectangles, >= 1
+  int32_t n;  // rectangles, >= 1
   HaarRect<V>* rects;
   V threshold, val1, val2;
-  uint32_t index;    // position in the caller's arrays << 8; bit 0 set: read from the tilted table
+  uint32_t index;  // position in the caller's arrays << 8; bit 0 set: read from the tilted table
 };
 
 template <class V>
 struct HaarState {
-  int32_t length;         // weak classifiers
-  int32_t rectCount;      // rectangles in all
+  int32_t length;     // weak classifiers
+  int32_t rectCount;  // rectangles in all
   HaarRecord<V>* records;
-  KvliRect bounds;        // the smallest box holding every corner of every rectangle as it is
-                          // now ({0, 0, 0, 0} for none): x, y the least column and row, width
-                          // and height the spans to the greatest
-  uint32_t flags;         // bit 0: holds tilted features
-  int32_t offsetRects;    // rectCount again: sizes the apply's offset table
-  int32_t count2;         // records with exactly 2 rectangles, first (upright InitAlloc; else 0)
-  int32_t count23;        // records with 2 or 3 rectangles (the 3s follow the 2s); else 0
+  KvliRect bounds;      // the smallest box holding every corner of every rectangle as it is
+                        // now ({0, 0, 0, 0} for none): x, y the least column and row, width
+                        // and height the spans to the greatest
+  uint32_t flags;       // bit 0: holds tilted features
+  int32_t offsetRects;  // rectCount again: sizes the apply's offset table
+  int32_t count2;       // records with exactly 2 rectangles, first (upright InitAlloc; else 0)
+  int32_t count23;      // records with 2 or 3 rectangles (the 3s follow the 2s); else 0
 };
 
 static_assert(sizeof(HaarRect<float>) == 36 && sizeof(HaarRect<int32_t>) == 36);

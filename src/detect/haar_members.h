@@ -66,17 +66,19 @@ struct HaarApplyMember {
 #define KVL_HAAR_THR_Kvl32s thrI
 
 // The record of one apply member, for the tables of tests, benchmarks and fuzz targets.
-#define KVL_HAAR_APPLY_MEMBER_RECORD(Op, suffix, arith, layout, Table, Value, types, sfs)         \
-  kvl::detect::HaarApplyMember{                                                                 \
-      "kvli" #Op "_" #suffix, kvl::detect::HaarArith::arith, KVL_HAAR_MIXED_##layout,            \
-      sizeof(Table) == 4 && static_cast<Table>(0.5f) == 0,                                      \
-      static_cast<Value>(0.5f) == 0,                                                            \
-      [](const void* s, int ss, const void* tl, int ts, const void* n, int ns, Kvl8u* m, int ms, \
-         KvliSize roi, int* pos, Kvl32f thrF, Kvl32s thrI, void* st, int sf) {                  \
-        (void)tl, (void)ts, (void)sf, (void)thrF, (void)thrI;                                   \
-        return kvli##Op##_##suffix(static_cast<const Table*>(s), ss,                            \
+#define KVL_HAAR_APPLY_MEMBER_RECORD(Op, suffix, arith, layout, Table, Value, types, sfs)          \
+  kvl::detect::HaarApplyMember{                                                                    \
+      "kvli" #Op "_" #suffix,                                                                      \
+      kvl::detect::HaarArith::arith,                                                               \
+      KVL_HAAR_MIXED_##layout,                                                                     \
+      sizeof(Table) == 4 && static_cast<Table>(0.5f) == 0,                                         \
+      static_cast<Value>(0.5f) == 0,                                                               \
+      [](const void* s, int ss, const void* tl, int ts, const void* n, int ns, Kvl8u* m, int ms,   \
+         KvliSize roi, int* pos, Kvl32f thrF, Kvl32s thrI, void* st, int sf) {                     \
+        (void)tl, (void)ts, (void)sf, (void)thrF, (void)thrI;                                      \
+        return kvli##Op##_##suffix(static_cast<const Table*>(s), ss,                               \
                                    KVL_HAAR_TILT_ARG_##layout(Table) static_cast<const Value*>(n), \
-                                   ns, m, ms, roi, pos, KVL_HAAR_THR_##Value,                   \
-                                   static_cast<KvliHaarClassifier_##types*>(st)                 \
-                                       KVL_HAAR_SFS_ARG_##sfs);                                 \
+                                   ns, m, ms, roi, pos, KVL_HAAR_THR_##Value,                      \
+                                   static_cast<KvliHaarClassifier_##types*>(st)                    \
+                                       KVL_HAAR_SFS_ARG_##sfs);                                    \
       }},

@@ -25,7 +25,8 @@ int haarApply(const HaarJob<A>& j) {
 }
 
 #define KVL_INSTANTIATE(Op, suffix, arith, layout, Table, Value, types, sfs) \
-  template int haarApply<HaarArith::arith, KVL_HAAR_MIXED_##layout>(const HaarJob<HaarArith::arith>&);
+  template int haarApply<HaarArith::arith, KVL_HAAR_MIXED_##layout>(         \
+      const HaarJob<HaarArith::arith>&);
 KVL_HAAR_APPLY_MEMBERS(KVL_INSTANTIATE)
 #undef KVL_INSTANTIATE
 

@@ -78,8 +78,8 @@ struct VecRule {
   using DV = hn::CappedTag<Value, kCap>;
   using VT = hn::Vec<DT>;
   using VV = hn::Vec<DV>;
-  using F = VV;      // f, one lane per candidate
-  using Norm = VV;   // what the comparison needs of the candidates' norms
+  using F = VV;     // f, one lane per candidate
+  using Norm = VV;  // what the comparison needs of the candidates' norms
 
   static HWY_INLINE Norm norm(VV n) { return n; }
   static HWY_INLINE F zero() { return hn::Zero(DV()); }
@@ -367,8 +367,8 @@ int haarApply(const HaarJob<A>& j) {
         } else if (__builtin_popcountll(hb) >= kMinMasked) {
           const auto cand = candidates(dh, mask, x, w);
           const Stage<A, kMixed, kMasked, kHalf> s{
-              j, up + x, kMixed ? tl + x : nullptr, zeroH, zeroH,
-              hn::RebindMask(typename RH::DT(), cand)};
+              j,     up + x, kMixed ? tl + x : nullptr,
+              zeroH, zeroH,  hn::RebindMask(typename RH::DT(), cand)};
           settle(x, s.stays(hn::MaskedLoad(cand, dh, norm + x)), hb);
 #endif
         } else {
@@ -391,8 +391,8 @@ HWY_AFTER_NAMESPACE();
 namespace kvl::detect {
 
 template <HaarArith A, bool kMixed>
-const simd::Kernel<HaarApplyFn<A>> HaarKernel<A, kMixed>::kernel{
-    KVL_TARGETS(haarApply<A, kMixed>), &ref::haarApply<A, kMixed>};
+const simd::Kernel<HaarApplyFn<A>> HaarKernel<A, kMixed>::kernel{KVL_TARGETS(haarApply<A, kMixed>),
+                                                                 &ref::haarApply<A, kMixed>};
 
 #define KVL_INSTANTIATE(Op, suffix, arith, layout, Table, Value, types, sfs) \
   template struct HaarKernel<HaarArith::arith, KVL_HAAR_MIXED_##layout>;

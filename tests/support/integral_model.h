@@ -1,5 +1,5 @@
-// Plain integral tables of an 8-bit image for tests: upright and tilted, as Kvl32s (wrapping) or
-// Kvl32f, written straight from their definitions with 64-bit sums.
+// Plain integral tables of an 8-bit image for tests, upright and tilted, written straight from
+// their definitions with 64-bit sums and stored as T (Kvl32s wrapping, or Kvl32f).
 #pragma once
 
 #include <cstdint>
@@ -7,39 +7,29 @@
 
 namespace kvl::test {
 
-// A table of `cols` x `rows` elements, row-major, no padding.
 template <class T>
-struct IntegralTable {
-  int cols = 0, rows = 0;
-  std::vector<T> v;
-  T& at(int row, int col) { return v[static_cast<size_t>(row) * cols + col]; }
-};
-
-template <class T>
-T fromSum(int64_t s) {
-  if constexpr (sizeof(T) == 4 && static_cast<T>(0.5f) == 0) {
-    return static_cast<T>(static_cast<uint32_t>(s));
-  } else {
-    return static_cast<T>(s);
-  }
-}
-
-// (w+1) x (h+1): element (y, x) is the sum of pixels above row y and left of column x.
-template <class T>
-IntegralTable<T> uprightIntegral(const std::vector<uint8_t>& img, int w, int h) {
-  std::vector<int64_t> s(static_cast<size_t>(w + 1) * (h + 1), 0);
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x)
-      s[(y + 1) * (w + 1) + x + 1] = img[y * w + x] + s[y * (w + 1) + x + 1] +
-                                     s[(y + 1) * (w + 1) + x] - s[y * (w + 1) + x];
-  IntegralTable<T> t{w + 1, h + 1, {}};
-  for (int64_t v : s) t.v.push_back(fromSum<T>(v));
+std::vector<T> narrowSums(const std::vector<int64_t>& s) {
+  std::vector<T> t;
+  for (int64_t v : s)
+    t.push_back(static_cast<T>(static_cast<T>(0.5f) == 0 ? static_cast<uint32_t>(v) : v));
   return t;
 }
 
-// (w+2) x (h+2): rows 0 and 1 are 0; row y+2 from rows y+1 and y and source row y.
+// (w+1) x (h+1), row-major: element (y, x) sums the pixels above row y and left of column x.
 template <class T>
-IntegralTable<T> tiltedIntegral(const std::vector<uint8_t>& img, int w, int h) {
+std::vector<T> uprightIntegral(const std::vector<uint8_t>& img, int w, int h) {
+  const int c = w + 1;
+  std::vector<int64_t> s(static_cast<size_t>(c) * (h + 1), 0);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      s[(y + 1) * c + x + 1] =
+          img[y * w + x] + s[y * c + x + 1] + s[(y + 1) * c + x] - s[y * c + x];
+  return narrowSums<T>(s);
+}
+
+// (w+2) x (h+2), row-major: rows 0 and 1 are 0; row y+2 from rows y+1 and y and source row y.
+template <class T>
+std::vector<T> tiltedIntegral(const std::vector<uint8_t>& img, int w, int h) {
   const int c = w + 2;
   std::vector<int64_t> s(static_cast<size_t>(c) * (h + 2), 0);
   auto px = [&](int y, int x) -> int64_t { return img[y * w + x]; };
@@ -51,9 +41,7 @@ IntegralTable<T> tiltedIntegral(const std::vector<uint8_t>& img, int w, int h) {
     at(y + 2, w) = px(y, w - 1) + at(y + 1, w - 1) + at(y + 1, w + 1) - at(y, w);
     at(y + 2, w + 1) = at(y + 1, w);
   }
-  IntegralTable<T> t{c, h + 2, {}};
-  for (int64_t v : s) t.v.push_back(fromSum<T>(v));
-  return t;
+  return narrowSums<T>(s);
 }
 
 }  // namespace kvl::test
