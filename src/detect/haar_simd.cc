@@ -355,6 +355,15 @@ int haarApply(const HaarJob<A>& j) {
         const Stage<A, kMixed, kRun, kFull> s{j,     up + x, kMixed ? tl + x : nullptr,
                                               zeroF, zeroF,  hn::FirstN(typename RF::DT(), Nf)};
         settle(x, s.stays(hn::LoadU(df, norm + x)), bits);
+#if KVL_HAAR_MASKED_LOADS
+      } else if (Nf > Nh && 2 * __builtin_popcountll(bits) >= Nf) {
+        // Half or more of a full span (every other pixel, say): masked loads across all of it.
+        const auto cand = candidates(df, mask, x, w);
+        const Stage<A, kMixed, kMasked, kFull> s{
+            j,     up + x, kMixed ? tl + x : nullptr,
+            zeroF, zeroF,  hn::RebindMask(typename RF::DT(), cand)};
+        settle(x, s.stays(hn::MaskedLoad(cand, df, norm + x)), bits);
+#endif
       } else {
         // Only the first (at most 8) pixels: the scan goes on at the next candidate after them.
         next = x + Nh;
