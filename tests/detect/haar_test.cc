@@ -50,11 +50,11 @@ KVL_HAAR_STATE_MEMBERS(KVL_API_OF)
 #undef KVL_API_OF
 
 // A classifier in the caller's flat arrays (values converted to the state's type when built).
-struct Spec {
+struct Arrays {
   std::vector<int> num;
   std::vector<KvliRect> rects;
   std::vector<double> weight, thr, val1, val2;
-  Spec& add(std::vector<KvliRect> r, std::vector<double> w, double t, double v1, double v2) {
+  Arrays& add(std::vector<KvliRect> r, std::vector<double> w, double t, double v1, double v2) {
     num.push_back(static_cast<int>(r.size()));
     rects.insert(rects.end(), r.begin(), r.end());
     weight.insert(weight.end(), w.begin(), w.end());
@@ -64,7 +64,7 @@ struct Spec {
 };
 
 template <class V>
-std::shared_ptr<typename Api<V>::State> build(const Spec& s, bool tilted = false) {
+std::shared_ptr<typename Api<V>::State> build(const Arrays& s, bool tilted = false) {
   auto as = [](const std::vector<double>& d) {  // one spare element: never an empty array
     std::vector<V> v(d.begin(), d.end());
     return v.push_back(0), v;
@@ -79,7 +79,7 @@ std::shared_ptr<typename Api<V>::State> build(const Spec& s, bool tilted = false
             kvlStatusOk);
   return {st, Api<V>::release};
 }
-std::shared_ptr<void> buildFor(const HaarApplyMember& m, const Spec& s, bool tilted = false) {
+std::shared_ptr<void> buildFor(const HaarApplyMember& m, const Arrays& s, bool tilted = false) {
   if (m.intValue) return build<Kvl32s>(s, tilted);
   return build<Kvl32f>(s, tilted);
 }
@@ -100,10 +100,10 @@ bool sameRect(KvliRect a, KvliRect b) { return std::memcmp(&a, &b, sizeof a) == 
 template <class V>
 void checkLayout() {
   using A = Api<V>;
-  Spec s;  // positions 0..5 with 1, 3, 2, 4, 2, 3 rectangles {i + k, k, 2 + k, 1 + i}
+  Arrays s;  // positions 0..5 with 1, 3, 2, 4, 2, 3 rectangles {i + k, k, 2 + k, 1 + i}
   const int counts[] = {1, 3, 2, 4, 2, 3}, first[] = {0, 1, 4, 6, 10, 12};  // first rectangle
   for (int i = 0; i < 6; ++i) {
-    Spec one;
+    Arrays one;
     for (int k = 0; k < counts[i]; ++k) one.rects.push_back({i + k, k, 2 + k, 1 + i});
     s.add(one.rects, std::vector<double>(counts[i], i), 10 + i, 20 + i, 30 + i);
   }
@@ -166,7 +166,7 @@ void checkLayout() {
   EXPECT_EQ(A::tilt(none, 1, t.get()), kvlStatusBadArgument);
   ASSERT_EQ(A::size(t.get(), &size), kvlStatusOk);
   EXPECT_TRUE(sameRect({0, 0, size.width, size.height}, {0, 0, 11, 12}));  // max x + w, y + w + h
-  auto empty = build<V>(Spec{});
+  auto empty = build<V>(Arrays{});
   ASSERT_EQ(A::size(empty.get(), &size), kvlStatusOk);
   EXPECT_EQ(size.width + size.height, 0);
   EXPECT_EQ(A::size(nullptr, &size), kvlStatusNullPointer);
@@ -292,7 +292,7 @@ TEST_P(HaarApply, TiesOnAnImageOfOnes) {
   for (const bool tilted : {false, true}) {
     if (tilted && !m.mixed) continue;
     const KvliRect rect = tilted ? KvliRect{2, 0, 1, 3} : KvliRect{1, 1, 2, 3};
-    auto st = buildFor(m, Spec().add({rect}, {1}, 3, 10, 20), tilted);  // 2 x 3 == 6: val2
+    auto st = buildFor(m, Arrays().add({rect}, {1}, 3, 10, 20), tilted);  // 2 x 3 == 6: val2
     const Outcome stay = run(m, up, 17, tl, 18, mask, {4, 4}, 20, st.get(), 0, 2);
     EXPECT_EQ(stay.status, kvlStatusOk);
     EXPECT_EQ(stay.positive, 16) << (tilted ? "tilted" : "upright");
@@ -308,26 +308,26 @@ TEST_P(HaarApply, TiesOnAnImageOfOnes) {
 // p0 - p1. Norm and stage threshold 1; val1 1 and val2 0, so a pixel stays when f is below.
 TEST_P(HaarApply, OneWindowRules) {
   const HaarApplyMember& m = GetParam();
-  const Spec unit = Spec().add({{0, 0, 1, 1}}, {1}, 0, 1, 0);
+  const Arrays unit = Arrays().add({{0, 0, 1, 1}}, {1}, 0, 1, 0);
   // Float stages add in record order: the 2-rectangle classifiers (+1e8, -1e8), then the
   // 1-rectangle one (+1), so the stage is 1; the caller's order would lose the 1 to rounding.
-  const Spec order = Spec()
-                         .add({{0, 0, 1, 1}}, {1}, 0, 1, 1)
-                         .add({{0, 0, 1, 1}, {0, 0, 1, 1}}, {1, 1}, 0, 1e8, 1e8)
-                         .add({{0, 0, 1, 1}, {0, 0, 1, 1}}, {1, 1}, 0, -1e8, -1e8);
+  const Arrays order = Arrays()
+                           .add({{0, 0, 1, 1}}, {1}, 0, 1, 1)
+                           .add({{0, 0, 1, 1}, {0, 0, 1, 1}}, {1, 1}, 0, 1e8, 1e8)
+                           .add({{0, 0, 1, 1}, {0, 0, 1, 1}}, {1, 1}, 0, -1e8, -1e8);
   struct Row {
     const char* what;
     double p0, p1;
-    Spec spec;
+    Arrays arrays;
     int sf;
     int stays[4];  // by HaarArith: float, int sums to float, int, wide; -1: not this rule
   };
-  const Spec big = Spec().add({{0, 0, 1, 1}}, {65536}, 1, 1, 0);
-  const Spec ten = Spec().add({{0, 0, 1, 1}}, {1}, 10, 1, 0);
+  const Arrays big = Arrays().add({{0, 0, 1, 1}}, {65536}, 1, 1, 0);
+  const Arrays ten = Arrays().add({{0, 0, 1, 1}}, {1}, 10, 1, 0);
   // clang-format off
   const Row rows[] = {
-      {"f == norm x threshold: val2",    6,     0, Spec().add({{0, 0, 1, 1}}, {1}, 6, 1, 0), 0, {0, 0, 0, 0}},
-      {"f below: val1",                  6,     0, Spec().add({{0, 0, 1, 1}}, {1}, 7, 1, 0), 0, {1, 1, 1, 1}},
+      {"f == norm x threshold: val2",    6,     0, Arrays().add({{0, 0, 1, 1}}, {1}, 6, 1, 0), 0, {0, 0, 0, 0}},
+      {"f below: val1",                  6,     0, Arrays().add({{0, 0, 1, 1}}, {1}, 7, 1, 0), 0, {1, 1, 1, 1}},
       {"sums wrap: INT_MAX - (-1) < 0",  INT_MAX, -1, unit,   0,       {-1, 1, 1, 1}},
       {"65536 x 65536 is 0 in 32 bits",  65536, 0, big,   0,       {-1, -1, 1, 0}},
       {"the 32-bit rule ignores sf",     65536, 0, big,   7,       {-1, -1, 1, -1}},
@@ -345,7 +345,7 @@ TEST_P(HaarApply, OneWindowRules) {
   for (const Row& r : rows) {
     const int want = r.stays[static_cast<int>(m.arith)];
     if (want < 0) continue;
-    auto st = buildFor(m, r.spec);
+    auto st = buildFor(m, r.arrays);
     const Outcome o = run(m, words({0, 0, r.p1, r.p0}, m.intTable), 2, std::vector<uint32_t>(9, 0),
                           3, {1}, {1, 1}, 1, st.get(), r.sf);
     EXPECT_EQ(o.positive, want) << r.what;
@@ -356,7 +356,7 @@ TEST_P(HaarApply, OneWindowRules) {
 // zero mask with windows far outside the tables reads nothing).
 TEST_P(HaarApply, EmptyClassifiersAndZeroMasks) {
   const HaarApplyMember& m = GetParam();
-  auto empty = buildFor(m, Spec{});
+  auto empty = buildFor(m, Arrays{});
   const std::vector<uint32_t> table(64, 0);
   const std::vector<Kvl8u> mask = {0, 3, 0, 255, 1, 0, 0, 9};
   std::vector<double> below = {0.0, m.intValue ? 1.0 : 1e-45};
@@ -367,7 +367,7 @@ TEST_P(HaarApply, EmptyClassifiersAndZeroMasks) {
     EXPECT_EQ(o.positive, stays ? 4 : 0) << thr;
     EXPECT_EQ(o.mask, stays ? mask : std::vector<Kvl8u>(8, 0));
   }
-  auto far = buildFor(m, Spec().add({{100000, 100000, 1, 1}}, {1}, 0, 1, 1));
+  auto far = buildFor(m, Arrays().add({{100000, 100000, 1, 1}}, {1}, 0, 1, 1));
   const Outcome o = run(m, table, 8, table, 8, std::vector<Kvl8u>(8, 0), {4, 2}, 0, far.get());
   EXPECT_EQ(o.status, kvlStatusOk);
   EXPECT_EQ(o.positive, 0);
@@ -385,7 +385,7 @@ TEST_P(HaarApply, DiamondsReachOutsideTheirWindow) {
   auto at = [&](int col, int row) { return tilted.px(1 + col, 1 + row); };
   const int32_t sum = at(0, 8) - at(-3, 5) - at(3, 5) + at(0, 2);
   for (const int nudge : {0, 1}) {
-    auto st = buildFor(m, Spec().add({{0, 2, 3, 1}}, {1}, sum + nudge, 1, 0));
+    auto st = buildFor(m, Arrays().add({{0, 2, 3, 1}}, {1}, sum + nudge, 1, 0));
     const Kvl8u marks[1] = {1};
     ASSERT_EQ(tiltFor(m, marks, 1, st.get()), kvlStatusOk);
     kvl::test::forEachTarget([&](int) {
@@ -428,7 +428,7 @@ TEST_P(HaarApply, Validation) {
       {"scale factor -70",    {4, 2},  0,  0,  0,  0,  -70, ok,   ok,   ok},
   };
   // clang-format on
-  auto st = buildFor(m, Spec().add({{0, 0, 1, 1}}, {1}, 0, 1, 1));
+  auto st = buildFor(m, Arrays().add({{0, 0, 1, 1}}, {1}, 0, 1, 1));
   std::vector<uint32_t> table(256, 0), norm(64, 0);
   auto call = [&](const Row& r, int nullArg, std::vector<Kvl8u>& mask, int& positive) {
     auto p = [&](int k, auto* q) { return k == nullArg ? nullptr : q; };
@@ -463,13 +463,13 @@ TEST_P(HaarApply, Validation) {
 // A random classifier inside an 8x8 window: mostly 2 and 3 rectangles, tilted ones keeping their
 // left corner at column -1 or right of it. Small integers make ties between f and norm x
 // threshold common; otherwise values have fractions (float sums then round at every step).
-Spec randomSpec(std::mt19937& rng, int length, bool tilted, bool intValue, bool small) {
+Arrays randomArrays(std::mt19937& rng, int length, bool tilted, bool intValue, bool small) {
   auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
   auto real = [&](double lo, double hi) {
     const double v = std::uniform_real_distribution<double>(lo, hi)(rng);
     return small || intValue ? std::round(v) : v;
   };
-  Spec s;
+  Arrays s;
   for (int i = 0; i < length; ++i) {
     const int n = std::array<int, 8>{2, 2, 2, 3, 3, 1, 4, 5}[pick(0, 7)];
     std::vector<KvliRect> r;
@@ -497,11 +497,11 @@ TEST_P(HaarApply, EveryTargetMatchesTheReference) {
       for (int density = 0; density < 4; ++density) {
         std::mt19937 rng(++seed);
         const bool small = seed % 2 == 0;
-        const Spec spec = randomSpec(rng, std::array<int, 4>{0, 3, 9, 30}[seed % 4], kind == 2,
-                                     m.intValue, small);
-        auto st = buildFor(m, spec, kind == 2);
+        const Arrays arrays = randomArrays(rng, std::array<int, 4>{0, 3, 9, 30}[seed % 4],
+                                           kind == 2, m.intValue, small);
+        auto st = buildFor(m, arrays, kind == 2);
         if (kind == 1) {
-          std::vector<Kvl8u> marks(spec.thr.size() + 1);
+          std::vector<Kvl8u> marks(arrays.thr.size() + 1);
           for (auto& b : marks) b = rng() % 3 == 0;
           ASSERT_EQ(tiltFor(m, marks.data(), static_cast<int>(rng() % 2), st.get()), kvlStatusOk);
         }
