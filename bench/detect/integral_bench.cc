@@ -84,7 +84,7 @@ const bool registered = [] {
             m.run(src, srcStep, p.sum.data(), p.tableStep, p.sqr.data(), p.tableStep,           \
                   {s.width, s.height}, 1, 2);                                                    \
         },                                                                                       \
-        KVL_PEER((peer<Src, Sum, Sqr, detect::Shape::k##shape>(get, s))));            \
+        KVL_PEER((peer<Src, Sum, Sqr, detect::Shape::k##shape>(get, s))));                     \
   }
     KVL_INTEGRAL_MEMBERS(KVL_CASE)
 #undef KVL_CASE
@@ -114,6 +114,7 @@ const bool registered = [] {
              nullptr);
       }
     }
+  }
   return true;
 }();
 
