@@ -474,9 +474,8 @@ KVL_API KvlStatus kvliAbsDiffC_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* 
  * N = 2 x rect.width x rect.height, with P4 = T[y+a][x+b], P3 = T[y+a+rect.width][x+b+rect.width],
  * P2 = T[y+a+rect.height][x+b-rect.height],
  * P1 = T[y+a+rect.width+rect.height][x+b+rect.width-rect.height]: Sum = P1 - P2 - P3 + P4.
- * The caller's tables must hold every element these read (a tilted rectangle with
- * rect.y + rect.height > rect.x reads left of pSrc and pSqr); table pointers address T[0][0] of
- * the region the ROI's first output refers to.
+ * pSrc and pSqr point at element [0][0] of these formulas; the caller's tables must hold every
+ * element they read (a tilted rectangle with rect.y + rect.height > rect.x reads left of them).
  * Then mean = Sum / N, variance = SumSq / N - mean x mean, a variance below 0 becomes 0 (NaN
  * stays NaN), result = its square root. Precision by member:
  *   _32s_C1RSfs (both shapes): Sum and SumSq combined in 32-bit wrapping integers, so a wrapped

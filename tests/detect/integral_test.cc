@@ -171,11 +171,13 @@ TEST(Integral, FloatAccumulationOrder) {
   });
 }
 
-// An all-255 row of 8421505 pixels sums past 2^31: the 32-bit tables wrap and every target
-// matches the reference (the float tables' row sums leave the int32 lanes there).
+// A row of 8421505 pixels of 255 (its last four 0, 10, 20, 30) sums past 2^31: the 32-bit tables
+// wrap, every target matches the reference (the float tables' row sums leave the int32 lanes
+// there), and a rectangle whose sums fit still gives its standard deviation from wrapped corners.
 TEST(Integral, WrapsPast31Bits) {
   const int w = 8421505;
   std::vector<Kvl8u> src(w, 255);
+  for (int k = 0; k < 4; ++k) src[w - 4 + k] = static_cast<Kvl8u>(10 * k);
   std::vector<Kvl32s> want(2 * (w + 1)), got(want.size()), sqr(want.size());
   std::vector<Kvl32f> wantF(want.size()), gotF(want.size());
   kvl::test::forEachTarget([&](int target) {
@@ -186,13 +188,20 @@ TEST(Integral, WrapsPast31Bits) {
               kvlStatusOk);
     if (target == kvl::simd::kRef) {
       want = got, wantF = gotF;
-      EXPECT_EQ(static_cast<uint32_t>(got[2 * w + 1]), 255u * w);       // wrapped
-      EXPECT_EQ(static_cast<uint32_t>(sqr[2 * w + 1]), 65025u * w);     // modulo 2^32
-      EXPECT_EQ(gotF[2 * w + 1], static_cast<float>(255u * w));         // unsigned row sum
+      const uint32_t sum = 255u * (w - 4) + 60, squares = 65025u * (w - 4) + 1400;  // mod 2^32
+      EXPECT_EQ(static_cast<uint32_t>(got[2 * w + 1]), sum);
+      EXPECT_EQ(static_cast<uint32_t>(sqr[2 * w + 1]), squares);
+      EXPECT_EQ(gotF[2 * w + 1], static_cast<float>(sum));  // the unsigned row sum, rounded once
     }
     EXPECT_EQ(got, want);
     EXPECT_TRUE(std::memcmp(gotF.data(), wantF.data(), gotF.size() * 4) == 0);
   });
+  // The last four pixels: mean 15, variance 125, 256 x sqrt(125) + 0.5 = 2862.7.
+  Kvl32s dev = 0;
+  ASSERT_EQ(kvliRectStdDev_32s_C1RSfs(got.data(), (w + 1) * 4, sqr.data(), (w + 1) * 4, &dev, 4,
+                                      {1, 1}, {w - 4, 0, 4, 1}, -8),
+            kvlStatusOk);
+  EXPECT_EQ(dev, 2862);
 }
 
 }  // namespace
