@@ -12,8 +12,10 @@ const kvl::detect::StdDevMember kStdDevs[] = {KVL_RECT_STDDEV_MEMBERS(KVL_STDDEV
 
 Type typeOf(Elem e) { return {e.real ? 'f' : e.bytes == 1 ? 'u' : 's', e.bytes}; }
 
-// Any double: mostly small exact values, now and then a float of any kind widened.
-double value(Input& in) {
+// A val for elements of kind e: any int32 for integer tables; for float tables mostly small exact
+// values, now and then a float of any kind (NaN, infinity, subnormal) widened.
+double value(Input& in, Elem e) {
+  if (!e.real) return static_cast<double>(in.range(INT32_MIN, INT32_MAX));
   return in.flag() ? static_cast<double>(in.f32()) : static_cast<double>(in.range(-3000, 3000)) / 4;
 }
 
@@ -21,7 +23,7 @@ void fuzzTable(Input& in, const kvl::detect::IntegralMember& m) {
   Session s(in);
   const KvliSize roi = in.roi();
   const KvliSize table{roi.width + m.pad, roi.height + m.pad};
-  const double val = value(in), valSqr = value(in);
+  const double val = value(in, m.sum), valSqr = value(in, m.sqr);
   s.note("roi %dx%d, val %.17g, valSqr %.17g", roi.width, roi.height, val, valSqr);
   Image& src = s.image("src", Role::kIn, typeOf(m.src), roi);
   Image& sum = s.image("sum", Role::kOut, typeOf(m.sum), table);

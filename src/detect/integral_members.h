@@ -49,7 +49,8 @@ struct Elem {
 };
 
 // A table member called through one signature; val and valSqr are converted to the member's
-// types (and ignored where it takes none), sqr is ignored without a square table.
+// types (so they must fit them; ignored where it takes none), sqr is ignored without a square
+// table.
 struct IntegralMember {
   const char* name;  // "TiltedSqrIntegral_8u32f64f"
   int pad;           // tables are (w + pad) x (h + pad)
