@@ -75,25 +75,33 @@ void uprightRow(const Kvl8u* s, const T* above, T* out, int w, T val) {
   out[0] = val;
   int x = 0;
   Running<Kvl8u, T> r = 0;
-  if constexpr (std::is_same_v<T, Kvl64f>) {
-    // Exact integers in double: lanes of the vector's prefix plus the row's sum so far.
-    const hn::Half<DI> dh;
-    const hn::Rebind<double, decltype(dh)> dd;
-    const int nd = static_cast<int>(hn::Lanes(dd));
-    auto carry = hn::Zero(dd);
-    for (; x + n <= w; x += n) {
-      const auto p = prefixSum(di, terms<kSquare>(di, s + x));
-      const auto lo = hn::Add(hn::PromoteTo(dd, hn::LowerHalf(dh, p)), carry);
-      const auto hi = hn::Add(hn::PromoteTo(dd, hn::UpperHalf(dh, p)), carry);
-      hn::StoreU(hn::Add(lo, hn::LoadU(dd, above + x + 1)), dd, out + x + 1);
-      hn::StoreU(hn::Add(hi, hn::LoadU(dd, above + x + 1 + nd)), dd, out + x + 1 + nd);
-      carry = hn::Add(carry, hn::PromoteTo(dd, hn::UpperHalf(dh, lastLane(di, p))));
+  auto scalar = [&](int end) {
+    for (; x < end; ++x) {
+      r += kSquare ? square(s[x]) : term(s[x]);
+      out[x + 1] = withAbove(r, above[x + 1]);
     }
-    r = hn::GetLane(carry);
-  } else {
-    // float tables hold the row's sum in int32 lanes only while it fits
-    if (std::is_same_v<T, Kvl32s> || w <= kMaxLaneSumWidth) {
-      auto carry = hn::Zero(di);
+  };
+  // float tables hold the row's sum in int32 lanes only while it fits
+  if (!std::is_same_v<T, Kvl32f> || w <= kMaxLaneSumWidth) {
+    // A scalar head first, so the vector stores (n x 4 bytes) do not split cache lines.
+    scalar(alignedHead(out + 1, n * 4, w));
+    if constexpr (std::is_same_v<T, Kvl64f>) {
+      // Exact integers in double: lanes of the vector's prefix plus the row's sum so far.
+      const hn::Half<DI> dh;
+      const hn::Rebind<double, decltype(dh)> dd;
+      const int nd = static_cast<int>(hn::Lanes(dd));
+      auto carry = hn::Set(dd, r);
+      for (; x + n <= w; x += n) {
+        const auto p = prefixSum(di, terms<kSquare>(di, s + x));
+        const auto lo = hn::Add(hn::PromoteTo(dd, hn::LowerHalf(dh, p)), carry);
+        const auto hi = hn::Add(hn::PromoteTo(dd, hn::UpperHalf(dh, p)), carry);
+        hn::StoreU(hn::Add(lo, hn::LoadU(dd, above + x + 1)), dd, out + x + 1);
+        hn::StoreU(hn::Add(hi, hn::LoadU(dd, above + x + 1 + nd)), dd, out + x + 1 + nd);
+        carry = hn::Add(carry, hn::PromoteTo(dd, hn::UpperHalf(dh, lastLane(di, p))));
+      }
+      r = hn::GetLane(carry);
+    } else {
+      auto carry = hn::Set(di, static_cast<int32_t>(r));
       for (; x + n <= w; x += n) {
         const auto p = prefixSum(di, terms<kSquare>(di, s + x));
         const auto sum = hn::Add(p, carry);
@@ -109,17 +117,19 @@ void uprightRow(const Kvl8u* s, const T* above, T* out, int w, T val) {
       r = static_cast<uint32_t>(hn::GetLane(carry));
     }
   }
-  for (; x < w; ++x) {
-    r += kSquare ? square(s[x]) : term(s[x]);
-    out[x + 1] = withAbove(r, above[x + 1]);
-  }
+  scalar(w);
 }
 
 // Row y+2 of a tilted table T from source row s, row y+1 (up) and row y (up2).
 template <class T, bool kSquare>
 void tiltedRow(const Kvl8u* s, const T* up, const T* up2, T* out, int w) {
   out[0] = up[1];
+  auto termOf = [](Kvl8u v) { return kSquare ? square(v) : term(v); };
   int x = 1;
+  // A scalar head first, so the vector stores do not split cache lines.
+  for (const int head = 1 + alignedHead(out + 1, static_cast<int>(hn::Lanes(DI())) * 4, w - 1);
+       x < head; ++x)
+    out[x] = tilted(termOf(s[x - 1]) + termOf(s[x]), up[x - 1], up[x + 1], up2[x]);
   if constexpr (std::is_same_v<T, Kvl64f>) {
     const hn::ScalableTag<double> dd;
     const hn::Rebind<int32_t, decltype(dd)> di;
@@ -149,7 +159,6 @@ void tiltedRow(const Kvl8u* s, const T* up, const T* up2, T* out, int w) {
       }
     }
   }
-  auto termOf = [](Kvl8u v) { return kSquare ? square(v) : term(v); };
   for (; x <= w - 1; ++x)
     out[x] = tilted(termOf(s[x - 1]) + termOf(s[x]), up[x - 1], up[x + 1], up2[x]);
   out[w] = tilted(termOf(s[w - 1]), up[w - 1], up[w + 1], up2[w]);
