@@ -25,11 +25,12 @@ std::string statusText(const char* call, KvlStatus s) {
   return std::string(call) + " returned status " + std::to_string(s);
 }
 
-// A tilted rectangle as the runs of pixels it covers, one upright rectangle per row. Its top
-// corner (x, y) is the top-right corner of its top pixel (x - 1, y); row k below the top runs
-// from the left edge (going down-left for `height` rows, then down-right) to the right edge
-// (down-right for `width` rows, then down-left): width + height rows of 2 x width x height
-// pixels in all. The library's tilted table places its cones' apexes between two pixels, so
+}  // namespace
+
+// A tilted rectangle's top corner (x, y) is the top-right corner of its top pixel (x - 1, y);
+// row k below the top runs from the left edge (going down-left for `height` rows, then
+// down-right) to the right edge (down-right for `width` rows, then down-left): width + height
+// rows of 2 x width x height pixels in all. The library's tilted table places its cones' apexes between two pixels, so
 // no combination of its corners gives these runs; the upright table gives them exactly.
 void tiltedRows(const CascadeRect& r, std::vector<KvliRect>* out) {
   for (int k = 0; k < r.width + r.height; ++k) {
@@ -38,13 +39,6 @@ void tiltedRows(const CascadeRect& r, std::vector<KvliRect>* out) {
     out->push_back(KvliRect{left, r.y + k, right - left + 1, 1});
   }
 }
-
-template <class T>
-T* at(T* base, int step, int y) {
-  return reinterpret_cast<T*>(reinterpret_cast<char*>(base) + static_cast<ptrdiff_t>(step) * y);
-}
-
-}  // namespace
 
 std::vector<double> searchScales(int width, int height, int winWidth, int winHeight,
                                  const DetectParams& p) {

@@ -37,6 +37,10 @@ struct Box {
 std::vector<double> searchScales(int width, int height, int winWidth, int winHeight,
                                  const DetectParams& p);
 
+// The pixels a tilted rectangle covers, as one upright rectangle (a run of one row) per row, top
+// to bottom, appended to `out`.
+void tiltedRows(const CascadeRect& r, std::vector<KvliRect>* out);
+
 // Bilinear resize of an 8-bit grey image (pixel centres aligned, edges replicated), with 11-bit
 // fixed-point weights and the result rounded to nearest.
 void resizeBilinear(const uint8_t* src, int srcStep, int srcWidth, int srcHeight, uint8_t* dst,
