@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <cmath>
 #include <exception>
+#include <map>
 #include <new>
 #include <string>
+#include <unordered_map>
 
 namespace kvl::detect {
 namespace {
@@ -23,6 +25,11 @@ constexpr double kSparseUpTo = 2.0;
 
 std::string statusText(const char* call, KvlStatus s) {
   return std::string(call) + " returned status " + std::to_string(s);
+}
+
+std::string tooManyHits() {
+  return "more than " + std::to_string(kMaxHits) +
+         " windows pass the cascade: it accepts too much to be grouped";
 }
 
 }  // namespace
@@ -83,22 +90,63 @@ void resizeBilinear(const uint8_t* src, int srcStep, int sw, int sh, uint8_t* ds
   }
 }
 
+namespace {
+
+bool similar(const Box& a, const Box& b) {
+  const double d = 0.2 * (std::min(a.width, b.width) + std::min(a.height, b.height)) * 0.5;
+  return std::abs(a.x - b.x) <= d && std::abs(a.y - b.y) <= d &&
+         std::abs(a.x + a.width - b.x - b.width) <= d &&
+         std::abs(a.y + a.height - b.y - b.height) <= d;
+}
+
+uint64_t cellKey(long long cx, long long cy) {
+  return (static_cast<uint64_t>(cy) << 32) ^ static_cast<uint32_t>(cx);
+}
+
+// Joins every pair of similar hits. Hits of one size come from one scale, so the pairs are
+// sought between size classes whose widths are close enough to be similar (within 40%), through
+// a grid whose cells are as large as the distance two similar corners can have: a hit meets only
+// the hits of its own and the eight neighbouring cells, and grouping stays near-linear in the
+// number of hits.
+void joinSimilar(const std::vector<Box>& hits, std::vector<size_t>* parent) {
+  auto root = [&](size_t i) {
+    while ((*parent)[i] != i) i = (*parent)[i] = (*parent)[(*parent)[i]];
+    return i;
+  };
+  std::map<std::pair<int, int>, std::vector<size_t>> classes;
+  for (size_t i = 0; i < hits.size(); ++i) classes[{hits[i].width, hits[i].height}].push_back(i);
+  std::unordered_map<uint64_t, std::vector<size_t>> grid;
+  for (auto a = classes.begin(); a != classes.end(); ++a)
+    for (auto b = a; b != classes.end() && b->first.first <= a->first.first * 1.4 + 1; ++b) {
+      const double d = 0.1 * (std::min(a->first.first, b->first.first) +
+                              std::min(a->first.second, b->first.second));
+      const long long cell = static_cast<long long>(d) + 1;
+      grid.clear();
+      for (size_t j : b->second) grid[cellKey(hits[j].x / cell, hits[j].y / cell)].push_back(j);
+      for (size_t i : a->second) {
+        const long long cx = hits[i].x / cell, cy = hits[i].y / cell;
+        for (long long y = cy - 1; y <= cy + 1; ++y)
+          for (long long x = cx - 1; x <= cx + 1; ++x) {
+            auto it = grid.find(cellKey(x, y));
+            if (it == grid.end()) continue;
+            for (size_t j : it->second)
+              if (j != i && similar(hits[i], hits[j])) (*parent)[root(j)] = root(i);
+          }
+      }
+    }
+}
+
+}  // namespace
+
 std::vector<Box> groupBoxes(const std::vector<Box>& hits, int minNeighbors) {
   const size_t n = hits.size();
   std::vector<size_t> parent(n);
   for (size_t i = 0; i < n; ++i) parent[i] = i;
+  joinSimilar(hits, &parent);
   auto root = [&](size_t i) {
     while (parent[i] != i) i = parent[i] = parent[parent[i]];
     return i;
   };
-  auto similar = [](const Box& a, const Box& b) {
-    const double d = 0.2 * (std::min(a.width, b.width) + std::min(a.height, b.height)) * 0.5;
-    return std::abs(a.x - b.x) <= d && std::abs(a.y - b.y) <= d &&
-           std::abs(a.x + a.width - b.x - b.width) <= d && std::abs(a.y + a.height - b.y - b.height) <= d;
-  };
-  for (size_t i = 0; i < n; ++i)
-    for (size_t j = i + 1; j < n; ++j)
-      if (similar(hits[i], hits[j])) parent[root(j)] = root(i);
   struct Sum {
     long long x = 0, y = 0, w = 0, h = 0;
     int members = 0, count = 0;
@@ -118,11 +166,26 @@ std::vector<Box> groupBoxes(const std::vector<Box>& hits, int minNeighbors) {
     auto mean = [k](long long v) { return static_cast<int>((2 * v + k) / (2 * k)); };
     groups.push_back({mean(s.x), mean(s.y), mean(s.w), mean(s.h), s.count});
   }
+  // A box is dropped when it lies inside a wider box (grown by a fifth of its size on each side)
+  // with at least as many hits. Each box is entered in the grid cells its grown area covers, so a
+  // box meets only the boxes that cover its centre.
+  constexpr int kCell = 64;
+  std::unordered_map<uint64_t, std::vector<size_t>> covering;
+  for (size_t j = 0; j < groups.size(); ++j) {
+    const Box& b = groups[j];
+    const long long dx = b.width / 5, dy = b.height / 5;
+    for (long long y = (std::max(0LL, b.y - dy)) / kCell; y <= (b.y + b.height + dy) / kCell; ++y)
+      for (long long x = (std::max(0LL, b.x - dx)) / kCell; x <= (b.x + b.width + dx) / kCell; ++x)
+        covering[cellKey(x, y)].push_back(j);
+  }
   std::vector<Box> out;
-  for (const Box& a : groups) {
+  for (size_t i = 0; i < groups.size(); ++i) {
+    const Box& a = groups[i];
     bool inside = false;
-    for (const Box& b : groups) {
-      if (&a == &b || b.neighbors < a.neighbors || b.width <= a.width) continue;
+    auto it = covering.find(cellKey((a.x + a.width / 2) / kCell, (a.y + a.height / 2) / kCell));
+    for (size_t j : it == covering.end() ? std::vector<size_t>{} : it->second) {
+      const Box& b = groups[j];
+      if (j == i || b.neighbors < a.neighbors || b.width <= a.width) continue;
       const int dx = b.width / 5, dy = b.height / 5;
       inside |= a.x >= b.x - dx && a.y >= b.y - dy && a.x + a.width <= b.x + b.width + dx &&
                 a.y + a.height <= b.y + b.height + dy;
@@ -218,7 +281,9 @@ std::vector<Box> Detector::searchScale(const uint8_t* grey, int step, int width,
     if (r != kvlStatusOk) throw CascadeError(statusText("kvliApplyHaarClassifier_32s32f_C1R", r));
     if (positive == 0) return {};
   }
+  if (static_cast<size_t>(positive) > kMaxHits) throw CascadeError(tooManyHits());
   std::vector<Box> out;
+  out.reserve(static_cast<size_t>(positive));
   const int bw = static_cast<int>(std::lround(width_ * scale));
   const int bh = static_cast<int>(std::lround(height_ * scale));
   for (int y = 0; y < roi.height; ++y)
@@ -252,7 +317,11 @@ std::vector<Box> Detector::hits(const uint8_t* grey, int step, int width, int he
     }
     if (error) std::rethrow_exception(error);
   }
+  size_t total = 0;
+  for (const auto& v : perScale) total += v.size();
+  if (total > kMaxHits) throw CascadeError(tooManyHits());
   std::vector<Box> out;
+  out.reserve(total);
   for (const auto& v : perScale) out.insert(out.end(), v.begin(), v.end());
   return out;
 }

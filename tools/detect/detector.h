@@ -51,6 +51,10 @@ void resizeBilinear(const uint8_t* src, int srcStep, int srcWidth, int srcHeight
 // box; a box inside another kept box with at least as many hits is dropped. Ordered by y, x, size.
 std::vector<Box> groupBoxes(const std::vector<Box>& hits, int minNeighbors);
 
+// A search whose windows pass the cascade more often than this (a cascade that accepts nearly
+// everything) is refused rather than grouped.
+constexpr size_t kMaxHits = size_t{1} << 22;
+
 class Detector {
  public:
   // Builds one classifier per stage. Throws CascadeError when the library refuses a stage.
@@ -61,7 +65,8 @@ class Detector {
 
   // Every window that passes all stages, scale by scale (in searchScales order), row by row.
   // Scales run in up to p.threads threads; the list does not depend on their number. Throws
-  // CascadeError when a library call fails and std::bad_alloc when memory runs out.
+  // CascadeError when a library call fails or more than kMaxHits windows pass, and
+  // std::bad_alloc when memory runs out.
   std::vector<Box> hits(const uint8_t* grey, int step, int width, int height,
                         const DetectParams& p) const;
   // hits() grouped by groupBoxes() with p.minNeighbors.
