@@ -106,6 +106,8 @@ INSTANTIATE_TEST_SUITE_P(
         Broken{"0 0 8 4 -1.", "0 0 9 4 -1.", "feature 0, rectangle 0: rectangle 0 0 9 4 is empty or leaves the 8x8 window"},
         Broken{"0 0 8 4 -1.", "0 0 0 4 -1.", "is empty"},
         Broken{"0 0 8 4 -1.", "-1 0 8 4 -1.", "leaves the 8x8"},
+        Broken{"0 0 8 4 -1.", "8 0 2147483647 4 -1.", "leaves the 8x8"},
+        Broken{"4 0 2 2 -1.", "4 2147483647 2 2 -1.", "leaves the 8x8"},
         Broken{"0 0 8 4 -1.", "0 0 8 4", "5 numbers"},
         Broken{"0 0 8 4 -1.", "0 0 8 4e0 -1.", "height '4e0' is not an integer"},
         Broken{"4 0 2 2 -1.", "1 0 2 2 -1.", "feature 1, rectangle 0: tilted rectangle 1 0 2 2"},

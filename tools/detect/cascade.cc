@@ -101,10 +101,10 @@ std::string textOf(const XMLElement* e, const std::string& where) {
 // A rectangle must lie inside the window: upright ones as they are; tilted ones with all four
 // corners (top (x, y), right (x+w, y+w), left (x-h, y+h), bottom (x+w-h, y+w+h)) inside.
 void checkRect(const CascadeRect& r, bool tilted, int W, int H, const std::string& where) {
-  const bool inside = tilted ? r.width >= 1 && r.height >= 1 && r.y >= 0 && r.x - r.height >= 0 &&
-                                   r.x + r.width <= W && r.y + r.width + r.height <= H
-                             : r.width >= 1 && r.height >= 1 && r.x >= 0 && r.y >= 0 &&
-                                   r.x + r.width <= W && r.y + r.height <= H;
+  // In 64 bits: the file's numbers may be anywhere in the 32-bit range.
+  const long long x = r.x, y = r.y, w = r.width, h = r.height;
+  const bool inside = tilted ? w >= 1 && h >= 1 && y >= 0 && x - h >= 0 && x + w <= W && y + w + h <= H
+                             : w >= 1 && h >= 1 && x >= 0 && y >= 0 && x + w <= W && y + h <= H;
   if (!inside)
     fail(where, std::string(tilted ? "tilted " : "") + "rectangle " + std::to_string(r.x) + " " +
                     std::to_string(r.y) + " " + std::to_string(r.width) + " " +

@@ -1,7 +1,9 @@
 // Multi-scale object detection with a boosted Haar cascade on kvlCV's integral images and
 // classifiers: one library classifier per stage, built once per cascade; for every scale the
 // image is resized, its tables are built and the stages are applied in turn to a candidate mask;
-// the windows that pass every stage are grouped.
+// the windows that pass every stage are grouped. Tilted rectangles are read as runs of rows
+// from the upright table (tiltedRows), which gives exactly the pixels the cascades were trained
+// on; the library's tilted table centres its cones between pixels and cannot.
 #pragma once
 
 #include <kvlcv.h>
