@@ -7,10 +7,10 @@ namespace {
 
 using namespace kvl::fuzz;
 
-// A threshold: mostly a small exact value, sometimes any float (NaN and infinities included).
+// A threshold: mostly a small exact value (down to the magnitudes of the -2 .. 3 fills), sometimes any float (NaN and infinities included).
 float threshold(Input& in) {
   if (in.oneIn(8)) return in.f32();
-  return static_cast<float>(in.range(0, in.pick({40, 600, 20000}))) / in.pick({1.0f, 4.0f});
+  return static_cast<float>(in.range(0, in.pick({8, 40, 600, 20000}))) / in.pick({1.0f, 4.0f});
 }
 
 void gradients(Input& in, Session& s, KvliSize roi, float low, float high, bool f32) {

@@ -52,11 +52,6 @@ std::unique_ptr<GuardedBlock> bufferFor(const dv::Member& m, KvliSize roi, int m
   return std::make_unique<GuardedBlock>(bytes > 0 ? bytes : 1, 1, 3);
 }
 
-// Border types: every mode, mode 6, and flags on each side with real pixels around the ROI.
-const int kBorders[] = {0, 1, 2, 3, 4, 6, 1 | 16, 0 | 32 | 64, 3 | 128 | 16, 4 | 64 | 32,
-                        2 | 16 | 128, 0 | 240, 1 | 64 | 128};
-bool accepts(const dv::Member& m, int bt) { return !(general(m) && (bt & 15) == 2); }
-
 // One call of a member on `src`: the destination pixels; nothing outside the ROI may change.
 template <class S, class D>
 std::vector<D> filterOnce(const dv::Member& m, const Image<S>& src, int mask, int bt, float value,
@@ -72,44 +67,9 @@ std::vector<D> filterOnce(const dv::Member& m, const Image<S>& src, int mask, in
   return dst.pixels();
 }
 
-// ---- Every target against the scalar reference. ----
+// ---- Every target against the scalar reference: the fuzz target (fuzz/filter_deriv.cc), whose
+// replay in every build sweeps the members, awkward sizes, steps and border types. ----
 class DerivAgainstReference : public ::testing::TestWithParam<dv::Member> {};
-
-TEST_P(DerivAgainstReference, AwkwardSizesEveryBorder) {
-  const dv::Member& m = GetParam();
-  withTypes(m, [&]<class S, class D>() {
-    int caseNo = 0;
-    for (int mask : {33, 55}) {
-      if (m.args == dv::Args::NoMask && mask == 55) continue;
-      std::vector<std::pair<int, int>> sizes = {{1, 1}, {2, 3}, {3, 2}, {131, 5}, {300, 3}};
-      for (int w = 1; w <= 70; ++w) sizes.push_back({w, 1 + (w * 7) % 4});
-      for (auto [w, h] : sizes) {
-        // random pixels with a margin of 3, which the in-memory flags read
-        Image<S> src(w, h, 3, static_cast<uint32_t>(w * 8 + h + mask));
-        src.fillRandom(static_cast<uint32_t>(w * 3 + h));
-        for (int b = 0; b < 13; ++b) {
-          const int bt = kBorders[(b + w) % 13];
-          if (!accepts(m, bt)) continue;
-          if (w < 60 && b > 2) break;  // narrow rows: three border types each
-          ++caseNo;
-          const float value = m.out == dv::Out::k32f ? -3.25f : caseNo * 37 % 256;
-          static const int kDivisors[] = {1, 3, -2, 7, 16};
-          const int divisor = kDivisors[caseNo % 5];
-          kvl::simd::forceTarget(kvl::simd::kRef);
-          const std::vector<D> want = filterOnce<S, D>(m, src, mask, bt, value, divisor);
-          forEachTarget([&](int target) {
-            if (target == kvl::simd::kRef) return;
-            ASSERT_TRUE(kvl::test::sameBytes(filterOnce<S, D>(m, src, mask, bt, value, divisor),
-                                             want, w))
-                << nameOf(m) << " " << w << "x" << h << " mask " << mask << " border " << bt
-                << " divisor " << divisor << " " << kvl::test::targetName(target);
-          });
-          if (HasFatalFailure()) return;
-        }
-      }
-    }
-  });
-}
 
 // Threaded stripes give the serial bytes (wrap included: the stripes read across their edges).
 TEST_P(DerivAgainstReference, ThreadsGiveTheSerialBytes) {
