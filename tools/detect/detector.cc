@@ -8,6 +8,7 @@
 #include <cmath>
 #include <exception>
 #include <map>
+#include <memory>
 #include <new>
 #include <string>
 #include <unordered_map>
@@ -26,6 +27,21 @@ constexpr double kSparseUpTo = 2.0;
 std::string statusText(const char* call, KvlStatus s) {
   return std::string(call) + " returned status " + std::to_string(s);
 }
+
+// Uninitialised storage that keeps its largest size: the library writes every element the
+// search reads, and one thread's scales reuse the memory of its largest one.
+template <class T>
+class Buffer {
+ public:
+  T* get(size_t n) {
+    if (n > size_) data_.reset(new T[n]), size_ = n;
+    return data_.get();
+  }
+
+ private:
+  std::unique_ptr<T[]> data_;
+  size_t size_ = 0;
+};
 
 std::string tooManyHits() {
   return "more than " + std::to_string(kMaxHits) +
@@ -238,46 +254,54 @@ Detector::~Detector() {
   for (const StageState& s : stages_) kvliHaarClassifierFree_32f(s.state);
 }
 
+struct Detector::Workspace {
+  Buffer<uint8_t> resized, mask;
+  Buffer<Kvl32s> sum;
+  Buffer<Kvl32f> sumf, norm;
+  Buffer<Kvl64f> sqr;
+};
+
 std::vector<Box> Detector::searchScale(const uint8_t* grey, int step, int width, int height,
-                                       double scale) const {
+                                       double scale, Workspace& ws) const {
   const int sw = static_cast<int>(std::lround(width / scale));
   const int sh = static_cast<int>(std::lround(height / scale));
-  std::vector<uint8_t> resized;
   const uint8_t* img = grey;
   int istep = step;
   if (sw != width || sh != height) {
-    resized.resize(static_cast<size_t>(sw) * sh);
-    resizeBilinear(grey, step, width, height, resized.data(), sw, sw, sh);
-    img = resized.data();
+    uint8_t* resized = ws.resized.get(static_cast<size_t>(sw) * sh);
+    resizeBilinear(grey, step, width, height, resized, sw, sw, sh);
+    img = resized;
     istep = sw;
   }
   const KvliSize size{sw, sh};
   const int tw = sw + 1;
-  std::vector<Kvl32s> sum(static_cast<size_t>(tw) * (sh + 1));
-  std::vector<Kvl32f> sumf(sum.size());
-  std::vector<Kvl64f> sqr(sum.size());
-  KvlStatus r = kvliIntegral_8u32s_C1R(img, istep, sum.data(), tw * 4, size, 0);
+  const size_t cells = static_cast<size_t>(tw) * (sh + 1);
+  Kvl32s* sum = ws.sum.get(cells);
+  Kvl32f* sumf = ws.sumf.get(cells);
+  Kvl64f* sqr = ws.sqr.get(cells);
+  KvlStatus r = kvliIntegral_8u32s_C1R(img, istep, sum, tw * 4, size, 0);
   if (r != kvlStatusOk) throw CascadeError(statusText("kvliIntegral_8u32s_C1R", r));
-  r = kvliSqrIntegral_8u32f64f_C1R(img, istep, sumf.data(), tw * 4, sqr.data(), tw * 8, size, 0, 0);
+  r = kvliSqrIntegral_8u32f64f_C1R(img, istep, sumf, tw * 4, sqr, tw * 8, size, 0, 0);
   if (r != kvlStatusOk) throw CascadeError(statusText("kvliSqrIntegral_8u32f64f_C1R", r));
   const KvliSize roi{sw - width_ + 1, sh - height_ + 1};
-  std::vector<Kvl32f> norm(static_cast<size_t>(roi.width) * roi.height);
-  r = kvliRectStdDev_32f_C1R(sumf.data(), tw * 4, sqr.data(), tw * 8, norm.data(), roi.width * 4,
-                             roi, KvliRect{kFrame, kFrame, width_ - 2 * kFrame, height_ - 2 * kFrame});
+  const size_t windows = static_cast<size_t>(roi.width) * roi.height;
+  Kvl32f* norm = ws.norm.get(windows);
+  r = kvliRectStdDev_32f_C1R(sumf, tw * 4, sqr, tw * 8, norm, roi.width * 4, roi,
+                             KvliRect{kFrame, kFrame, width_ - 2 * kFrame, height_ - 2 * kFrame});
   if (r != kvlStatusOk) throw CascadeError(statusText("kvliRectStdDev_32f_C1R", r));
   // A flat window has deviation 0; it is taken as 1 / area, so that its classifiers compare the
   // feature (0 on a flat window) with the sign of their threshold, as the cascades were trained.
   const float flat = 1.0f / static_cast<float>((width_ - 2 * kFrame) * (height_ - 2 * kFrame));
-  for (float& v : norm) v = v > 0 ? v : flat;
+  for (size_t i = 0; i < windows; ++i) norm[i] = norm[i] > 0 ? norm[i] : flat;
   const int grid = scale <= kSparseUpTo ? 2 : 1;
-  std::vector<Kvl8u> mask(norm.size(), 0);
-  for (int y = 0; y < roi.height; y += grid)
-    for (int x = 0; x < roi.width; x += grid) mask[static_cast<size_t>(y) * roi.width + x] = 1;
+  Kvl8u* mask = ws.mask.get(windows);
+  for (int y = 0; y < roi.height; ++y)
+    for (int x = 0; x < roi.width; ++x)
+      mask[static_cast<size_t>(y) * roi.width + x] = y % grid == 0 && x % grid == 0;
   int positive = 1;
   for (const StageState& s : stages_) {
-    r = kvliApplyHaarClassifier_32s32f_C1R(sum.data(), tw * 4, norm.data(), roi.width * 4,
-                                           mask.data(), roi.width, roi, &positive, s.threshold,
-                                           s.state);
+    r = kvliApplyHaarClassifier_32s32f_C1R(sum, tw * 4, norm, roi.width * 4, mask, roi.width, roi,
+                                           &positive, s.threshold, s.state);
     if (r != kvlStatusOk) throw CascadeError(statusText("kvliApplyHaarClassifier_32s32f_C1R", r));
     if (positive == 0) return {};
   }
@@ -301,18 +325,24 @@ std::vector<Box> Detector::hits(const uint8_t* grey, int step, int width, int he
   if (threads < 1) kvlGetNumThreads(&threads);
   threads = std::clamp(threads, 1, std::max(1, static_cast<int>(scales.size())));
   if (threads == 1) {
-    for (size_t i = 0; i < scales.size(); ++i) perScale[i] = searchScale(grey, step, width, height, scales[i]);
+    Workspace ws;
+    for (size_t i = 0; i < scales.size(); ++i)
+      perScale[i] = searchScale(grey, step, width, height, scales[i], ws);
   } else {
-    // The largest images first, each thread taking the next scale as it frees; the first
-    // failure is kept and rethrown once every thread is done.
+    // The largest images first, each thread taking the next scale as it frees and reusing its
+    // memory; the first failure is kept and rethrown once every thread is done.
     std::exception_ptr error;
-#pragma omp parallel for num_threads(threads) schedule(dynamic, 1)
-    for (size_t i = 0; i < scales.size(); ++i) {
-      try {
-        perScale[i] = searchScale(grey, step, width, height, scales[i]);
-      } catch (...) {
+#pragma omp parallel num_threads(threads)
+    {
+      Workspace ws;
+#pragma omp for schedule(dynamic, 1)
+      for (size_t i = 0; i < scales.size(); ++i) {
+        try {
+          perScale[i] = searchScale(grey, step, width, height, scales[i], ws);
+        } catch (...) {
 #pragma omp critical(kvl_detect_error)
-        if (!error) error = std::current_exception();
+          if (!error) error = std::current_exception();
+        }
       }
     }
     if (error) std::rethrow_exception(error);

@@ -83,8 +83,9 @@ class Detector {
     KvliHaarClassifier_32f* state;
     float threshold;
   };
-  std::vector<Box> searchScale(const uint8_t* grey, int step, int width, int height,
-                               double scale) const;
+  struct Workspace;
+  std::vector<Box> searchScale(const uint8_t* grey, int step, int width, int height, double scale,
+                               Workspace& ws) const;
 
   int width_, height_;
   std::vector<StageState> stages_;
