@@ -6,9 +6,6 @@
 // aborts with a description when any target disagrees with the reference in a single byte.
 #pragma once
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <bit>
 #include <cstdarg>
 #include <cstdint>
@@ -25,16 +22,20 @@
 
 #include "core/simd.h"
 #include "kvlcv.h"
+#include "support/guarded.h"
 
 namespace kvl::fuzz {
 
 // KVL_FUZZ_LENIENT in the environment, a comma-separated list, relaxes a check so that fuzzing
 // can go on past a known finding: "nan" lets two float NaNs compare equal whatever their
-// payloads, "aligned" keeps every image's elements at addresses that are multiples of their size.
+// payloads.
 inline bool lenient(const char* what) {
-  static const std::string list =
-      "," + std::string(getenv("KVL_FUZZ_LENIENT") ? getenv("KVL_FUZZ_LENIENT") : "") + ",";
-  return list.find("," + std::string(what) + ",") != std::string::npos;
+  const char* env = getenv("KVL_FUZZ_LENIENT");
+  std::string list(",");
+  list.append(env ? env : "").append(",");
+  std::string word(",");
+  word.append(what).append(",");
+  return list.find(word) != std::string::npos;
 }
 
 // Reads values off the fuzzer's bytes, front to back. Past the end a generator seeded from all
@@ -197,8 +198,7 @@ class Image {
     const int rows = margin_.top + h + margin_.bottom;
     // Now and then the block ends a few bytes short of the guard, so element pointers are
     // misaligned (the interface assumes no alignment).
-    int shift = in.oneIn(8) ? static_cast<int>(in.range(1, 7)) : 0;
-    if (lenient("aligned")) shift -= shift % type_.bytes;
+    const int shift = in.oneIn(8) ? static_cast<int>(in.range(1, 7)) : 0;
     allocate(static_cast<size_t>(step_ > 0 ? step_ : 0) * (rows - 1) + rowBytes, shift);
     roi_ = block_ + static_cast<ptrdiff_t>(step_) * margin_.top + margin_.left * elem;
     null_ = in.oneIn(64);
@@ -218,7 +218,6 @@ class Image {
     roi_ = block_;
     initial_.assign(block_, block_ + bytes_);
   }
-  ~Image() { munmap(map_, mapBytes_); }
   Image(const Image&) = delete;
   Image& operator=(const Image&) = delete;
 
@@ -271,18 +270,12 @@ class Image {
   }
 
  private:
-  // Maps the block so that its last byte (+ shift) is followed by an inaccessible page.
+  // Places the block so that its last byte (+ shift) is followed by an inaccessible page.
   void allocate(size_t bytes, int shift) {
-    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const size_t body = (bytes + shift + page - 1) / page * page;
-    mapBytes_ = body + page;
-    void* p = mmap(nullptr, mapBytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (p == MAP_FAILED) abort();
-    map_ = static_cast<uint8_t*>(p);
-    mprotect(map_ + body, page, PROT_NONE);
+    pages_ = std::make_unique<test::GuardedPages>(bytes + shift);
     bytes_ = bytes;
     shift_ = shift;
-    block_ = map_ + body - shift - bytes;
+    block_ = pages_->end() - shift - bytes;
   }
   bool inBand(size_t i) const { return where(i, readable_); }
   bool where(size_t i, Around a) const;
@@ -297,8 +290,7 @@ class Image {
   Around readable_, margin_;
   int step_ = 0, shift_ = 0;
   bool null_ = false;
-  uint8_t* map_ = nullptr;
-  size_t mapBytes_ = 0;
+  std::unique_ptr<test::GuardedPages> pages_;
   uint8_t* block_ = nullptr;
   uint8_t* roi_ = nullptr;
   size_t bytes_ = 0;
@@ -446,7 +438,7 @@ inline std::string Image::pixelText(ptrdiff_t x, ptrdiff_t y,
   if (role_ == Role::kScratch || x < 0 || x >= w_ || y < 0 || y >= h_) return "";
   std::string out = name_ + " =";
   const ptrdiff_t first = (roi_ - block_) + y * step_ + x * c_ * type_.bytes;
-  for (int c = 0; c < c_; ++c) out += " " + valueText(first + c * type_.bytes, bytes);
+  for (int c = 0; c < c_; ++c) out.append(" ").append(valueText(first + c * type_.bytes, bytes));
   return out;
 }
 

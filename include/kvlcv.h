@@ -3,7 +3,9 @@
  * Conventions shared by every function:
  * - An image is a pointer to the first pixel of its region of interest (ROI) and a row step in
  *   BYTES. Pixel (x, y) of an image with n channels of type T is at
- *   (char*)p + y * step + x * n * sizeof(T). Channels are interleaved. No alignment is assumed.
+ *   (char*)p + y * step + x * n * sizeof(T). Channels are interleaved. No alignment is assumed:
+ *   images, rows and kernels may start at any byte address (arrays of row pointers are ordinary
+ *   C arrays of pointers).
  * - Every function returns a KvlStatus: 0 success, negative error (nothing was written),
  *   positive warning (the output is complete and carries a special meaning).
  * - Arguments are validated before anything is written, in this order unless a family says

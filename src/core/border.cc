@@ -14,7 +14,7 @@ void copyRow(const T* s, T* d, int n) {
   if (static_cast<size_t>(n) * sizeof(T) >= 1024) {
     std::memcpy(d, s, static_cast<size_t>(n) * sizeof(T));
   } else {
-    for (int i = 0; i < n; ++i) d[i] = s[i];
+    for (int i = 0; i < n; ++i) storeAny(d + i, loadAny(s + i));
   }
 }
 
@@ -83,7 +83,7 @@ KvlStatus set(T value, T* dst, int dstStep, KvliSize roi) {
   KVL_TRY(check::roi(roi));
   for (int y = 0; y < roi.height; ++y) {
     T* d = rowPtr(dst, dstStep, y);
-    for (int x = 0; x < roi.width; ++x) d[x] = value;
+    for (int x = 0; x < roi.width; ++x) storeAny(d + x, value);
   }
   return kvlStatusOk;
 }

@@ -1,9 +1,11 @@
 // Border extension and copies: the row extender, bordered and framed copies, plain copy and set.
-// Internal: none of these is exported.
+// Internal: none of these is exported. Images may lie at any byte address: elements move through
+// loadAny/storeAny or memcpy.
 #pragma once
 
 #include <cstring>
 
+#include "core/pixel.h"
 #include "kvlcv.h"
 
 namespace kvl::border {
@@ -55,9 +57,9 @@ inline int sourceRow(int y, int h, int bt) {
 // Pixel x (any integer) of a one-channel row of w pixels extended by the row rule.
 template <class T>
 inline T pixelAt(const T* row, int x, int w, int bt, T value) {
-  if (x >= 0 && x < w) return row[x];
+  if (x >= 0 && x < w) return loadAny(row + x);
   const int j = sourceIndex(x, w, bt, kvlBorderInMemLeft, kvlBorderInMemRight);
-  return j == kConstant ? value : row[j];
+  return j == kConstant ? value : loadAny(row + j);
 }
 
 // Pixels [from, to) (any integers) of the row p0 .. p(w-1) of kC channels, extended by the row
@@ -66,7 +68,8 @@ template <class T, int kC>
 void extendRange(const T* src, int w, int from, int to, int bt, T value, T* out) {
   for (int i = from; i < to; ++i, out += kC) {
     const int j = sourceIndex(i, w, bt, kvlBorderInMemLeft, kvlBorderInMemRight);
-    for (int c = 0; c < kC; ++c) out[c] = j == kConstant ? value : src[j * kC + c];
+    for (int c = 0; c < kC; ++c)
+      storeAny(out + c, j == kConstant ? value : loadAny(src + j * kC + c));
   }
 }
 
@@ -114,7 +117,7 @@ void extendImage(const T* src, int srcStep, int w, int h, T* dst, int dstStep, i
     if (mem) {
       extendRow(srow(y), d);
     } else if (mode == kvlBorderConst || mode == kvlBorderInMem) {
-      for (int i = 0; i < rowLen; ++i) d[i] = value;
+      for (int i = 0; i < rowLen; ++i) storeAny(d + i, value);
     } else {
       std::memcpy(d, drow(top + mapIndex(y, h, mode)), sizeof(T) * rowLen);
     }

@@ -1,4 +1,5 @@
-// Element traits and the conversion rules every family names: saturation, rounding, truncation.
+// Element traits, the conversion rules every family names (saturation, rounding, truncation) and
+// element access at any address.
 #pragma once
 
 #include <cmath>
@@ -46,6 +47,21 @@ inline int truncToward0(float v) { return static_cast<int>(v); }
 
 // Double to int, adding one half and truncating toward zero.
 inline int roundHalfUp(double v) { return static_cast<int>(v + 0.5); }
+
+// One element at any address. Callers' images need not be aligned to their element size (steps
+// and pointers are byte counts), so scalar code reads and writes their 16- and 32-bit elements
+// through these; the copies compile to the same single move as a typed access. Memory the
+// library lays out itself (aligned work rings, local arrays) is accessed directly.
+template <class T>
+inline T loadAny(const T* p) {
+  T v;
+  std::memcpy(&v, p, sizeof(T));
+  return v;
+}
+template <class T>
+inline void storeAny(T* p, T v) {
+  std::memcpy(p, &v, sizeof(T));
+}
 
 // Byte addressing of rows: every image argument carries its step in bytes.
 template <class T>

@@ -1,4 +1,6 @@
 // Scalar reference kernels of the Canny detector: one pixel at a time, literally by the rules.
+// The callers' gradient images may lie at any byte address (read through loadAny); the magnitude,
+// class and map rows are the detector's own, aligned in its buffer.
 #include <cmath>
 #include <cstdlib>
 
@@ -21,8 +23,9 @@ void magClass16sRange(const Kvl16s* dx, const Kvl16s* dy, int w, int c0, int32_t
                       uint8_t* cls) {
   const int groups = w / kCannyGroup * kCannyGroup;
   for (int c = c0; c < w; ++c) {
-    const int32_t adx = std::abs(static_cast<int32_t>(dx[c]));
-    const int32_t ady = std::abs(static_cast<int32_t>(dy[c]));
+    const Kvl16s gx = loadAny(dx + c), gy = loadAny(dy + c);
+    const int32_t adx = std::abs(static_cast<int32_t>(gx));
+    const int32_t ady = std::abs(static_cast<int32_t>(gy));
     const int32_t m = adx + ady;
     mag[c + 1] = m > low ? m : 0;
     const float ax = static_cast<float>(adx), ay = static_cast<float>(ady);
@@ -34,7 +37,7 @@ void magClass16sRange(const Kvl16s* dx, const Kvl16s* dy, int w, int c0, int32_t
       vert = ay > static_cast<float>(kTan67d * static_cast<double>(ax));
       horiz = static_cast<float>(kTan22d * static_cast<double>(ax)) > ay;
     }
-    cls[c] = classOf(vert, horiz, (dx[c] ^ dy[c]) >= 0);
+    cls[c] = classOf(vert, horiz, (gx ^ gy) >= 0);
   }
 }
 
@@ -45,11 +48,11 @@ void magClass16s(const Kvl16s* dx, const Kvl16s* dy, int w, int32_t low, int32_t
 
 void magClass32f(const Kvl32f* dx, const Kvl32f* dy, int w, float low, float* mag, uint8_t* cls) {
   for (int c = 0; c < w; ++c) {
-    const float ax = std::fabs(dx[c]), ay = std::fabs(dy[c]);
+    const float gx = loadAny(dx + c), gy = loadAny(dy + c);
+    const float ax = std::fabs(gx), ay = std::fabs(gy);
     const float m = ax + ay;
     mag[c + 1] = m > low ? m : 0.0f;
-    cls[c] =
-        classOf(ay > kTan67 * ax, kTan22 * ax > ay, std::signbit(dx[c]) == std::signbit(dy[c]));
+    cls[c] = classOf(ay > kTan67 * ax, kTan22 * ax > ay, std::signbit(gx) == std::signbit(gy));
   }
 }
 

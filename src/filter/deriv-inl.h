@@ -136,7 +136,7 @@ HWY_INLINE void rowPass(const Src* row, int w, int bt, Src value, int x0, int n,
   }
   for (; x < hi; ++x)
     t[x - x0] = static_cast<Work<Src>>(
-        tapSum<Acc<Src>>(kA, [&](int i) { return row[x + i - c]; }));
+        tapSum<Acc<Src>>(kA, [&](int i) { return loadAny(row + x + i - c); }));
   for (x = hi; x < x1; ++x) t[x - x0] = rowAtEdge<Src>(kA, row, x, w, bt, value);
 }
 
@@ -243,7 +243,7 @@ void kernel(const Job& j) {
         };
         auto scalarSum = [&](int i) -> A {
           if constexpr (centreForm(kKind, kK)) {
-            return centreColumn<A>(r0[0][i], r0[2][i], static_cast<A>(centre[i]));
+            return centreColumn<A>(r0[0][i], r0[2][i], static_cast<A>(loadAny(centre + i)));
           } else {
             A s = tapSum<A>(kB0, [&](int r) { return r0[r][i]; });
             if constexpr (kPairs == 2)

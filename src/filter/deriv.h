@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "core/border.h"
+#include "core/pixel.h"
 #include "core/simd.h"
 #include "filter/column_rule.h"
 #include "filter/deriv_members.h"
@@ -231,13 +232,13 @@ inline A centreColumn(A t0, A t2, A centre) {
                         static_cast<A>(centre * static_cast<A>(8)));
 }
 
-// Stores one output element; x decides between the group and the tail conversion.
+// Stores one output element at any address; x decides between the group and the tail conversion.
 template <Out kOut, class A>
 inline void storeOut(void* dstRow, int x, A s, int bodyEnd, float recip) {
   if constexpr (kOut == Out::k16s) {
-    static_cast<Kvl16s*>(dstRow)[x] = static_cast<Kvl16s>(s);
+    storeAny(static_cast<Kvl16s*>(dstRow) + x, static_cast<Kvl16s>(s));
   } else if constexpr (kOut == Out::k32f) {
-    static_cast<Kvl32f*>(dstRow)[x] = s;
+    storeAny(static_cast<Kvl32f*>(dstRow) + x, static_cast<Kvl32f>(s));
   } else {
     using D = std::conditional_t<kOut == Out::k8s, Kvl8s, Kvl8u>;
     static_cast<D*>(dstRow)[x] = x < bodyEnd ? columnConvertGroup<D>(static_cast<int>(s), recip)

@@ -43,7 +43,8 @@ void kernel(const Job& j) {
       for (int x = 0; x < n; ++x) {
         A s;
         if constexpr (centreForm(kKind, kK)) {
-          s = centreColumn<A>(ring[x], ring[2 * tw + x], static_cast<A>(srcRow(y)[x0 + x]));
+          const A centre = static_cast<A>(loadAny(srcRow(y) + x0 + x));
+          s = centreColumn<A>(ring[x], ring[2 * tw + x], centre);
         } else {
           s = tapSum<A>(colTaps(kKind, kK, 0), [&](int r) { return ring[r * tw + x]; });
           if constexpr (kPairs == 2) {

@@ -2,9 +2,9 @@
 #pragma once
 
 #include <cmath>
-#include <cstring>
 #include <type_traits>
 
+#include "core/pixel.h"
 #include "core/simd.h"
 #include "kvlcv.h"
 
@@ -41,18 +41,6 @@ namespace ref {
 template <class T, int kNorm>
 void gradientRow(const T* src, T* dst, int n);
 }  // namespace ref
-
-// Element access that tolerates any address.
-template <class T>
-inline T loadAny(const T* p) {
-  T v;
-  std::memcpy(&v, p, sizeof(T));
-  return v;
-}
-template <class T>
-inline void storeAny(T* p, T v) {
-  std::memcpy(p, &v, sizeof(T));
-}
 
 // x if x > y, else y: the vector max on every target, NaN included.
 inline float maxOrSecond(float x, float y) { return x > y ? x : y; }

@@ -5,11 +5,13 @@
 // k = 0..K-1 of kernel[k] x e[i + k x stride]), stride being the channel count, so one kernel
 // serves C1 and C3. A column kernel computes n elements of one output row from K input rows:
 // out[i] = rule(sum over k of kernel[k] x rows[k][i]). Kernels never validate, thread or allocate;
-// they are exposed here so other families can run the same passes on their own rows.
+// they are exposed here so other families can run the same passes on their own rows. Rows and
+// kernels may lie at any byte address (the row pointers themselves are read as pointers).
 #pragma once
 
 #include <cstdint>
 
+#include "core/pixel.h"
 #include "core/simd.h"
 #include "filter/column_rule.h"
 #include "kvlcv.h"
@@ -40,32 +42,32 @@ template <class Src, class Ker>
 inline int32_t intSum(const Src* e, int stride, const Ker* kernel, int K) {
   uint32_t s = 0;
   for (int k = 0; k < K; ++k)
-    s += static_cast<uint32_t>(static_cast<int32_t>(kernel[k]) *
-                               static_cast<int32_t>(e[k * stride]));
+    s += static_cast<uint32_t>(static_cast<int32_t>(loadAny(kernel + k)) *
+                               static_cast<int32_t>(loadAny(e + k * stride)));
   return static_cast<int32_t>(s);
 }
 // Float members (the 16u row pass and 32f): single precision, one order: kernel[0] x e[0] first, then the
 // products of k = 1..K-1 added one by one. Every path uses this order.
 template <class Src, class Ker>
 inline float floatSum(const Src* e, int stride, const Ker* kernel, int K) {
-  float s = static_cast<float>(kernel[0]) * static_cast<float>(e[0]);
+  float s = static_cast<float>(loadAny(kernel)) * static_cast<float>(loadAny(e));
   for (int k = 1; k < K; ++k)
-    s = s + static_cast<float>(kernel[k]) * static_cast<float>(e[k * stride]);
+    s = s + static_cast<float>(loadAny(kernel + k)) * static_cast<float>(loadAny(e + k * stride));
   return s;
 }
 template <class Src, class Ker>
 inline int32_t columnIntSum(const Src* const* rows, int i, const Ker* kernel, int K) {
   uint32_t s = 0;  // products and sum modulo 2^32 (16u x 16u products exceed int)
   for (int k = 0; k < K; ++k)
-    s += static_cast<uint32_t>(static_cast<int32_t>(kernel[k])) *
-         static_cast<uint32_t>(static_cast<int32_t>(rows[k][i]));
+    s += static_cast<uint32_t>(static_cast<int32_t>(loadAny(kernel + k))) *
+         static_cast<uint32_t>(static_cast<int32_t>(loadAny(rows[k] + i)));
   return static_cast<int32_t>(s);
 }
 template <class Src, class Ker>
 inline float columnFloatSum(const Src* const* rows, int i, const Ker* kernel, int K) {
-  float s = static_cast<float>(kernel[0]) * static_cast<float>(rows[0][i]);
+  float s = static_cast<float>(loadAny(kernel)) * static_cast<float>(loadAny(rows[0] + i));
   for (int k = 1; k < K; ++k)
-    s = s + static_cast<float>(kernel[k]) * static_cast<float>(rows[k][i]);
+    s = s + static_cast<float>(loadAny(kernel + k)) * static_cast<float>(loadAny(rows[k] + i));
   return s;
 }
 

@@ -13,6 +13,7 @@
 
 #include <type_traits>
 
+#include "core/pixel.h"
 #include "core/simd.h"
 #include "filter/pipeline.h"
 
@@ -101,7 +102,8 @@ HWY_INLINE hn::Vec<D32> scaleInt(D32 d32, hn::Vec<D32> s, float recip, float mn,
 
 template <class Ker>
 HWY_INLINE int fillPairs(const Ker* kernel, int K, int32_t* pairs) {
-  for (int k = 0; k < K; k += 2) pairs[k / 2] = pairBits(kernel[k], k + 1 < K ? kernel[k + 1] : 0);
+  for (int k = 0; k < K; k += 2)
+    pairs[k / 2] = pairBits(loadAny(kernel + k), k + 1 < K ? loadAny(kernel + k + 1) : 0);
   return K;
 }
 
@@ -143,7 +145,8 @@ void rowIntImpl(const Src* e, int16_t* out, int n, int stride, const int16_t* ke
     return;
   }
   for (; i < n; ++i)
-    out[i] = rowConvert<int16_t>(static_cast<float>(intSum(e + i, stride, kernel, K)) * recip);
+    storeAny(out + i,
+             rowConvert<int16_t>(static_cast<float>(intSum(e + i, stride, kernel, K)) * recip));
 }
 
 template <class Src>
@@ -190,7 +193,7 @@ void rowFloatImpl(const Src* e, Src* out, int n, int stride, const Ker* kernel, 
                   float recip) {
   if constexpr (kK != 0) K = kK;
   float kf[kMaxTaps];
-  for (int k = 0; k < K; ++k) kf[k] = static_cast<float>(kernel[k]);
+  for (int k = 0; k < K; ++k) kf[k] = static_cast<float>(loadAny(kernel + k));
   constexpr bool kInt = sizeof(Src) == 2;
   auto block = [&](auto df, int i) {
     auto s = floatTaps(df, e + i, stride, kf, kK ? kK : K);
@@ -214,9 +217,9 @@ void rowFloatImpl(const Src* e, Src* out, int n, int stride, const Ker* kernel, 
   for (; i < n; ++i) {
     const float s = floatSum(e + i, stride, kernel, K);
     if constexpr (kInt) {
-      out[i] = rowConvert<Src>(s * recip);
+      storeAny(out + i, rowConvert<Src>(s * recip));
     } else {
-      out[i] = s;
+      storeAny(out + i, s);
     }
   }
 }
@@ -281,7 +284,8 @@ void columnIntImpl(const int16_t* const* rows, Dst* out, int n, const int16_t* k
   const hn::Full128<int16_t> d8;  // one group of kColumnGroup elements
   static_assert(kColumnGroup == 8);
   for (; i < body; i += 8) block(d8, i);
-  for (; i < n; ++i) out[i] = columnConvertTail<Dst>(columnIntSum(rows, i, kernel, K), recip);
+  for (; i < n; ++i)
+    storeAny(out + i, columnConvertTail<Dst>(columnIntSum(rows, i, kernel, K), recip));
 }
 
 template <class Dst>
@@ -315,7 +319,7 @@ void column32fImpl(const float* const* rows, float* out, int n, const float* ker
   float kf[kMaxTaps];
   const float* r[kMaxTaps];
   for (int k = 0; k < K; ++k) {
-    kf[k] = kernel[k];
+    kf[k] = loadAny(kernel + k);
     r[k] = rows[k];
   }
   auto block = [&](auto df, int i) {
@@ -334,7 +338,7 @@ void column32fImpl(const float* const* rows, float* out, int n, const float* ker
   for (; i + 4 <= n; i += 4) block(d4, i);
   if (i == n) return;
   if (n >= 4) return block(d4, n - 4);
-  for (; i < n; ++i) out[i] = columnFloatSum(rows, i, kernel, K);
+  for (; i < n; ++i) storeAny(out + i, columnFloatSum(rows, i, kernel, K));
 }
 
 // ---- Column pass, 16u: 32-bit products and sums (wrapping), then the integer rule ----
@@ -345,7 +349,7 @@ void column16uImpl(const uint16_t* const* rows, uint16_t* out, int n, const uint
   int32_t kc[kMaxTaps];
   const uint16_t* r[kMaxTaps];
   for (int k = 0; k < K; ++k) {
-    kc[k] = kernel[k];
+    kc[k] = loadAny(kernel + k);
     r[k] = rows[k];
   }
   auto block = [&](auto d32, int i) {
@@ -362,7 +366,8 @@ void column16uImpl(const uint16_t* const* rows, uint16_t* out, int n, const uint
   for (; i + N <= body; i += N) block(d32, i);
   const hn::CappedTag<int32_t, 4> d4;  // the body is whole groups of 8, vectors whole fours
   for (; i < body; i += 4) block(d4, i);
-  for (; i < n; ++i) out[i] = columnConvertTail<Kvl16u>(columnIntSum(rows, i, kernel, K), recip);
+  for (; i < n; ++i)
+    storeAny(out + i, columnConvertTail<Kvl16u>(columnIntSum(rows, i, kernel, K), recip));
 }
 
 void column16u(const Kvl16u* const* rows, Kvl16u* out, int n, const Kvl16u* kernel, int K,

@@ -1,11 +1,13 @@
 // Scalar reference kernel of the motion history update.
+#include "core/pixel.h"
 #include "pyramid/motion_history.h"
 
 namespace kvl::pyramid::ref {
 
 template <class Sil>
 void mhiRow(const Sil* sil, Kvl32f* mhi, int n, float timestamp, float limit) {
-  for (int x = 0; x < n; ++x) mhi[x] = mhiUpdate(sil[x], mhi[x], timestamp, limit);
+  for (int x = 0; x < n; ++x)
+    storeAny(mhi + x, mhiUpdate(loadAny(sil + x), loadAny(mhi + x), timestamp, limit));
 }
 
 #define KVL_INSTANTIATE(suffix, Sil) \

@@ -40,7 +40,7 @@ void mhiRow(const Sil* sil, Kvl32f* mhi, int n, float timestamp, float limit) {
     const auto kept = hn::IfThenZeroElse(hn::Lt(h, lim), h);
     hn::StoreU(hn::IfThenElse(silhouetteSet(df, sil + x), ts, kept), df, mhi + x);
   }
-  for (; x < n; ++x) mhi[x] = mhiUpdate(sil[x], mhi[x], timestamp, limit);
+  ref::mhiRow<Sil>(sil + x, mhi + x, n - x, timestamp, limit);
 }
 
 #endif  // KVL_SIMD_TARGET

@@ -4,6 +4,7 @@
 #include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
 
+#include "core/pixel.h"
 #include "core/simd.h"
 #include "stat/accum.h"
 #include "stat/accum_rules.h"
@@ -79,7 +80,9 @@ void accRow(const Src* s1, const Src* s2, const Kvl8u* mask, const Kvl32f* in, K
     if constexpr (kMasked) {
       if (mask[x] == 0) return;
     }
-    out[x] = accumulate<kOp>(in[x], s1[x], kOp == AccOp::kProduct ? s2[x] : s1[x], alpha);
+    const Src v1 = loadAny(s1 + x);
+    const Src v2 = kOp == AccOp::kProduct ? loadAny(s2 + x) : v1;
+    storeAny(out + x, accumulate<kOp>(loadAny(in + x), v1, v2, alpha));
   };
   int x = 0;
   for (const int head = alignedHead(out, N * 4, n); x < head; ++x) scalar(x);
@@ -130,7 +133,7 @@ void absDiffRow(const T* a, const T* b, T* dst, int n) {
   const size_t vectorBytes = N * sizeof(T);
   int x = 0;
   for (const int head = alignedHead(dst, static_cast<int>(vectorBytes), n); x < head; ++x)
-    dst[x] = absDiff(a[x], b[x]);
+    storeAny(dst + x, absDiff(loadAny(a + x), loadAny(b + x)));
   const bool aligned = reinterpret_cast<uintptr_t>(dst + x) % vectorBytes == 0;
   // Four vectors a step, all loads first: more lines in flight from each source.
   for (; x + 4 * N <= n; x += 4 * N) {
@@ -145,7 +148,7 @@ void absDiffRow(const T* a, const T* b, T* dst, int n) {
   for (; x + N <= n; x += N)
     put<kStream>(d, absDiffVec<decltype(d)>(hn::LoadU(d, a + x), hn::LoadU(d, b + x)), dst + x,
                  aligned);
-  for (; x < n; ++x) dst[x] = absDiff(a[x], b[x]);
+  for (; x < n; ++x) storeAny(dst + x, absDiff(loadAny(a + x), loadAny(b + x)));
   fenceStreams<kStream>();
 }
 
@@ -157,13 +160,13 @@ void absDiffCRow(const T* a, T v, T* dst, int n) {
   const auto vv = hn::Set(d, v);
   int x = 0;
   for (const int head = alignedHead(dst, static_cast<int>(vectorBytes), n); x < head; ++x)
-    dst[x] = absDiff(a[x], v);
+    storeAny(dst + x, absDiff(loadAny(a + x), v));
   const bool aligned = reinterpret_cast<uintptr_t>(dst + x) % vectorBytes == 0;
   for (; x + 2 * N <= n; x += 2 * N) {
     put<kStream>(d, absDiffVec<decltype(d)>(hn::LoadU(d, a + x), vv), dst + x, aligned);
     put<kStream>(d, absDiffVec<decltype(d)>(hn::LoadU(d, a + x + N), vv), dst + x + N, aligned);
   }
-  for (; x < n; ++x) dst[x] = absDiff(a[x], v);
+  for (; x < n; ++x) storeAny(dst + x, absDiff(loadAny(a + x), v));
   fenceStreams<kStream>();
 }
 

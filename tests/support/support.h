@@ -15,6 +15,7 @@
 
 #include "core/simd.h"
 #include "kvlcv.h"
+#include "support/guarded.h"
 
 namespace kvl::test {
 
@@ -23,15 +24,11 @@ namespace kvl::test {
 class GuardedBlock {
  public:
   GuardedBlock(size_t bytes, size_t align, uint32_t seed);
-  ~GuardedBlock();
-  GuardedBlock(const GuardedBlock&) = delete;
-  GuardedBlock& operator=(const GuardedBlock&) = delete;
   uint8_t* data() const { return data_; }
   size_t size() const { return bytes_; }
 
  private:
-  uint8_t* map_ = nullptr;
-  size_t mapBytes_ = 0;
+  GuardedPages pages_;
   uint8_t* data_ = nullptr;
   size_t bytes_ = 0;
 };
