@@ -1,5 +1,6 @@
-// Benchmark helpers: paired registration of a kvlCV case and its OpenCV peer, thread setting,
-// images. The suite's reporter prints throughput ratios of each pair at the end.
+// Benchmark helpers: paired registration of a kvlCV case and its OpenCV peer (or, for a family
+// without a peer, its scalar reference), thread setting, images. The suite's reporter prints
+// throughput ratios of each pair at the end.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -39,6 +40,11 @@ benchmark::internal::Benchmark* timed(benchmark::internal::Benchmark* b);
 // Registers "<name>/kvl" and, when `peer` is set and OpenCV is present, "<name>/cv". Both run
 // with `threads` permitted threads in their library; items are pixels.
 void pair(const std::string& name, int threads, long long pixels, Body kvl, Body peer);
+
+// For a family without a peer: registers "<name>/t1/kvl" (the best vector target, or the one
+// --kvl_target caps it to) and "<name>/t1/ref" (the same body on the scalar reference), and the
+// ratio table compares the two.
+void versusReference(const std::string& name, long long pixels, Body kvl);
 
 // Bytes of an image with rows padded to 64 bytes, filled with a smooth pattern plus noise.
 std::vector<unsigned char> makeImage(int width, int height, int bytesPerPixel, int* step);

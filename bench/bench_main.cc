@@ -35,6 +35,26 @@ void pair(const std::string& name, int threads, long long pixels, Body kvl, Body
 #endif
 }
 
+namespace {
+int gTargetCap = -1;  // --kvl_target
+}
+
+void versusReference(const std::string& name, long long pixels, Body kvl) {
+  const std::string base = name + "/t1";
+  timed(benchmark::RegisterBenchmark((base + "/kvl").c_str(), [=](benchmark::State& st) {
+    kvlSetNumThreads(1);
+    kvl(st);
+    st.SetItemsProcessed(st.iterations() * pixels);
+  }));
+  timed(benchmark::RegisterBenchmark((base + "/ref").c_str(), [=](benchmark::State& st) {
+    kvlSetNumThreads(1);
+    simd::forceTarget(simd::kRef);
+    kvl(st);
+    simd::forceTarget(gTargetCap);
+    st.SetItemsProcessed(st.iterations() * pixels);
+  }));
+}
+
 std::vector<unsigned char> makeImage(int width, int height, int bytesPerPixel, int* step) {
   *step = (width * bytesPerPixel + 63) / 64 * 64;
   std::vector<unsigned char> v(static_cast<size_t>(*step) * height + 64);
@@ -66,10 +86,18 @@ class RatioReporter : public benchmark::ConsoleReporter {
       };
       if (ends("/kvl")) kvl_[n.substr(0, n.size() - 4)] = t;
       if (ends("/cv")) cv_[n.substr(0, n.size() - 3)] = t;
+      if (ends("/ref")) ref_[n.substr(0, n.size() - 4)] = t;
     }
   }
   void Finalize() override {
     ConsoleReporter::Finalize();
+    if (!ref_.empty()) {
+      std::printf("\n%-56s %10s\n", "case (kvlCV vector vs its scalar reference)", "speed-up");
+      for (const auto& [name, t] : kvl_) {
+        auto it = ref_.find(name);
+        if (it != ref_.end()) std::printf("%-56s %9.2fx\n", name.c_str(), it->second / t);
+      }
+    }
     if (cv_.empty()) {
       std::printf("\nNo OpenCV peer measured in this run: no ratios.\n");
       return;
@@ -83,7 +111,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   }
 
  private:
-  std::map<std::string, double> kvl_, cv_;
+  std::map<std::string, double> kvl_, cv_, ref_;
 };
 }  // namespace
 
@@ -104,6 +132,7 @@ int main(int argc, char** argv) {
       return 1;
     }
     kvl::simd::forceTarget(level);
+    kvl::bench::gTargetCap = level;
     for (int j = i; j + 1 < argc; ++j) argv[j] = argv[j + 1];
     --argc;
     --i;

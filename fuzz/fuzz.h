@@ -389,6 +389,9 @@ inline void Image::fill(Input& in) {
     case 's' * 16 + 2:
       fillAs<Kvl16s>(in);
       break;
+    case 's' * 16 + 4:
+      fillAs<Kvl32s>(in);
+      break;
     case 'f' * 16 + 4:
       fillAs<Kvl32f>(in);
       break;
@@ -417,6 +420,10 @@ inline std::string Image::valueText(ptrdiff_t first, const std::vector<uint8_t>&
     snprintf(out, sizeof out, "%.9g (0x%08x)", std::bit_cast<float>(u), u);
   } else if (type_.bytes == 1) {
     snprintf(out, sizeof out, "%d", type_.kind == 's' ? static_cast<int8_t>(*p) : *p);
+  } else if (type_.bytes == 4) {
+    int32_t v;
+    std::memcpy(&v, p, 4);
+    snprintf(out, sizeof out, "%d", v);
   } else {
     uint16_t u;
     std::memcpy(&u, p, 2);

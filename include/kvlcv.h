@@ -445,6 +445,104 @@ KVL_API KvlStatus kvliAbsDiffC_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* 
 KVL_API KvlStatus kvliAbsDiffC_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f value);
 /* @@END ACCUMULATION@@ */
 
+/* ---------------------------------------------------------------------------------------------
+ * Haar classifiers
+ * ------------------------------------------------------------------------------------------- */
+/* @@BEGIN HAAR CLASSIFIERS@@ */
+/* One stage of a boosted cascade of Haar-like features, evaluated at every pixel of a ROI that a
+ * Kvl8u mask still marks as a candidate (non-zero byte), over an integral image I (upright) and,
+ * for the Mixed members, a tilted integral image T, with one normalisation value per pixel (the
+ * window's standard deviation, say). Pixels that fail the stage get mask byte 0; *pPositive is the
+ * number that pass. A cascade calls the apply once per stage with the same mask.
+ *
+ * Building. pFeature holds the rectangles of every weak classifier one after another (pNum[i] of
+ * them for classifier i), pWeight one weight per rectangle, pThreshold, pVal1 and pVal2 one value
+ * per classifier. InitAlloc makes one allocation of 32 x length + 36 x (total rectangles) + 56
+ * bytes with kvlMalloc and writes it to *ppState; Free releases it. A rectangle becomes four
+ * corners (column, row), and its sum at a window is X[p0] - X[p1] - X[p2] + X[p3], left to right:
+ * - upright {x, y, w, h} (pixels x..x+w-1, y..y+h-1 of the window): p0 = (x+w, y+h),
+ *   p1 = (x, y+h), p2 = (x+w, y), p3 = (x, y), read from I with the window's top-left pixel
+ *   (c, r) as origin;
+ * - tilted {x, y, w, h} (tilted InitAlloc; (x, y) is the top corner, w runs down-right and h
+ *   down-left): p0 = (x+w-h, y+w+h), p1 = (x-h, y+h), p2 = (x+w, y+w), p3 = (x, y), read from T
+ *   with element (r+1, c+1) as origin.
+ * The upright InitAlloc orders the weak classifiers: those with exactly 2 rectangles first, then
+ * those with 3, then all others, each group in the caller's order; the tilted InitAlloc keeps the
+ * caller's order. Stages add in this order, which matters for the float members only.
+ * InitAlloc statuses, in this order: kvlStatusNullPointer (any pointer, ppState included);
+ * kvlStatusBadSize (length < 0, then any pNum[i] < 1), before anything is allocated;
+ * kvlStatusNoMemory (the allocation fails, or would exceed 2^31 - 1 bytes); kvlStatusBadArgument
+ * when a rectangle has x < 0, y < 0, width < 1 or height < 1 (tilted: also height > x + 1, so the
+ * left corner stays at column -1 or right of it): the state is then freed and *ppState set to
+ * NULL. Any other failure leaves *ppState as it was. length 0 builds an empty classifier: its
+ * stage sum is 0 everywhere, so a candidate stays exactly when threshold <= 0.
+ *
+ * GetHaarClassifierSize: the window a classifier needs, {largest column of p2, largest row of p0}
+ * over every rectangle as it is now (upright: max x + w, max y + h), {0, 0} for length 0.
+ * kvlStatusNullPointer when pState or pSize is NULL.
+ *
+ * TiltHaarFeatures: pMask holds one byte per weak classifier in the caller's order. Each
+ * classifier i with pMask[i] != 0 becomes tilted (read from T by the Mixed members), and each of
+ * its rectangles {x, y, w, h} a diamond of side w (h is dropped), corners as above:
+ * - flag != 0, hanging from the top-left corner: p3 = (x, y), p2 = (x+w, y+w), p1 = (x-w, y+w),
+ *   p0 = (x, y+2w);
+ * - flag == 0, standing on the bottom-left corner: p0 = (x, y+h), p1 = (x-w, y+h-w),
+ *   p2 = (x+w, y+h-w), p3 = (x, y+h-2w).
+ * Weights stay. Classifier positions are kept in 24 bits: mask bytes from index 16777216 on have
+ * no effect. Statuses: kvlStatusNullPointer (pMask, pState); kvlStatusBadArgument when the state
+ * already holds tilted features (tilted InitAlloc, or an earlier call that tilted at least one
+ * classifier), so the rewrite happens once.
+ *
+ * Apply, at each candidate pixel (r, c), with norm = pNorm at (r, c):
+ *   stage = 0; for each weak classifier in order: f = the sum over its rectangles, in order, of
+ *   weight x (rectangle sum); stage += (f below norm x threshold_c) ? val1 : val2;
+ *   the pixel stays when stage >= threshold, else its mask byte becomes 0.
+ * - 32f_C1R: rectangle sums, products, f and stage in single precision, each operation rounded
+ *   (no fused multiply-add); val1 when norm x threshold_c (rounded) > f. A tie, or a NaN, gives
+ *   val2; a NaN stage or threshold keeps the pixel.
+ * - 32s32f_C1R: rectangle sums in 32-bit wrapping integers, converted to single precision (to
+ *   nearest) before the product; the rest as 32f.
+ * - 32s_C1RSfs (upright): everything in 32-bit wrapping integers; val1 when f < threshold_c x
+ *   norm. scaleFactor is accepted with any value and does not enter the result.
+ * - Mixed 32s_C1RSfs: rectangle sums in 32-bit wrapping integers; products and f in 64 bits (f
+ *   wraps modulo 2^64), f shifted left by -scaleFactor bits (64 or more give 0) and compared,
+ *   signed, with the exact 64-bit threshold_c x norm: val1 when less. Stage sums in 32 bits.
+ * The upright members read every feature from I, tilted ones included; the Mixed members read a
+ * weak classifier from T when it is tilted and from I otherwise.
+ * Memory read: for each candidate only, the table elements at its corners, as 32-bit element
+ * offsets p.row x (step / 4) + p.column from the origin. Nothing checks that they lie inside the
+ * tables: the caller keeps every corner of every candidate window inside them (with an upright
+ * classifier of size {W, H}, a table with H more rows and W more columns than the ROI). A diamond
+ * from TiltHaarFeatures can reach left of its window (p1 at column x - w) or, with flag 0, above
+ * it (p3 at row y + h - 2w); those elements are read from memory as they are, unclipped.
+ * Apply statuses, in this order: kvlStatusNullPointer (tables, norm, mask, pPositive, state);
+ * kvlStatusBadSize (width or height < 1); kvlStatusBadStep (a table or norm step < 4 x width,
+ * maskStep < width); kvlStatusStepNotMultiple (a table or norm step not a multiple of 4); Mixed
+ * 32s_C1RSfs: kvlStatusBadArgument for scaleFactor > 0; the upright members allocate a table of
+ * 16 bytes per rectangle for the call: kvlStatusNoMemory when that fails.
+ * Every vector target gives the bytes of the rule above. Threading: always on the calling thread.
+ * A state may be read by several threads at once; TiltHaarFeatures and Free must not run
+ * concurrently with other uses of the same state. */
+typedef struct KvliHaarClassifier_32f KvliHaarClassifier_32f;
+typedef struct KvliHaarClassifier_32s KvliHaarClassifier_32s;
+KVL_API KvlStatus kvliHaarClassifierInitAlloc_32f(KvliHaarClassifier_32f** ppState, const KvliRect* pFeature, const Kvl32f* pWeight, const Kvl32f* pThreshold, const Kvl32f* pVal1, const Kvl32f* pVal2, const int* pNum, int length);
+KVL_API KvlStatus kvliHaarClassifierInitAlloc_32s(KvliHaarClassifier_32s** ppState, const KvliRect* pFeature, const Kvl32s* pWeight, const Kvl32s* pThreshold, const Kvl32s* pVal1, const Kvl32s* pVal2, const int* pNum, int length);
+KVL_API KvlStatus kvliTiltedHaarClassifierInitAlloc_32f(KvliHaarClassifier_32f** ppState, const KvliRect* pFeature, const Kvl32f* pWeight, const Kvl32f* pThreshold, const Kvl32f* pVal1, const Kvl32f* pVal2, const int* pNum, int length);
+KVL_API KvlStatus kvliTiltedHaarClassifierInitAlloc_32s(KvliHaarClassifier_32s** ppState, const KvliRect* pFeature, const Kvl32s* pWeight, const Kvl32s* pThreshold, const Kvl32s* pVal1, const Kvl32s* pVal2, const int* pNum, int length);
+KVL_API KvlStatus kvliHaarClassifierFree_32f(KvliHaarClassifier_32f* pState);
+KVL_API KvlStatus kvliHaarClassifierFree_32s(KvliHaarClassifier_32s* pState);
+KVL_API KvlStatus kvliGetHaarClassifierSize_32f(KvliHaarClassifier_32f* pState, KvliSize* pSize);
+KVL_API KvlStatus kvliGetHaarClassifierSize_32s(KvliHaarClassifier_32s* pState, KvliSize* pSize);
+KVL_API KvlStatus kvliTiltHaarFeatures_32f(const Kvl8u* pMask, int flag, KvliHaarClassifier_32f* pState);
+KVL_API KvlStatus kvliTiltHaarFeatures_32s(const Kvl8u* pMask, int flag, KvliHaarClassifier_32s* pState);
+KVL_API KvlStatus kvliApplyHaarClassifier_32f_C1R(const Kvl32f* pSrc, int srcStep, const Kvl32f* pNorm, int normStep, Kvl8u* pMask, int maskStep, KvliSize roiSize, int* pPositive, Kvl32f threshold, KvliHaarClassifier_32f* pState);
+KVL_API KvlStatus kvliApplyHaarClassifier_32s32f_C1R(const Kvl32s* pSrc, int srcStep, const Kvl32f* pNorm, int normStep, Kvl8u* pMask, int maskStep, KvliSize roiSize, int* pPositive, Kvl32f threshold, KvliHaarClassifier_32f* pState);
+KVL_API KvlStatus kvliApplyHaarClassifier_32s_C1RSfs(const Kvl32s* pSrc, int srcStep, const Kvl32s* pNorm, int normStep, Kvl8u* pMask, int maskStep, KvliSize roiSize, int* pPositive, Kvl32s threshold, KvliHaarClassifier_32s* pState, int scaleFactor);
+KVL_API KvlStatus kvliApplyMixedHaarClassifier_32f_C1R(const Kvl32f* pSrc, int srcStep, const Kvl32f* pTilt, int tiltStep, const Kvl32f* pNorm, int normStep, Kvl8u* pMask, int maskStep, KvliSize roiSize, int* pPositive, Kvl32f threshold, KvliHaarClassifier_32f* pState);
+KVL_API KvlStatus kvliApplyMixedHaarClassifier_32s32f_C1R(const Kvl32s* pSrc, int srcStep, const Kvl32s* pTilt, int tiltStep, const Kvl32f* pNorm, int normStep, Kvl8u* pMask, int maskStep, KvliSize roiSize, int* pPositive, Kvl32f threshold, KvliHaarClassifier_32f* pState);
+KVL_API KvlStatus kvliApplyMixedHaarClassifier_32s_C1RSfs(const Kvl32s* pSrc, int srcStep, const Kvl32s* pTilt, int tiltStep, const Kvl32s* pNorm, int normStep, Kvl8u* pMask, int maskStep, KvliSize roiSize, int* pPositive, Kvl32s threshold, KvliHaarClassifier_32s* pState, int scaleFactor);
+/* @@END HAAR CLASSIFIERS@@ */
+
 
 #ifdef __cplusplus
 }

@@ -1,5 +1,8 @@
-# Benchmark sources of the detection component: the whole search of a photograph against the
-# peer's cascade detector, and the program that compares their boxes (kvlcv_detect_compare).
+# Benchmark sources of this subsystem: target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/<fam>_bench.cc)
+target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/haar_bench.cc)
+
+# The detection component (tools/detect): the whole search of a photograph against the peer's
+# cascade detector, and the program that compares their boxes (kvlcv_detect_compare).
 target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/detect_bench.cc)
 target_link_libraries(kvlcv_bench PRIVATE kvlcv_detect kvlcli_io)
 target_compile_definitions(kvlcv_bench PRIVATE KVL_SOURCE_DIR="${CMAKE_SOURCE_DIR}")

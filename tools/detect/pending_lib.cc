@@ -1,4 +1,4 @@
-// Plain versions of the integral-image and classifier entry points for builds whose library does
+// Plain versions of the integral-image entry points for builds whose library does
 // not export them yet (no validation beyond what the detector needs, no threads).
 #include "pending_lib.h"
 
@@ -12,19 +12,7 @@ template <class T>
 T* rowOf(T* base, int step, int y) {
   return reinterpret_cast<T*>(reinterpret_cast<uintptr_t>(base) + static_cast<intptr_t>(step) * y);
 }
-struct Pt { int c, r; };
-struct Rec {
-  std::vector<Pt> pts;  // 4 per rectangle
-  std::vector<float> w;
-  float thr, v1, v2;
-  int index;  // i << 8, bit 0 tilted
-};
 }  // namespace
-
-struct KvliHaarClassifier_32f {
-  std::vector<Rec> recs;
-  int tilted = 0;
-};
 
 extern "C" {
 
@@ -79,71 +67,6 @@ KvlStatus kvliRectStdDev_32f_C1R(const Kvl32f* s, int ss, const Kvl64f* q, int q
       if (var < 0) var = 0;
       rowOf(d, ds, y)[x] = std::sqrt(var);
     }
-  return kvlStatusOk;
-}
-
-KvlStatus kvliHaarClassifierInitAlloc_32f(KvliHaarClassifier_32f** pp, const KvliRect* f, const Kvl32f* w,
-                                          const Kvl32f* thr, const Kvl32f* v1, const Kvl32f* v2,
-                                          const int* num, int length) {
-  auto* st = new KvliHaarClassifier_32f;
-  std::vector<int> first(length);
-  int k = 0;
-  for (int i = 0; i < length; ++i) first[i] = k, k += num[i];
-  for (int pass = 0; pass < 3; ++pass)
-    for (int i = 0; i < length; ++i) {
-      const bool take = pass == 0 ? num[i] == 2 : pass == 1 ? num[i] == 3 : (num[i] != 2 && num[i] != 3);
-      if (!take) continue;
-      Rec r{{}, {}, thr[i], v1[i], v2[i], i << 8};
-      for (int j = 0; j < num[i]; ++j) {
-        const KvliRect q = f[first[i] + j];
-        if (q.x < 0 || q.y < 0 || q.width < 1 || q.height < 1) {
-          delete st;
-          *pp = nullptr;
-          return kvlStatusBadArgument;
-        }
-        r.pts.push_back({q.x + q.width, q.y + q.height});
-        r.pts.push_back({q.x, q.y + q.height});
-        r.pts.push_back({q.x + q.width, q.y});
-        r.pts.push_back({q.x, q.y});
-        r.w.push_back(w[first[i] + j]);
-      }
-      st->recs.push_back(std::move(r));
-    }
-  *pp = st;
-  return kvlStatusOk;
-}
-
-KvlStatus kvliHaarClassifierFree_32f(KvliHaarClassifier_32f* st) {
-  delete st;
-  return kvlStatusOk;
-}
-
-KvlStatus kvliApplyHaarClassifier_32s32f_C1R(const Kvl32s* src, int ss, const Kvl32f* norm, int ns,
-                                             Kvl8u* mask, int ms, KvliSize roi, int* pos,
-                                             Kvl32f threshold, KvliHaarClassifier_32f* st) {
-  int count = 0;
-  for (int y = 0; y < roi.height; ++y)
-    for (int x = 0; x < roi.width; ++x) {
-      Kvl8u* m = rowOf(mask, ms, y) + x;
-      if (!*m) continue;
-      float stage = 0;
-      const float nv = rowOf(norm, ns, y)[x];
-      for (const Rec& r : st->recs) {
-        const Kvl32s* base = rowOf(src, ss, y) + x;
-        const int step = ss / 4;
-        float f = 0;
-        for (size_t j = 0; j < r.w.size(); ++j) {
-          const Pt* p = &r.pts[4 * j];
-          auto at = [&](Pt q) { return static_cast<uint32_t>(base[q.r * step + q.c]); };
-          const int32_t sum = static_cast<int32_t>(at(p[0]) - at(p[1]) - at(p[2]) + at(p[3]));
-          f += r.w[j] * static_cast<float>(sum);
-        }
-        stage += nv * r.thr > f ? r.v1 : r.v2;
-      }
-      if (threshold > stage) *m = 0;
-      else ++count;
-    }
-  *pos = count;
   return kvlStatusOk;
 }
 
