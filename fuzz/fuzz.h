@@ -262,7 +262,14 @@ class Image {
   bool bothNaN(size_t i, const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) const {
     if (!lenient("nan") || type_.kind != 'f') return false;
     const ptrdiff_t first = spot(i).first;
-    if (first < 0 || static_cast<size_t>(first) + 4 > a.size()) return false;
+    if (first < 0 || static_cast<size_t>(first) + type_.bytes > a.size()) return false;
+    if (type_.bytes == 8) {
+      uint64_t u, v;
+      std::memcpy(&u, a.data() + first, 8);
+      std::memcpy(&v, b.data() + first, 8);
+      const uint64_t inf = 0x7ff0000000000000ull, mag = ~(1ull << 63);
+      return (u & mag) > inf && (v & mag) > inf;
+    }
     uint32_t u, v;
     std::memcpy(&u, a.data() + first, 4);
     std::memcpy(&v, b.data() + first, 4);
@@ -395,6 +402,9 @@ inline void Image::fill(Input& in) {
     case 'f' * 16 + 4:
       fillAs<Kvl32f>(in);
       break;
+    case 'f' * 16 + 8:
+      fillAs<Kvl64f>(in);
+      break;
     default:
       abort();
   }
@@ -414,10 +424,19 @@ inline std::string Image::valueText(ptrdiff_t first, const std::vector<uint8_t>&
   if (first < 0 || static_cast<size_t>(first + type_.bytes) > bytes.size()) return "?";
   const uint8_t* p = bytes.data() + first;
   char out[48];
-  if (type_.kind == 'f') {
+  if (type_.kind == 'f' && type_.bytes == 8) {
+    uint64_t u;
+    std::memcpy(&u, p, 8);
+    snprintf(out, sizeof out, "%.17g (0x%016llx)", std::bit_cast<double>(u),
+             static_cast<unsigned long long>(u));
+  } else if (type_.kind == 'f') {
     uint32_t u;
     std::memcpy(&u, p, 4);
     snprintf(out, sizeof out, "%.9g (0x%08x)", std::bit_cast<float>(u), u);
+  } else if (type_.bytes == 4) {
+    int32_t v;
+    std::memcpy(&v, p, 4);
+    snprintf(out, sizeof out, "%d", v);
   } else if (type_.bytes == 1) {
     snprintf(out, sizeof out, "%d", type_.kind == 's' ? static_cast<int8_t>(*p) : *p);
   } else if (type_.bytes == 4) {

@@ -446,6 +446,82 @@ KVL_API KvlStatus kvliAbsDiffC_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* 
 /* @@END ACCUMULATION@@ */
 
 /* ---------------------------------------------------------------------------------------------
+ * Integral images and rectangle standard deviation
+ * ------------------------------------------------------------------------------------------- */
+/* @@BEGIN INTEGRAL@@ */
+/* Summed-area tables of a w x h source and the standard deviation over a rectangle read from them.
+ * Upright table I, (w+1) x (h+1): row 0 and column 0 are val, I[y+1][x+1] = val + the sum of
+ * S[r][c] over r <= y, c <= x. The square table Q is the same over S[r][c]^2 with valSqr.
+ * Tilted table T, (w+2) x (h+2): rows 0 and 1 are val; source row y makes row y+2:
+ *   T[y+2][0] = T[y+1][1];  T[y+2][w+1] = T[y+1][w];
+ *   T[y+2][x] = S[y][x-1] + S[y][x] + T[y+1][x-1] + T[y+1][x+1] - T[y][x]   (1 <= x <= w-1)
+ *   T[y+2][w] = S[y][w-1] + T[y+1][w-1] + T[y+1][w+1] - T[y][w]
+ * (the tilted square table the same over squares with valSqr).
+ * Arithmetic: Kvl32s tables wrap modulo 2^32 and never saturate. Upright Kvl32f tables of 8u
+ * sources keep each row's running sum as an unsigned 32-bit integer and store
+ * (float)rowSum + the value above, in single precision; Integral_32f keeps the running sum in
+ * single precision, adding the row's pixels left to right. Kvl64f square tables keep the row's
+ * running sum in double precision. Tilted tables add the source pixels first, exactly, as an
+ * integer (two pixels, or two squares), then in the table's type add T[y+1][x-1], add
+ * T[y+1][x+1] and subtract T[y][x], in that order.
+ * Table statuses, in this order: kvlStatusNullPointer; kvlStatusBadSize (w or h < 1);
+ * kvlStatusBadStep (srcStep < w x source element size, a table step < (w+1) resp. (w+2) x its
+ * element size); kvlStatusStepNotMultiple (a table step not a multiple of its element size, and
+ * the Kvl32f source's step not a multiple of 4). No work buffer; single-threaded.
+ *
+ * RectStdDev at output (y, x): x0 = x + rect.x, y0 = y + rect.y, x1 = x0 + rect.width,
+ * y1 = y0 + rect.height, N = rect.width x rect.height;
+ *   Sum = I[y1][x1] - I[y0][x1] + I[y0][x0] - I[y1][x0], SumSq likewise from Q.
+ * TiltedRectStdDev at (y, x): a = rect.x + rect.y, b = rect.x - rect.y,
+ * N = 2 x rect.width x rect.height, with P4 = T[y+a][x+b], P3 = T[y+a+rect.width][x+b+rect.width],
+ * P2 = T[y+a+rect.height][x+b-rect.height],
+ * P1 = T[y+a+rect.width+rect.height][x+b+rect.width-rect.height]: Sum = P1 - P2 - P3 + P4.
+ * pSrc and pSqr point at element [0][0] of these formulas; the caller's tables must hold every
+ * element they read (a tilted rectangle with rect.y + rect.height > rect.x reads left of them).
+ * Then mean = Sum / N, variance = SumSq / N - mean x mean, a variance below 0 becomes 0 (NaN
+ * stays NaN), result = its square root. Precision by member:
+ *   _32s_C1RSfs (both shapes): Sum and SumSq combined in 32-bit wrapping integers, so a wrapped
+ *     table still gives the sums of rectangles whose sums fit; then converted to single precision
+ *     and divided by (float)N; variance in single precision; square root in double; stored as
+ *     0.5 + 2^-scaleFactor x root truncated toward zero, saturating at 2147483647. The scale is
+ *     the single-precision value of 1u << (|scaleFactor| mod 32), or its reciprocal for positive
+ *     scaleFactor (so -31 multiplies by 2^31 and 31 divides by it).
+ *   _32s32f_C1R (both shapes): Sum in 32-bit wrapping integers converted to single precision; each
+ *     of the four square-table corners converted to single precision and combined in single
+ *     precision; mean, variance and root in single precision.
+ *   RectStdDev_32f_C1R: the corners of both tables combined in double precision (the float sums
+ *     widened), each result converted to single precision; mean, variance and root in single.
+ *   TiltedRectStdDev_32f_C1R: corners, mean and variance in double precision; the clamped
+ *     variance converted to single precision and its square root taken in single precision.
+ * Corners combine left to right in the order written above; N is computed exactly.
+ * Statuses, in this order: kvlStatusNullPointer (pSrc, pSqr, pDst); kvlStatusBadSize (w or
+ * h < 1); kvlStatusBadStep (srcStep < E x 4, sqrStep < E x square element size, dstStep < w x 4,
+ * with E = rect.x + rect.width + w upright, rect.x + rect.y + rect.width + rect.height + w - 1
+ * tilted); kvlStatusStepNotMultiple; kvlStatusBadArgument (rect.x < 0, rect.y < 0,
+ * rect.width < 1 or rect.height < 1). No work buffer.
+ * Threading: RectStdDev_32f_C1R uses min(permitted threads, w x h / 1024, 32) threads when that
+ * is 2 or more, each on a contiguous stripe of rows (stripe sizes differ by at most one row);
+ * everything else runs on the calling thread. */
+KVL_API KvlStatus kvliIntegral_8u32s_C1R(const Kvl8u* pSrc, int srcStep, Kvl32s* pDst, int dstStep, KvliSize roiSize, Kvl32s val);
+KVL_API KvlStatus kvliIntegral_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f val);
+KVL_API KvlStatus kvliIntegral_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize);
+KVL_API KvlStatus kvliSqrIntegral_8u32s_C1R(const Kvl8u* pSrc, int srcStep, Kvl32s* pDst, int dstStep, Kvl32s* pSqr, int sqrStep, KvliSize roiSize, Kvl32s val, Kvl32s valSqr);
+KVL_API KvlStatus kvliSqrIntegral_8u32s64f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32s* pDst, int dstStep, Kvl64f* pSqr, int sqrStep, KvliSize roiSize, Kvl32s val, Kvl64f valSqr);
+KVL_API KvlStatus kvliSqrIntegral_8u32f64f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, Kvl64f* pSqr, int sqrStep, KvliSize roiSize, Kvl32f val, Kvl64f valSqr);
+KVL_API KvlStatus kvliTiltedIntegral_8u32s_C1R(const Kvl8u* pSrc, int srcStep, Kvl32s* pDst, int dstStep, KvliSize roiSize, Kvl32s val);
+KVL_API KvlStatus kvliTiltedIntegral_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f val);
+KVL_API KvlStatus kvliTiltedSqrIntegral_8u32s_C1R(const Kvl8u* pSrc, int srcStep, Kvl32s* pDst, int dstStep, Kvl32s* pSqr, int sqrStep, KvliSize roiSize, Kvl32s val, Kvl32s valSqr);
+KVL_API KvlStatus kvliTiltedSqrIntegral_8u32s64f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32s* pDst, int dstStep, Kvl64f* pSqr, int sqrStep, KvliSize roiSize, Kvl32s val, Kvl64f valSqr);
+KVL_API KvlStatus kvliTiltedSqrIntegral_8u32f64f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, Kvl64f* pSqr, int sqrStep, KvliSize roiSize, Kvl32f val, Kvl64f valSqr);
+KVL_API KvlStatus kvliRectStdDev_32s_C1RSfs(const Kvl32s* pSrc, int srcStep, const Kvl32s* pSqr, int sqrStep, Kvl32s* pDst, int dstStep, KvliSize roiSize, KvliRect rect, int scaleFactor);
+KVL_API KvlStatus kvliRectStdDev_32s32f_C1R(const Kvl32s* pSrc, int srcStep, const Kvl64f* pSqr, int sqrStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliRect rect);
+KVL_API KvlStatus kvliRectStdDev_32f_C1R(const Kvl32f* pSrc, int srcStep, const Kvl64f* pSqr, int sqrStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliRect rect);
+KVL_API KvlStatus kvliTiltedRectStdDev_32s_C1RSfs(const Kvl32s* pSrc, int srcStep, const Kvl32s* pSqr, int sqrStep, Kvl32s* pDst, int dstStep, KvliSize roiSize, KvliRect rect, int scaleFactor);
+KVL_API KvlStatus kvliTiltedRectStdDev_32s32f_C1R(const Kvl32s* pSrc, int srcStep, const Kvl64f* pSqr, int sqrStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliRect rect);
+KVL_API KvlStatus kvliTiltedRectStdDev_32f_C1R(const Kvl32f* pSrc, int srcStep, const Kvl64f* pSqr, int sqrStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliRect rect);
+/* @@END INTEGRAL@@ */
+
+/* ---------------------------------------------------------------------------------------------
  * Haar classifiers
  * ------------------------------------------------------------------------------------------- */
 /* @@BEGIN HAAR CLASSIFIERS@@ */

@@ -1,5 +1,6 @@
 # Benchmark sources of this subsystem: target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/<fam>_bench.cc)
-target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/haar_bench.cc)
+target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/haar_bench.cc
+               ${CMAKE_CURRENT_LIST_DIR}/integral_bench.cc)
 
 # The detection component (tools/detect): the whole search of a photograph against the peer's
 # cascade detector, and the program that compares their boxes (kvlcv_detect_compare).

@@ -40,8 +40,8 @@ constexpr KvlStatus positive(I... v) {
 template <class T, int kC = 1>
 struct Step {
   int step;
-  // The step covers a row of `width` pixels.
-  bool covers(int width) const {
+  // The step covers a row of `width` pixels (64-bit: a table row may be wider than the ROI).
+  bool covers(long long width) const {
     // Signed throughout: a negative step must not wrap into a huge unsigned one.
     return static_cast<long long>(step) >=
            static_cast<long long>(width) * kC * static_cast<long long>(sizeof(T));
@@ -52,7 +52,7 @@ struct Step {
 
 // kvlStatusBadStep when a step is shorter than its row.
 template <class... S>
-KvlStatus stepsCover(int width, S... s) {
+KvlStatus stepsCover(long long width, S... s) {
   return (s.covers(width) && ...) ? kvlStatusOk : kvlStatusBadStep;
 }
 

@@ -65,6 +65,21 @@ inline int teamGradient(KvliSize roi, int threads) {
 }
 inline int teamGradient(KvliSize roi) { return teamGradient(roi, ownGetNumThreads()); }
 
+// Rectangle standard deviation over float tables: min(maxThreads, width x height / 1024); 1 or
+// less is serial, otherwise the team is capped at 32 and at the permitted threads.
+constexpr int kRectStdDevMaxTeam = 32;
+inline int teamRectStdDev(KvliSize roi, int maxThreads, int threads) {
+  long long team = static_cast<long long>(roi.width) * roi.height / 1024;
+  if (maxThreads < team) team = maxThreads;
+  if (team <= 1) return 1;
+  if (team > kRectStdDevMaxTeam) team = kRectStdDevMaxTeam;
+  if (threads < team) team = threads;
+  return team > 1 ? static_cast<int>(team) : 1;
+}
+inline int teamRectStdDev(KvliSize roi) {
+  return teamRectStdDev(roi, owncvGetMaxNumThreads(), ownGetNumThreads());
+}
+
 // One thread's share of the rows. Stripe edges inside the image are marked in memory, so a
 // neighbourhood filter reads its neighbours' rows there instead of extending the border.
 struct Stripe {
@@ -90,11 +105,23 @@ inline Stripe stripeOf(int t, int n, int height) {
   return Stripe{t, n, t * rows, t == n - 1 ? rows + rest : rows, height};
 }
 
+// Thread t of n over `height` rows in stripes that differ by at most one row: rows
+// t * height / n up to (t + 1) * height / n.
+inline Stripe evenStripeOf(int t, int n, int height) {
+  const int y0 = static_cast<int>(static_cast<long long>(t) * height / n);
+  const int y1 = static_cast<int>(static_cast<long long>(t + 1) * height / n);
+  return Stripe{t, n, y0, y1 - y0, height};
+}
+
+// How a region divides the rows: height / n each with the rest to the last thread (the common
+// rule), or stripes of equal size to within one row.
+enum class Split { kRestToLast, kEven };
+
 // Runs body(const Stripe&) over `height` rows with a team of `team` threads. The master computes
 // the split and publishes it through a barrier; a thread with no rows does nothing; a region that
 // cannot fork runs as a team of one that takes every row.
 template <class Body>
-void runStripes(int team, int height, Body&& body) {
+void runStripes(int team, int height, Body&& body, Split split = Split::kRestToLast) {
   if (team <= 1) {
     body(Stripe{0, 1, 0, height, height});
     return;
@@ -105,7 +132,8 @@ void runStripes(int team, int height, Body&& body) {
 #pragma omp master
     n = owncvGetNumThreads();
 #pragma omp barrier
-    const Stripe s = stripeOf(owncvGetIdThreads(), n, height);
+    const int t = owncvGetIdThreads();
+    const Stripe s = split == Split::kEven ? evenStripeOf(t, n, height) : stripeOf(t, n, height);
     if (s.rows >= 1) body(s);
   }
 }

@@ -70,4 +70,15 @@ inline T* rowPtr(T* base, int step, int y) {
                               static_cast<std::ptrdiff_t>(step) * y);
 }
 
+// Elements before p reaches a multiple of `vectorBytes` (at most n): the vector loops run a scalar
+// head first, because stores that split cache lines cost more than a few scalar elements. Zero
+// when p is not even element-aligned.
+template <class T>
+inline int alignedHead(const T* p, int vectorBytes, int n) {
+  const uintptr_t mis = reinterpret_cast<uintptr_t>(p) % static_cast<uintptr_t>(vectorBytes);
+  if (mis == 0 || mis % sizeof(T) != 0) return 0;
+  const int head = static_cast<int>((static_cast<uintptr_t>(vectorBytes) - mis) / sizeof(T));
+  return head < n ? head : n;
+}
+
 }  // namespace kvl

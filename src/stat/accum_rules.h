@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "core/pixel.h"
 #include "stat/accum.h"
 
 namespace kvl::stat {
@@ -34,17 +35,6 @@ inline T absDiff(T a, T b) {
   } else {
     return static_cast<T>(a > b ? a - b : b - a);
   }
-}
-
-// Elements before p reaches a multiple of `vectorBytes` (at most n): the vector loops run a scalar
-// head first, because stores that split cache lines cost more than a few scalar elements. Zero
-// when p is not even element-aligned.
-template <class T>
-inline int alignedHead(const T* p, int vectorBytes, int n) {
-  const uintptr_t mis = reinterpret_cast<uintptr_t>(p) % static_cast<uintptr_t>(vectorBytes);
-  if (mis == 0 || mis % sizeof(T) != 0) return 0;
-  const int head = static_cast<int>((static_cast<uintptr_t>(vectorBytes) - mis) / sizeof(T));
-  return head < n ? head : n;
 }
 
 }  // namespace kvl::stat

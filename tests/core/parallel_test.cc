@@ -62,6 +62,28 @@ TEST(Rules, AtTheirThresholds) {
   }
 }
 
+// Rectangle standard deviation: min(maxThreads, pixels / 1024), serial at 1, capped at 32 and at
+// the permitted threads; its stripes differ by at most one row.
+TEST(Rules, RectStdDevTeamAndEvenStripes) {
+  EXPECT_EQ(kvl::par::teamRectStdDev({2047, 1}, 8, 8), 1);
+  EXPECT_EQ(kvl::par::teamRectStdDev({1024, 2}, 8, 8), 2);
+  EXPECT_EQ(kvl::par::teamRectStdDev({1024, 100}, 64, 64), 32);
+  EXPECT_EQ(kvl::par::teamRectStdDev({1024, 100}, 64, 3), 3);
+  EXPECT_EQ(kvl::par::teamRectStdDev({1024, 100}, 1, 8), 1);
+  const int rows[][4] = {{333, 333, 334, 0}, {2, 3, 2, 3}, {0, 1, 0, 1}};
+  const int heights[] = {1000, 10, 2}, teams[] = {3, 4, 4};
+  for (int c = 0; c < 3; ++c) {
+    int y = 0;
+    for (int t = 0; t < teams[c]; ++t) {
+      const kvl::par::Stripe s = kvl::par::evenStripeOf(t, teams[c], heights[c]);
+      EXPECT_EQ(s.y0, y);
+      EXPECT_EQ(s.rows, rows[c][t]) << heights[c] << " rows, thread " << t;
+      y += s.rows;
+    }
+    EXPECT_EQ(y, heights[c]);
+  }
+}
+
 TEST(Services, AllocationAndThreadCount) {
   EXPECT_EQ(kvlMalloc(0), nullptr);
   void* p = kvlMalloc(100);

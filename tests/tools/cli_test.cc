@@ -243,6 +243,8 @@ TEST_F(Cli, ErrorsAreOneActionableLine) {
       {"sobel $G $T/nodir/o.png", "cannot write", 1},
       {"frobnicate $G $T/o.png", "unknown operation 'frobnicate'", 1},
       {"canny --kernel scharr --mask 5 $G $T/o.png", "kvlStatusBadMaskSize", 1},
+      {"integral --window 62 $G $T/o.png", "--window 62 is larger than the image (61x37)", 1},
+      {"integral --scale 17 $G $T/o.png", "--scale: 17 is outside -16..16", 1},
       {"detect --cascade $T/missing.xml $G $T/o.png", "missing.xml': No such file or directory", 1},
       {"detect --cascade $T/text.png $G $T/o.png", "text.png': not well-formed XML", 1},
       {"detect --cascade $T/zero.png $G $T/o.png", "zero.png': larger than 64 MiB", 1},

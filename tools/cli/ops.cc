@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "detect/integral_members.h"
 #include "filter/deriv_members.h"
 
 extern "C" const unsigned char kvl_demo_png[];
@@ -305,6 +306,70 @@ RunResult runGradientGray(const Args& a, const Picture& in, Picture* out) {
   });
 }
 
+// ---- Local standard deviation through integral images -----------------------------------------
+
+namespace dt = kvl::detect;
+
+// The table member whose tables the standard-deviation member reads (same shape and types).
+const dt::IntegralMember* tablesFor(const dt::StdDevMember& m) {
+  static const dt::IntegralMember tables[] = {KVL_INTEGRAL_MEMBERS(KVL_INTEGRAL_MEMBER_RECORD)};
+  auto same = [](dt::Elem a, dt::Elem b) { return a.bytes == b.bytes && a.real == b.real; };
+  for (const dt::IntegralMember& t : tables)
+    if (t.pad == (m.tilted ? 2 : 1) && same(t.sum, m.sum) && same(t.sqr, m.sqr)) return &t;
+  return nullptr;
+}
+
+// The square and sum tables of the grey image, then the standard deviation of the window around
+// every pixel; the border rows and columns the window cannot cover repeat the nearest result.
+RunResult runIntegral(const Args& a, const Picture& in, Picture* out) {
+  Picture grey;
+  const std::string err = toGrey8(in, &grey);
+  if (!err.empty()) return problem(err);
+  static const dt::StdDevMember devs[] = {KVL_RECT_STDDEV_MEMBERS(KVL_STDDEV_MEMBER_RECORD)};
+  const bool tilted = word(a, "shape", "upright") == "tilted";
+  const std::string name = std::string(tilted ? "Tilted" : "") + "RectStdDev_" + word(a, "type", "32f");
+  const dt::StdDevMember* dev = nullptr;
+  for (const dt::StdDevMember& m : devs)
+    if (name == m.name) dev = &m;
+  const dt::IntegralMember* make = tablesFor(*dev);
+  const int window = static_cast<int>(number(a, "window", 15));
+  // Upright: a window x window square; tilted: a diamond of 2 k^2 pixels, k = window / 2.
+  const int k = std::max(1, window / 2);
+  const KvliRect rect = tilted ? KvliRect{k, 0, k, k} : KvliRect{0, 0, window, window};
+  const KvliSize roi = tilted ? KvliSize{in.width + 3 - 3 * k, in.height + 2 - 3 * k}
+                              : KvliSize{in.width - window + 1, in.height - window + 1};
+  if (roi.width < 1 || roi.height < 1)
+    return problem("--window " + word(a, "window", "15") + " is larger than the image (" +
+                   std::to_string(in.width) + "x" + std::to_string(in.height) + ")");
+  const int tableStep = (in.width + make->pad) * 8;
+  std::vector<double> sum(static_cast<size_t>(in.height + make->pad) * (in.width + make->pad));
+  std::vector<double> sqr(sum.size());
+  std::vector<double> dst(static_cast<size_t>(roi.width) * roi.height / 2 + 1);
+  const int scale = static_cast<int>(number(a, "scale", -4));
+  const KvliSize size{in.width, in.height};
+  RunResult r = timed([&] {
+    const KvlStatus s = make->run(grey.data.data(), grey.step(), sum.data(), tableStep,
+                                  sqr.data(), tableStep, size, 0, 0);
+    if (s != kvlStatusOk) return s;
+    return dev->run(sum.data(), tableStep, sqr.data(), tableStep, dst.data(), roi.width * 4, roi,
+                    rect, scale);
+  });
+  if (r.status != kvlStatusOk) return r;
+  // Centre the results and repeat the edge ones outwards.
+  const int dx = (in.width - roi.width) / 2, dy = (in.height - roi.height) / 2;
+  std::vector<float> full(static_cast<size_t>(in.width) * in.height);
+  for (int y = 0; y < in.height; ++y)
+    for (int x = 0; x < in.width; ++x) {
+      const int sx = std::clamp(x - dx, 0, roi.width - 1), sy = std::clamp(y - dy, 0, roi.height - 1);
+      const size_t i = static_cast<size_t>(sy) * roi.width + sx;
+      full[static_cast<size_t>(y) * in.width + x] =
+          dev->dst.real ? reinterpret_cast<const float*>(dst.data())[i]
+                        : static_cast<float>(reinterpret_cast<const int32_t*>(dst.data())[i]);
+    }
+  present(full, in.width, in.height, flag(a, "raw"), out);
+  return r;
+}
+
 // ---- The table ----------------------------------------------------------------------------------
 
 const std::vector<Operation> kOperations = {
@@ -352,6 +417,19 @@ const std::vector<Operation> kOperations = {
        Kind::kFlag},
       kRawOpt},
      runGradientGray},
+    {"integral", "Local standard deviation through integral images",
+     "  Builds the sum and square tables of the grey image (RGB is converted to luma) and takes\n"
+     "  the standard deviation of the window around every pixel from them: a --window square, or\n"
+     "  with --shape tilted a 45-degree diamond of 2 k^2 pixels (k = window / 2). Pixels the\n"
+     "  window cannot cover take the nearest result. --type picks the tables: 32s (integer\n"
+     "  tables, result scaled by 2^-scale and truncated), 32s32f or 32f. Written scaled so the\n"
+     "  99.5th percentile is 255, unless --raw. --time covers both tables and the deviations.",
+     {{"window", "window side in pixels", {}, "15", Kind::kInteger, 1, 4096},
+      {"shape", "window shape", {"upright", "tilted"}, "upright"},
+      {"type", "table and result types", {"32f", "32s32f", "32s"}, "32f"},
+      {"scale", "--type 32s stores the deviation times 2^-scale", {}, "-4", Kind::kInteger, -16, 16},
+      kRawOpt},
+     runIntegral},
     {"detect", "Finds faces (or what --cascade was trained on) and draws boxes around them",
      kDetectDetails, detectOptions(), runDetect},
 };
@@ -473,6 +551,8 @@ int demo(const std::string& dir) {
       {"canny", {}, "canny.png"},
       {"canny", {{"kernel", "scharr"}, {"norm", "l1"}, {"low", "200"}, {"high", "500"}}, "canny-scharr-l1.png"},
       {"gradient-gray", {{"norm", "l2"}}, "gradient-gray-l2.png"},
+      {"integral", {{"window", "9"}}, "integral-stddev-9.png"},
+      {"integral", {{"window", "15"}, {"shape", "tilted"}, {"type", "32s"}}, "integral-stddev-tilted-32s.png"},
       {"detect", {}, "detect-faces.png"},
   };
   std::printf("%-16s %-46s %-10s %10s %12s\n", "operation", "options", "size", "time (ms)", "Mpixel/s");

@@ -13,10 +13,6 @@
 
 #include "cascade.h"
 
-#ifdef KVL_DETECT_PENDING_LIB
-#include "pending_lib.h"
-#endif
-
 namespace kvl::detect {
 
 struct DetectParams {
