@@ -72,8 +72,9 @@ KvlStatus initAlloc(HaarState<V>** ppState, const KvliRect* pFeature, const V* p
   if (length < 0) return kvlStatusBadSize;
   long long total = 0;
   for (int i = 0; i < length; ++i) {
-    if (pNum[i] < 1) return kvlStatusBadSize;
-    total += pNum[i];
+    const int n = loadAny(pNum + i);
+    if (n < 1) return kvlStatusBadSize;
+    total += n;
   }
   const long long bytes = haarStateBytes(length, total);
   if (bytes > INT_MAX) return kvlStatusNoMemory;
@@ -98,21 +99,21 @@ KvlStatus initAlloc(HaarState<V>** ppState, const KvliRect* pFeature, const V* p
   bool accepted = true;
   for (int pass = tilted ? 2 : 0; pass < 3; ++pass) {
     long long first = 0;  // the classifier's first rectangle in the caller's arrays
-    for (int i = 0; i < length; first += pNum[i], ++i) {
-      const int n = pNum[i];
+    for (int i = 0; i < length; first += loadAny(pNum + i), ++i) {
+      const int n = loadAny(pNum + i);
       if (!tilted && (pass == 0 ? n != 2 : pass == 1 ? n != 3 : (n == 2 || n == 3))) continue;
       HaarRecord<V>& c = records[next++];
       c = HaarRecord<V>{n,
                         out,
-                        pThreshold[i],
-                        pVal1[i],
-                        pVal2[i],
+                        loadAny(pThreshold + i),
+                        loadAny(pVal1 + i),
+                        loadAny(pVal2 + i),
                         (static_cast<uint32_t>(i) << kIndexShift) | (tilted ? kTiltedFlag : 0)};
       for (int k = 0; k < n; ++k, ++out) {
-        const KvliRect& r = pFeature[first + k];
+        const KvliRect r = loadAny(pFeature + first + k);
         accepted = accepted && rectAccepted(r, tilted);
         tilted ? tiltedCorners(r, out->p) : uprightCorners(r, out->p);
-        out->weight = pWeight[first + k];
+        out->weight = loadAny(pWeight + first + k);
       }
     }
     if (pass == 0) st->count2 = next;
@@ -120,11 +121,11 @@ KvlStatus initAlloc(HaarState<V>** ppState, const KvliRect* pFeature, const V* p
   }
   if (!accepted) {
     kvlsFree(mem);
-    *ppState = nullptr;
+    storeAny(ppState, static_cast<HaarState<V>*>(nullptr));
     return kvlStatusBadArgument;
   }
   updateBounds(st);
-  *ppState = st;
+  storeAny(ppState, st);
   return kvlStatusOk;
 }
 
@@ -148,7 +149,7 @@ KvlStatus classifierSize(const HaarState<V>* st, KvliSize* pSize) {
       any = true;
     }
   }
-  *pSize = s;
+  storeAny(pSize, s);
   return kvlStatusOk;
 }
 
@@ -245,7 +246,7 @@ KvlStatus apply(const typename HaarTypes<A>::Table* src, int srcStep,
   }
   const int positive = HaarKernel<A, kMixed>::kernel.pick()(job);
   kvlsFree(offsets);
-  *pPositive = positive;
+  storeAny(pPositive, positive);
   return kvlStatusOk;
 }
 

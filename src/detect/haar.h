@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "core/pixel.h"
 #include "core/simd.h"
 #include "detect/haar_members.h"
 #include "kvlcv.h"
@@ -100,14 +101,16 @@ inline int32_t cornerOffset(KvliPoint p, ptrdiff_t stride) {
 }
 
 // One rectangle's sum at origin o: ((X[o0] - X[o1]) - X[o2]) + X[o3] in the table's type, integers
-// wrapping.
+// wrapping. The caller's tables may sit at any address.
 template <class Table>
 inline Table cornerSum(const Table* o, const int32_t* off) {
+  const Table x0 = loadAny(o + off[0]), x1 = loadAny(o + off[1]);
+  const Table x2 = loadAny(o + off[2]), x3 = loadAny(o + off[3]);
   if constexpr (std::is_floating_point_v<Table>) {
-    return ((o[off[0]] - o[off[1]]) - o[off[2]]) + o[off[3]];
+    return ((x0 - x1) - x2) + x3;
   } else {
-    const uint32_t s = static_cast<uint32_t>(o[off[0]]) - static_cast<uint32_t>(o[off[1]]) -
-                       static_cast<uint32_t>(o[off[2]]) + static_cast<uint32_t>(o[off[3]]);
+    const uint32_t s = static_cast<uint32_t>(x0) - static_cast<uint32_t>(x1) -
+                       static_cast<uint32_t>(x2) + static_cast<uint32_t>(x3);
     return static_cast<Table>(s);
   }
 }

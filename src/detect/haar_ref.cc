@@ -14,7 +14,7 @@ int haarApply(const HaarJob<A>& j) {
     Kvl8u* mask = rowPtr(j.mask, j.maskStep, r);
     for (int c = 0; c < j.roi.width; ++c) {
       if (mask[c] == 0) continue;
-      if (haarStays<A, kMixed>(j, up + c, kMixed ? tl + c : nullptr, norm[c])) {
+      if (haarStays<A, kMixed>(j, up + c, kMixed ? tl + c : nullptr, loadAny(norm + c))) {
         ++positive;
       } else {
         mask[c] = 0;

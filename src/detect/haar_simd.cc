@@ -168,7 +168,18 @@ struct Stage {
   HWY_INLINE typename R::VT corner(const Table* b, VI idx, int32_t o) const {
     (void)idx;
     if constexpr (kAccess == kGather) {
+#if HWY_TARGET == HWY_SSE4
+      // SSE4 has no gather instruction and Highway's stand-in reads typed elements, which the
+      // caller's table (at any address) does not allow: read each lane's element as bytes.
+      const DT dt;
+      alignas(16) int32_t at[hn::MaxLanes(dt)];
+      alignas(16) Table lanes[hn::MaxLanes(dt)];
+      hn::Store(idx, hn::RebindToSigned<DT>(), at);
+      for (size_t l = 0; l < hn::Lanes(dt); ++l) lanes[l] = loadAny(b + o + at[l]);
+      return hn::Load(dt, lanes);
+#else
       return hn::GatherIndex(DT(), b + o, idx);
+#endif
 #if KVL_HAAR_MASKED_LOADS
     } else if constexpr (kAccess == kMasked) {
       return hn::MaskedLoad(lanes, DT(), b + o);
@@ -336,7 +347,7 @@ int haarApply(const HaarJob<A>& j) {
     auto enlist = [&](int x) {
       list.up[list.n] = static_cast<int32_t>((r - list.r0) * j.srcStride + x);
       list.tl[list.n] = kMixed ? static_cast<int32_t>((r - list.r0) * j.tiltStride + x) : 0;
-      list.norm[list.n] = norm[x];
+      list.norm[list.n] = loadAny(norm + x);
       list.mask[list.n] = mask + x;
       if (++list.n == kListCap) {
         positive += evaluateList<A, kMixed>(j, list);

@@ -7,7 +7,7 @@ namespace {
 
 template <class T>
 void fillRow(T* row, int n, T v) {
-  for (int x = 0; x < n; ++x) row[x] = v;
+  for (int x = 0; x < n; ++x) storeAny(row + x, v);
 }
 
 // Row y+1 of an upright table from source row y and table row y: column 0 is val, then the
@@ -15,25 +15,28 @@ void fillRow(T* row, int n, T v) {
 template <class Src, class T, class Term>
 void uprightRow(const Src* s, const T* above, T* out, int w, T val, Term termOf) {
   Running<Src, T> r = 0;
-  out[0] = val;
+  storeAny(out, val);
   for (int x = 0; x < w; ++x) {
     if constexpr (std::is_floating_point_v<Src>) {
-      r += s[x];
+      r += loadAny(s + x);
     } else {
       r += termOf(s[x]);
     }
-    out[x + 1] = withAbove(r, above[x + 1]);
+    storeAny(out + x + 1, withAbove(r, loadAny(above + x + 1)));
   }
 }
 
 // Row y+2 of a tilted table from source row y and table rows y+1 (up) and y (up2).
 template <class T, class Term>
 void tiltedRow(const Kvl8u* s, const T* up, const T* up2, T* out, int w, Term termOf) {
-  out[0] = up[1];
-  for (int x = 1; x <= w - 1; ++x)
-    out[x] = tilted(termOf(s[x - 1]) + termOf(s[x]), up[x - 1], up[x + 1], up2[x]);
-  out[w] = tilted(termOf(s[w - 1]), up[w - 1], up[w + 1], up2[w]);
-  out[w + 1] = up[w];
+  auto at = [](const T* row, int x) { return loadAny(row + x); };
+  storeAny(out, at(up, 1));
+  auto element = [&](int x, uint32_t pix) {
+    storeAny(out + x, tilted(pix, at(up, x - 1), at(up, x + 1), at(up2, x)));
+  };
+  for (int x = 1; x <= w - 1; ++x) element(x, termOf(s[x - 1]) + termOf(s[x]));
+  element(w, termOf(s[w - 1]));
+  storeAny(out + w + 1, at(up, w));
 }
 
 template <class Src, class T, Shape kShape, class Term>

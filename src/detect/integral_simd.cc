@@ -72,13 +72,13 @@ template <class T, bool kSquare>
 void uprightRow(const Kvl8u* s, const T* above, T* out, int w, T val) {
   const DI di;
   const int n = static_cast<int>(hn::Lanes(di));
-  out[0] = val;
+  storeAny(out, val);
   int x = 0;
   Running<Kvl8u, T> r = 0;
   auto scalar = [&](int end) {
     for (; x < end; ++x) {
       r += kSquare ? square(s[x]) : term(s[x]);
-      out[x + 1] = withAbove(r, above[x + 1]);
+      storeAny(out + x + 1, withAbove(r, loadAny(above + x + 1)));
     }
   };
   // float tables hold the row's sum in int32 lanes only while it fits
@@ -123,13 +123,18 @@ void uprightRow(const Kvl8u* s, const T* above, T* out, int w, T val) {
 // Row y+2 of a tilted table T from source row s, row y+1 (up) and row y (up2).
 template <class T, bool kSquare>
 void tiltedRow(const Kvl8u* s, const T* up, const T* up2, T* out, int w) {
-  out[0] = up[1];
   auto termOf = [](Kvl8u v) { return kSquare ? square(v) : term(v); };
+  auto at = [](const T* row, int x) { return loadAny(row + x); };
+  // One element from the source pixels `pix` and the two rows above.
+  auto element = [&](int x, uint32_t pix) {
+    storeAny(out + x, tilted(pix, at(up, x - 1), at(up, x + 1), at(up2, x)));
+  };
+  storeAny(out, at(up, 1));
   int x = 1;
   // A scalar head first, so the vector stores do not split cache lines.
   for (const int head = 1 + alignedHead(out + 1, static_cast<int>(hn::Lanes(DI())) * 4, w - 1);
        x < head; ++x)
-    out[x] = tilted(termOf(s[x - 1]) + termOf(s[x]), up[x - 1], up[x + 1], up2[x]);
+    element(x, termOf(s[x - 1]) + termOf(s[x]));
   if constexpr (std::is_same_v<T, Kvl64f>) {
     const hn::ScalableTag<double> dd;
     const hn::Rebind<int32_t, decltype(dd)> di;
@@ -159,10 +164,9 @@ void tiltedRow(const Kvl8u* s, const T* up, const T* up2, T* out, int w) {
       }
     }
   }
-  for (; x <= w - 1; ++x)
-    out[x] = tilted(termOf(s[x - 1]) + termOf(s[x]), up[x - 1], up[x + 1], up2[x]);
-  out[w] = tilted(termOf(s[w - 1]), up[w - 1], up[w + 1], up2[w]);
-  out[w + 1] = up[w];
+  for (; x <= w - 1; ++x) element(x, termOf(s[x - 1]) + termOf(s[x]));
+  element(w, termOf(s[w - 1]));
+  storeAny(out + w + 1, at(up, w));
 }
 
 template <class T, Shape kShape, bool kSquare>
@@ -170,7 +174,7 @@ void table8u(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val)
   constexpr int kPad = kShape == Shape::kUpright ? 1 : 2;
   for (int y = 0; y < kPad; ++y) {
     T* row = rowPtr(t, step, y);
-    for (int x = 0; x < w + kPad; ++x) row[x] = val;
+    for (int x = 0; x < w + kPad; ++x) storeAny(row + x, val);
   }
   for (int y = 0; y < h; ++y) {
     const Kvl8u* s = rowPtr(src, srcStep, y);
@@ -186,7 +190,7 @@ void table8u(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val)
 // The float source: the scalar rule, four rows at a time so that four running sums are in flight;
 // each row still adds its pixels left to right and then the row above, as the rule says.
 void table32f(const Kvl32f* src, int srcStep, Kvl32f* t, int step, int w, int h, Kvl32f val) {
-  for (int x = 0; x <= w; ++x) t[x] = val;
+  for (int x = 0; x <= w; ++x) storeAny(t + x, val);
   constexpr int kRows = 4;
   int y = 0;
   for (; y + kRows <= h; y += kRows) {
@@ -197,13 +201,13 @@ void table32f(const Kvl32f* src, int srcStep, Kvl32f* t, int step, int w, int h,
     for (int k = 0; k < kRows; ++k) {
       s[k] = rowPtr(src, srcStep, y + k);
       o[k + 1] = rowPtr(t, step, y + k + 1);
-      o[k + 1][0] = val;
+      storeAny(o[k + 1], val);
       r[k] = 0.0f;
     }
     for (int x = 0; x < w; ++x) {
       for (int k = 0; k < kRows; ++k) {
-        r[k] += s[k][x];
-        o[k + 1][x + 1] = r[k] + o[k][x + 1];
+        r[k] += loadAny(s[k] + x);
+        storeAny(o[k + 1] + x + 1, r[k] + loadAny(o[k] + x + 1));
       }
     }
   }
@@ -211,11 +215,11 @@ void table32f(const Kvl32f* src, int srcStep, Kvl32f* t, int step, int w, int h,
     const Kvl32f* s = rowPtr(src, srcStep, y);
     const Kvl32f* above = rowPtr(t, step, y);
     Kvl32f* out = rowPtr(t, step, y + 1);
-    out[0] = val;
+    storeAny(out, val);
     float r = 0.0f;
     for (int x = 0; x < w; ++x) {
-      r += s[x];
-      out[x + 1] = r + above[x + 1];
+      r += loadAny(s + x);
+      storeAny(out + x + 1, r + loadAny(above + x + 1));
     }
   }
 }

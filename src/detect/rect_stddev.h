@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "core/pixel.h"
 #include "core/simd.h"
 #include "detect/integral_members.h"
 #include "kvlcv.h"
@@ -83,31 +84,35 @@ inline float sfsScale(int scaleFactor) {
   return scaleFactor > 0 ? 1.0f / p : p;
 }
 
+// The four corners of a table at column x, each converted to To, combined in To. The tables may
+// sit at any address.
+template <bool kTilted, class To, class T>
+inline To cornersAt(const T* const* t, int x) {
+  auto at = [&](int k) { return static_cast<To>(loadAny(t[k] + x)); };
+  return combine<kTilted>(at(0), at(1), at(2), at(3));
+}
+
 template <StdDevRule kRule, bool kTilted, class Sum, class Sqr, class Dst>
 inline Dst stdDev(const Sum* const* s, const Sqr* const* q, int x, const StdDevParams& p) {
   if constexpr (kRule == StdDevRule::kSfs) {
-    const float sum = static_cast<float>(combine<kTilted>(s[0][x], s[1][x], s[2][x], s[3][x]));
-    const float sq = static_cast<float>(combine<kTilted>(q[0][x], q[1][x], q[2][x], q[3][x]));
+    const float sum = static_cast<float>(cornersAt<kTilted, Sum>(s, x));
+    const float sq = static_cast<float>(cornersAt<kTilted, Sqr>(q, x));
     const float mean = sum / p.nf;
     const float var = clampVariance(sq / p.nf - mean * mean);
     return scaledRoot(std::sqrt(static_cast<double>(var)), p.scale);
   } else if constexpr (kRule == StdDevRule::kSingle) {
-    const float sum = static_cast<float>(combine<kTilted>(s[0][x], s[1][x], s[2][x], s[3][x]));
-    const float sq = combine<kTilted>(static_cast<float>(q[0][x]), static_cast<float>(q[1][x]),
-                                      static_cast<float>(q[2][x]), static_cast<float>(q[3][x]));
+    const float sum = static_cast<float>(cornersAt<kTilted, Sum>(s, x));
+    const float sq = cornersAt<kTilted, float>(q, x);
     const float mean = sum / p.nf;
     return std::sqrt(clampVariance(sq / p.nf - mean * mean));
   } else if constexpr (kRule == StdDevRule::kWidened) {
-    const float sum = static_cast<float>(
-        combine<kTilted>(static_cast<double>(s[0][x]), static_cast<double>(s[1][x]),
-                         static_cast<double>(s[2][x]), static_cast<double>(s[3][x])));
-    const float sq = static_cast<float>(combine<kTilted>(q[0][x], q[1][x], q[2][x], q[3][x]));
+    const float sum = static_cast<float>(cornersAt<kTilted, double>(s, x));
+    const float sq = static_cast<float>(cornersAt<kTilted, Sqr>(q, x));
     const float mean = sum / p.nf;
     return std::sqrt(clampVariance(sq / p.nf - mean * mean));
   } else {
-    const double sum = combine<kTilted>(static_cast<double>(s[0][x]), static_cast<double>(s[1][x]),
-                                        static_cast<double>(s[2][x]), static_cast<double>(s[3][x]));
-    const double sq = combine<kTilted>(q[0][x], q[1][x], q[2][x], q[3][x]);
+    const double sum = cornersAt<kTilted, double>(s, x);
+    const double sq = cornersAt<kTilted, Sqr>(q, x);
     const double mean = sum / p.nd;
     return std::sqrt(static_cast<float>(clampVariance(sq / p.nd - mean * mean)));
   }

@@ -5,7 +5,7 @@ namespace kvl::detect::ref {
 
 template <StdDevRule kRule, bool kTilted, class Sum, class Sqr, class Dst>
 void stdDevRow(const Sum* const* s, const Sqr* const* q, Dst* dst, int n, const StdDevParams& p) {
-  for (int x = 0; x < n; ++x) dst[x] = stdDev<kRule, kTilted, Sum, Sqr, Dst>(s, q, x, p);
+  for (int x = 0; x < n; ++x) storeAny(dst + x, stdDev<kRule, kTilted, Sum, Sqr, Dst>(s, q, x, p));
 }
 
 #define KVL_INSTANTIATE(Name, types, Sum, Sqr, Dst, shape, rule, layout, team)                \

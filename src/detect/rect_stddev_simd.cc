@@ -85,7 +85,7 @@ void stdDevRow(const Sum* const* s, const Sqr* const* q, Dst* dst, int n, const 
       }
     }
   }
-  for (; x < n; ++x) dst[x] = stdDev<kRule, kTilted, Sum, Sqr, Dst>(s, q, x, p);
+  for (; x < n; ++x) storeAny(dst + x, stdDev<kRule, kTilted, Sum, Sqr, Dst>(s, q, x, p));
 }
 
 #endif  // KVL_SIMD_TARGET
