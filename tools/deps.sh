@@ -4,7 +4,8 @@
 # With --fuzz it also installs clang 14 with its libFuzzer, sanitizer runtimes, OpenMP runtime
 # and symbolizer (needed by `make fuzz` only).
 set -euo pipefail
-need=(cmake g++ make python3 pkg-config libhwy-dev libgtest-dev libbenchmark-dev libpng-dev)
+need=(cmake g++ make python3 pkg-config libhwy-dev libgtest-dev libbenchmark-dev libpng-dev
+  libtinyxml2-dev)
 optional=()
 case "${1:-}" in
   --bench) optional=(libopencv-dev) ;;

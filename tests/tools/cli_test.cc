@@ -245,6 +245,13 @@ TEST_F(Cli, ErrorsAreOneActionableLine) {
       {"canny --kernel scharr --mask 5 $G $T/o.png", "kvlStatusBadMaskSize", 1},
       {"integral --window 62 $G $T/o.png", "--window 62 is larger than the image (61x37)", 1},
       {"integral --scale 17 $G $T/o.png", "--scale: 17 is outside -16..16", 1},
+      {"detect --cascade $T/missing.xml $G $T/o.png", "missing.xml': No such file or directory", 1},
+      {"detect --cascade $T/text.png $G $T/o.png", "text.png': not well-formed XML", 1},
+      {"detect --cascade $T/zero.png $G $T/o.png", "zero.png': larger than 64 MiB", 1},
+      {"detect --cascade= $G $T/o.png", "--cascade: needs a file name", 1},
+      {"detect --scale-factor 1 $G $T/o.png", "--scale-factor: 1 is not above 1", 1},
+      {"detect --min-neighbors -1 $G $T/o.png", "--min-neighbors: -1 is outside 0..1000000", 1},
+      {"detect --min-size 30 --max-size 20 $G $T/o.png", "--max-size 20 is below --min-size 30", 1},
       {"", "usage:", 2},
   };
   for (ErrorCase c : cases) {
@@ -273,6 +280,25 @@ TEST_F(Cli, HelpVersionAndDemo) {
   Picture canny;
   EXPECT_EQ(kvlcli::readImage(dir_ + "/demo-out/canny.png", &canny), "");
   EXPECT_EQ(canny.width, 512);
+  EXPECT_NE(demo.output.find("x=176 y=66 width=96"), std::string::npos) << demo.output;
+}
+
+// The face of the sample photograph, as JSON and as lines, drawn on an RGB copy.
+TEST_F(Cli, DetectListsAndDrawsTheFace) {
+  const std::string photo = KVL_SOURCE_DIR "/data/astronaut.png";
+  const Outcome json = run("detect --json " + photo + " " + path("faces.png"));
+  EXPECT_EQ(json.exitCode, 0) << json.output;
+  EXPECT_EQ(json.output.rfind("[\n  {\"x\": 176, \"y\": 66, \"width\": 96, \"height\": 96, \"neighbors\": ", 0), 0u)
+      << json.output;
+  EXPECT_EQ(json.output.substr(json.output.size() - 4), "}\n]\n") << json.output;
+  const Picture drawn = read("faces.png");
+  EXPECT_EQ(drawn.channels, 3);
+  EXPECT_EQ(drawn.row(66)[3 * 200 + 1], 255);  // the top edge of the box is green
+  const Outcome lines = run("detect --min-neighbors 1000 --scale-factor 1.3 " + photo + " " + path("none.png"));
+  EXPECT_EQ(lines.exitCode, 0);
+  EXPECT_EQ(lines.output, "");
+  const Outcome grey = run("detect --json " + path("grey.png") + " " + path("g.png"));
+  EXPECT_EQ(grey.output, "[]\n");
 }
 
 }  // namespace

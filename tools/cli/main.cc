@@ -54,7 +54,7 @@ void usage(FILE* out) {
 // One line per option of every operation: "<operation> --<option> <kind> [<word>...]", for
 // scripts and tests that go through every accepted value.
 void listOperations() {
-  static const char* const kinds[] = {"word", "number", "integer", "flag"};
+  static const char* const kinds[] = {"word", "number", "integer", "flag", "file"};
   for (const Operation& op : operations())
     for (const Option& o : op.options) {
       std::printf("%s --%s %s", op.name, o.name, kinds[static_cast<int>(o.kind)]);
@@ -67,7 +67,9 @@ void opUsage(const Operation& op, FILE* out) {
   std::fprintf(out, "usage: kvlcv %s [options] <input> <output>\n\n%s\n%s\n\noptions:\n", op.name,
                op.summary, op.details);
   for (const Option& o : op.options) {
-    std::string values(o.kind == Kind::kNumber || o.kind == Kind::kInteger ? "N" : "");
+    std::string values(o.kind == Kind::kNumber || o.kind == Kind::kInteger ? "N"
+                       : o.kind == Kind::kFile                             ? "FILE"
+                                                                           : "");
     for (const char* v : o.values) values.append(values.empty() ? "" : "|").append(v);
     std::fprintf(out, "  --%-10s %-22s %s (default %s)\n", o.name, values.c_str(), o.help,
                  o.fallback);
@@ -218,6 +220,7 @@ int run(int argc, char** argv) {
   }
   err = writeImage(cl.files[1], out);
   if (!err.empty()) return fail(err);
+  std::fputs(r.report.c_str(), stdout);
   if (cl.time) {
     const double mpix = static_cast<double>(in.width) * in.height / 1e6;
     std::printf("%s %dx%d: %.3f ms, %.1f Mpixel/s\n", op->name, in.width, in.height, r.seconds * 1e3,

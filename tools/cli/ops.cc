@@ -193,7 +193,7 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   };
   if (type == "32f") {
     std::vector<float> src = toGrey32f(in), dst(src.size());
-    if (KvlStatus s = sized(m32f)) return RunResult{s, "", 0};
+    if (KvlStatus s = sized(m32f)) return RunResult{s, "", 0, ""};
     RunResult r = timed([&] {
       return m32f->run(src.data(), in.width * 4, dst.data(), in.width * 4, roi, mask, border,
                        static_cast<float>(value), 1, buffer.data());
@@ -213,7 +213,7 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   }
   const Kvl8u v8 = static_cast<Kvl8u>(value);
   if (type == "8u") {
-    if (KvlStatus s = sized(m8u)) return RunResult{s, "", 0};
+    if (KvlStatus s = sized(m8u)) return RunResult{s, "", 0, ""};
     out->allocate(in.width, in.height, 1, 8);
     return timed([&] {
       return m8u->run(grey.data.data(), grey.step(), out->data.data(), out->step(), roi, mask,
@@ -222,7 +222,7 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   }
   if (type == "16s") {
     std::vector<Kvl16s> dst(static_cast<size_t>(in.width) * in.height);
-    if (KvlStatus s = sized(m16s)) return RunResult{s, "", 0};
+    if (KvlStatus s = sized(m16s)) return RunResult{s, "", 0, ""};
     RunResult r = timed([&] {
       return m16s->run(grey.data.data(), grey.step(), dst.data(), in.width * 2, roi, mask, border,
                        v8, 1, buffer.data());
@@ -231,7 +231,7 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
     return r;
   }
   std::vector<Kvl8s> dst(static_cast<size_t>(in.width) * in.height);
-  if (KvlStatus s = sized(m8s)) return RunResult{s, "", 0};
+  if (KvlStatus s = sized(m8s)) return RunResult{s, "", 0, ""};
   const int divisor = static_cast<int>(number(a, "divisor", 1));
   RunResult r = timed([&] {
     return m8s->run(grey.data.data(), grey.step(), dst.data(), in.width, roi, mask, border, v8,
@@ -269,7 +269,7 @@ RunResult runCanny(const Args& a, const Picture& in, Picture* out) {
     return problem("--low " + word(a, "low", "50") + " is above --high " + word(a, "high", "150"));
   const KvliSize roi{in.width, in.height};
   int bytes = 0;
-  if (KvlStatus s = kvliCannyBorderGetSize(roi, kernel, mask, kvl8u, &bytes)) return RunResult{s, "", 0};
+  if (KvlStatus s = kvliCannyBorderGetSize(roi, kernel, mask, kvl8u, &bytes)) return RunResult{s, "", 0, ""};
   std::vector<Kvl8u> buffer(static_cast<size_t>(bytes));
   out->allocate(in.width, in.height, 1, 8);
   return timed([&] {
@@ -430,6 +430,8 @@ const std::vector<Operation> kOperations = {
       {"scale", "--type 32s stores the deviation times 2^-scale", {}, "-4", Kind::kInteger, -16, 16},
       kRawOpt},
      runIntegral},
+    {"detect", "Finds faces (or what --cascade was trained on) and draws boxes around them",
+     kDetectDetails, detectOptions(), runDetect},
 };
 
 }  // namespace
@@ -445,6 +447,7 @@ const Operation* findOperation(const std::string& name) {
 std::string checkValue(const Option& opt, const std::string& value) {
   const std::string head = std::string("--") + opt.name + ": ";
   if (opt.kind == Kind::kFlag) return std::string("--") + opt.name + " takes no value";
+  if (opt.kind == Kind::kFile) return value.empty() ? head + "needs a file name" : "";
   if (opt.kind != Kind::kWord) {
     char* end = nullptr;
     const double v = std::strtod(value.c_str(), &end);
@@ -469,6 +472,7 @@ std::string checkValue(const Option& opt, const std::string& value) {
       return head + value + " is outside " + text(opt.min) + ".." + text(opt.max);
     }
     if (opt.nonzero && v == 0) return head + "0 is not allowed (it must be non-zero)";
+    if (opt.aboveMin && v == opt.min) return head + value + " is not above " + text(opt.min);
     return "";
   }
   for (const char* v : opt.values)
@@ -549,6 +553,7 @@ int demo(const std::string& dir) {
       {"gradient-gray", {{"norm", "l2"}}, "gradient-gray-l2.png"},
       {"integral", {{"window", "9"}}, "integral-stddev-9.png"},
       {"integral", {{"window", "15"}, {"shape", "tilted"}, {"type", "32s"}}, "integral-stddev-tilted-32s.png"},
+      {"detect", {}, "detect-faces.png"},
   };
   std::printf("%-16s %-46s %-10s %10s %12s\n", "operation", "options", "size", "time (ms)", "Mpixel/s");
   int failures = 0;
@@ -575,6 +580,12 @@ int demo(const std::string& dir) {
     std::snprintf(size, sizeof(size), "%dx%d", photo.width, photo.height);
     std::printf("%-16s %-46s %-10s %10.3f %12.1f\n", r.op, opts.c_str(), size, res.seconds * 1e3,
                 photo.width * static_cast<double>(photo.height) / 1e6 / res.seconds);
+    // Operations that find things list them under their row.
+    for (size_t b = 0, e; b < res.report.size(); b = e + 1) {
+      e = res.report.find('\n', b);
+      if (e == std::string::npos) e = res.report.size();
+      std::printf("%16s %s\n", "", res.report.substr(b, e - b).c_str());
+    }
   }
   std::printf("\nResults written to %s/\n", dir.c_str());
   return failures ? 1 : 0;

@@ -18,6 +18,7 @@ enum class Kind {
   kNumber,   // a finite decimal number within [min, max]
   kInteger,  // a whole number (digits only) within [min, max]
   kFlag,     // takes no value
+  kFile,     // a file name (any non-empty text)
 };
 
 struct Option {
@@ -29,12 +30,14 @@ struct Option {
   double min = -1e300;  // kNumber, kInteger: the accepted range
   double max = 1e300;
   bool nonzero = false;  // kNumber, kInteger: 0 is refused
+  bool aboveMin = false;  // kNumber: min itself is refused
 };
 
 struct RunResult {
   KvlStatus status = kvlStatusOk;
   std::string error;     // a problem found before the library was called
   double seconds = 0.0;  // wall time of the library call
+  std::string report;    // printed on standard output once the output image is written
 };
 
 struct Operation {
@@ -51,6 +54,10 @@ struct StatusInfo {
 };
 
 const std::vector<Operation>& operations();
+// The detect operation (detect_op.cc).
+RunResult runDetect(const Args& args, const Picture& in, Picture* out);
+const std::vector<Option>& detectOptions();
+extern const char* const kDetectDetails;
 const Operation* findOperation(const std::string& name);
 StatusInfo statusInfo(KvlStatus status);
 // Empty when `value` is acceptable for `opt`, else a message naming the option, such as
