@@ -29,9 +29,7 @@ std::shared_ptr<Photo> loadPhoto(int side) {
   kvlcli::Picture p;
   auto photo = std::make_shared<Photo>();
   if (!kvlcli::readImage(KVL_SOURCE_DIR "/data/astronaut.png", &p).empty() || p.channels != 3) return photo;
-  std::vector<uint8_t> grey(static_cast<size_t>(p.width) * p.height);
-  for (size_t i = 0; i < grey.size(); ++i)
-    grey[i] = static_cast<uint8_t>((77 * p.data[3 * i] + 150 * p.data[3 * i + 1] + 29 * p.data[3 * i + 2] + 128) >> 8);
+  const std::vector<uint8_t> grey = kvlcli::greySamples(p);
   photo->width = photo->height = side;
   photo->grey.resize(static_cast<size_t>(side) * side);
   detect::resizeBilinear(grey.data(), p.width, p.width, p.height, photo->grey.data(), side, side, side);

@@ -32,20 +32,6 @@ double iou(const Box& a, const cv::Rect& b) {
   return inter / (static_cast<double>(a.width) * a.height + static_cast<double>(b.width) * b.height - inter);
 }
 
-std::vector<uint8_t> grey8(const kvlcli::Picture& p) {
-  std::vector<uint8_t> g(static_cast<size_t>(p.width) * p.height);
-  for (int y = 0; y < p.height; ++y)
-    for (int x = 0; x < p.width; ++x) {
-      auto s = [&](int c) -> int {
-        const int i = x * p.channels + c;
-        return p.depth == 8 ? p.row(y)[i] : reinterpret_cast<const uint16_t*>(p.row(y))[i] >> 8;
-      };
-      g[static_cast<size_t>(y) * p.width + x] = static_cast<uint8_t>(
-          p.channels == 1 ? s(0) : (77 * s(0) + 150 * s(1) + 29 * s(2) + 128) >> 8);
-    }
-  return g;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -82,7 +68,7 @@ int main(int argc, char** argv) {
         std::printf("%s: %s\n", path.c_str(), err.c_str());
         continue;
       }
-      std::vector<uint8_t> g = grey8(pic);
+      std::vector<uint8_t> g = kvlcli::greySamples(pic);
       const cv::Mat img(pic.height, pic.width, CV_8U, g.data());
       const std::vector<Box> boxes = detector.detect(g.data(), pic.width, pic.width, pic.height, p);
       std::vector<cv::Rect> peerBoxes, peerRaw;

@@ -241,9 +241,7 @@ class Astronaut : public ::testing::Test {
     kvlcli::Picture p;
     ASSERT_EQ(kvlcli::readImage(KVL_SOURCE_DIR "/data/astronaut.png", &p), "");
     w_ = p.width, h_ = p.height;
-    grey_.resize(static_cast<size_t>(w_) * h_);
-    for (size_t i = 0; i < grey_.size(); ++i)
-      grey_[i] = static_cast<uint8_t>((77 * p.data[3 * i] + 150 * p.data[3 * i + 1] + 29 * p.data[3 * i + 2] + 128) >> 8);
+    grey_ = kvlcli::greySamples(p);
   }
   static inline std::vector<uint8_t> grey_;
   static inline int w_ = 0, h_ = 0;

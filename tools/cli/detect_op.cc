@@ -37,22 +37,6 @@ const char* const kDetectDetails =
 
 namespace {
 
-// 8-bit grey from any input: RGB as luma (77 R + 150 G + 29 B + 128) >> 8, 16-bit by its high
-// byte.
-std::vector<uint8_t> grey8(const Picture& in) {
-  std::vector<uint8_t> g(static_cast<size_t>(in.width) * in.height);
-  for (int y = 0; y < in.height; ++y)
-    for (int x = 0; x < in.width; ++x) {
-      auto s = [&](int c) -> int {
-        const int i = x * in.channels + c;
-        return in.depth == 8 ? in.row(y)[i] : reinterpret_cast<const uint16_t*>(in.row(y))[i] >> 8;
-      };
-      g[static_cast<size_t>(y) * in.width + x] = static_cast<uint8_t>(
-          in.channels == 1 ? s(0) : (77 * s(0) + 150 * s(1) + 29 * s(2) + 128) >> 8);
-    }
-  return g;
-}
-
 void drawBox(Picture* p, const kd::Box& b) {
   const int t = std::max(2, std::min(b.width, b.height) / 40);
   auto fill = [&](int x0, int y0, int x1, int y1) {
@@ -95,7 +79,7 @@ RunResult runDetect(const Args& a, const Picture& in, Picture* out) {
                        : kd::parseCascade(kvl_default_cascade,
                                           static_cast<size_t>(kvl_default_cascade_end - kvl_default_cascade));
     const kd::Detector detector(c);
-    const std::vector<uint8_t> g = grey8(in);
+    const std::vector<uint8_t> g = kvlcli::greySamples(in);
     const auto t0 = std::chrono::steady_clock::now();
     boxes = detector.detect(g.data(), in.width, in.width, in.height, p);
     r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();

@@ -43,4 +43,8 @@ std::string readPngMemory(const uint8_t* bytes, size_t size, Picture* out);
 // or close is reported.
 std::string writeImage(const std::string& path, const Picture& pic);
 
+// 8-bit grey samples of any picture, rows packed: RGB as luma (77 R + 150 G + 29 B + 128) >> 8,
+// 16-bit samples by their high byte.
+std::vector<uint8_t> greySamples(const Picture& in);
+
 }  // namespace kvlcli

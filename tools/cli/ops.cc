@@ -57,12 +57,7 @@ std::string toGrey8(const Picture& in, Picture* grey) {
     return "";
   }
   grey->allocate(in.width, in.height, 1, 8);
-  for (int y = 0; y < in.height; ++y) {
-    const uint8_t* s = in.row(y);
-    uint8_t* d = grey->row(y);
-    for (int x = 0; x < in.width; ++x)
-      d[x] = static_cast<uint8_t>((77 * s[3 * x] + 150 * s[3 * x + 1] + 29 * s[3 * x + 2] + 128) >> 8);
-  }
+  grey->data = greySamples(in);
   return "";
 }
 
