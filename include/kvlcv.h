@@ -367,6 +367,32 @@ KVL_API KvlStatus kvliCannyBorderGetSize(KvliSize roiSize, KvliDifferentialKerne
 /* @@END CANNY@@ */
 
 /* ---------------------------------------------------------------------------------------------
+ * Gaussian pyramids and the pyramid record
+ * ------------------------------------------------------------------------------------------- */
+/* A pyramid: level 0 is the full-size image, level k is smaller by rate^k. One block holds this
+ * 48-byte header followed by its four arrays of level + 1 entries (pRoi, pImage, pRate, pStep, each
+ * 8-byte aligned). kvliPyramidInitAlloc fills pRoi and pRate (pRate[k] = (1/rate)^k by repeated
+ * double-precision multiplication from 1.0); pImage, pStep and pState start null / 0 and are the
+ * caller's to fill (kvliPyramidFree releases the block only, never what the caller attached). */
+typedef struct {
+  Kvl8u** pImage;
+  KvliSize* pRoi;
+  Kvl64f* pRate;
+  int* pStep;
+  void* pState;
+  int level;
+} KvliPyramid;
+
+/* @@BEGIN PYRAMIDS@@ */
+/* @@END PYRAMIDS@@ */
+
+/* ---------------------------------------------------------------------------------------------
+ * Pyramidal Lucas-Kanade point tracking and sub-pixel copies
+ * ------------------------------------------------------------------------------------------- */
+/* @@BEGIN OPTICAL FLOW@@ */
+/* @@END OPTICAL FLOW@@ */
+
+/* ---------------------------------------------------------------------------------------------
  * Motion history
  * ------------------------------------------------------------------------------------------- */
 /* @@BEGIN MOTION HISTORY@@ */
