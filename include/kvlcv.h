@@ -390,6 +390,105 @@ typedef struct {
  * Pyramidal Lucas-Kanade point tracking and sub-pixel copies
  * ------------------------------------------------------------------------------------------- */
 /* @@BEGIN OPTICAL FLOW@@ */
+/* Bilinear sub-pixel copies into a Kvl32f window, and pyramidal Lucas-Kanade point tracking.
+ *
+ * Sub-pixel copies. Source pixels s(c, r) are converted to float exactly. A sample at column
+ * c + fx and row r + fy (0 <= fx, fy < 1) is, in single precision with every product rounded (no
+ * fused multiply-add) and the terms added left to right,
+ *   s(c, r) w00 + s(c+1, r) w01 + s(c, r+1) w10 + s(c+1, r+1) w11,
+ *   w00 = (1 - fx)(1 - fy), w01 = fx (1 - fy), w10 = (1 - fx) fy, w11 = fx fy,
+ * where a term whose weight is 0 because fx or fy is 0 is left out and its pixel is not read (so
+ * fx = fy = 0 copies s(c, r) exactly, NaNs and infinities of a 32f source included).
+ * - CopySubpix: dst(x, y) is the sample at (x + dx, y + dy) from pSrc, 0 <= dx, dy < 1: it reads
+ *   roiSize pixels from pSrc, plus one column more when dx > 0 and one row more when dy > 0.
+ *   Statuses, in this order: kvlStatusNullPointer (pSrc, pDst); kvlStatusBadSize (width or
+ *   height < 1); kvlStatusBadStep (srcStep < width x element size, dstStep < 4 x width);
+ *   kvlStatusStepNotMultiple (16u source step odd, 32f steps not multiples of 4);
+ *   kvlStatusBadArgument (dx or dy not in [0, 1), NaN included).
+ * - CopySubpixIntersect: the window of dstRoiSize pixels whose top-left sample lies at the real
+ *   position `point` of the source image (srcRoiSize pixels from pSrc): with c0 = floor(point.x)
+ *   and fx = point.x - c0 in single precision (when that rounds to 1, c0 + 1 and 0 are used
+ *   instead), and r0, fy likewise, dst(x, y) is the sample at column c0 + x + fx, row r0 + y + fy.
+ *   Only the samples whose pixels all lie inside the source are written; they form the rectangle
+ *   *pRect in window coordinates ({x, y, width, height}, {0, 0, 0, 0} when no sample is inside);
+ *   every other destination pixel is left as it was, and nothing outside the source is read.
+ *   Statuses, in this order: kvlStatusNullPointer (pSrc, pDst, pRect); kvlStatusBadSize (a side
+ *   of either size < 1); kvlStatusBadStep (srcStep < source width x element size, dstStep <
+ *   4 x window width); kvlStatusStepNotMultiple (as CopySubpix); kvlStatusBadArgument (a
+ *   coordinate of point is NaN or infinite).
+ * Threading: always on the calling thread.
+ *
+ * Tracking. A state from OpticalFlowPyrLKInitAlloc serves images up to roiSize and one window
+ * side winSize; `hint` is stored in it and changes nothing. The state is one small record and one
+ * scratch block, both from kvlMalloc: the scratch has
+ *   4 x (S + 2 (W + 5)(H + 5) + (4 L + 12)(L + 3) + (8 L + 24)(L + 3)) + 68 bytes,
+ * W x H = roiSize, L = winSize, S the larger of the ScharrHoriz and ScharrVert buffer sizes for a
+ * (W + 5) x (H + 5) ROI (the 8u16s members for the 8u state, the 32f members for 16u and 32f),
+ * which grow with the permitted thread count at the time of InitAlloc. InitAlloc statuses:
+ * kvlStatusNullPointer (ppState); kvlStatusBadSize (winSize < 1, a side of roiSize < 1);
+ * kvlStatusNoMemory (an allocation fails, or the scratch would exceed 2^31 - 1 bytes; nothing
+ * stays allocated). Free releases both: kvlStatusNullPointer when pState is NULL,
+ * kvlStatusBadContext when it is not a state of the member's type.
+ *
+ * OpticalFlowPyrLK tracks numFeat points pPrev (level-0 pixels of the previous image, pyramid
+ * pPyr1) into the next image (pyramid pPyr2), from level maxLev down to level 0. The coarsest
+ * estimate is the point itself (pNext is output only); at level k the point and the estimate are
+ * in level-k pixels: (float)(x x pRate[k]) with the double-precision rate of their own pyramid,
+ * and back to level 0 by (float)(x / pRate[k]). For each point and level, with L = winSize and
+ * h = 0.5 (L - 1):
+ * 1. The previous image's (L + 2) x (L + 2) patch around the window (top-left sample at
+ *    (p.x - h - 1, p.y - h - 1)) is copied as CopySubpixIntersect does; the horizontal and
+ *    vertical gradients Ix, Iy of every window pixel whose 3 x 3 neighbourhood in that patch was
+ *    copied come from the library's 3x3 Scharr filters (ScharrVert, ScharrHoriz, 32f) on the
+ *    patch, each times 0.03125 in single precision. Those pixels form the rectangle P of the
+ *    window (the whole window unless the patch crosses the image's edge); an empty P loses the
+ *    point.
+ * 2. Gxx, Gxy, Gyy = the sums over P of Ix Ix, Ix Iy, Iy Iy; det = Gxx Gyy - Gxy Gxy (double).
+ *    det < 2.220446049250313e-16 (NaN is not) loses the point.
+ * 3. At most maxIter times: the next image's window at the estimate q (top-left sample at
+ *    (q.x - h, q.y - h)) is sampled as CopySubpixIntersect does; U is P intersected with the
+ *    samples inside the next image (empty: the point is lost). With d = prev - next in single
+ *    precision, bx, by = the sums over U of d Ix, d Iy; dx = (bx Gyy - Gxy by) / det,
+ *    dy = (by Gxx - Gxy bx) / det; q = (float)(q + d) per coordinate, in double. Then, in this
+ *    order: dx dx + dy dy < threshold x threshold (double): converged, stop; from the second
+ *    step on, |dx + previous dx| and |dy + previous dy| both < 0.0003452669770922512: the
+ *    estimate oscillates, q = (float)(q - d / 2), stop; maxIter steps done: stop.
+ * 4. After level 0, error = sqrt(sum over U at the final q of d d / (pixels of U)) stored as
+ *    float, 0 when the sum is not above 0.
+ * Sums: every product is of single-precision values converted to double (exact); each sum runs
+ * over its rectangle's rows top to bottom, element j of a row (counted from the rectangle's
+ * left edge) going to partial sum j mod 8, each partial added in order from +0, and the partials
+ * combined as ((s0 + s1) + (s2 + s3)) + ((s4 + s5) + (s6 + s7)).
+ * Results: pStatus[i] = 0 and pNext[i] = the final estimate in level-0 pixels for a tracked
+ * point; a point lost at level k has status k + 1 (maxLev + 1 at the first level), error 0 and
+ * pNext[i] = its estimate on entering level k. pNext may be pPrev itself.
+ * Statuses, in this order: kvlStatusNullPointer (pPyr1, pPyr2, pState, pPrev, pNext, pStatus,
+ * pError); kvlStatusBadSize (numFeat < 1, winSize < 1); kvlStatusBadContext (pState is not a
+ * state of the member's type); kvlStatusBadSize (winSize differs from the state's);
+ * kvlStatusBadArgument (maxLev < 0, maxIter < 1, threshold < 0 or NaN); then the levels 0 ..
+ * maxLev of both pyramids: kvlStatusBadArgument (maxLev above a pyramid's level),
+ * kvlStatusNullPointer (a level image), kvlStatusBadSize (a level size < 1, or level 0 larger than
+ * the state's roiSize), kvlStatusBadStep, kvlStatusStepNotMultiple (level steps as image steps),
+ * kvlStatusBadArgument (a rate not finite and above 0); last kvlStatusInPlaceNotSupported when
+ * pNext overlaps pPrev without being the same array. Points that cannot be tracked are reported
+ * through their status. Threading: always on the calling thread; a state must not be used by two
+ * calls at once. Every vector target gives the same bytes. */
+typedef struct KvliOptFlowPyrLKState KvliOptFlowPyrLKState;
+KVL_API KvlStatus kvliCopySubpix_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f dx, Kvl32f dy);
+KVL_API KvlStatus kvliCopySubpix_16u32f_C1R(const Kvl16u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f dx, Kvl32f dy);
+KVL_API KvlStatus kvliCopySubpix_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f dx, Kvl32f dy);
+KVL_API KvlStatus kvliCopySubpixIntersect_8u32f_C1R(const Kvl8u* pSrc, int srcStep, KvliSize srcRoiSize, Kvl32f* pDst, int dstStep, KvliSize dstRoiSize, KvliPoint32f point, KvliRect* pRect);
+KVL_API KvlStatus kvliCopySubpixIntersect_16u32f_C1R(const Kvl16u* pSrc, int srcStep, KvliSize srcRoiSize, Kvl32f* pDst, int dstStep, KvliSize dstRoiSize, KvliPoint32f point, KvliRect* pRect);
+KVL_API KvlStatus kvliCopySubpixIntersect_32f_C1R(const Kvl32f* pSrc, int srcStep, KvliSize srcRoiSize, Kvl32f* pDst, int dstStep, KvliSize dstRoiSize, KvliPoint32f point, KvliRect* pRect);
+KVL_API KvlStatus kvliOpticalFlowPyrLKInitAlloc_8u_C1R(KvliOptFlowPyrLKState** ppState, KvliSize roiSize, int winSize, int hint);
+KVL_API KvlStatus kvliOpticalFlowPyrLKInitAlloc_16u_C1R(KvliOptFlowPyrLKState** ppState, KvliSize roiSize, int winSize, int hint);
+KVL_API KvlStatus kvliOpticalFlowPyrLKInitAlloc_32f_C1R(KvliOptFlowPyrLKState** ppState, KvliSize roiSize, int winSize, int hint);
+KVL_API KvlStatus kvliOpticalFlowPyrLK_8u_C1R(const KvliPyramid* pPyr1, const KvliPyramid* pPyr2, const KvliPoint32f* pPrev, KvliPoint32f* pNext, Kvl8s* pStatus, Kvl32f* pError, int numFeat, int winSize, int maxLev, int maxIter, Kvl32f threshold, KvliOptFlowPyrLKState* pState);
+KVL_API KvlStatus kvliOpticalFlowPyrLK_16u_C1R(const KvliPyramid* pPyr1, const KvliPyramid* pPyr2, const KvliPoint32f* pPrev, KvliPoint32f* pNext, Kvl8s* pStatus, Kvl32f* pError, int numFeat, int winSize, int maxLev, int maxIter, Kvl32f threshold, KvliOptFlowPyrLKState* pState);
+KVL_API KvlStatus kvliOpticalFlowPyrLK_32f_C1R(const KvliPyramid* pPyr1, const KvliPyramid* pPyr2, const KvliPoint32f* pPrev, KvliPoint32f* pNext, Kvl8s* pStatus, Kvl32f* pError, int numFeat, int winSize, int maxLev, int maxIter, Kvl32f threshold, KvliOptFlowPyrLKState* pState);
+KVL_API KvlStatus kvliOpticalFlowPyrLKFree_8u_C1R(KvliOptFlowPyrLKState* pState);
+KVL_API KvlStatus kvliOpticalFlowPyrLKFree_16u_C1R(KvliOptFlowPyrLKState* pState);
+KVL_API KvlStatus kvliOpticalFlowPyrLKFree_32f_C1R(KvliOptFlowPyrLKState* pState);
 /* @@END OPTICAL FLOW@@ */
 
 /* ---------------------------------------------------------------------------------------------
