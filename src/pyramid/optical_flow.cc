@@ -171,12 +171,20 @@ struct Levels {
   }
 };
 
-// The tracker's work memory, carved from the state's scratch: the previous image's patch with a
-// one-pixel frame, its two Scharr results, the scaled gradients as double, and the Scharr ring.
-// Each region has padding behind it for the vector kernels' last steps.
+// Points are tracked in batches of up to kBatch: the batch's previous patches (each with a
+// one-pixel frame) lie side by side in one wide image, so that each level's two Scharr passes
+// run once over the whole batch with long rows. A point's gradients depend only on its own
+// patch: the columns where two patches meet are computed and never used.
+constexpr int kBatch = 16;
+
+// The tracker's work memory, carved from the state's scratch: the wide patch image, its two
+// Scharr results, one point's scaled gradients as double, and the Scharr ring. Each region has
+// padding behind it for the vector kernels' last steps.
 struct Work {
-  float* patch;  // (L + 2) x (L + 2)
-  float* ix;     // L x L
+  int batch;     // points per batch
+  int stride;    // floats per row of the wide images: batch x (L + 2)
+  float* patch;  // (L + 2) rows
+  float* ix;     // L rows; column b (L + 2) + x is window column x of point b
   float* iy;
   double* gx;  // L x L
   double* gy;
@@ -184,25 +192,54 @@ struct Work {
   long long ringBytes;
 };
 constexpr long long kPadBytes = 128;
-inline uint8_t* carve(uint8_t*& p, long long bytes) {
-  p = reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(p) + 63) & ~uintptr_t{63});
-  uint8_t* r = p;
-  p += bytes + kPadBytes;
+inline long long carve(long long& at, long long bytes) {
+  at = (at + 63) / 64 * 64;
+  const long long r = at;
+  at += bytes + kPadBytes;
   return r;
 }
-Work carveWork(uint8_t* scratch, int L) {
-  const long long l = L, e = l + 2;
-  uint8_t* p = scratch;
+// The layout for `batch` points; its end offset in *bytes.
+Work layoutWork(uint8_t* base, int L, int batch, long long* bytes) {
+  const long long l = L, e = l + 2, stride = batch * e;
+  long long at = 64;  // room to align the state's block
   Work w{};
-  w.patch = reinterpret_cast<float*>(carve(p, 4 * e * e));
-  w.ix = reinterpret_cast<float*>(carve(p, 4 * l * l));
-  w.iy = reinterpret_cast<float*>(carve(p, 4 * l * l));
-  w.gx = reinterpret_cast<double*>(carve(p, 8 * l * l));
-  w.gy = reinterpret_cast<double*>(carve(p, 8 * l * l));
-  w.ringBytes = 12 * (l + 2) + 64;  // three float rows of the widest stripe, and alignment
-  w.ring = carve(p, w.ringBytes);
+  w.batch = batch;
+  w.stride = static_cast<int>(stride);
+  const long long patch = carve(at, 4 * stride * e), ix = carve(at, 4 * stride * l),
+                  iy = carve(at, 4 * stride * l), gx = carve(at, 8 * l * l), gy = carve(at, 8 * l * l);
+  w.ringBytes = 12 * stride + 64;  // three float rows of the wide image, and alignment
+  const long long ring = carve(at, w.ringBytes);
+  *bytes = at;
+  uint8_t* b = reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(base) + 63) & ~uintptr_t{63}) - 64;
+  w.patch = reinterpret_cast<float*>(b + patch);
+  w.ix = reinterpret_cast<float*>(b + ix);
+  w.iy = reinterpret_cast<float*>(b + iy);
+  w.gx = reinterpret_cast<double*>(b + gx);
+  w.gy = reinterpret_cast<double*>(b + gy);
+  w.ring = b + ring;
   return w;
 }
+// The largest batch the scratch holds (at least one point: the scratch size formula leaves room
+// for it at any image size).
+Work carveWork(uint8_t* scratch, long long scratchBytes, int L) {
+  long long bytes = 0;
+  for (int batch = kBatch; batch > 1; --batch) {
+    const Work w = layoutWork(scratch, L, batch, &bytes);
+    if (bytes <= scratchBytes) return w;
+  }
+  return layoutWork(scratch, L, 1, &bytes);
+}
+
+// One point of a batch at one level.
+struct Point {
+  KvliPoint32f p, q;  // the point and the estimate, level-0 pixels
+  int status;
+  float error;
+  bool prepared;  // its patch is in the batch at this level
+  float px, py;   // the point in this level's pixels
+  Corner cx, cy;  // and its window's corner
+  Span r;         // the copied part of its patch
+};
 
 template <class Src>
 class Tracker {
@@ -220,11 +257,80 @@ class Tracker {
         scharrX_(dv::kernelFor({dv::Kind::kScharrVert, 3, dv::Out::k32f}).pick()),
         scharrY_(dv::kernelFor({dv::Kind::kScharrHoriz, 3, dv::Out::k32f}).pick()) {}
 
-  // One level: p is the point in the previous level image, q the estimate in the next, both in
-  // that level's pixels. False when the point is lost; error (when asked) gets the final RMS.
-  bool level(const Level<Src>& a, const Level<Src>& b, float px, float py, float* qx, float* qy,
-             float* error) {
-    if (!prepare(a, px, py)) return false;
+  int batch() const { return w_.batch; }
+
+  // Levels maxLev .. 0 of the n <= batch() points of pts (status maxLev + 1, q = p on entry).
+  void run(const Levels<Src>& A, const Levels<Src>& B, int maxLev, Point* pts, int n) {
+    for (int k = maxLev; k >= 0; --k) {
+      const Level<Src> a = A.at(k), b = B.at(k);
+      bool any = false;
+      for (int i = 0; i < n; ++i) {
+        Point& t = pts[i];
+        t.prepared = t.status == k + 1 && copyPatch(a, i, &t);
+        any = any || t.prepared;
+      }
+      if (!any) return;
+      // Both gradients of every patch of the batch: output column c is wide column c + 1.
+      const int e = L_ + 2;
+      dv::Job job{w_.patch + w_.stride + 1, w_.stride * 4, nullptr, w_.stride * 4,
+                  n * e - 2, L_, 0, L_, check::kInMemFlags, 0.0f, 1.0f, 0, w_.ring,
+                  w_.ringBytes, false, 0};
+      job.dst = w_.ix;
+      scharrX_(job);
+      job.dst = w_.iy;
+      scharrY_(job);
+      for (int i = 0; i < n; ++i) {
+        Point& t = pts[i];
+        if (!t.prepared) continue;
+        float qx = static_cast<float>(t.q.x * b.rate), qy = static_cast<float>(t.q.y * b.rate);
+        if (!level(b, i, t, &qx, &qy, k == 0 ? &t.error : nullptr)) continue;
+        t.status = k;
+        t.q = {static_cast<float>(qx / b.rate), static_cast<float>(qy / b.rate)};
+      }
+    }
+  }
+
+ private:
+  // Window pixel (x, y) of point i in the wide images.
+  ptrdiff_t slot(int i) const { return static_cast<ptrdiff_t>(i) * (L_ + 2); }
+  const float* prevAt(int i, Span s) const {
+    return w_.patch + static_cast<ptrdiff_t>(s.y + 1) * w_.stride + slot(i) + (s.x + 1);
+  }
+  ptrdiff_t gradAt(int i, Span s) const {
+    return static_cast<ptrdiff_t>(s.y) * w_.stride + slot(i) + s.x;
+  }
+  ptrdiff_t at(Span s) const { return static_cast<ptrdiff_t>(s.y) * L_ + s.x; }
+  static const Src* nextAt(const Level<Src>& b, Corner cx, Corner cy, Span u) {
+    return b.row(cy.c + u.y) + (cx.c + u.x);
+  }
+
+  // Copies point i's framed patch into its slot; false when too little of it is inside the
+  // image for a single gradient.
+  bool copyPatch(const Level<Src>& a, int i, Point* t) {
+    t->px = static_cast<float>(t->p.x * a.rate);
+    t->py = static_cast<float>(t->p.y * a.rate);
+    if (!cornerOf(t->px - half_, &t->cx) || !cornerOf(t->py - half_, &t->cy)) return false;
+    const Corner ex{t->cx.c - 1, t->cx.f}, ey{t->cy.c - 1, t->cy.f};
+    const int e = L_ + 2;
+    t->r = insideOf(ex, ey, e, e, a.w, a.h);
+    if (t->r.w < 3 || t->r.h < 3) return false;
+    subpix_(a.row(ey.c + t->r.y) + (ex.c + t->r.x), a.step,
+            w_.patch + static_cast<ptrdiff_t>(t->r.y) * w_.stride + slot(i) + t->r.x, w_.stride * 4,
+            t->r.w, t->r.h, subpixOf(t->cx.f, t->cy.f));
+    return true;
+  }
+
+  // The gradient matrix and the steps of point i at one level; false when the point is lost.
+  // error (when asked) gets the final RMS difference.
+  bool level(const Level<Src>& b, int i, const Point& t, float* qx, float* qy, float* error) {
+    // The window pixels whose 3 x 3 neighbourhood was copied.
+    p_ = Span{t.r.x, t.r.y, t.r.w - 2, t.r.h - 2};
+    double g[3];
+    matrix_(w_.ix + gradAt(i, p_), w_.iy + gradAt(i, p_), w_.stride, p_.w, p_.h, w_.gx + at(p_),
+            w_.gy + at(p_), L_, g);
+    const double gxx = g[0], gxy = g[1], gyy = g[2];
+    const double det = gxx * gyy - gxy * gxy;
+    if (det < kDetMin) return false;
     double pdx = 0.0, pdy = 0.0;
     for (int it = 1; it <= maxIter_; ++it) {
       Span u;
@@ -232,10 +338,10 @@ class Tracker {
       if (!nextWindow(b, *qx, *qy, &u, &cx, &cy)) return false;
       double bxy[2];
       sums_(nextAt(b, cx, cy, u), b.step, static_cast<int>(b.w - (cx.c + u.x)),
-            subpixOf(cx.f, cy.f), prevAt(u), L_ + 2, w_.gx + at(u), w_.gy + at(u), L_, u.w, u.h,
-            bxy);
-      const double dx = (bxy[0] * gyy_ - gxy_ * bxy[1]) / det_;
-      const double dy = (bxy[1] * gxx_ - gxy_ * bxy[0]) / det_;
+            subpixOf(cx.f, cy.f), prevAt(i, u), w_.stride, w_.gx + at(u), w_.gy + at(u), L_, u.w,
+            u.h, bxy);
+      const double dx = (bxy[0] * gyy - gxy * bxy[1]) / det;
+      const double dy = (bxy[1] * gxx - gxy * bxy[0]) / det;
       *qx = static_cast<float>(static_cast<double>(*qx) + dx);
       *qy = static_cast<float>(static_cast<double>(*qy) + dy);
       if (dx * dx + dy * dy < threshold2_) break;
@@ -253,44 +359,10 @@ class Tracker {
     if (!nextWindow(b, *qx, *qy, &u, &cx, &cy)) return false;
     double sum = 0.0;
     error_(nextAt(b, cx, cy, u), b.step, static_cast<int>(b.w - (cx.c + u.x)),
-           subpixOf(cx.f, cy.f), prevAt(u), L_ + 2, nullptr, nullptr, 0, u.w, u.h, &sum);
+           subpixOf(cx.f, cy.f), prevAt(i, u), w_.stride, nullptr, nullptr, 0, u.w, u.h, &sum);
     const double pixels = static_cast<double>(u.w) * u.h;
     *error = sum > 0.0 ? static_cast<float>(std::sqrt(sum / pixels)) : 0.0f;
     return true;
-  }
-
- private:
-  ptrdiff_t at(Span s) const { return static_cast<ptrdiff_t>(s.y) * L_ + s.x; }
-  const float* prevAt(Span s) const {
-    return w_.patch + static_cast<ptrdiff_t>(s.y + 1) * (L_ + 2) + (s.x + 1);
-  }
-  static const Src* nextAt(const Level<Src>& b, Corner cx, Corner cy, Span u) {
-    return b.row(cy.c + u.y) + (cx.c + u.x);
-  }
-
-  // The previous patch, its gradients and the gradient matrix; false when the point is lost.
-  bool prepare(const Level<Src>& a, float px, float py) {
-    Corner cx, cy;
-    if (!cornerOf(px - half_, &cx) || !cornerOf(py - half_, &cy)) return false;
-    const Corner ex{cx.c - 1, cx.f}, ey{cy.c - 1, cy.f};  // the framed patch
-    const int e = L_ + 2;
-    const Span r = insideOf(ex, ey, e, e, a.w, a.h);
-    if (r.w < 3 || r.h < 3) return false;
-    subpix_(a.row(ey.c + r.y) + (ex.c + r.x), a.step, w_.patch + static_cast<ptrdiff_t>(r.y) * e + r.x,
-            e * 4, r.w, r.h, subpixOf(cx.f, cy.f));
-    // The window pixels whose 3 x 3 neighbourhood was copied.
-    p_ = Span{r.x, r.y, r.w - 2, r.h - 2};
-    dv::Job job{prevAt(p_), e * 4, nullptr, L_ * 4, p_.w, p_.h, 0, p_.h, check::kInMemFlags,
-                0.0f, 1.0f, 0, w_.ring, w_.ringBytes, false, 0};
-    job.dst = w_.ix + at(p_);
-    scharrX_(job);
-    job.dst = w_.iy + at(p_);
-    scharrY_(job);
-    double g[3];
-    matrix_(w_.ix + at(p_), w_.iy + at(p_), L_, p_.w, p_.h, w_.gx + at(p_), w_.gy + at(p_), L_, g);
-    gxx_ = g[0], gxy_ = g[1], gyy_ = g[2];
-    det_ = gxx_ * gyy_ - gxy_ * gxy_;
-    return !(det_ < kDetMin);
   }
 
   // The part of the gradient window whose next samples at q lie inside the next image.
@@ -309,7 +381,6 @@ class Tracker {
   MatrixFn matrix_;
   dv::Fn scharrX_, scharrY_;
   Span p_{};
-  double gxx_ = 0, gxy_ = 0, gyy_ = 0, det_ = 0;
 };
 
 // The largest maxLev: a lost point's status, maxLev + 1, must fit the signed status byte.
@@ -342,24 +413,21 @@ KvlStatus track(const KvliPyramid* pPyr1, const KvliPyramid* pPyr2, const KvliPo
   const uintptr_t bytes = static_cast<uintptr_t>(numFeat) * sizeof(KvliPoint32f);
   if (p0 != n0 && p0 < n0 + bytes && n0 < p0 + bytes) return kvlStatusInPlaceNotSupported;
 
-  Tracker<Src> tracker(winSize, maxIter, threshold, carveWork(st.pScratch, winSize));
-  for (int i = 0; i < numFeat; ++i) {
-    const KvliPoint32f p = loadAny(pPrev + i);
-    KvliPoint32f q = p;  // the estimate in level-0 pixels
-    int status = maxLev + 1;
-    float error = 0.0f;
-    for (int k = maxLev; k >= 0; --k) {
-      const Level<Src> a = A.at(k), b = B.at(k);
-      float qx = static_cast<float>(q.x * b.rate), qy = static_cast<float>(q.y * b.rate);
-      if (!tracker.level(a, b, static_cast<float>(p.x * a.rate), static_cast<float>(p.y * a.rate),
-                         &qx, &qy, k == 0 ? &error : nullptr))
-        break;
-      status = k;
-      q = {static_cast<float>(qx / b.rate), static_cast<float>(qy / b.rate)};
+  Tracker<Src> tracker(winSize, maxIter, threshold,
+                       carveWork(st.pScratch, st.scratchBytes, winSize));
+  Point pts[kBatch];
+  for (int first = 0; first < numFeat; first += tracker.batch()) {
+    const int n = numFeat - first < tracker.batch() ? numFeat - first : tracker.batch();
+    for (int i = 0; i < n; ++i) {
+      const KvliPoint32f p = loadAny(pPrev + first + i);
+      pts[i] = Point{p, p, maxLev + 1, 0.0f, false, 0, 0, {}, {}, {}};
     }
-    storeAny(pNext + i, q);
-    pStatus[i] = static_cast<Kvl8s>(status);
-    storeAny(pError + i, status == 0 ? error : 0.0f);
+    tracker.run(A, B, maxLev, pts, n);
+    for (int i = 0; i < n; ++i) {
+      storeAny(pNext + first + i, pts[i].q);
+      pStatus[first + i] = static_cast<Kvl8s>(pts[i].status);
+      storeAny(pError + first + i, pts[i].status == 0 ? pts[i].error : 0.0f);
+    }
   }
   return kvlStatusOk;
 }

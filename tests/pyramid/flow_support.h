@@ -76,4 +76,50 @@ inline float scene(double x, double y) {
                             35.0 * std::cos(0.23 * y - 0.11 * x) + 25.0 * std::sin(0.07 * x * 1.3 + 0.17 * y));
 }
 
+// The image moved by (sx, sy): next(x, y) is the bilinear sample of img at (x - sx, y - sy) in
+// double precision, edges repeated.
+inline std::vector<float> shifted(const std::vector<float>& img, int w, int h, double sx, double sy) {
+  std::vector<float> out(img.size());
+  auto at = [&](long x, long y) {
+    x = std::clamp<long>(x, 0, w - 1), y = std::clamp<long>(y, 0, h - 1);
+    return static_cast<double>(img[static_cast<size_t>(y) * w + x]);
+  };
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      const double px = x - sx, py = y - sy, fx = std::floor(px), fy = std::floor(py);
+      const double ax = px - fx, ay = py - fy;
+      const long c = static_cast<long>(fx), r = static_cast<long>(fy);
+      out[static_cast<size_t>(y) * w + x] = static_cast<float>(
+          (1 - ay) * ((1 - ax) * at(c, r) + ax * at(c + 1, r)) +
+          ay * ((1 - ax) * at(c, r + 1) + ax * at(c + 1, r + 1)));
+    }
+  return out;
+}
+
+// Up to `count` points on a grid of `spacing` pixels, at least `margin` from the edges, with the
+// largest smaller eigenvalue of the gradient matrix over a window of `win` pixels: the points a
+// tracker can follow.
+inline std::vector<KvliPoint32f> texturedPoints(const std::vector<float>& img, int w, int h,
+                                                int count, int spacing, int margin, int win) {
+  std::vector<std::pair<double, KvliPoint32f>> scored;
+  const int r = win / 2;
+  for (int y = margin; y < h - margin; y += spacing)
+    for (int x = margin; x < w - margin; x += spacing) {
+      double xx = 0, xy = 0, yy = 0;
+      for (int j = y - r; j <= y + r; ++j)
+        for (int i = x - r; i <= x + r; ++i) {
+          const size_t o = static_cast<size_t>(j) * w + i;
+          const double gx = 0.5 * (img[o + 1] - img[o - 1]), gy = 0.5 * (img[o + w] - img[o - w]);
+          xx += gx * gx, xy += gx * gy, yy += gy * gy;
+        }
+      const double minEig = 0.5 * (xx + yy - std::sqrt((xx - yy) * (xx - yy) + 4 * xy * xy));
+      scored.push_back({minEig, {static_cast<float>(x), static_cast<float>(y)}});
+    }
+  std::stable_sort(scored.begin(), scored.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+  std::vector<KvliPoint32f> pts;
+  for (size_t i = 0; i < scored.size() && static_cast<int>(pts.size()) < count; ++i)
+    pts.push_back(scored[i].second);
+  return pts;
+}
+
 }  // namespace kvl::test
