@@ -76,22 +76,52 @@ inline float scene(double x, double y) {
                             35.0 * std::cos(0.23 * y - 0.11 * x) + 25.0 * std::sin(0.07 * x * 1.3 + 0.17 * y));
 }
 
-// The image moved by (sx, sy): next(x, y) is the bilinear sample of img at (x - sx, y - sy) in
-// double precision, edges repeated.
+// The image moved by (sx, sy): next(x, y) is img at (x - sx, y - sy) by cubic convolution
+// (a = -0.5) in double precision, edges repeated.
 inline std::vector<float> shifted(const std::vector<float>& img, int w, int h, double sx, double sy) {
-  std::vector<float> out(img.size());
-  auto at = [&](long x, long y) {
-    x = std::clamp<long>(x, 0, w - 1), y = std::clamp<long>(y, 0, h - 1);
-    return static_cast<double>(img[static_cast<size_t>(y) * w + x]);
+  auto weights = [](double f, double* k) {
+    const double a = -0.5;
+    const double t[4] = {1 + f, f, 1 - f, 2 - f};
+    for (int i = 0; i < 4; ++i) {
+      const double d = t[i];
+      k[i] = d <= 1 ? ((a + 2) * d - (a + 3)) * d * d + 1 : ((a * d - 5 * a) * d + 8 * a) * d - 4 * a;
+    }
   };
+  std::vector<float> out(img.size());
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) {
       const double px = x - sx, py = y - sy, fx = std::floor(px), fy = std::floor(py);
-      const double ax = px - fx, ay = py - fy;
-      const long c = static_cast<long>(fx), r = static_cast<long>(fy);
-      out[static_cast<size_t>(y) * w + x] = static_cast<float>(
-          (1 - ay) * ((1 - ax) * at(c, r) + ax * at(c + 1, r)) +
-          ay * ((1 - ax) * at(c, r + 1) + ax * at(c + 1, r + 1)));
+      double kx[4], ky[4];
+      weights(px - fx, kx);
+      weights(py - fy, ky);
+      double s = 0;
+      for (int j = 0; j < 4; ++j)
+        for (int i = 0; i < 4; ++i) {
+          const long c = std::clamp<long>(static_cast<long>(fx) - 1 + i, 0, w - 1);
+          const long r = std::clamp<long>(static_cast<long>(fy) - 1 + j, 0, h - 1);
+          s += kx[i] * ky[j] * img[static_cast<size_t>(r) * w + c];
+        }
+      out[static_cast<size_t>(y) * w + x] = static_cast<float>(s);
+    }
+  return out;
+}
+
+// The image smoothed by the binomial kernel 1 4 6 4 1 / 16 along rows and columns (edges
+// repeated): a moved copy made by interpolation is then close to a true move.
+inline std::vector<float> smoothed(const std::vector<float>& img, int w, int h) {
+  static const float k[5] = {1 / 16.0f, 4 / 16.0f, 6 / 16.0f, 4 / 16.0f, 1 / 16.0f};
+  std::vector<float> t(img.size()), out(img.size());
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      float s = 0;
+      for (int i = -2; i <= 2; ++i) s += k[i + 2] * img[static_cast<size_t>(y) * w + std::clamp(x + i, 0, w - 1)];
+      t[static_cast<size_t>(y) * w + x] = s;
+    }
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      float s = 0;
+      for (int i = -2; i <= 2; ++i) s += k[i + 2] * t[static_cast<size_t>(std::clamp(y + i, 0, h - 1)) * w + x];
+      out[static_cast<size_t>(y) * w + x] = s;
     }
   return out;
 }
