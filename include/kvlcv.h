@@ -384,6 +384,74 @@ typedef struct {
 } KvliPyramid;
 
 /* @@BEGIN PYRAMIDS@@ */
+/* One level of a Gaussian pyramid with the kernel (1 4 6 4 1) in both directions, for 8u, 8s and
+ * 32f images of 1 or 3 interleaved channels; roiSize is always the SOURCE size.
+ * PyrDown: the destination is ((w+1)>>1) x ((h+1)>>1); its pixel (x, y) is centred on source pixel
+ *   (2x, 2y): each source row is filtered horizontally, h = s(-2) + 4 s(-1) + 6 s(0) + 4 s(1) +
+ *   s(2) around column 2x, then the same weights combine the rows 2y-2 .. 2y+2. Missing indices
+ *   are mirrored about the edge pixel without repeating it on all four sides (s(-1) = s(1),
+ *   s(w) = s(w-2)). 8u/8s: (v + 128) >> 8 with an arithmetic shift (halves go up, towards plus
+ *   infinity for negative 8s values); 32f: v * 0.00390625. Narrow sources: a source of height 1
+ *   or 2 averages its two filtered rows (row 0 twice for height 1), ((h0 + h1) * 8 + 128) >> 8 or
+ *   (h0 + h1) * 0.03125; else a source of width 1 or 2 does the same with its two filtered
+ *   columns. The height is tested first.
+ * PyrUp: the destination is 2w x 2h. Horizontally source pixel i gives columns 2i = s(i-1) +
+ *   6 s(i) + s(i+1) and 2i+1 = 4 s(i) + 4 s(i+1); vertically the same two phases make rows 2j and
+ *   2j+1. 8u/8s: (v + 32) >> 6 (arithmetic shift); 32f: v * 0.015625. The borders are asymmetric
+ *   on purpose: left and top reflect (s(-1) = s(1)), right and bottom replicate (s(w) = s(w-1)).
+ *   A source of height 1 writes its horizontal result (32f: times 0.125) to both destination
+ *   rows; else a source of width 1 writes each vertical result (32f: times 0.125) to both
+ *   destination columns.
+ * 32f sums are single precision and added left to right in the order the weights are written
+ *   above: ((((s(-2) + 4 s(-1)) + 6 s(0)) + 4 s(1)) + s(2)), (s(i-1) + 6 s(i)) + s(i+1),
+ *   (s(i) + s(i+1)) * 4. Every processor gives the same bytes.
+ * Statuses, in this order: kvlStatusNullPointer (pSrc, pDst or pBuffer); kvlStatusBadSize (source
+ *   width or height < 1, or a width the size query refuses); kvlStatusBadStep (srcStep below the source row's bytes, dstStep below
+ *   the destination row's bytes); kvlStatusStepNotMultiple (32f: a step not a multiple of 4).
+ * Buffer: PyrDownGetBufSize = roundup16(roiWidth * 4 * channels) * 6 + 64 and PyrUpGetBufSize =
+ *   roundup16(roiWidth * 8 * channels) * 3 + 64, roiWidth the source width, any alignment; the
+ *   size does not depend on the type, which is only checked. Size-query statuses, in this order:
+ *   kvlStatusNullPointer, kvlStatusBadSize (roiWidth < 1), kvlStatusBadChannels (not 1 or 3),
+ *   kvlStatusBadDataType (not kvl8u, kvl8s or kvl32f), then kvlStatusBadSize for a width whose
+ *   size would not fit an int.
+ * Threading: always on the calling thread. */
+KVL_API KvlStatus kvliPyrDownGetBufSize_Gauss5x5(int roiWidth, KvlDataType dataType, int channels, int* pBufSize);
+KVL_API KvlStatus kvliPyrUpGetBufSize_Gauss5x5(int roiWidth, KvlDataType dataType, int channels, int* pBufSize);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_8s_C1R(const Kvl8s* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_8s_C3R(const Kvl8s* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_8s_C1R(const Kvl8s* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_8s_C3R(const Kvl8s* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+
+/* Level sizes of a pyramid of real rate (1 < rate <= 10; NaN is refused like any rate outside).
+ * GetPyramidUpROI: the range of sizes whose next smaller level has the size W x H given, in single
+ *   precision with products truncated toward zero: minimum height 1 if H = 1, else the larger of
+ *   H + 1 and trunc((H - 1) * rate) + 1; maximum height the larger of H + 1 and trunc(H * rate);
+ *   widths likewise (results beyond the int range saturate at 2147483647).
+ * GetPyramidDownROI: starts from max(1, trunc(0.5 + W / rate)) x max(1, trunc(0.5 + H / rate))
+ *   and moves the candidate one step at a time until W x H lies in its up-range: per round the
+ *   height moves down (H below the minimum) or up (above the maximum), then the width; the round
+ *   in which both fit ends the search.
+ * PyramidInitAlloc: level 0 is roiSize and each further size the down size of the last, until
+ *   both sides are below 2 or `level` levels exist; pPyr->level is the number of levels made
+ *   beyond level 0 (0 for a 1 x 1 image), pRate[k] = (1/rate)^k in double precision, pImage,
+ *   pStep and pState are null and 0. One block of 52 * level + 152 bytes (level the record's),
+ *   plus a temporary array of max(width, height) sizes during the call.
+ * Statuses, in this order: kvlStatusNullPointer (any output pointer, or pPyr for Free);
+ *   kvlStatusBadSize (a side < 1); kvlStatusBadArgument (rate, and for InitAlloc level < 1);
+ *   kvlStatusNoMemory (InitAlloc: an allocation failed; nothing is kept).
+ * Threading: always on the calling thread. */
+KVL_API KvlStatus kvliGetPyramidDownROI(KvliSize srcRoi, KvliSize* pDstRoi, Kvl32f rate);
+KVL_API KvlStatus kvliGetPyramidUpROI(KvliSize srcRoi, KvliSize* pDstRoiMin, KvliSize* pDstRoiMax, Kvl32f rate);
+KVL_API KvlStatus kvliPyramidInitAlloc(KvliPyramid** ppPyr, int level, KvliSize roiSize, Kvl32f rate);
+KVL_API KvlStatus kvliPyramidFree(KvliPyramid* pPyr);
 /* @@END PYRAMIDS@@ */
 
 /* ---------------------------------------------------------------------------------------------
