@@ -16,3 +16,12 @@ if(OpenCV_FOUND AND TARGET opencv_video)
   target_link_libraries(kvlcv_bench PRIVATE opencv_video)
   target_compile_definitions(kvlcv_bench PRIVATE KVL_HAVE_OPENCV_VIDEO=1)
 endif()
+# The agreement of the two trackers on the sample photograph (kvlcv_lk_compare), built with the
+# benchmarks when the peer's video module is there.
+if(OpenCV_FOUND AND TARGET opencv_video)
+  add_executable(kvlcv_lk_compare ${CMAKE_CURRENT_LIST_DIR}/lk_compare.cc)
+  target_link_libraries(kvlcv_lk_compare PRIVATE kvlcv kvlcli_io kvl_flags opencv_core opencv_video)
+  target_include_directories(kvlcv_lk_compare PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+  target_include_directories(kvlcv_lk_compare SYSTEM PRIVATE ${OpenCV_INCLUDE_DIRS})
+  target_compile_definitions(kvlcv_lk_compare PRIVATE KVL_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+endif()
