@@ -504,13 +504,15 @@ KVL_API KvlStatus kvliPyramidFree(KvliPyramid* pPyr);
  * in level-k pixels: (float)(x x pRate[k]) with the double-precision rate of their own pyramid,
  * and back to level 0 by (float)(x / pRate[k]). For each point and level, with L = winSize and
  * h = 0.5 (L - 1):
- * 1. The previous image's (L + 2) x (L + 2) patch around the window (top-left sample at
- *    (p.x - h - 1, p.y - h - 1)) is copied as CopySubpixIntersect does; the horizontal and
- *    vertical gradients Ix, Iy of every window pixel whose 3 x 3 neighbourhood in that patch was
- *    copied come from the library's 3x3 Scharr filters (ScharrVert, ScharrHoriz, 32f) on the
- *    patch, each times 0.03125 in single precision. Those pixels form the rectangle P of the
- *    window (the whole window unless the patch crosses the image's edge); an empty P loses the
- *    point.
+ * 1. With c0, fx and r0, fy the corner of (p.x - h, p.y - h) as CopySubpixIntersect takes it,
+ *    the previous image's (L + 2) x (L + 2) patch of samples at columns c0 - 1 + x + fx, rows
+ *    r0 - 1 + y + fy is copied as CopySubpixIntersect does (the window plus a one-pixel frame);
+ *    the horizontal and vertical gradients Ix, Iy of every window pixel whose 3 x 3
+ *    neighbourhood in that patch was copied come from the library's 3x3 Scharr filters
+ *    (ScharrVert, ScharrHoriz, 32f) on the patch, each times 0.03125 in single precision
+ *    (computed for up to 16 points at once, with the same values). Those pixels form the
+ *    rectangle P of the window (the whole window unless the patch crosses the image's edge); an
+ *    empty P loses the point.
  * 2. Gxx, Gxy, Gyy = the sums over P of Ix Ix, Ix Iy, Iy Iy; det = Gxx Gyy - Gxy Gxy (double).
  *    det < 2.220446049250313e-16 (NaN is not) loses the point.
  * 3. At most maxIter times: the next image's window at the estimate q (top-left sample at
@@ -533,7 +535,8 @@ KVL_API KvlStatus kvliPyramidFree(KvliPyramid* pPyr);
  * Statuses, in this order: kvlStatusNullPointer (pPyr1, pPyr2, pState, pPrev, pNext, pStatus,
  * pError); kvlStatusBadSize (numFeat < 1, winSize < 1); kvlStatusBadContext (pState is not a
  * state of the member's type); kvlStatusBadSize (winSize differs from the state's);
- * kvlStatusBadArgument (maxLev < 0, maxIter < 1, threshold < 0 or NaN); then the levels 0 ..
+ * kvlStatusBadArgument (maxLev < 0 or above 126, so that maxLev + 1 fits the status byte,
+ * maxIter < 1, threshold < 0 or NaN); then the levels 0 ..
  * maxLev of both pyramids: kvlStatusBadArgument (maxLev above a pyramid's level),
  * kvlStatusNullPointer (a level image), kvlStatusBadSize (a level size < 1, or level 0 larger than
  * the state's roiSize), kvlStatusBadStep, kvlStatusStepNotMultiple (level steps as image steps),
