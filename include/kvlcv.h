@@ -384,12 +384,182 @@ typedef struct {
 } KvliPyramid;
 
 /* @@BEGIN PYRAMIDS@@ */
+/* One level of a Gaussian pyramid with the kernel (1 4 6 4 1) in both directions, for 8u, 8s and
+ * 32f images of 1 or 3 interleaved channels; roiSize is always the SOURCE size.
+ * PyrDown: the destination is ((w+1)>>1) x ((h+1)>>1); its pixel (x, y) is centred on source pixel
+ *   (2x, 2y): each source row is filtered horizontally, h = s(-2) + 4 s(-1) + 6 s(0) + 4 s(1) +
+ *   s(2) around column 2x, then the same weights combine the rows 2y-2 .. 2y+2. Missing indices
+ *   are mirrored about the edge pixel without repeating it on all four sides (s(-1) = s(1),
+ *   s(w) = s(w-2)). 8u/8s: (v + 128) >> 8 with an arithmetic shift (halves go up, towards plus
+ *   infinity for negative 8s values); 32f: v * 0.00390625. Narrow sources: a source of height 1
+ *   or 2 averages its two filtered rows (row 0 twice for height 1), ((h0 + h1) * 8 + 128) >> 8 or
+ *   (h0 + h1) * 0.03125; else a source of width 1 or 2 does the same with its two filtered
+ *   columns. The height is tested first.
+ * PyrUp: the destination is 2w x 2h. Horizontally source pixel i gives columns 2i = s(i-1) +
+ *   6 s(i) + s(i+1) and 2i+1 = 4 s(i) + 4 s(i+1); vertically the same two phases make rows 2j and
+ *   2j+1. 8u/8s: (v + 32) >> 6 (arithmetic shift); 32f: v * 0.015625. The borders are asymmetric
+ *   on purpose: left and top reflect (s(-1) = s(1)), right and bottom replicate (s(w) = s(w-1)).
+ *   A source of height 1 writes its horizontal result (32f: times 0.125) to both destination
+ *   rows; else a source of width 1 writes each vertical result (32f: times 0.125) to both
+ *   destination columns.
+ * 32f sums are single precision and added left to right in the order the weights are written
+ *   above: ((((s(-2) + 4 s(-1)) + 6 s(0)) + 4 s(1)) + s(2)), (s(i-1) + 6 s(i)) + s(i+1),
+ *   (s(i) + s(i+1)) * 4. Every processor gives the same bytes.
+ * Statuses, in this order: kvlStatusNullPointer (pSrc, pDst or pBuffer); kvlStatusBadSize (source
+ *   width or height < 1, or a width the size query refuses); kvlStatusBadStep (srcStep below the source row's bytes, dstStep below
+ *   the destination row's bytes); kvlStatusStepNotMultiple (32f: a step not a multiple of 4).
+ * Buffer: PyrDownGetBufSize = roundup16(roiWidth * 4 * channels) * 6 + 64 and PyrUpGetBufSize =
+ *   roundup16(roiWidth * 8 * channels) * 3 + 64, roiWidth the source width, any alignment; the
+ *   size does not depend on the type, which is only checked. Size-query statuses, in this order:
+ *   kvlStatusNullPointer, kvlStatusBadSize (roiWidth < 1), kvlStatusBadChannels (not 1 or 3),
+ *   kvlStatusBadDataType (not kvl8u, kvl8s or kvl32f), then kvlStatusBadSize for a width whose
+ *   size would not fit an int.
+ * Threading: always on the calling thread. */
+KVL_API KvlStatus kvliPyrDownGetBufSize_Gauss5x5(int roiWidth, KvlDataType dataType, int channels, int* pBufSize);
+KVL_API KvlStatus kvliPyrUpGetBufSize_Gauss5x5(int roiWidth, KvlDataType dataType, int channels, int* pBufSize);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_8s_C1R(const Kvl8s* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_8s_C3R(const Kvl8s* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrDown_Gauss5x5_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_8s_C1R(const Kvl8s* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_8s_C3R(const Kvl8s* pSrc, int srcStep, Kvl8s* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliPyrUp_Gauss5x5_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+
+/* Level sizes of a pyramid of real rate (1 < rate <= 10; NaN is refused like any rate outside).
+ * GetPyramidUpROI: the range of sizes whose next smaller level has the size W x H given, in single
+ *   precision with products truncated toward zero: minimum height 1 if H = 1, else the larger of
+ *   H + 1 and trunc((H - 1) * rate) + 1; maximum height the larger of H + 1 and trunc(H * rate);
+ *   widths likewise (results beyond the int range saturate at 2147483647).
+ * GetPyramidDownROI: starts from max(1, trunc(0.5 + W / rate)) x max(1, trunc(0.5 + H / rate))
+ *   and moves the candidate one step at a time until W x H lies in its up-range: per round the
+ *   height moves down (H below the minimum) or up (above the maximum), then the width; the round
+ *   in which both fit ends the search.
+ * PyramidInitAlloc: level 0 is roiSize and each further size the down size of the last, until
+ *   both sides are below 2 or `level` levels exist; pPyr->level is the number of levels made
+ *   beyond level 0 (0 for a 1 x 1 image), pRate[k] = (1/rate)^k in double precision, pImage,
+ *   pStep and pState are null and 0. One block of 52 * level + 152 bytes (level the record's),
+ *   plus a temporary array of max(width, height) sizes during the call.
+ * Statuses, in this order: kvlStatusNullPointer (any output pointer, or pPyr for Free);
+ *   kvlStatusBadSize (a side < 1); kvlStatusBadArgument (rate, and for InitAlloc level < 1);
+ *   kvlStatusNoMemory (InitAlloc: an allocation failed; nothing is kept).
+ * Threading: always on the calling thread. */
+KVL_API KvlStatus kvliGetPyramidDownROI(KvliSize srcRoi, KvliSize* pDstRoi, Kvl32f rate);
+KVL_API KvlStatus kvliGetPyramidUpROI(KvliSize srcRoi, KvliSize* pDstRoiMin, KvliSize* pDstRoiMax, Kvl32f rate);
+KVL_API KvlStatus kvliPyramidInitAlloc(KvliPyramid** ppPyr, int level, KvliSize roiSize, Kvl32f rate);
+KVL_API KvlStatus kvliPyramidFree(KvliPyramid* pPyr);
 /* @@END PYRAMIDS@@ */
 
 /* ---------------------------------------------------------------------------------------------
  * Pyramidal Lucas-Kanade point tracking and sub-pixel copies
  * ------------------------------------------------------------------------------------------- */
 /* @@BEGIN OPTICAL FLOW@@ */
+/* Bilinear sub-pixel copies into a Kvl32f window, and pyramidal Lucas-Kanade point tracking.
+ *
+ * Sub-pixel copies. Source pixels s(c, r) are converted to float exactly. A sample at column
+ * c + fx and row r + fy (0 <= fx, fy < 1) is, in single precision with every product rounded (no
+ * fused multiply-add) and the terms added left to right,
+ *   s(c, r) w00 + s(c+1, r) w01 + s(c, r+1) w10 + s(c+1, r+1) w11,
+ *   w00 = (1 - fx)(1 - fy), w01 = fx (1 - fy), w10 = (1 - fx) fy, w11 = fx fy,
+ * where a term whose weight is 0 because fx or fy is 0 is left out and its pixel is not read (so
+ * fx = fy = 0 copies s(c, r) exactly, NaNs and infinities of a 32f source included).
+ * - CopySubpix: dst(x, y) is the sample at (x + dx, y + dy) from pSrc, 0 <= dx, dy < 1: it reads
+ *   roiSize pixels from pSrc, plus one column more when dx > 0 and one row more when dy > 0.
+ *   Statuses, in this order: kvlStatusNullPointer (pSrc, pDst); kvlStatusBadSize (width or
+ *   height < 1); kvlStatusBadStep (srcStep < width x element size, dstStep < 4 x width);
+ *   kvlStatusStepNotMultiple (16u source step odd, 32f steps not multiples of 4);
+ *   kvlStatusBadArgument (dx or dy not in [0, 1), NaN included).
+ * - CopySubpixIntersect: the window of dstRoiSize pixels whose top-left sample lies at the real
+ *   position `point` of the source image (srcRoiSize pixels from pSrc): with c0 = floor(point.x)
+ *   and fx = point.x - c0 in single precision (when that rounds to 1, c0 + 1 and 0 are used
+ *   instead), and r0, fy likewise, dst(x, y) is the sample at column c0 + x + fx, row r0 + y + fy.
+ *   Only the samples whose pixels all lie inside the source are written; they form the rectangle
+ *   *pRect in window coordinates ({x, y, width, height}, {0, 0, 0, 0} when no sample is inside);
+ *   every other destination pixel is left as it was, and nothing outside the source is read.
+ *   Statuses, in this order: kvlStatusNullPointer (pSrc, pDst, pRect); kvlStatusBadSize (a side
+ *   of either size < 1); kvlStatusBadStep (srcStep < source width x element size, dstStep <
+ *   4 x window width); kvlStatusStepNotMultiple (as CopySubpix); kvlStatusBadArgument (a
+ *   coordinate of point is NaN or infinite).
+ * Threading: always on the calling thread.
+ *
+ * Tracking. A state from OpticalFlowPyrLKInitAlloc serves images up to roiSize and one window
+ * side winSize; `hint` is stored in it and changes nothing. The state is one small record and one
+ * scratch block, both from kvlMalloc: the scratch has
+ *   4 x (S + 2 (W + 5)(H + 5) + (4 L + 12)(L + 3) + (8 L + 24)(L + 3)) + 68 bytes,
+ * W x H = roiSize, L = winSize, S the larger of the ScharrHoriz and ScharrVert buffer sizes for a
+ * (W + 5) x (H + 5) ROI (the 8u16s members for the 8u state, the 32f members for 16u and 32f),
+ * which grow with the permitted thread count at the time of InitAlloc. InitAlloc statuses:
+ * kvlStatusNullPointer (ppState); kvlStatusBadSize (winSize < 1, a side of roiSize < 1);
+ * kvlStatusNoMemory (an allocation fails, or the scratch would exceed 2^31 - 1 bytes; nothing
+ * stays allocated). Free releases both: kvlStatusNullPointer when pState is NULL,
+ * kvlStatusBadContext when it is not a state of the member's type.
+ *
+ * OpticalFlowPyrLK tracks numFeat points pPrev (level-0 pixels of the previous image, pyramid
+ * pPyr1) into the next image (pyramid pPyr2), from level maxLev down to level 0. The coarsest
+ * estimate is the point itself (pNext is output only); at level k the point and the estimate are
+ * in level-k pixels: (float)(x x pRate[k]) with the double-precision rate of their own pyramid,
+ * and back to level 0 by (float)(x / pRate[k]). For each point and level, with L = winSize and
+ * h = 0.5 (L - 1):
+ * 1. With c0, fx and r0, fy the corner of (p.x - h, p.y - h) as CopySubpixIntersect takes it,
+ *    the previous image's (L + 2) x (L + 2) patch of samples at columns c0 - 1 + x + fx, rows
+ *    r0 - 1 + y + fy is copied as CopySubpixIntersect does (the window plus a one-pixel frame);
+ *    the horizontal and vertical gradients Ix, Iy of every window pixel whose 3 x 3
+ *    neighbourhood in that patch was copied come from the library's 3x3 Scharr filters
+ *    (ScharrVert, ScharrHoriz, 32f) on the patch, each times 0.03125 in single precision
+ *    (computed for up to 16 points at once, with the same values). Those pixels form the
+ *    rectangle P of the window (the whole window unless the patch crosses the image's edge); an
+ *    empty P loses the point.
+ * 2. Gxx, Gxy, Gyy = the sums over P of Ix Ix, Ix Iy, Iy Iy; det = Gxx Gyy - Gxy Gxy (double).
+ *    det < 2.220446049250313e-16 (NaN is not) loses the point.
+ * 3. At most maxIter times: the next image's window at the estimate q (top-left sample at
+ *    (q.x - h, q.y - h)) is sampled as CopySubpixIntersect does; U is P intersected with the
+ *    samples inside the next image (empty: the point is lost). With d = prev - next in single
+ *    precision, bx, by = the sums over U of d Ix, d Iy; dx = (bx Gyy - Gxy by) / det,
+ *    dy = (by Gxx - Gxy bx) / det; q = (float)(q + d) per coordinate, in double. Then, in this
+ *    order: dx dx + dy dy < threshold x threshold (double): converged, stop; from the second
+ *    step on, |dx + previous dx| and |dy + previous dy| both < 0.0003452669770922512: the
+ *    estimate oscillates, q = (float)(q - d / 2), stop; maxIter steps done: stop.
+ * 4. After level 0, error = sqrt(sum over U at the final q of d d / (pixels of U)) stored as
+ *    float, 0 when the sum is not above 0.
+ * Sums: every product is of single-precision values converted to double (exact); each sum runs
+ * over its rectangle's rows top to bottom, element j of a row (counted from the rectangle's
+ * left edge) going to partial sum j mod 8, each partial added in order from +0, and the partials
+ * combined as ((s0 + s1) + (s2 + s3)) + ((s4 + s5) + (s6 + s7)).
+ * Results: pStatus[i] = 0 and pNext[i] = the final estimate in level-0 pixels for a tracked
+ * point; a point lost at level k has status k + 1 (maxLev + 1 at the first level), error 0 and
+ * pNext[i] = its estimate on entering level k. pNext may be pPrev itself.
+ * Statuses, in this order: kvlStatusNullPointer (pPyr1, pPyr2, pState, pPrev, pNext, pStatus,
+ * pError); kvlStatusBadSize (numFeat < 1, winSize < 1); kvlStatusBadContext (pState is not a
+ * state of the member's type); kvlStatusBadSize (winSize differs from the state's);
+ * kvlStatusBadArgument (maxLev < 0 or above 126, so that maxLev + 1 fits the status byte,
+ * maxIter < 1, threshold < 0 or NaN); then the levels 0 ..
+ * maxLev of both pyramids: kvlStatusBadArgument (maxLev above a pyramid's level),
+ * kvlStatusNullPointer (a level image), kvlStatusBadSize (a level size < 1, or level 0 larger than
+ * the state's roiSize), kvlStatusBadStep, kvlStatusStepNotMultiple (level steps as image steps),
+ * kvlStatusBadArgument (a rate not finite and above 0); last kvlStatusInPlaceNotSupported when
+ * pNext overlaps pPrev without being the same array. Points that cannot be tracked are reported
+ * through their status. Threading: always on the calling thread; a state must not be used by two
+ * calls at once. Every vector target gives the same bytes. */
+typedef struct KvliOptFlowPyrLKState KvliOptFlowPyrLKState;
+KVL_API KvlStatus kvliCopySubpix_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f dx, Kvl32f dy);
+KVL_API KvlStatus kvliCopySubpix_16u32f_C1R(const Kvl16u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f dx, Kvl32f dy);
+KVL_API KvlStatus kvliCopySubpix_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f dx, Kvl32f dy);
+KVL_API KvlStatus kvliCopySubpixIntersect_8u32f_C1R(const Kvl8u* pSrc, int srcStep, KvliSize srcRoiSize, Kvl32f* pDst, int dstStep, KvliSize dstRoiSize, KvliPoint32f point, KvliRect* pRect);
+KVL_API KvlStatus kvliCopySubpixIntersect_16u32f_C1R(const Kvl16u* pSrc, int srcStep, KvliSize srcRoiSize, Kvl32f* pDst, int dstStep, KvliSize dstRoiSize, KvliPoint32f point, KvliRect* pRect);
+KVL_API KvlStatus kvliCopySubpixIntersect_32f_C1R(const Kvl32f* pSrc, int srcStep, KvliSize srcRoiSize, Kvl32f* pDst, int dstStep, KvliSize dstRoiSize, KvliPoint32f point, KvliRect* pRect);
+KVL_API KvlStatus kvliOpticalFlowPyrLKInitAlloc_8u_C1R(KvliOptFlowPyrLKState** ppState, KvliSize roiSize, int winSize, int hint);
+KVL_API KvlStatus kvliOpticalFlowPyrLKInitAlloc_16u_C1R(KvliOptFlowPyrLKState** ppState, KvliSize roiSize, int winSize, int hint);
+KVL_API KvlStatus kvliOpticalFlowPyrLKInitAlloc_32f_C1R(KvliOptFlowPyrLKState** ppState, KvliSize roiSize, int winSize, int hint);
+KVL_API KvlStatus kvliOpticalFlowPyrLK_8u_C1R(const KvliPyramid* pPyr1, const KvliPyramid* pPyr2, const KvliPoint32f* pPrev, KvliPoint32f* pNext, Kvl8s* pStatus, Kvl32f* pError, int numFeat, int winSize, int maxLev, int maxIter, Kvl32f threshold, KvliOptFlowPyrLKState* pState);
+KVL_API KvlStatus kvliOpticalFlowPyrLK_16u_C1R(const KvliPyramid* pPyr1, const KvliPyramid* pPyr2, const KvliPoint32f* pPrev, KvliPoint32f* pNext, Kvl8s* pStatus, Kvl32f* pError, int numFeat, int winSize, int maxLev, int maxIter, Kvl32f threshold, KvliOptFlowPyrLKState* pState);
+KVL_API KvlStatus kvliOpticalFlowPyrLK_32f_C1R(const KvliPyramid* pPyr1, const KvliPyramid* pPyr2, const KvliPoint32f* pPrev, KvliPoint32f* pNext, Kvl8s* pStatus, Kvl32f* pError, int numFeat, int winSize, int maxLev, int maxIter, Kvl32f threshold, KvliOptFlowPyrLKState* pState);
+KVL_API KvlStatus kvliOpticalFlowPyrLKFree_8u_C1R(KvliOptFlowPyrLKState* pState);
+KVL_API KvlStatus kvliOpticalFlowPyrLKFree_16u_C1R(KvliOptFlowPyrLKState* pState);
+KVL_API KvlStatus kvliOpticalFlowPyrLKFree_32f_C1R(KvliOptFlowPyrLKState* pState);
 /* @@END OPTICAL FLOW@@ */
 
 /* ---------------------------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <set>
@@ -133,6 +134,12 @@ TEST_F(Cli, SixteenBitInputsKeepTheirDepth) {
 
 // Every accepted word of every option, and every flag, works alone on a real image: the defaults
 // of the other options must suit each choice. The operations come from the tool's own listing.
+// The input files an operation takes, from its usage line: the input given once or twice.
+std::string inputsOf(const std::string& op, const std::string& file) {
+  const bool two = run(op + " --help").output.find("<second>") != std::string::npos;
+  return two ? file + " " + file : file;
+}
+
 TEST_F(Cli, EveryAcceptedValueWorksWithTheDefaults) {
   const Outcome list = run("--list-ops"), help = run("--help");
   ASSERT_EQ(list.exitCode, 0);
@@ -147,12 +154,12 @@ TEST_F(Cli, EveryAcceptedValueWorksWithTheDefaults) {
     if (kind == "flag") choices.push_back(opt);
     while (words >> value) choices.push_back(opt + " " + value);
     for (const std::string& c : choices) {
-      const Outcome o = run(op + " " + c + " " + path("rgb.png") + " " + path("o.png"));
+      const Outcome o = run(op + " " + c + " " + inputsOf(op, path("rgb.png")) + " " + path("o.png"));
       EXPECT_EQ(o.exitCode, 0) << op << " " << c << ": " << o.output;
     }
   }
   for (const std::string& op : listed) {  // --time reports the speed; the output is 8-bit
-    const Outcome o = run(op + " --time " + path("rgb.png") + " " + path("t.png"));
+    const Outcome o = run(op + " --time " + inputsOf(op, path("rgb.png")) + " " + path("t.png"));
     EXPECT_NE(o.output.find("Mpixel/s"), std::string::npos) << op << ": " << o.output;
     const Picture p = read("t.png");
     EXPECT_TRUE(p.depth == 8 && p.width == rgb_.width) << op;
@@ -203,6 +210,16 @@ TEST_F(Cli, ErrorsAreOneActionableLine) {
       std::fclose(f);
     }
     writeClaimingPng(path("huge.png"), 100000, 100000);
+    for (auto [name, text] : {std::pair<const char*, std::string>{"empty.txt", "# none\n\n"},
+                              {"one.txt", "1 2\n3\n"},
+                              {"three.txt", "1 2 3\n"},
+                              {"nan.txt", "nan 4\n"},
+                              {"far.txt", "1e30 4\n"},
+                              {"binary.txt", std::string("1 2\0\x01", 5)}}) {
+      FILE* f = std::fopen(path(name).c_str(), "wb");
+      std::fwrite(text.data(), 1, text.size(), f);
+      std::fclose(f);
+    }
     for (auto [target, name] : {std::pair<const char*, const char*>{"/dev/zero", "zero.png"},
                                 {"/dev/urandom", "random.png"},
                                 {"/dev/full", "full.pgm"},
@@ -252,6 +269,18 @@ TEST_F(Cli, ErrorsAreOneActionableLine) {
       {"detect --scale-factor 1 $G $T/o.png", "--scale-factor: 1 is not above 1", 1},
       {"detect --min-neighbors -1 $G $T/o.png", "--min-neighbors: -1 is outside 0..1000000", 1},
       {"detect --min-size 30 --max-size 20 $G $T/o.png", "--max-size 20 is below --min-size 30", 1},
+      {"track $G $T/o.png", "track needs two input files and an output file", 1},
+      {"track $G $G $T/o.png $T/p.png", "unexpected argument '" + dir_ + "/p.png'", 1},
+      {"track $G $T/rgb.png $T/o.png", "the images differ in size (61x37 and 40x23)", 1},
+      {"track --window 0 $G $G $T/o.png", "--window: 0 is outside 1..255", 1},
+      {"track --points $T/missing.txt $G $G $T/o.png", "missing.txt: cannot be opened", 1},
+      {"track --points $T/empty.txt $G $G $T/o.png", "empty.txt: no points", 1},
+      {"track --points $T/one.txt $G $G $T/o.png", "one.txt: line 2: expected two numbers", 1},
+      {"track --points $T/three.txt $G $G $T/o.png", "three.txt: line 1: unexpected text after", 1},
+      {"track --points $T/nan.txt $G $G $T/o.png", "nan.txt: line 1: a coordinate is not a finite", 1},
+      {"track --points $T/far.txt $G $G $T/o.png", "far.txt: line 1: a coordinate is not a finite", 1},
+      {"track --points $T/binary.txt $G $G $T/o.png", "binary.txt: line 1: not text", 1},
+      {"track --points $T/zero.png $G $G $T/o.png", "zero.png: larger than 64 MiB", 1},
       {"", "usage:", 2},
   };
   for (ErrorCase c : cases) {
@@ -281,6 +310,7 @@ TEST_F(Cli, HelpVersionAndDemo) {
   EXPECT_EQ(kvlcli::readImage(dir_ + "/demo-out/canny.png", &canny), "");
   EXPECT_EQ(canny.width, 512);
   EXPECT_NE(demo.output.find("x=176 y=66 width=96"), std::string::npos) << demo.output;
+  EXPECT_NE(demo.output.find("64.0000 64.0000 -> 66.4"), std::string::npos) << demo.output;
 }
 
 // The face of the sample photograph, as JSON and as lines, drawn on an RGB copy.
@@ -299,6 +329,52 @@ TEST_F(Cli, DetectListsAndDrawsTheFace) {
   EXPECT_EQ(lines.output, "");
   const Outcome grey = run("detect --json " + path("grey.png") + " " + path("g.png"));
   EXPECT_EQ(grey.output, "[]\n");
+}
+
+// Points of the sample photograph followed into a copy moved by (3, 2) pixels: the listing, the
+// JSON and the drawing.
+TEST_F(Cli, TrackFollowsAMovedPhotograph) {
+  Picture photo, moved;
+  ASSERT_EQ(kvlcli::readImage(KVL_SOURCE_DIR "/data/astronaut.png", &photo), "");
+  moved = photo;
+  for (int y = 0; y < photo.height; ++y)
+    for (int x = 0; x < photo.width * 3; ++x)
+      moved.row(y)[x] = photo.row(std::max(y - 2, 0))[std::max(x - 9, x % 3)];
+  ASSERT_EQ(kvlcli::writeImage(path("moved.png"), moved), "");
+  {
+    FILE* f = std::fopen(path("points.txt").c_str(), "w");
+    std::fputs("# x y\n200 150\n  330.5 260.25  \n\n-500 10\n", f);
+    std::fclose(f);
+  }
+  const std::string photoPath = KVL_SOURCE_DIR "/data/astronaut.png";
+  const Outcome listed = run("track --points " + path("points.txt") + " " + photoPath + " " +
+                             path("moved.png") + " " + path("t.png"));
+  ASSERT_EQ(listed.exitCode, 0) << listed.output;
+  std::istringstream lines(listed.output);
+  std::vector<std::array<double, 6>> rows;
+  for (std::string line; std::getline(lines, line);) {
+    std::array<double, 6> v{};
+    ASSERT_EQ(std::sscanf(line.c_str(), "%lf %lf -> %lf %lf status %lf error %lf", &v[0], &v[1],
+                          &v[2], &v[3], &v[4], &v[5]), 6) << line;
+    rows.push_back(v);
+  }
+  ASSERT_EQ(rows.size(), 3u);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(rows[i][4], 0);
+    EXPECT_NEAR(rows[i][2] - rows[i][0], 3.0, 0.1);
+    EXPECT_NEAR(rows[i][3] - rows[i][1], 2.0, 0.1);
+  }
+  EXPECT_EQ(rows[1][1], 260.25);
+  EXPECT_EQ(rows[2][4], 4);  // outside the image: lost at the coarsest of levels 0..3
+  const Picture drawn = read("t.png");
+  EXPECT_EQ(drawn.channels, 3);
+  EXPECT_EQ(drawn.row(152)[3 * 203 + 1], 255);  // the green end of the first vector
+  const Outcome json = run("track --json --grid 256 --levels 1 " + photoPath + " " + path("moved.png") +
+                           " " + path("j.png"));
+  ASSERT_EQ(json.exitCode, 0) << json.output;
+  EXPECT_EQ(json.output.rfind("[\n  {\"from\": [128.0000, 128.0000], \"to\": [131.", 0), 0u) << json.output;
+  EXPECT_EQ(std::count(json.output.begin(), json.output.end(), '{'), 4);
+  EXPECT_EQ(json.output.substr(json.output.size() - 4), "}\n]\n") << json.output;
 }
 
 }  // namespace

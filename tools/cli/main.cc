@@ -64,7 +64,8 @@ void listOperations() {
 }
 
 void opUsage(const Operation& op, FILE* out) {
-  std::fprintf(out, "usage: kvlcv %s [options] <input> <output>\n\n%s\n%s\n\noptions:\n", op.name,
+  std::fprintf(out, "usage: kvlcv %s [options] %s <output>\n\n%s\n%s\n\noptions:\n", op.name,
+               op.inputs() == 2 ? "<first> <second>" : "<input>",
                op.summary, op.details);
   for (const Option& o : op.options) {
     std::string values(o.kind == Kind::kNumber || o.kind == Kind::kInteger ? "N"
@@ -98,16 +99,19 @@ struct CommandLine {
 
   // Empty when there are an input and an output, else the message; a surplus argument that
   // follows a flag is most likely a value given to it.
-  std::string checkFiles(const char* opName) const {
-    if (files.size() < 2)
-      return std::string(opName) + " needs an input and an output file (kvlcv " + opName +
-             " --help)";
-    if (files.size() == 2) return "";
+  std::string checkFiles(const char* opName, int inputs) const {
+    const size_t want = static_cast<size_t>(inputs) + 1;
+    if (files.size() < want)
+      return std::string(opName) + (inputs == 2 ? " needs two input files and an output file"
+                                                : " needs an input and an output file") +
+             " (kvlcv " + opName + " --help)";
+    if (files.size() == want) return "";
     for (size_t i = 0; i < files.size(); ++i)
       if (!flagBefore[i].empty())
         return "unexpected argument '" + files[i] + "' (" + flagBefore[i] + " takes no value)";
-    return "unexpected argument '" + files[2] + "' (" + opName +
-           " takes one input and one output file)";
+    return "unexpected argument '" + files[want] + "' (" + opName +
+           (inputs == 2 ? " takes two input files and one output file)"
+                        : " takes one input and one output file)");
   }
 };
 
@@ -204,21 +208,25 @@ int run(int argc, char** argv) {
     opUsage(*op, stdout);
     return 0;
   }
-  err = cl.checkFiles(op->name);
+  err = cl.checkFiles(op->name, op->inputs());
   if (!err.empty()) return fail(err);
   if (cl.threads) kvlSetNumThreads(cl.threads);
 
-  Picture in, out;
+  Picture in, second, out;
   err = readImage(cl.files[0], &in, cl.maxPixels);
   if (!err.empty()) return fail(err);
-  RunResult r = op->run(cl.args, in, &out);
+  if (op->inputs() == 2) {
+    err = readImage(cl.files[1], &second, cl.maxPixels);
+    if (!err.empty()) return fail(err);
+  }
+  RunResult r = op->runPair ? op->runPair(cl.args, in, second, &out) : op->run(cl.args, in, &out);
   if (!r.error.empty()) return fail(std::string(op->name) + ": " + r.error);
   if (r.status != kvlStatusOk) {
     const StatusInfo s = statusInfo(r.status);
     return fail(std::string(op->name) + ": the library returned " + s.name + " (" +
                 std::to_string(r.status) + "): " + s.meaning);
   }
-  err = writeImage(cl.files[1], out);
+  err = writeImage(cl.files.back(), out);
   if (!err.empty()) return fail(err);
   std::fputs(r.report.c_str(), stdout);
   if (cl.time) {

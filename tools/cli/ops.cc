@@ -427,6 +427,8 @@ const std::vector<Operation> kOperations = {
      runIntegral},
     {"detect", "Finds faces (or what --cascade was trained on) and draws boxes around them",
      kDetectDetails, detectOptions(), runDetect},
+    {"track", "Follows points of a first image into a second (pyramidal Lucas-Kanade)",
+     kTrackDetails, trackOptions(), nullptr, runTrack},
 };
 
 }  // namespace
@@ -511,6 +513,32 @@ StatusInfo statusInfo(KvlStatus s) {
   return {"unknown status", "a status this tool does not know"};
 }
 
+namespace {
+
+// An 8-bit picture moved by (dx, dy) pixels: each sample is the bilinear mix of the four around
+// (x - dx, y - dy), edges repeated.
+Picture movedCopy(const Picture& in, double dx, double dy) {
+  Picture out;
+  out.allocate(in.width, in.height, in.channels, 8);
+  auto at = [&](long x, long y, int c) {
+    x = std::clamp<long>(x, 0, in.width - 1), y = std::clamp<long>(y, 0, in.height - 1);
+    return static_cast<double>(in.row(static_cast<int>(y))[x * in.channels + c]);
+  };
+  for (int y = 0; y < in.height; ++y)
+    for (int x = 0; x < in.width; ++x)
+      for (int c = 0; c < in.channels; ++c) {
+        const double px = x - dx, py = y - dy, fx = std::floor(px), fy = std::floor(py);
+        const double ax = px - fx, ay = py - fy;
+        const long cx = static_cast<long>(fx), cy = static_cast<long>(fy);
+        const double v = (1 - ay) * ((1 - ax) * at(cx, cy, c) + ax * at(cx + 1, cy, c)) +
+                         ay * ((1 - ax) * at(cx, cy + 1, c) + ax * at(cx + 1, cy + 1, c));
+        out.row(y)[x * in.channels + c] = static_cast<uint8_t>(std::lround(v));
+      }
+  return out;
+}
+
+}  // namespace
+
 int demo(const std::string& dir) {
   Picture photo;
   const std::string err = readPngMemory(kvl_demo_png, static_cast<size_t>(kvl_demo_png_end - kvl_demo_png), &photo);
@@ -528,6 +556,8 @@ int demo(const std::string& dir) {
   std::printf("threads %d permitted, %d cores, largest cache %d KiB\n", threads, kvlGetNumCoresOnDie(),
               cache / 1024);
   std::printf("sample: %dx%d RGB photograph (NASA, public domain)\n\n", photo.width, photo.height);
+  // The second image of track: the photograph moved right by 2.5 and down by 1.5 pixels.
+  const Picture moved = movedCopy(photo, 2.5, 1.5);
   struct Run {
     const char* op;
     Args args;
@@ -549,6 +579,7 @@ int demo(const std::string& dir) {
       {"integral", {{"window", "9"}}, "integral-stddev-9.png"},
       {"integral", {{"window", "15"}, {"shape", "tilted"}, {"type", "32s"}}, "integral-stddev-tilted-32s.png"},
       {"detect", {}, "detect-faces.png"},
+      {"track", {{"grid", "128"}}, "track.png"},
   };
   std::printf("%-16s %-46s %-10s %10s %12s\n", "operation", "options", "size", "time (ms)", "Mpixel/s");
   int failures = 0;
@@ -557,9 +588,12 @@ int demo(const std::string& dir) {
     std::string opts;
     for (const auto& [k, val] : r.args) opts += "--" + k + " " + val + " ";
     Picture out;
-    RunResult res = op->run(r.args, photo, &out);
+    auto once = [&] {
+      return op->runPair ? op->runPair(r.args, photo, moved, &out) : op->run(r.args, photo, &out);
+    };
+    RunResult res = once();
     for (int rep = 0; rep < 4 && res.error.empty() && res.status == kvlStatusOk; ++rep) {
-      const RunResult again = op->run(r.args, photo, &out);  // the best of five runs
+      const RunResult again = once();  // the best of five runs
       res.seconds = std::min(res.seconds, again.seconds);
     }
     std::string note;

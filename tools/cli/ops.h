@@ -46,6 +46,10 @@ struct Operation {
   const char* details;
   std::vector<Option> options;
   RunResult (*run)(const Args& args, const Picture& in, Picture* out);
+  // Operations of two input images (track) have this instead of run.
+  RunResult (*runPair)(const Args& args, const Picture& first, const Picture& second,
+                       Picture* out) = nullptr;
+  int inputs() const { return runPair ? 2 : 1; }
 };
 
 struct StatusInfo {
@@ -58,6 +62,10 @@ const std::vector<Operation>& operations();
 RunResult runDetect(const Args& args, const Picture& in, Picture* out);
 const std::vector<Option>& detectOptions();
 extern const char* const kDetectDetails;
+// The track operation (track_op.cc).
+RunResult runTrack(const Args& args, const Picture& first, const Picture& second, Picture* out);
+const std::vector<Option>& trackOptions();
+extern const char* const kTrackDetails;
 const Operation* findOperation(const std::string& name);
 StatusInfo statusInfo(KvlStatus status);
 // Empty when `value` is acceptable for `opt`, else a message naming the option, such as

@@ -1,0 +1,304 @@
+// Gaussian 5x5 pyramids: the kernel of every member, the arithmetic that the reference and the
+// vector kernels' scalar edges share, and the row schedule they all follow.
+//
+// Down: each source row is filtered horizontally once (only at the even columns the result needs)
+// into a ring of five rows in the work buffer; destination row y combines the ring rows 2y-2 ..
+// 2y+2. Up: each source row is filtered horizontally once into a ring of two rows; destination
+// rows 2j and 2j+1 combine rows j-1, j and j+1, the last of which is made in the same pass and
+// replaces row j-1 in the ring. A target's row operations (an `Ops` below) choose how a ring row
+// is laid out; the schedule, the narrow-image paths and the borders between rows are common.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include "core/border.h"
+#include "core/pixel.h"
+#include "core/simd.h"
+#include "kvlcv.h"
+#include "pyramid/gauss_pyramid_members.h"
+
+namespace kvl::pyramid {
+
+// A whole pyramid step: source w x h, the destination of the member's size, `buffer` the
+// caller's work buffer of the size query's bytes (any alignment).
+template <class T>
+using PyrFn = void (*)(const T* src, int srcStep, T* dst, int dstStep, int w, int h,
+                       Kvl8u* buffer);
+
+template <class T, int kC, bool kUp>
+struct PyrKernel {
+  static const simd::Kernel<PyrFn<T>> kernel;
+};
+
+namespace ref {
+template <class T, int kC, bool kUp>
+void pyramid(const T* src, int srcStep, T* dst, int dstStep, int w, int h, Kvl8u* buffer);
+}  // namespace ref
+
+// ---- Buffer sizes (64-bit; the family refuses what does not fit an int) ----
+
+inline long long roundUp16(long long v) { return (v + 15) / 16 * 16; }
+inline long long downBufferBytes(int w, int channels) {
+  return roundUp16(static_cast<long long>(w) * 4 * channels) * 6 + 64;
+}
+inline long long upBufferBytes(int w, int channels) {
+  return roundUp16(static_cast<long long>(w) * 8 * channels) * 3 + 64;
+}
+
+// ---- The arithmetic of one element ----
+//
+// Integer members sum in int (every sum fits 16 bits, so vector code may keep 16-bit lanes and
+// give the same values); 32f sums in single precision, left to right in the order written.
+
+template <class T>
+using Wide = std::conditional_t<std::is_floating_point_v<T>, float, int>;
+
+// s(-2) + 4 s(-1) + 6 s(0) + 4 s(1) + s(2).
+inline int tap5(int a, int b, int c, int d, int e) { return a + 4 * b + 6 * c + 4 * d + e; }
+inline float tap5(float a, float b, float c, float d, float e) {
+  return (((a + b * 4.0f) + c * 6.0f) + d * 4.0f) + e;
+}
+// The even phase of up-sampling, s(i-1) + 6 s(i) + s(i+1), and the odd one, 4 s(i) + 4 s(i+1).
+inline int upEven(int a, int b, int c) { return a + 6 * b + c; }
+inline float upEven(float a, float b, float c) { return (a + b * 6.0f) + c; }
+inline int upOdd(int b, int c) { return 4 * (b + c); }
+inline float upOdd(float b, float c) { return (b + c) * 4.0f; }
+
+// Normalisations. Integer shifts are arithmetic (halves go up, also for negative values).
+template <class T>
+inline T downOut(Wide<T> v) {
+  if constexpr (std::is_floating_point_v<T>) {
+    return v * 0.00390625f;
+  } else {
+    return static_cast<T>((v + 128) >> 8);
+  }
+}
+// The narrow down-sampling paths: the mean of two filtered rows (or columns).
+template <class T>
+inline T pairOut(Wide<T> a, Wide<T> b) {
+  if constexpr (std::is_floating_point_v<T>) {
+    return (a + b) * 0.03125f;
+  } else {
+    return static_cast<T>(((a + b) * 8 + 128) >> 8);
+  }
+}
+template <class T>
+inline T upOut(Wide<T> v) {
+  if constexpr (std::is_floating_point_v<T>) {
+    return v * 0.015625f;
+  } else {
+    return static_cast<T>((v + 32) >> 6);
+  }
+}
+// A one-row or one-column source: the single filtered direction.
+template <class T>
+inline T oneOut(Wide<T> v) {
+  if constexpr (std::is_floating_point_v<T>) {
+    return v * 0.125f;
+  } else {
+    return static_cast<T>((v * 8 + 32) >> 6);
+  }
+}
+
+// Row or column j (at most two beyond an edge) of n, mirrored about the edge pixels
+// (down-sampling, all four sides). The far side is folded once first, so that j stays an int
+// even next to the largest n.
+inline int mirror(long long j, int n) {
+  if (j >= n) j = 2LL * (n - 1) - j;
+  return border::mapIndex(static_cast<int>(j), n, kvlBorderMirror);
+}
+
+// Row y of an image; y may exceed the int range only in the up-sampled destination.
+template <class T>
+inline T* rowAt(T* base, int step, long long y) {
+  using Byte = std::conditional_t<std::is_const_v<T>, const char, char>;
+  return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) + static_cast<std::ptrdiff_t>(step) * y);
+}
+// Element j of a row of n for up-sampling: mirrored at the start, replicated at the end.
+inline int upIndex(int j, int n) {
+  return border::mapIndex(j, n, j < 0 ? kvlBorderMirror : kvlBorderRepl);
+}
+
+template <class T>
+inline Wide<T> wide(const T* p) {
+  return static_cast<Wide<T>>(loadAny(p));
+}
+
+// The horizontal down-sampling pass at output column x of a row of w pixels of kStride
+// elements (kStride 1 for a channel plane).
+template <class T, int kStride>
+inline Wide<T> hDownAt(const T* row, int w, int x) {
+  auto s = [&](int k) { return wide(row + mirror(2 * x + k, w) * kStride); };
+  return tap5(s(-2), s(-1), s(0), s(1), s(2));
+}
+// The horizontal up-sampling pass: destination columns 2i (even) and 2i+1 (odd).
+template <class T, int kStride>
+inline Wide<T> hUpEvenAt(const T* row, int w, int i) {
+  auto s = [&](int k) { return wide(row + upIndex(i + k, w) * kStride); };
+  return upEven(s(-1), s(0), s(1));
+}
+template <class T, int kStride>
+inline Wide<T> hUpOddAt(const T* row, int w, int i) {
+  auto s = [&](int k) { return wide(row + upIndex(i + k, w) * kStride); };
+  return upOdd(s(0), s(1));
+}
+
+// ---- The work buffer ----
+
+// The caller's buffer from its first 64-byte-aligned byte on.
+struct Work {
+  Kvl8u* base;
+  long long bytes;
+  Work(Kvl8u* buffer, long long total) {
+    const uintptr_t mis = reinterpret_cast<uintptr_t>(buffer) % 64;
+    const long long skip = mis ? 64 - static_cast<long long>(mis) : 0;
+    base = buffer + skip;
+    bytes = total - skip;
+  }
+};
+
+// ---- The narrow paths no target vectorises ----
+
+// Down-sampling of a source of width 1 or 2 (height 3 or more): per destination row, the two
+// columns are filtered vertically and averaged.
+template <class T, int kC>
+void downNarrowWidth(const T* src, int srcStep, T* dst, int dstStep, int w, int h) {
+  const int hd = (h + 1) >> 1, col1 = w > 1 ? 1 : 0;
+  for (int y = 0; y < hd; ++y) {
+    const T* r[5];
+    for (int k = 0; k < 5; ++k) r[k] = rowPtr(src, srcStep, mirror(2LL * y + k - 2, h));
+    T* out = rowPtr(dst, dstStep, y);
+    for (int c = 0; c < kC; ++c) {
+      auto column = [&](int x) {
+        auto s = [&](int k) { return wide(r[k] + x * kC + c); };
+        return tap5(s(0), s(1), s(2), s(3), s(4));
+      };
+      storeAny(out + c, pairOut<T>(column(0), column(col1)));
+    }
+  }
+}
+
+// Up-sampling of a source of width 1 (height 2 or more): each vertical result goes to both
+// destination columns.
+template <class T, int kC>
+void upOneColumn(const T* src, int srcStep, T* dst, int dstStep, int h) {
+  for (int j = 0; j < h; ++j) {
+    const T* prev = rowPtr(src, srcStep, upIndex(j - 1, h));
+    const T* cur = rowPtr(src, srcStep, j);
+    const T* next = rowPtr(src, srcStep, upIndex(j + 1, h));
+    T* even = rowAt(dst, dstStep, 2LL * j);
+    T* odd = rowAt(dst, dstStep, 2LL * j + 1);
+    for (int c = 0; c < kC; ++c) {
+      const T e = oneOut<T>(upEven(wide(prev + c), wide(cur + c), wide(next + c)));
+      const T o = oneOut<T>(upOdd(wide(cur + c), wide(next + c)));
+      storeAny(even + c, e);
+      storeAny(even + kC + c, e);
+      storeAny(odd + c, o);
+      storeAny(odd + kC + c, o);
+    }
+  }
+}
+
+// ---- The schedules ----
+//
+// Down Ops: `Acc` (the ring element), and
+//   long long rowBytes(int w)   bytes of one ring row, a multiple of 16
+//   long long scratchBytes(int w)
+//   void hRow(const T* src, int w, Acc* out)                        one source row into the ring
+//   void vRow(const Acc* const r[5], int w, T* dst)                 rows 2y-2 .. 2y+2 combined
+//   void fused(const T* a, const T* b, int w, const Acc* const r[3], Acc* ha, Acc* hb, T* dst)
+//        rows 2y+1 (a) and 2y+2 (b) filtered into ha and hb and combined with r (2y-2 .. 2y)
+//   void pairRow(const Acc* r0, const Acc* r1, int w, T* dst)       the height-1-or-2 result
+//   Kvl8u* scratch                                                  set by the schedule
+// Each returns false when its layout does not fit the buffer (then nothing was written).
+
+template <class T, int kC, class Ops>
+bool downImage(Ops& ops, const T* src, int srcStep, T* dst, int dstStep, int w, int h,
+               Kvl8u* buffer) {
+  using Acc = typename Ops::Acc;
+  if (h >= 3 && w < 3) {
+    downNarrowWidth<T, kC>(src, srcStep, dst, dstStep, w, h);
+    return true;
+  }
+  const Work work(buffer, downBufferBytes(w, kC));
+  const long long pitch = ops.rowBytes(w);
+  if (5 * pitch + ops.scratchBytes(w) > work.bytes) return false;
+  ops.scratch = work.base + 5 * pitch;
+  auto slot = [&](long long r) { return reinterpret_cast<Acc*>(work.base + (r % 5) * pitch); };
+  auto row = [&](long long r) { return rowAt(src, srcStep, r); };
+  if (h < 3) {
+    ops.hRow(row(0), w, slot(0));
+    if (h == 2) ops.hRow(row(1), w, slot(1));
+    ops.pairRow(slot(0), slot(h - 1), w, dst);
+    return true;
+  }
+  for (int r = 0; r < 3; ++r) ops.hRow(row(r), w, slot(r));
+  long long made = 2;  // the last source row in the ring
+  const int hd = (h + 1) >> 1;
+  for (int y = 0; y < hd; ++y) {
+    T* out = rowPtr(dst, dstStep, y);
+    const long long top = 2LL * y;  // at most h - 1
+    if (y > 0 && top + 2 < h) {
+      const Acc* const r[3] = {slot(top - 2), slot(top - 1), slot(top)};
+      ops.fused(row(top + 1), row(top + 2), w, r, slot(top + 1), slot(top + 2), out);
+      made = top + 2;
+      continue;
+    }
+    for (; made < top + 2 && made < h - 1; ++made) ops.hRow(row(made + 1), w, slot(made + 1));
+    const Acc* r[5];
+    for (int k = 0; k < 5; ++k) r[k] = slot(mirror(top + k - 2, h));
+    ops.vRow(r, w, out);
+  }
+  return true;
+}
+
+// Up Ops: `Acc`, rowBytes, scratchBytes, scratch as above, and
+//   void hRow(const T* src, int w, Acc* out)
+//   void vPair(const Acc* prev, const Acc* cur, const Acc* next, int w, T* even, T* odd)
+//   void fused(const T* src, int w, Acc* prev, const Acc* cur, T* even, T* odd)
+//        filters source row j+1 and combines it with prev (row j-1) and cur (row j); its
+//        horizontal result replaces prev, element by element after it was read
+//   void oneRow(const Acc* r, int w, T* d0, T* d1)                  the height-1 result
+
+template <class T, int kC, class Ops>
+bool upImage(Ops& ops, const T* src, int srcStep, T* dst, int dstStep, int w, int h,
+             Kvl8u* buffer) {
+  using Acc = typename Ops::Acc;
+  if (h >= 2 && w == 1) {
+    upOneColumn<T, kC>(src, srcStep, dst, dstStep, h);
+    return true;
+  }
+  const Work work(buffer, upBufferBytes(w, kC));
+  const long long pitch = ops.rowBytes(w);
+  if (2 * pitch + ops.scratchBytes(w) > work.bytes) return false;
+  ops.scratch = work.base + 2 * pitch;
+  Acc* a = reinterpret_cast<Acc*>(work.base);
+  Acc* b = reinterpret_cast<Acc*>(work.base + pitch);
+  auto row = [&](int r) { return rowPtr(src, srcStep, r); };
+  auto out = [&](long long r) { return rowAt(dst, dstStep, r); };
+  ops.hRow(row(0), w, a);
+  if (h == 1) {
+    ops.oneRow(a, w, out(0), out(1));
+    return true;
+  }
+  ops.hRow(row(1), w, b);
+  ops.vPair(b, a, b, w, out(0), out(1));  // row -1 reflects row 1
+  Acc* prev = a;
+  Acc* cur = b;
+  for (int j = 1; j + 1 < h; ++j) {
+    ops.fused(row(j + 1), w, prev, cur, out(2LL * j), out(2LL * j + 1));
+    Acc* t = prev;
+    prev = cur;
+    cur = t;
+  }
+  ops.vPair(prev, cur, cur, w, out(2LL * h - 2), out(2LL * h - 1));  // row h replicates row h-1
+  return true;
+}
+
+#define KVL_PYR_EXTERN(Dir, type, T, C) extern template struct PyrKernel<T, C, KVL_PYR_UP_##Dir>;
+KVL_PYR_MEMBERS(KVL_PYR_EXTERN)
+#undef KVL_PYR_EXTERN
+
+}  // namespace kvl::pyramid
