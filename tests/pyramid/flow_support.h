@@ -1,5 +1,6 @@
-// Test pyramids for the tracker: levels made by 2 x 2 averaging (edges repeated), rate 2, in a
-// caller-visible record whose arrays the test owns.
+// Test pyramids for the tracker: levels made by the library's 5x5 Gaussian down-sampling of the
+// float image (then rounded to the element type), rate 2, in a caller-visible record whose arrays
+// the test owns.
 #pragma once
 
 #include <algorithm>
@@ -38,13 +39,10 @@ class TestPyramid {
       if (k == top) break;
       const int w2 = (w + 1) / 2, h2 = (h + 1) / 2;
       std::vector<float> next(static_cast<size_t>(w2) * h2);
-      auto at = [&](int x, int y) {
-        return cur[static_cast<size_t>(std::min(y, h - 1)) * w + std::min(x, w - 1)];
-      };
-      for (int y = 0; y < h2; ++y)
-        for (int x = 0; x < w2; ++x)
-          next[static_cast<size_t>(y) * w2 + x] = 0.25f * (at(2 * x, 2 * y) + at(2 * x + 1, 2 * y) +
-                                                          at(2 * x, 2 * y + 1) + at(2 * x + 1, 2 * y + 1));
+      int bytes = 0;
+      kvliPyrDownGetBufSize_Gauss5x5(w, 13, 1, &bytes);
+      std::vector<Kvl8u> buffer(static_cast<size_t>(bytes));
+      kvliPyrDown_Gauss5x5_32f_C1R(cur.data(), w * 4, next.data(), w2 * 4, {w, h}, buffer.data());
       cur.swap(next);
       w = w2, h = h2;
     }
