@@ -556,8 +556,9 @@ int demo(const std::string& dir) {
   std::printf("threads %d permitted, %d cores, largest cache %d KiB\n", threads, kvlGetNumCoresOnDie(),
               cache / 1024);
   std::printf("sample: %dx%d RGB photograph (NASA, public domain)\n\n", photo.width, photo.height);
-  // The second image of track: the photograph moved right by 2.5 and down by 1.5 pixels.
-  const Picture moved = movedCopy(photo, 2.5, 1.5);
+  // The second image of track: the photograph moved right by 6.5 and down by 3.5 pixels, far enough
+  // for the drawn vectors to show.
+  const Picture moved = movedCopy(photo, 6.5, 3.5);
   struct Run {
     const char* op;
     Args args;
