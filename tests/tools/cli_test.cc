@@ -310,7 +310,7 @@ TEST_F(Cli, HelpVersionAndDemo) {
   EXPECT_EQ(kvlcli::readImage(dir_ + "/demo-out/canny.png", &canny), "");
   EXPECT_EQ(canny.width, 512);
   EXPECT_NE(demo.output.find("x=176 y=66 width=96"), std::string::npos) << demo.output;
-  EXPECT_NE(demo.output.find("64.0000 64.0000 -> 66.4"), std::string::npos) << demo.output;
+  EXPECT_NE(demo.output.find("64.0000 64.0000 -> 70.4"), std::string::npos) << demo.output;
 }
 
 // The face of the sample photograph, as JSON and as lines, drawn on an RGB copy.
