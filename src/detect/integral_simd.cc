@@ -427,6 +427,11 @@ template <class Src, class Sum, class Sqr, Shape kShape>
 const simd::Kernel<IntegralFn<Src, Sum, Sqr>> IntegralKernel<Src, Sum, Sqr, kShape>::kernel{
     KVL_TARGETS(integral<Src, Sum, Sqr, kShape, false>), &ref::integral<Src, Sum, Sqr, kShape>};
 
+template <class Src, class Sum, class Sqr, Shape kShape>
+const simd::Kernel<IntegralFn<Src, Sum, Sqr>> IntegralKernel<Src, Sum, Sqr, kShape>::streamed{
+    KVL_TARGETS(integral<Src, Sum, Sqr, kShape, kStreams<Src, Sqr, kShape>>),
+    &ref::integral<Src, Sum, Sqr, kShape>};
+
 #define KVL_INSTANTIATE(Name, types, Src, Sum, Sqr, shape, form) \
   template struct IntegralKernel<Src, Sum, Sqr, Shape::k##shape>;
 KVL_INTEGRAL_MEMBERS(KVL_INSTANTIATE)
