@@ -61,8 +61,10 @@ HWY_INLINE hn::Vec<DI> lastLane(DI d, hn::Vec<DI> v) {
 }
 
 #if HWY_TARGET == HWY_AVX3
-// The multiplier of the prefix steps below must stay a multiply: the compiler would otherwise
-// expand it into shifts and adds, three more instructions on the busiest ports.
+// A value the compiler must take as it is. The multipliers of the prefix steps below must stay
+// multiplies (the compiler would expand them into shifts and adds, three more instructions on the
+// busiest ports), and each source row is loaded once into a register, not folded as a memory
+// operand into every instruction that reads it.
 template <class V>
 HWY_INLINE V opaque(V v) {
   asm("" : "+v"(v));
@@ -81,13 +83,16 @@ HWY_INLINE V opaque(V v) {
 //    the value above are added in 32 bits (wrapping), or for float tables the int32 sum is
 //    converted and the value above added in single precision, as the scalar rule does. Row y+2
 //    takes row y+1's new values as its row above straight from the registers.
-// The steps are software-pipelined: the next step's loads and multiplies are issued before this
-// step's permutes and stores, which keeps the chains short for the out-of-order window. The first
-// step ends where row y+1 reaches a 64-byte boundary and the last one is partial; both use masked
-// loads and stores. With kStream, row y+1 (vector-aligned in the full steps) is written with
-// cache-bypassing stores; row y+2 is not, since the next pass reads it as its row above.
+// The steps are software-pipelined three deep (loads and multiplies, 16-bit prefix, widening and
+// stores of three successive steps in one iteration): each stage then finds its inputs ready,
+// and the out-of-order window, which the long chain from a load to its stores would otherwise
+// fill, keeps the stores streaming. The first step ends where row y+1 reaches a 64-byte boundary
+// and the last one is partial; both use masked loads and stores. With kStream, row y+1
+// (vector-aligned in the full steps) is written with cache-bypassing stores; row y+2 is not,
+// since the next pass reads it as its row above.
 template <class T, bool kTwo, bool kStream>
-void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w, T val) {
+HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                            T val) {
   constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
   storeAny(o0, val);
   if constexpr (kTwo) storeAny(o1, val);
@@ -113,8 +118,8 @@ void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1,
   };
   auto load = [&](int x, __mmask32 m) KVL_INLINE_LAMBDA {
     Step st;
-    const __m256i ya = _mm256_maskz_loadu_epi8(m, s0 + x);
-    const __m256i yb = kTwo ? _mm256_maskz_loadu_epi8(m, s1 + x) : _mm256_setzero_si256();
+    const __m256i ya = opaque(_mm256_maskz_loadu_epi8(m, s0 + x));
+    const __m256i yb = kTwo ? opaque(_mm256_maskz_loadu_epi8(m, s1 + x)) : _mm256_setzero_si256();
     st.a = _mm512_mullo_epi64(_mm512_cvtepu8_epi16(ya), quarters);
     st.b = kTwo ? _mm512_mullo_epi64(_mm512_cvtepu8_epi16(yb), quarters) : z;
     const __m512i both = _mm512_inserti64x4(_mm512_castsi256_si512(ya), yb, 1);
@@ -122,13 +127,15 @@ void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1,
         _mm_mullo_epi64(_mm512_cvtepi64_epi16(_mm512_sad_epu8(both, z)), before));
     return st;
   };
-  // Row sums of pixels x .. x+15 (lo) and x+16 .. x+31 (hi) of one row, before the running sum.
-  auto widen = [&](__m512i v, __m512i lanes, __m512i laneIdx, __m512i& lo, __m512i& hi)
-                   KVL_INLINE_LAMBDA {
-    v = _mm512_add_epi16(v, _mm512_shuffle_epi8(v, upper));
-    v = _mm512_add_epi16(v, _mm512_permutexvar_epi16(laneIdx, lanes));
-    lo = _mm512_maskz_permutexvar_epi16(kEven, low, v);
-    hi = _mm512_maskz_permutexvar_epi16(kEven, high, v);
+  // The step's 16-bit row sums: each quarter's total so far plus the lanes' offsets.
+  auto prefix = [&](Step st) KVL_INLINE_LAMBDA {
+    st.a = _mm512_add_epi16(st.a, _mm512_shuffle_epi8(st.a, upper));
+    st.a = _mm512_add_epi16(st.a, _mm512_permutexvar_epi16(laneA, st.lanes));
+    if constexpr (kTwo) {
+      st.b = _mm512_add_epi16(st.b, _mm512_shuffle_epi8(st.b, upper));
+      st.b = _mm512_add_epi16(st.b, _mm512_permutexvar_epi16(laneB, st.lanes));
+    }
+    return st;
   };
   // Table values from running sums r and the values above (vectors of T's lanes).
   auto add = [](__m512i r, auto up) KVL_INLINE_LAMBDA {
@@ -166,16 +173,17 @@ void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1,
   };
   auto finish = [&](int x, const Step& st, __mmask32 m) KVL_INLINE_LAMBDA {
     const __mmask16 m0 = static_cast<__mmask16>(m), m1 = static_cast<__mmask16>(m >> 16);
-    __m512i la, ha;
-    widen(st.a, st.lanes, laneA, la, ha);
+    // pixels x .. x+15 (lo) and x+16 .. x+31 (hi) as int32 lanes
+    const __m512i la = _mm512_maskz_permutexvar_epi16(kEven, low, st.a);
+    const __m512i ha = _mm512_maskz_permutexvar_epi16(kEven, high, st.a);
     const auto a0 = add(_mm512_add_epi32(la, ca), loadUp(above + x + 1, m0));
     const auto a1 = add(_mm512_add_epi32(ha, ca), loadUp(above + x + 17, m1));
     put(o0 + x + 1, m0, a0, kStream);
     put(o0 + x + 17, m1, a1, kStream);
     ca = _mm512_add_epi32(ca, _mm512_permutexvar_epi32(last, ha));
     if constexpr (kTwo) {
-      __m512i lb, hb;
-      widen(st.b, st.lanes, laneB, lb, hb);
+      const __m512i lb = _mm512_maskz_permutexvar_epi16(kEven, low, st.b);
+      const __m512i hb = _mm512_maskz_permutexvar_epi16(kEven, high, st.b);
       put(o1 + x + 1, m0, add(_mm512_add_epi32(lb, cb), a0), false);
       put(o1 + x + 17, m1, add(_mm512_add_epi32(hb, cb), a1), false);
       cb = _mm512_add_epi32(cb, _mm512_permutexvar_epi32(last, hb));
@@ -186,20 +194,28 @@ void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1,
   int x = 0;
   const int head = alignedHead(o0 + 1, 64, w);
   if (head > 0) {
-    finish(0, load(0, partial(head)), partial(head));
+    finish(0, prefix(load(0, partial(head))), partial(head));
     x = head;
   }
-  if (x + 32 <= w) {
-    Step st = load(x, ~0u);
-    for (; x + 64 <= w; x += 32) {
-      const Step next = load(x + 32, ~0u);
-      finish(x, st, ~0u);
-      st = next;
+  if (x + 64 <= w) {
+    // three steps in flight: loaded, prefixed, finished
+    Step prefixed = prefix(load(x, ~0u));
+    Step loaded = load(x + 32, ~0u);
+    for (; x + 96 <= w; x += 32) {
+      const Step next = load(x + 64, ~0u);
+      const Step ready = prefix(loaded);
+      finish(x, prefixed, ~0u);
+      prefixed = ready;
+      loaded = next;
     }
-    finish(x, st, ~0u);
+    finish(x, prefixed, ~0u);
+    finish(x + 32, prefix(loaded), ~0u);
+    x += 64;
+  } else if (x + 32 <= w) {
+    finish(x, prefix(load(x, ~0u)), ~0u);
     x += 32;
   }
-  if (x < w) finish(x, load(x, partial(w - x)), partial(w - x));
+  if (x < w) finish(x, prefix(load(x, partial(w - x))), partial(w - x));
 }
 
 // The whole upright sum table (row 0 already written), two rows per pass; kStream: row y+1 of
