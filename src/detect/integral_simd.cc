@@ -357,9 +357,13 @@ void tiltedRow(const Kvl8u* s, const T* up, const T* up2, T* out, int w) {
 template <class T, Shape kShape, bool kSquare, bool kStream>
 void table8u(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
   constexpr int kPad = kShape == Shape::kUpright ? 1 : 2;
+  const hn::ScalableTag<T> dt;
+  const int nt = static_cast<int>(hn::Lanes(dt));
   for (int y = 0; y < kPad; ++y) {
     T* row = rowPtr(t, step, y);
-    for (int x = 0; x < w + kPad; ++x) storeAny(row + x, val);
+    int x = 0;
+    for (; x + nt <= w + kPad; x += nt) hn::StoreU(hn::Set(dt, val), dt, row + x);
+    for (; x < w + kPad; ++x) storeAny(row + x, val);
   }
 #if HWY_TARGET == HWY_AVX3
   if constexpr (kShape == Shape::kUpright && !kSquare && sizeof(T) == 4) {
