@@ -33,8 +33,9 @@ struct IntegralKernel {
   static const simd::Kernel<IntegralFn<Src, Sum, Sqr>> kernel;
   // The same tables, written with cache-bypassing stores on the targets that have such a form
   // (the members without one: the same entries as `kernel`). For tables that cannot stay in the
-  // cache with their source: each pass of two rows streams its first row, which nothing reads
-  // again, and stores the second, the next pass's row above, as usual.
+  // cache with their source: each pass of two rows streams both and keeps a copy of the second,
+  // the next pass's row above, on the stack (rows narrower than 8192 elements whose steps keep
+  // them aligned alike; otherwise the second row is stored as usual).
   static const simd::Kernel<IntegralFn<Src, Sum, Sqr>> streamed;
 };
 

@@ -88,11 +88,12 @@ HWY_INLINE V opaque(V v) {
 // and the out-of-order window, which the long chain from a load to its stores would otherwise
 // fill, keeps the stores streaming. The first step ends where row y+1 reaches a 64-byte boundary
 // and the last one is partial; both use masked loads and stores. With kStream, row y+1
-// (vector-aligned in the full steps) is written with cache-bypassing stores; row y+2 is not,
-// since the next pass reads it as its row above.
-template <class T, bool kTwo, bool kStream>
+// (vector-aligned in the full steps) is written with cache-bypassing stores; row y+2 too with
+// kCopy, which also stores it at `copy` (aligned like it, in the cache) for the next pass to read
+// as its row above.
+template <class T, bool kTwo, bool kStream, bool kCopy = false>
 HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
-                            T val) {
+                            T val, T* copy = nullptr) {
   constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
   storeAny(o0, val);
   if constexpr (kTwo) storeAny(o1, val);
@@ -184,8 +185,14 @@ HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
     if constexpr (kTwo) {
       const __m512i lb = _mm512_maskz_permutexvar_epi16(kEven, low, st.b);
       const __m512i hb = _mm512_maskz_permutexvar_epi16(kEven, high, st.b);
-      put(o1 + x + 1, m0, add(_mm512_add_epi32(lb, cb), a0), false);
-      put(o1 + x + 17, m1, add(_mm512_add_epi32(hb, cb), a1), false);
+      const auto b0 = add(_mm512_add_epi32(lb, cb), a0);
+      const auto b1 = add(_mm512_add_epi32(hb, cb), a1);
+      put(o1 + x + 1, m0, b0, kCopy);
+      put(o1 + x + 17, m1, b1, kCopy);
+      if constexpr (kCopy) {
+        put(copy + x + 1, m0, b0, false);
+        put(copy + x + 17, m1, b1, false);
+      }
       cb = _mm512_add_epi32(cb, _mm512_permutexvar_epi32(last, hb));
     }
   };
@@ -218,24 +225,39 @@ HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
   if (x < w) finish(x, prefix(load(x, partial(w - x))), partial(w - x));
 }
 
-// The whole upright sum table (row 0 already written), two rows per pass; kStream: row y+1 of
-// each pass is streamed when it can be vector-aligned (its pointer element-aligned).
+// The whole upright sum table (row 0 already written), two rows per pass. kStream: both rows of a
+// pass are streamed when they can be vector-aligned together (their pointers element-aligned and
+// a multiple of 64 bytes apart) and the row fits the copy kept for the next pass; otherwise only
+// the first, and the second is the next pass's row above in the table.
 template <class T, bool kStream>
 void sumTableAVX3(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
+  constexpr int kCopyMax = 8192;  // elements: 32 KB on the stack
+  alignas(64) T copyBuf[kStream ? kCopyMax + 16 : 1];
+  const T* prev = t;  // the row above the next pass
   int y = 0;
   for (; y + 2 <= h; y += 2) {
     const Kvl8u* s0 = rowPtr(src, srcStep, y);
     const Kvl8u* s1 = rowPtr(src, srcStep, y + 1);
     T* o0 = rowPtr(t, step, y + 1);
-    if (kStream && reinterpret_cast<uintptr_t>(o0) % sizeof(T) == 0) {
-      sumRowsAVX3<T, true, kStream>(s0, s1, rowPtr(t, step, y), o0, rowPtr(t, step, y + 2), w, val);
+    T* o1 = rowPtr(t, step, y + 2);
+    const bool aligned = reinterpret_cast<uintptr_t>(o0) % sizeof(T) == 0;
+    if (kStream && aligned && w < kCopyMax &&
+        (reinterpret_cast<uintptr_t>(o1) - reinterpret_cast<uintptr_t>(o0)) % 64 == 0) {
+      // both rows streamed; row y+2 also kept in copyBuf, aligned like it, for the next pass
+      T* copy = copyBuf + (reinterpret_cast<uintptr_t>(o1) % 64) / sizeof(T);
+      sumRowsAVX3<T, true, true, true>(s0, s1, prev, o0, o1, w, val, copy);
+      prev = copy;
+    } else if (kStream && aligned) {
+      sumRowsAVX3<T, true, kStream>(s0, s1, prev, o0, o1, w, val);
+      prev = o1;
     } else {
-      sumRowsAVX3<T, true, false>(s0, s1, rowPtr(t, step, y), o0, rowPtr(t, step, y + 2), w, val);
+      sumRowsAVX3<T, true, false>(s0, s1, prev, o0, o1, w, val);
+      prev = o1;
     }
   }
   if (y < h) {
-    sumRowsAVX3<T, false, false>(rowPtr(src, srcStep, y), nullptr, rowPtr(t, step, y),
-                                 rowPtr(t, step, y + 1), nullptr, w, val);
+    sumRowsAVX3<T, false, false>(rowPtr(src, srcStep, y), nullptr, prev, rowPtr(t, step, y + 1),
+                                 nullptr, w, val);
   }
   if (kStream) _mm_sfence();
 }
