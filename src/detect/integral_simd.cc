@@ -376,6 +376,48 @@ void tiltedRow(const Kvl8u* s, const T* up, const T* up2, T* out, int w) {
   storeAny(out + w + 1, at(up, w));
 }
 
+// Upright tables of fewer than kNarrow columns: the scalar rule on four rows at once, each row
+// taking the new values of the row before it from registers (through memory, the store and the
+// reload of each value above would be the chain that sets the pace).
+constexpr int kNarrow = 12;
+template <class T, bool kSquare>
+void narrowTable(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
+  constexpr int kRows = 4;
+  auto termOf = [](Kvl8u v) { return kSquare ? square(v) : term(v); };
+  int y = 0;
+  for (; y + kRows <= h; y += kRows) {
+    const Kvl8u* s[kRows];
+    T* o[kRows];
+    Running<Kvl8u, T> r[kRows];
+    for (int k = 0; k < kRows; ++k) {
+      s[k] = rowPtr(src, srcStep, y + k);
+      o[k] = rowPtr(t, step, y + k + 1);
+      storeAny(o[k], val);
+      r[k] = 0;
+    }
+    const T* above = rowPtr(t, step, y);
+    for (int x = 0; x < w; ++x) {
+      T v = loadAny(above + x + 1);
+      for (int k = 0; k < kRows; ++k) {
+        r[k] += termOf(s[k][x]);
+        v = withAbove(r[k], v);
+        storeAny(o[k] + x + 1, v);
+      }
+    }
+  }
+  for (; y < h; ++y) {
+    const Kvl8u* s = rowPtr(src, srcStep, y);
+    const T* above = rowPtr(t, step, y);
+    T* out = rowPtr(t, step, y + 1);
+    storeAny(out, val);
+    Running<Kvl8u, T> r = 0;
+    for (int x = 0; x < w; ++x) {
+      r += termOf(s[x]);
+      storeAny(out + x + 1, withAbove(r, loadAny(above + x + 1)));
+    }
+  }
+}
+
 template <class T, Shape kShape, bool kSquare, bool kStream>
 void table8u(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
   constexpr int kPad = kShape == Shape::kUpright ? 1 : 2;
@@ -386,6 +428,12 @@ void table8u(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val)
     int x = 0;
     for (; x + nt <= w + kPad; x += nt) hn::StoreU(hn::Set(dt, val), dt, row + x);
     for (; x < w + kPad; ++x) storeAny(row + x, val);
+  }
+  if constexpr (kShape == Shape::kUpright) {
+    if (w < kNarrow) {
+      narrowTable<T, kSquare>(src, srcStep, t, step, w, h, val);
+      return;
+    }
   }
 #if HWY_TARGET == HWY_AVX3
   if constexpr (kShape == Shape::kUpright && !kSquare && sizeof(T) == 4) {
