@@ -663,7 +663,9 @@ KVL_API KvlStatus kvliAbsDiffC_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* 
  * Table statuses, in this order: kvlStatusNullPointer; kvlStatusBadSize (w or h < 1);
  * kvlStatusBadStep (srcStep < w x source element size, a table step < (w+1) resp. (w+2) x its
  * element size); kvlStatusStepNotMultiple (a table step not a multiple of its element size, and
- * the Kvl32f source's step not a multiple of 4). No work buffer; single-threaded.
+ * the Kvl32f source's step not a multiple of 4). No work buffer; single-threaded. Integral_8u32s
+ * and Integral_8u32f tables that outgrow about half the cache (with their source) are written
+ * with cache-bypassing stores, so they are not left in the cache.
  *
  * RectStdDev at output (y, x): x0 = x + rect.x, y0 = y + rect.y, x1 = x0 + rect.width,
  * y1 = y0 + rect.height, N = rect.width x rect.height;

@@ -2,6 +2,7 @@
 #include "detect/integral.h"
 
 #include "core/check.h"
+#include "core/services.h"
 #include "impl_decls.h"
 
 namespace kvl::detect {
@@ -28,8 +29,16 @@ KvlStatus integralImage(const Src* src, int srcStep, Sum* sum, int sumStep, SqrE
   } else {
     KVL_TRY(check::stepMultiples(Step<Src>{srcStep}, Step<Sum>{sumStep}));
   }
-  IntegralKernel<Src, Sum, Sqr, kShape>::kernel.pick()(src, srcStep, sum, sumStep, sqr, sqrStep,
-                                                       roi.width, roi.height, val, valSqr);
+  // The bytes the call reads and writes (the elements, not the steps' padding). Streaming pays
+  // from about half the reported cache size on: the cache is shared with other cores, and a table
+  // rewritten from the top on every call is what its replacement evicts first (on a 32 MB cache
+  // shared with other work: even at 18 MB, a third faster from 23 MB).
+  const long long touched = 1LL * roi.width * roi.height * static_cast<long long>(sizeof(Src)) +
+                            (tableWidth * (roi.height + 1LL)) * static_cast<long long>(sizeof(Sum));
+  using K = IntegralKernel<Src, Sum, Sqr, kShape>;
+  const auto& kernel =
+      kStreams<Src, Sqr, kShape> && streamDestination(2 * touched) ? K::streamed : K::kernel;
+  kernel.pick()(src, srcStep, sum, sumStep, sqr, sqrStep, roi.width, roi.height, val, valSqr);
   return kvlStatusOk;
 }
 

@@ -23,9 +23,20 @@ using IntegralFn = void (*)(const Src* src, int srcStep, Sum* sum, int sumStep, 
 
 enum class Shape { kUpright, kTilted };
 
+// Whether a member's tables have a streaming form: the sum-only upright tables of 8-bit sources.
+template <class Src, class Sqr, Shape kShape>
+constexpr bool kStreams =
+    std::is_same_v<Src, Kvl8u> && std::is_void_v<Sqr> && kShape == Shape::kUpright;
+
 template <class Src, class Sum, class Sqr, Shape kShape>
 struct IntegralKernel {
   static const simd::Kernel<IntegralFn<Src, Sum, Sqr>> kernel;
+  // The same tables, written with cache-bypassing stores on the targets that have such a form
+  // (the members without one: the same entries as `kernel`). For tables that cannot stay in the
+  // cache with their source: each pass of two rows streams both and keeps a copy of the second,
+  // the next pass's row above, on the stack (rows narrower than 8192 elements whose steps keep
+  // them aligned alike; otherwise the second row is stored as usual).
+  static const simd::Kernel<IntegralFn<Src, Sum, Sqr>> streamed;
 };
 
 namespace ref {

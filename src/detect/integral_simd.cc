@@ -2,14 +2,13 @@
 //
 // Upright tables of 8-bit sources take the prefix sums of a vector of pixels in int32 lanes (exact:
 // a vector's pixels sum to at most 16 x 255^2), add the running sum of the row so far and the row
-// above; integer lanes wrap like the tables. On AVX-512 the sum tables take 32 pixels at a time
-// with the prefix in 16-bit lanes (prefixSum32), which takes fewer instructions per pixel, the
-// limit of this loop. Float tables convert the exact int32 running sum (kept in lanes up to
-// kMaxLaneSumWidth columns, the scalar rules beyond) and add the row above in single precision;
-// double square tables add exact integers in double, then the row above. The float source's running
-// sum must be taken left to right, so that kernel runs the scalar rule on four rows at once instead
-// (four independent sums in flight). Tilted rows have no running sum: each element is a vertical
-// combination of the two rows above.
+// above; integer lanes wrap like the tables. On AVX-512 the sum tables take two source rows per
+// pass (sumRowsAVX3, described there). Float tables convert the exact int32 running sum (kept in
+// lanes up to kMaxLaneSumWidth columns, the scalar rules beyond) and add the row above in single
+// precision; double square tables add exact integers in double, then the row above. The float
+// source's running sum must be taken left to right, so that kernel runs the scalar rule on four
+// rows at once instead (four independent sums in flight). Tilted rows have no running sum: each
+// element is a vertical combination of the two rows above.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "detect/integral_simd.cc"
 #include <hwy/foreach_target.h>  // must come before highway.h
@@ -62,22 +61,205 @@ HWY_INLINE hn::Vec<DI> lastLane(DI d, hn::Vec<DI> v) {
 }
 
 #if HWY_TARGET == HWY_AVX3
-// Inclusive prefix sums of the 32 pixels at p as int32 lanes, pixels 0-15 in lo and 16-31 in hi.
-// The sums are taken in 16-bit lanes (at most 32 x 255, exact) and widened after: shifts within
-// 128-bit blocks are cheap, and only two steps cross blocks where 32-bit lanes need four per 16
-// pixels.
-HWY_INLINE void prefixSum32(const Kvl8u* p, __m512i& lo, __m512i& hi) {
+// A value the compiler must take as it is. The multipliers of the prefix steps below must stay
+// multiplies (the compiler would expand them into shifts and adds, three more instructions on the
+// busiest ports), and each source row is loaded once into a register, not folded as a memory
+// operand into every instruction that reads it.
+template <class V>
+HWY_INLINE V opaque(V v) {
+  asm("" : "+v"(v));
+  return v;
+}
+
+// Rows y+1 and y+2 of an upright sum table (kTwo; else row y+1 only) from source rows s0, s1 and
+// table row y (`above`). Steps of 32 pixels of both rows:
+//  - each row's pixels as 16-bit words, 8 to a 128-bit lane: one 64-bit multiply by
+//    0x0001000100010001 leaves in each word the sum of its quarter so far, one byte shuffle adds
+//    the lower quarter's total to the upper one;
+//  - each lane then adds the sum of the lanes before it: one psadbw gives the 8-pixel sums of both
+//    rows, and a multiply by 0x0001000100010000 of those (packed to words) their exclusive
+//    prefix;
+//  - the words (at most 32 x 255, exact) are widened by a word permute; the row's running sum and
+//    the value above are added in 32 bits (wrapping), or for float tables the int32 sum is
+//    converted and the value above added in single precision, as the scalar rule does. Row y+2
+//    takes row y+1's new values as its row above straight from the registers.
+// The steps are software-pipelined three deep (loads and multiplies, 16-bit prefix, widening and
+// stores of three successive steps in one iteration): each stage then finds its inputs ready,
+// and the out-of-order window, which the long chain from a load to its stores would otherwise
+// fill, keeps the stores streaming. The first step ends where row y+1 reaches a 64-byte boundary
+// and the last one is partial; both use masked loads and stores. With kStream, row y+1
+// (vector-aligned in the full steps) is written with cache-bypassing stores; row y+2 too with
+// kCopy, which also stores it at `copy` (aligned like it, in the cache) for the next pass to read
+// as its row above.
+template <class T, bool kTwo, bool kStream, bool kCopy = false>
+HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                            T val, T* copy = nullptr) {
+  constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
+  storeAny(o0, val);
+  if constexpr (kTwo) storeAny(o1, val);
   const __m512i z = _mm512_setzero_si512();
-  const __m512i blockLast = _mm512_set1_epi64(0x0F0E0F0E0F0E0F0ELL);  // word 7 of each block
-  __m512i v = _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
-  v = _mm512_add_epi16(v, _mm512_bslli_epi128(v, 2));
-  v = _mm512_add_epi16(v, _mm512_bslli_epi128(v, 4));
-  v = _mm512_add_epi16(v, _mm512_bslli_epi128(v, 8));
-  // each block adds the total of the block below, then of the two blocks below that
-  v = _mm512_add_epi16(v, _mm512_alignr_epi64(_mm512_shuffle_epi8(v, blockLast), z, 6));
-  v = _mm512_add_epi16(v, _mm512_alignr_epi64(_mm512_shuffle_epi8(v, blockLast), z, 4));
-  lo = _mm512_cvtepu16_epi32(_mm512_castsi512_si256(v));
-  hi = _mm512_cvtepu16_epi32(_mm512_extracti64x4_epi64(v, 1));
+  const __m512i quarters = opaque(_mm512_set1_epi64(0x0001000100010001LL));
+  const __m128i before = opaque(_mm_set1_epi64x(0x0001000100010000LL));
+  // per lane: words 4-7 <- word 3, words 0-3 <- 0
+  const __m512i upper = _mm512_set4_epi32(0x07060706, 0x07060706, -1, -1);
+  // lane L <- word L (row y), word 4 + L (row y+1) of the exclusive lane sums
+  const __m512i laneA = _mm512_set_epi16(3, 3, 3, 3, 3, 3, 3, 3, 2, 2, 2, 2, 2, 2, 2, 2, 1, 1, 1, 1,
+                                         1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0);
+  const __m512i laneB = _mm512_add_epi16(laneA, _mm512_set1_epi16(4));
+  // even words 2k <- word k (pixels 0-15) or 16 + k (pixels 16-31); odd words zeroed
+  const __m512i low = _mm512_set_epi16(0, 15, 0, 14, 0, 13, 0, 12, 0, 11, 0, 10, 0, 9, 0, 8, 0, 7,
+                                       0, 6, 0, 5, 0, 4, 0, 3, 0, 2, 0, 1, 0, 0);
+  const __m512i high = _mm512_add_epi16(low, _mm512_set1_epi32(16));
+  const __m512i last = _mm512_set1_epi32(15);
+  constexpr __mmask32 kEven = 0x55555555u;
+  __m512i ca = z, cb = z;  // running sums of rows y and y+1 before the step, in every lane
+
+  struct Step {
+    __m512i a, b, lanes;
+  };
+  auto load = [&](int x, __mmask32 m) KVL_INLINE_LAMBDA {
+    Step st;
+    const __m256i ya = opaque(_mm256_maskz_loadu_epi8(m, s0 + x));
+    const __m256i yb = kTwo ? opaque(_mm256_maskz_loadu_epi8(m, s1 + x)) : _mm256_setzero_si256();
+    st.a = _mm512_mullo_epi64(_mm512_cvtepu8_epi16(ya), quarters);
+    st.b = kTwo ? _mm512_mullo_epi64(_mm512_cvtepu8_epi16(yb), quarters) : z;
+    const __m512i both = _mm512_inserti64x4(_mm512_castsi256_si512(ya), yb, 1);
+    st.lanes = _mm512_zextsi128_si512(
+        _mm_mullo_epi64(_mm512_cvtepi64_epi16(_mm512_sad_epu8(both, z)), before));
+    return st;
+  };
+  // The step's 16-bit row sums: each quarter's total so far plus the lanes' offsets.
+  auto prefix = [&](Step st) KVL_INLINE_LAMBDA {
+    st.a = _mm512_add_epi16(st.a, _mm512_shuffle_epi8(st.a, upper));
+    st.a = _mm512_add_epi16(st.a, _mm512_permutexvar_epi16(laneA, st.lanes));
+    if constexpr (kTwo) {
+      st.b = _mm512_add_epi16(st.b, _mm512_shuffle_epi8(st.b, upper));
+      st.b = _mm512_add_epi16(st.b, _mm512_permutexvar_epi16(laneB, st.lanes));
+    }
+    return st;
+  };
+  // Table values from running sums r and the values above (vectors of T's lanes).
+  auto add = [](__m512i r, auto up) KVL_INLINE_LAMBDA {
+    if constexpr (kFloat) {
+      return _mm512_add_ps(_mm512_cvtepi32_ps(r), up);
+    } else {
+      return _mm512_add_epi32(r, up);
+    }
+  };
+  auto loadUp = [](const T* p, __mmask16 m) KVL_INLINE_LAMBDA {
+    if constexpr (kFloat) {
+      return m == 0xFFFF ? _mm512_loadu_ps(p) : _mm512_maskz_loadu_ps(m, p);
+    } else {
+      return m == 0xFFFF ? _mm512_loadu_si512(p) : _mm512_maskz_loadu_epi32(m, p);
+    }
+  };
+  auto put = [](T* p, __mmask16 m, auto v, bool stream) KVL_INLINE_LAMBDA {
+    if constexpr (kFloat) {
+      if (m != 0xFFFF) {
+        _mm512_mask_storeu_ps(p, m, v);
+      } else if (stream) {
+        _mm512_stream_ps(p, v);
+      } else {
+        _mm512_storeu_ps(p, v);
+      }
+    } else {
+      if (m != 0xFFFF) {
+        _mm512_mask_storeu_epi32(p, m, v);
+      } else if (stream) {
+        _mm512_stream_si512(reinterpret_cast<__m512i*>(p), v);
+      } else {
+        _mm512_storeu_si512(p, v);
+      }
+    }
+  };
+  auto finish = [&](int x, const Step& st, __mmask32 m) KVL_INLINE_LAMBDA {
+    const __mmask16 m0 = static_cast<__mmask16>(m), m1 = static_cast<__mmask16>(m >> 16);
+    // pixels x .. x+15 (lo) and x+16 .. x+31 (hi) as int32 lanes
+    const __m512i la = _mm512_maskz_permutexvar_epi16(kEven, low, st.a);
+    const __m512i ha = _mm512_maskz_permutexvar_epi16(kEven, high, st.a);
+    const auto a0 = add(_mm512_add_epi32(la, ca), loadUp(above + x + 1, m0));
+    const auto a1 = add(_mm512_add_epi32(ha, ca), loadUp(above + x + 17, m1));
+    put(o0 + x + 1, m0, a0, kStream);
+    put(o0 + x + 17, m1, a1, kStream);
+    ca = _mm512_add_epi32(ca, _mm512_permutexvar_epi32(last, ha));
+    if constexpr (kTwo) {
+      const __m512i lb = _mm512_maskz_permutexvar_epi16(kEven, low, st.b);
+      const __m512i hb = _mm512_maskz_permutexvar_epi16(kEven, high, st.b);
+      const auto b0 = add(_mm512_add_epi32(lb, cb), a0);
+      const auto b1 = add(_mm512_add_epi32(hb, cb), a1);
+      put(o1 + x + 1, m0, b0, kCopy);
+      put(o1 + x + 17, m1, b1, kCopy);
+      if constexpr (kCopy) {
+        put(copy + x + 1, m0, b0, false);
+        put(copy + x + 17, m1, b1, false);
+      }
+      cb = _mm512_add_epi32(cb, _mm512_permutexvar_epi32(last, hb));
+    }
+  };
+  auto partial = [](int n) { return n >= 32 ? ~0u : (1u << n) - 1u; };
+
+  int x = 0;
+  const int head = alignedHead(o0 + 1, 64, w);
+  if (head > 0) {
+    finish(0, prefix(load(0, partial(head))), partial(head));
+    x = head;
+  }
+  if (x + 64 <= w) {
+    // three steps in flight: loaded, prefixed, finished
+    Step prefixed = prefix(load(x, ~0u));
+    Step loaded = load(x + 32, ~0u);
+    for (; x + 96 <= w; x += 32) {
+      const Step next = load(x + 64, ~0u);
+      const Step ready = prefix(loaded);
+      finish(x, prefixed, ~0u);
+      prefixed = ready;
+      loaded = next;
+    }
+    finish(x, prefixed, ~0u);
+    finish(x + 32, prefix(loaded), ~0u);
+    x += 64;
+  } else if (x + 32 <= w) {
+    finish(x, prefix(load(x, ~0u)), ~0u);
+    x += 32;
+  }
+  if (x < w) finish(x, prefix(load(x, partial(w - x))), partial(w - x));
+}
+
+// The whole upright sum table (row 0 already written), two rows per pass. kStream: both rows of a
+// pass are streamed when they can be vector-aligned together (their pointers element-aligned and
+// a multiple of 64 bytes apart) and the row fits the copy kept for the next pass; otherwise only
+// the first, and the second is the next pass's row above in the table.
+template <class T, bool kStream>
+void sumTableAVX3(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
+  constexpr int kCopyMax = 8192;  // elements: 32 KB on the stack
+  alignas(64) T copyBuf[kStream ? kCopyMax + 16 : 1];
+  const T* prev = t;  // the row above the next pass
+  int y = 0;
+  for (; y + 2 <= h; y += 2) {
+    const Kvl8u* s0 = rowPtr(src, srcStep, y);
+    const Kvl8u* s1 = rowPtr(src, srcStep, y + 1);
+    T* o0 = rowPtr(t, step, y + 1);
+    T* o1 = rowPtr(t, step, y + 2);
+    const bool aligned = reinterpret_cast<uintptr_t>(o0) % sizeof(T) == 0;
+    if (kStream && aligned && w < kCopyMax &&
+        (reinterpret_cast<uintptr_t>(o1) - reinterpret_cast<uintptr_t>(o0)) % 64 == 0) {
+      // both rows streamed; row y+2 also kept in copyBuf, aligned like it, for the next pass
+      T* copy = copyBuf + (reinterpret_cast<uintptr_t>(o1) % 64) / sizeof(T);
+      sumRowsAVX3<T, true, true, true>(s0, s1, prev, o0, o1, w, val, copy);
+      prev = copy;
+    } else if (kStream && aligned) {
+      sumRowsAVX3<T, true, kStream>(s0, s1, prev, o0, o1, w, val);
+      prev = o1;
+    } else {
+      sumRowsAVX3<T, true, false>(s0, s1, prev, o0, o1, w, val);
+      prev = o1;
+    }
+  }
+  if (y < h) {
+    sumRowsAVX3<T, false, false>(rowPtr(src, srcStep, y), nullptr, prev, rowPtr(t, step, y + 1),
+                                 nullptr, w, val);
+  }
+  if (kStream) _mm_sfence();
 }
 #endif
 
@@ -134,18 +316,6 @@ void uprightRow(const Kvl8u* s, const T* above, T* out, int w, T val) {
                      out + x + 1);
         }
       };
-#if HWY_TARGET == HWY_AVX3
-      if constexpr (!kSquare) {
-        const __m512i lastLane32 = _mm512_set1_epi32(15);
-        for (; x + 2 * n <= w; x += 2 * n) {
-          __m512i lo, hi;
-          prefixSum32(s + x, lo, hi);
-          put(x, hn::Vec<DI>{_mm512_add_epi32(lo, carry.raw)});
-          put(x + n, hn::Vec<DI>{_mm512_add_epi32(hi, carry.raw)});
-          carry.raw = _mm512_add_epi32(carry.raw, _mm512_permutexvar_epi32(lastLane32, hi));
-        }
-      }
-#endif
       for (; x + n <= w; x += n) {
         const auto p = prefixSum(di, terms<kSquare>(di, s + x));
         put(x, hn::Add(p, carry));
@@ -206,13 +376,74 @@ void tiltedRow(const Kvl8u* s, const T* up, const T* up2, T* out, int w) {
   storeAny(out + w + 1, at(up, w));
 }
 
-template <class T, Shape kShape, bool kSquare>
+// Upright tables of fewer than kNarrow columns: the scalar rule on four rows at once, each row
+// taking the new values of the row before it from registers (through memory, the store and the
+// reload of each value above would be the chain that sets the pace).
+constexpr int kNarrow = 12;
+template <class T, bool kSquare>
+void narrowTable(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
+  constexpr int kRows = 4;
+  auto termOf = [](Kvl8u v) { return kSquare ? square(v) : term(v); };
+  int y = 0;
+  for (; y + kRows <= h; y += kRows) {
+    const Kvl8u* s[kRows];
+    T* o[kRows];
+    Running<Kvl8u, T> r[kRows];
+    for (int k = 0; k < kRows; ++k) {
+      s[k] = rowPtr(src, srcStep, y + k);
+      o[k] = rowPtr(t, step, y + k + 1);
+      storeAny(o[k], val);
+      r[k] = 0;
+    }
+    const T* above = rowPtr(t, step, y);
+    for (int x = 0; x < w; ++x) {
+      T v = loadAny(above + x + 1);
+      for (int k = 0; k < kRows; ++k) {
+        r[k] += termOf(s[k][x]);
+        v = withAbove(r[k], v);
+        storeAny(o[k] + x + 1, v);
+      }
+    }
+  }
+  for (; y < h; ++y) {
+    const Kvl8u* s = rowPtr(src, srcStep, y);
+    const T* above = rowPtr(t, step, y);
+    T* out = rowPtr(t, step, y + 1);
+    storeAny(out, val);
+    Running<Kvl8u, T> r = 0;
+    for (int x = 0; x < w; ++x) {
+      r += termOf(s[x]);
+      storeAny(out + x + 1, withAbove(r, loadAny(above + x + 1)));
+    }
+  }
+}
+
+template <class T, Shape kShape, bool kSquare, bool kStream>
 void table8u(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
   constexpr int kPad = kShape == Shape::kUpright ? 1 : 2;
+  const hn::ScalableTag<T> dt;
+  const int nt = static_cast<int>(hn::Lanes(dt));
   for (int y = 0; y < kPad; ++y) {
     T* row = rowPtr(t, step, y);
-    for (int x = 0; x < w + kPad; ++x) storeAny(row + x, val);
+    int x = 0;
+    for (; x + nt <= w + kPad; x += nt) hn::StoreU(hn::Set(dt, val), dt, row + x);
+    for (; x < w + kPad; ++x) storeAny(row + x, val);
   }
+  if constexpr (kShape == Shape::kUpright) {
+    if (w < kNarrow) {
+      narrowTable<T, kSquare>(src, srcStep, t, step, w, h, val);
+      return;
+    }
+  }
+#if HWY_TARGET == HWY_AVX3
+  if constexpr (kShape == Shape::kUpright && !kSquare && sizeof(T) == 4) {
+    // float tables hold the row's sum in int32 lanes only while it fits
+    if (std::is_same_v<T, Kvl32s> || w <= kMaxLaneSumWidth) {
+      sumTableAVX3<T, kStream>(src, srcStep, t, step, w, h, val);
+      return;
+    }
+  }
+#endif
   for (int y = 0; y < h; ++y) {
     const Kvl8u* s = rowPtr(src, srcStep, y);
     if constexpr (kShape == Shape::kUpright) {
@@ -261,15 +492,15 @@ void table32f(const Kvl32f* src, int srcStep, Kvl32f* t, int step, int w, int h,
   }
 }
 
-template <class Src, class Sum, class Sqr, Shape kShape>
+template <class Src, class Sum, class Sqr, Shape kShape, bool kStream>
 void integral(const Src* src, int srcStep, Sum* sum, int sumStep, SqrElem<Sqr>* sqr, int sqrStep,
               int w, int h, Sum val, SqrElem<Sqr> valSqr) {
   if constexpr (std::is_same_v<Src, Kvl32f>) {
     table32f(src, srcStep, sum, sumStep, w, h, val);
   } else {
-    table8u<Sum, kShape, false>(src, srcStep, sum, sumStep, w, h, val);
+    table8u<Sum, kShape, false, kStream>(src, srcStep, sum, sumStep, w, h, val);
     if constexpr (!std::is_void_v<Sqr>) {
-      table8u<Sqr, kShape, true>(src, srcStep, sqr, sqrStep, w, h, valSqr);
+      table8u<Sqr, kShape, true, false>(src, srcStep, sqr, sqrStep, w, h, valSqr);
     }
   }
 }
@@ -284,7 +515,12 @@ namespace kvl::detect {
 
 template <class Src, class Sum, class Sqr, Shape kShape>
 const simd::Kernel<IntegralFn<Src, Sum, Sqr>> IntegralKernel<Src, Sum, Sqr, kShape>::kernel{
-    KVL_TARGETS(integral<Src, Sum, Sqr, kShape>), &ref::integral<Src, Sum, Sqr, kShape>};
+    KVL_TARGETS(integral<Src, Sum, Sqr, kShape, false>), &ref::integral<Src, Sum, Sqr, kShape>};
+
+template <class Src, class Sum, class Sqr, Shape kShape>
+const simd::Kernel<IntegralFn<Src, Sum, Sqr>> IntegralKernel<Src, Sum, Sqr, kShape>::streamed{
+    KVL_TARGETS(integral<Src, Sum, Sqr, kShape, kStreams<Src, Sqr, kShape>>),
+    &ref::integral<Src, Sum, Sqr, kShape>};
 
 #define KVL_INSTANTIATE(Name, types, Src, Sum, Sqr, shape, form) \
   template struct IntegralKernel<Src, Sum, Sqr, Shape::k##shape>;
