@@ -32,13 +32,18 @@ void withTypes(const PyrMember& m, F f) {
 template <class T>
 using Sum = std::conditional_t<std::is_floating_point_v<T>, float, int>;
 
-// Weights applied left to right (32f: the order the header documents).
+// Weights applied left to right (the up-sampling order of 32f).
 template <class T, class At>
 Sum<T> weigh(std::initializer_list<int> w, At at) {
   Sum<T> acc = 0;
   int k = 0;
   for (int wk : w) acc = acc + static_cast<Sum<T>>(wk) * at(k++);
   return acc;
+}
+// The five down-sampling taps: in 32f the outer pair, the inner pair times 4, the centre times 6.
+template <class T, class At>
+Sum<T> weigh5(At at) {
+  return ((at(0) + at(4)) + (at(1) + at(3)) * 4) + at(2) * 6;
 }
 
 // Index i of n: mirrored without repeating the edge (down-sampling).
@@ -64,10 +69,10 @@ T modelDown(const Image<T, kC>& s, int x, int y, int c) {
   const int w = s.width(), h = s.height();
   auto px = [&](int col, int row) { return static_cast<Sum<T>>(s.px(col, row, c)); };
   auto hAt = [&](int row) {
-    return weigh<T>({1, 4, 6, 4, 1}, [&](int k) { return px(reflect(2 * x + k - 2, w), row); });
+    return weigh5<T>([&](int k) { return px(reflect(2 * x + k - 2, w), row); });
   };
   auto vAt = [&](int col) {
-    return weigh<T>({1, 4, 6, 4, 1}, [&](int k) { return px(col, reflect(2 * y + k - 2, h)); });
+    return weigh5<T>([&](int k) { return px(col, reflect(2 * y + k - 2, h)); });
   };
   auto pair = [&](Sum<T> a, Sum<T> b) { return shiftOut<T>(weigh<T>({8, 8}, [&](int k) { return k ? b : a; }), 8, 1.0f / 256); };
   if (h < 3) {
@@ -78,8 +83,8 @@ T modelDown(const Image<T, kC>& s, int x, int y, int c) {
     if constexpr (std::is_floating_point_v<T>) return (vAt(0) + vAt(w - 1)) * 0.03125f;
     return pair(vAt(0), vAt(w - 1));
   }
-  return shiftOut<T>(weigh<T>({1, 4, 6, 4, 1}, [&](int k) { return hAt(reflect(2 * y + k - 2, h)); }),
-                     8, 1.0f / 256);
+  return shiftOut<T>(weigh5<T>([&](int k) { return hAt(reflect(2 * y + k - 2, h)); }), 8,
+                     1.0f / 256);
 }
 
 template <class T, int kC>
@@ -126,7 +131,7 @@ TEST(GaussPyramid, EveryTargetMatchesTheModel) {
     kvl::test::forEachTarget([&](int) {
       withTypes(m, [&]<class T, int kC>() {
         for (int w = 1; w <= 80; ++w) checkAgainstModel<T, kC>(m, w, 1 + w % 7, w);
-        for (int w = 81; w <= 330; w += 23) checkAgainstModel<T, kC>(m, w, 3 + w % 4, w);
+        for (int w = 81; w <= 330; w += 23) checkAgainstModel<T, kC>(m, w, 3 + w % 10, w);
         for (int h : {1, 2, 3, 4, 5, 8, 11}) checkAgainstModel<T, kC>(m, 1 + h % 3, h, h);
       });
     });
