@@ -501,6 +501,7 @@ struct UpOps {
   int n = 0;  // ring elements per plane
   long long planeBytes = 0, srcPlaneBytes = 0;
   ExpandTable phase[6];
+  int tail = -1;  // lastBlock()
 
   explicit UpOps(int width) : w(width) {
     n = kPlanar ? 2 * w : 2 * w * kC;
@@ -508,6 +509,7 @@ struct UpOps {
     srcPlaneBytes = align64(static_cast<long long>(w) * sizeof(T));
     if constexpr (kExpand)
       for (int f = 0; f < 6; ++f) phase[f].build(f);
+    tail = findLastBlock();
   }
   long long rowBytes(int) const { return kPlanes * planeBytes; }
   long long scratchBytes(int) const { return kPlanar ? 3 * srcPlaneBytes : 0; }
@@ -528,25 +530,40 @@ struct UpOps {
   }
 
   // The units of the horizontal pass: a source column of a plane (its two ring elements 2i,
-  // 2i+1) or, for kExpand, a ring element. Runs body(u) on vector blocks (N units), edge(u) on
-  // every other unit; each unit exactly once, since fused() rewrites the ring in place.
-  template <class Body, class Edge>
-  void columns(Body body, Edge edge) const {
+  // 2i+1) or, for kExpand, a ring element. A vector block covers N units.
+  bool fits(int u) const {
     const int N = W::lanes();
-    int u = 0;
     if constexpr (kExpand) {
       // The block at o0 reads source elements anchor + base - 3 .. anchor + base + N + 2.
-      auto fits = [&](int o0) {
-        return 3 * (o0 / 6) + phase[o0 % 6].base + N + 2 <= 3 * w - 1;
-      };
-      for (; u < 6 && u < n; ++u) edge(u);
-      for (; u + N <= n && fits(u); u += N) body(u);
-      for (; u < n; ++u) edge(u);
+      return u >= 6 && u + N <= n && 3 * (u / 6) + phase[u % 6].base + N + 2 <= 3 * w - 1;
     } else {
-      edge(0);  // reads i-1 .. i+N for the block at i
-      for (u = 1; u + N <= w - 1; u += N) body(u);
-      for (; u < w; ++u) edge(u);
+      return u >= 1 && u + N <= w - 1;  // reads columns u-1 .. u+N
     }
+  }
+  int firstBlock() const { return kExpand ? 6 : 1; }
+  // The block after the regular ones that overlaps the last of them to reach the row's end, or -1.
+  int findLastBlock() const {
+    const int N = W::lanes();
+    int u = firstBlock();
+    while (fits(u)) u += N;
+    for (int v = (kExpand ? n : w - 1) - N; v > u - N; --v)
+      if (fits(v)) return v;
+    return -1;
+  }
+  int lastBlock() const { return tail; }
+  // Runs body(u, last) on the vector blocks (last: the overlapping one) and edge(u) on every
+  // other unit.
+  template <class Body, class Edge>
+  void columns(Body body, Edge edge) const {
+    const int N = W::lanes(), units = kExpand ? n : w;
+    int u = 0;
+    for (; u < firstBlock() && u < units; ++u) edge(u);
+    for (; fits(u); u += N) body(u, false);
+    if (tail >= 0) {
+      body(tail, true);
+      u = tail + N;
+    }
+    for (; u < units; ++u) edge(u);
   }
   // Ring unit u of source plane p: its one (kExpand) or two ring elements, in scalar.
   void hScalar(const T* p, int u, Acc* out) const {
@@ -590,7 +607,7 @@ struct UpOps {
     for (int c = 0; c < kPlanes; ++c) {
       Acc* o = plane(out, c);
       const T* s = p[c];
-      columns([&](int u) KVL_INLINE_LAMBDA { hBlock(s, u, o + kPerUnit * u); },
+      columns([&](int u, bool) KVL_INLINE_LAMBDA { hBlock(s, u, o + kPerUnit * u); },
               [&](int u) { hScalar(s, u, o + kPerUnit * u); });
     }
   }
@@ -657,12 +674,18 @@ struct UpOps {
       pp[c] = plane(prev, c);
       cp[c] = plane(cur, c);
     }
+    // Row j-1 is read before row j+1 takes its place; the overlapping last block reads it before
+    // the blocks it overlaps change it.
+    V lastPrev[kPlanes][kPerUnit];
+    if (tail >= 0)
+      for (int c = 0; c < kPlanes; ++c)
+        for (int h = 0; h < kPerUnit; ++h) lastPrev[c][h] = hn::LoadU(d, pp[c] + kPerUnit * tail + h * N);
     columns(
-        [&](int u) KVL_INLINE_LAMBDA {
-          // Row j-1 is read before row j+1 takes its place.
+        [&](int u, bool isLast) KVL_INLINE_LAMBDA {
           V pv[kPlanes][kPerUnit];
           for (int c = 0; c < kPlanes; ++c) {
-            for (int h = 0; h < kPerUnit; ++h) pv[c][h] = hn::LoadU(d, pp[c] + kPerUnit * u + h * N);
+            for (int h = 0; h < kPerUnit; ++h)
+              pv[c][h] = isLast ? lastPrev[c][h] : hn::LoadU(d, pp[c] + kPerUnit * u + h * N);
             hBlock(p[c], u, pp[c] + kPerUnit * u);
           }
           for (int h = 0; h < kPerUnit; ++h) {
