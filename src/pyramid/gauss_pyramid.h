@@ -1,12 +1,15 @@
 // Gaussian 5x5 pyramids: the kernel of every member, the arithmetic that the reference and the
 // vector kernels' scalar edges share, and the row schedule they all follow.
 //
-// Down: each source row is filtered horizontally once (only at the even columns the result needs)
-// into a ring of five rows in the work buffer; destination row y combines the ring rows 2y-2 ..
-// 2y+2. Up: each source row is filtered horizontally once into a ring of two rows; destination
-// rows 2j and 2j+1 combine rows j-1, j and j+1, the last of which is made in the same pass and
-// replaces row j-1 in the ring. A target's row operations (an `Ops` below) choose how a ring row
-// is laid out; the schedule, the narrow-image paths and the borders between rows are common.
+// Down: each source row is filtered horizontally once (only at the even columns the result needs).
+// The ring in the work buffer keeps the passes of rows 2y-2, 2y-1 and 2y; one pass along the
+// columns filters the next 2n source rows (n up to kMaxFused), makes destination rows y .. y+n-1
+// and leaves the last three passes in the ring. A fourth ring row takes the last odd source row
+// at the bottom edge. Up: each source row is filtered horizontally once into a ring of two rows;
+// destination rows 2j and 2j+1 combine rows j-1, j and j+1, the last of which is made in the same
+// pass and replaces row j-1 in the ring. A target's row operations (an `Ops` below) choose how a
+// ring row is laid out; the schedule, the narrow-image paths and the borders between rows are
+// common.
 #pragma once
 
 #include <cstddef>
@@ -24,8 +27,7 @@ namespace kvl::pyramid {
 // A whole pyramid step: source w x h, the destination of the member's size, `buffer` the
 // caller's work buffer of the size query's bytes (any alignment).
 template <class T>
-using PyrFn = void (*)(const T* src, int srcStep, T* dst, int dstStep, int w, int h,
-                       Kvl8u* buffer);
+using PyrFn = void (*)(const T* src, int srcStep, T* dst, int dstStep, int w, int h, Kvl8u* buffer);
 
 template <class T, int kC, bool kUp>
 struct PyrKernel {
@@ -115,7 +117,8 @@ inline int mirror(long long j, int n) {
 template <class T>
 inline T* rowAt(T* base, int step, long long y) {
   using Byte = std::conditional_t<std::is_const_v<T>, const char, char>;
-  return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) + static_cast<std::ptrdiff_t>(step) * y);
+  return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) +
+                              static_cast<std::ptrdiff_t>(step) * y);
 }
 // Element j of a row of n for up-sampling: mirrored at the start, replicated at the end.
 inline int upIndex(int j, int n) {
@@ -207,7 +210,7 @@ void upOneColumn(const T* src, int srcStep, T* dst, int dstStep, int h) {
 // Destination rows a down-sampling pass makes at most: each reads two more source rows, and more
 // rows at once keep more of them streaming in from memory.
 constexpr int kMaxFused = 4;
-//
+
 // Down Ops: `Acc` (the ring element), and
 //   long long rowBytes(int w)   bytes of one ring row, a multiple of 16
 //   long long scratchBytes(int w)

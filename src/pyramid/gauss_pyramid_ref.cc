@@ -22,7 +22,8 @@ struct DownOps {
     for (int i = 0; i < count(w); ++i)
       storeAny(dst + i, downOut<T>(tap5(r[0][i], r[1][i], r[2][i], r[3][i], r[4][i])));
   }
-  void fused(const T* const src[kMaxFused * 2], int n, int w, Acc* const ring[3], T* const dst[kMaxFused]) const {
+  void fused(const T* const src[kMaxFused * 2], int n, int w, Acc* const ring[3],
+             T* const dst[kMaxFused]) const {
     for (int x = 0; x < (w + 1) >> 1; ++x)
       for (int c = 0; c < kC; ++c) {
         const int i = x * kC + c;

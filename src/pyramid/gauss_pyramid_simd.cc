@@ -18,8 +18,8 @@
 // with three channels, `ExpandTable`), so the vertical pass and the stores run along whole rows.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "pyramid/gauss_pyramid_simd.cc"
-#include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/cache_control.h>
+#include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
 
 #include <algorithm>
@@ -71,7 +71,9 @@ struct VecOps {
   static HWY_INLINE V tap5(V a, V b, V c, V d, V e) {
     return hn::Add(hn::Add(hn::Add(a, e), times4(hn::Add(b, d))), hn::Mul(c, splat(6.0f)));
   }
-  static HWY_INLINE V upEven(V a, V b, V c) { return hn::Add(hn::Add(a, hn::Mul(b, splat(6.0f))), c); }
+  static HWY_INLINE V upEven(V a, V b, V c) {
+    return hn::Add(hn::Add(a, hn::Mul(b, splat(6.0f))), c);
+  }
   static HWY_INLINE V upOdd(V b, V c) { return times4(hn::Add(b, c)); }
   static HWY_INLINE V downOut(V v) {
     if constexpr (kFloat) {
@@ -128,7 +130,8 @@ struct VecOps {
   static HWY_INLINE V hDownPairs(const T* p, int x) {
     const D d;
     const hn::Repartition<T, D> d8;
-    auto pairs = [&](int o) KVL_INLINE_LAMBDA { return hn::BitCast(d, hn::LoadU(d8, p + 2 * x + o)); };
+    auto pairs = [&](int o)
+                     KVL_INLINE_LAMBDA { return hn::BitCast(d, hn::LoadU(d8, p + 2 * x + o)); };
     auto lo = [&](V v) KVL_INLINE_LAMBDA {
       if constexpr (std::is_signed_v<T>) {
         return hn::ShiftRight<8>(hn::ShiftLeft<8>(v));
@@ -223,10 +226,10 @@ struct DownOps {
   static constexpr int kStride = kPlanar ? 1 : kC;  // source elements between a plane's pixels
   Kvl8u* scratch = nullptr;
   int w = 0;
-  int n = 0;                  // ring elements per plane
-  long long planeBytes = 0;   // ring plane pitch
+  int n = 0;                 // ring elements per plane
+  long long planeBytes = 0;  // ring plane pitch
   long long srcPlaneBytes = 0;
-  int first = 1, last = 0;    // the ring elements a whole vector may start at
+  int first = 1, last = 0;              // the ring elements a whole vector may start at
   LookupTable<typename W::D> phase[3];  // 32f, three channels: by the vector's start modulo 3
 
   explicit DownOps(int width) : w(width) {
@@ -261,7 +264,8 @@ struct DownOps {
   void sourcePlanes(const T* src, int k, const T* out[kPlanes]) const {
     if constexpr (kPlanar) {
       T* p[3];
-      for (int c = 0; c < 3; ++c) p[c] = reinterpret_cast<T*>(scratch + (3 * k + c) * srcPlaneBytes);
+      for (int c = 0; c < 3; ++c)
+        p[c] = reinterpret_cast<T*>(scratch + (3 * k + c) * srcPlaneBytes);
       splitPlanes(src, w, p);
       for (int c = 0; c < 3; ++c) out[c] = p[c];
     } else {
@@ -291,7 +295,8 @@ struct DownOps {
       const V centre = hn::ConcatEven(d, b1, b0);
       return hn::Add(hn::Add(outer, W::times4(inner)), hn::Mul(centre, W::splat(6.0f)));
     } else {
-      return t.pick(W::template hFull<3>(p, 2 * k + t.base0), W::template hFull<3>(p, 2 * k + t.base1));
+      return t.pick(W::template hFull<3>(p, 2 * k + t.base0),
+                    W::template hFull<3>(p, 2 * k + t.base1));
     }
   }
   Wide<T> hScalar(const T* p, int k) const {
@@ -346,7 +351,8 @@ struct DownOps {
     for (int c = 0; c < kPlanes; ++c) {
       Acc* o = plane(out, c);
       const T* s = p[c];
-      columns([&](int k) KVL_INLINE_LAMBDA { hn::StoreU(hVec(s, k, tableAt(k)), typename W::D(), o + k); },
+      columns([&](int k)
+                  KVL_INLINE_LAMBDA { hn::StoreU(hVec(s, k, tableAt(k)), typename W::D(), o + k); },
               [&](int k) { o[k] = static_cast<Acc>(hScalar(s, k)); });
     }
   }
@@ -370,13 +376,15 @@ struct DownOps {
         [&](int k) {
           for (int c = 0; c < kPlanes; ++c) {
             const Acc* const* q = rp[c];
-            putScalar(dst, k, c, downOut<T>(tap5(Wide<T>(q[0][k]), Wide<T>(q[1][k]), Wide<T>(q[2][k]),
-                                                 Wide<T>(q[3][k]), Wide<T>(q[4][k]))));
+            putScalar(dst, k, c,
+                      downOut<T>(tap5(Wide<T>(q[0][k]), Wide<T>(q[1][k]), Wide<T>(q[2][k]),
+                                      Wide<T>(q[3][k]), Wide<T>(q[4][k]))));
           }
         });
   }
 
-  void fused(const T* const src[kMaxFused * 2], int nOut, int, Acc* const ring[3], T* const dst[kMaxFused]) const {
+  void fused(const T* const src[kMaxFused * 2], int nOut, int, Acc* const ring[3],
+             T* const dst[kMaxFused]) const {
     const T* p[kMaxFused * 2][kPlanes];
     for (int r = 0; r < 2 * nOut; ++r) sourcePlanes(src[r], r, p[r]);
     Acc* rp[kPlanes][3];
@@ -421,25 +429,24 @@ struct DownOps {
       for (int j = 0; j < kOut; ++j) {
         V v[kPlanes];
         for (int c = 0; c < kPlanes; ++c)
-          v[c] = W::downOut(W::tap5(h[c][2 * j], h[c][2 * j + 1], h[c][2 * j + 2],
-                                    h[c][2 * j + 3], h[c][2 * j + 4]));
+          v[c] = W::downOut(W::tap5(h[c][2 * j], h[c][2 * j + 1], h[c][2 * j + 2], h[c][2 * j + 3],
+                                    h[c][2 * j + 4]));
         put(v, dst[j], k);
       }
     };
-    columns(
-        [&](int k) KVL_INLINE_LAMBDA { step(k, k == last); },
-        [&](int k) {
-          for (int c = 0; c < kPlanes; ++c) {
-            Wide<T> h[3 + kRows];
-            for (int i = 0; i < 3; ++i) h[i] = rp[c][i][k];
-            for (int r = 0; r < kRows; ++r) h[3 + r] = hScalar(p[r][c], k);
-            for (int i = 0; i < 3; ++i) rp[c][i][k] = static_cast<Acc>(h[kRows + i]);
-            for (int j = 0; j < kOut; ++j)
-              putScalar(dst[j], k, c,
-                        downOut<T>(tap5(h[2 * j], h[2 * j + 1], h[2 * j + 2], h[2 * j + 3],
-                                        h[2 * j + 4])));
-          }
-        });
+    columns([&](int k) KVL_INLINE_LAMBDA { step(k, k == last); },
+            [&](int k) {
+              for (int c = 0; c < kPlanes; ++c) {
+                Wide<T> h[3 + kRows];
+                for (int i = 0; i < 3; ++i) h[i] = rp[c][i][k];
+                for (int r = 0; r < kRows; ++r) h[3 + r] = hScalar(p[r][c], k);
+                for (int i = 0; i < 3; ++i) rp[c][i][k] = static_cast<Acc>(h[kRows + i]);
+                for (int j = 0; j < kOut; ++j)
+                  putScalar(dst[j], k, c,
+                            downOut<T>(tap5(h[2 * j], h[2 * j + 1], h[2 * j + 2], h[2 * j + 3],
+                                            h[2 * j + 4])));
+              }
+            });
   }
 
   void pairRow(const Acc* r0, const Acc* r1, int, T* dst) const {
@@ -653,9 +660,8 @@ struct UpOps {
     const typename W::D d;
     bothRows(
         d0, d1,
-        [&](int c, int k, V& e, V& o) KVL_INLINE_LAMBDA {
-          e = o = W::oneOut(hn::LoadU(d, plane(r, c) + k));
-        },
+        [&](int c, int k, V& e, V& o)
+            KVL_INLINE_LAMBDA { e = o = W::oneOut(hn::LoadU(d, plane(r, c) + k)); },
         [&](int c, int k) {
           const T v = oneOut<T>(static_cast<Wide<T>>(plane(r, c)[k]));
           putScalar(d0, k, c, v);
@@ -679,7 +685,8 @@ struct UpOps {
     V lastPrev[kPlanes][kPerUnit];
     if (tail >= 0)
       for (int c = 0; c < kPlanes; ++c)
-        for (int h = 0; h < kPerUnit; ++h) lastPrev[c][h] = hn::LoadU(d, pp[c] + kPerUnit * tail + h * N);
+        for (int h = 0; h < kPerUnit; ++h)
+          lastPrev[c][h] = hn::LoadU(d, pp[c] + kPerUnit * tail + h * N);
     columns(
         [&](int u, bool isLast) KVL_INLINE_LAMBDA {
           V pv[kPlanes][kPerUnit];
