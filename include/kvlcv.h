@@ -402,12 +402,13 @@ typedef struct {
  *   A source of height 1 writes its horizontal result (32f: times 0.125) to both destination
  *   rows; else a source of width 1 writes each vertical result (32f: times 0.125) to both
  *   destination columns.
- * 32f sums are single precision and added left to right in the order the weights are written
- *   above: ((((s(-2) + 4 s(-1)) + 6 s(0)) + 4 s(1)) + s(2)), (s(i-1) + 6 s(i)) + s(i+1),
- *   (s(i) + s(i+1)) * 4. Every processor gives the same bytes.
+ * 32f sums are single precision in this order, the same in both passes: down ((s(-2) + s(2)) +
+ *   (s(-1) + s(1)) * 4) + s(0) * 6; up (s(i-1) + s(i) * 6) + s(i+1) and (s(i) + s(i+1)) * 4; the
+ *   narrow paths (h0 + h1) * 0.03125. Every processor gives the same bytes.
  * Statuses, in this order: kvlStatusNullPointer (pSrc, pDst or pBuffer); kvlStatusBadSize (source
- *   width or height < 1, or a width the size query refuses); kvlStatusBadStep (srcStep below the source row's bytes, dstStep below
- *   the destination row's bytes); kvlStatusStepNotMultiple (32f: a step not a multiple of 4).
+ *   width or height < 1, or a width the size query refuses); kvlStatusBadStep (srcStep below the
+ *   source row's bytes, dstStep below the destination row's bytes); kvlStatusStepNotMultiple
+ *   (32f: a step not a multiple of 4). The work buffer holds nothing between calls.
  * Buffer: PyrDownGetBufSize = roundup16(roiWidth * 4 * channels) * 6 + 64 and PyrUpGetBufSize =
  *   roundup16(roiWidth * 8 * channels) * 3 + 64, roiWidth the source width, any alignment; the
  *   size does not depend on the type, which is only checked. Size-query statuses, in this order:

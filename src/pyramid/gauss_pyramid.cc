@@ -25,8 +25,7 @@ KvlStatus bufSize(int roiWidth, int dataType, int channels, int* pBufSize, bool 
 }
 
 template <class T, int kC, bool kUp>
-KvlStatus pyramidStep(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi,
-                      Kvl8u* buffer) {
+KvlStatus pyramidStep(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, Kvl8u* buffer) {
   KVL_TRY(check::nonNull(src, dst, buffer));
   KVL_TRY(check::roi(roi));
   // A width whose work buffer the size query refuses is refused here too.
@@ -53,11 +52,11 @@ extern "C" KvlStatus impl_kvliPyrUpGetBufSize_Gauss5x5(int roiWidth, KvlDataType
   return kvl::pyramid::bufSize(roiWidth, dataType, channels, pBufSize, true);
 }
 
-#define KVL_PYR(Dir, type, T, C)                                                              \
-  extern "C" KvlStatus impl_kvliPyr##Dir##_Gauss5x5_##type##_C##C##R(                        \
-      const T* pSrc, int srcStep, T* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer) {   \
-    return kvl::pyramid::pyramidStep<T, C, KVL_PYR_UP_##Dir>(pSrc, srcStep, pDst, dstStep,    \
-                                                             roiSize, pBuffer);               \
+#define KVL_PYR(Dir, type, T, C)                                                            \
+  extern "C" KvlStatus impl_kvliPyr##Dir##_Gauss5x5_##type##_C##C##R(                       \
+      const T* pSrc, int srcStep, T* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer) { \
+    return kvl::pyramid::pyramidStep<T, C, KVL_PYR_UP_##Dir>(pSrc, srcStep, pDst, dstStep,  \
+                                                             roiSize, pBuffer);             \
   }
 KVL_PYR_MEMBERS(KVL_PYR)
 #undef KVL_PYR

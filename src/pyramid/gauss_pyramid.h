@@ -1,12 +1,15 @@
 // Gaussian 5x5 pyramids: the kernel of every member, the arithmetic that the reference and the
 // vector kernels' scalar edges share, and the row schedule they all follow.
 //
-// Down: each source row is filtered horizontally once (only at the even columns the result needs)
-// into a ring of five rows in the work buffer; destination row y combines the ring rows 2y-2 ..
-// 2y+2. Up: each source row is filtered horizontally once into a ring of two rows; destination
-// rows 2j and 2j+1 combine rows j-1, j and j+1, the last of which is made in the same pass and
-// replaces row j-1 in the ring. A target's row operations (an `Ops` below) choose how a ring row
-// is laid out; the schedule, the narrow-image paths and the borders between rows are common.
+// Down: each source row is filtered horizontally once (only at the even columns the result needs).
+// The ring in the work buffer keeps the passes of rows 2y-2, 2y-1 and 2y; one pass along the
+// columns filters the next 2n source rows (n up to kMaxFused), makes destination rows y .. y+n-1
+// and leaves the last three passes in the ring. A fourth ring row takes the last odd source row
+// at the bottom edge. Up: each source row is filtered horizontally once into a ring of two rows;
+// destination rows 2j and 2j+1 combine rows j-1, j and j+1, the last of which is made in the same
+// pass and replaces row j-1 in the ring. A target's row operations (an `Ops` below) choose how a
+// ring row is laid out; the schedule, the narrow-image paths and the borders between rows are
+// common.
 #pragma once
 
 #include <cstddef>
@@ -24,8 +27,7 @@ namespace kvl::pyramid {
 // A whole pyramid step: source w x h, the destination of the member's size, `buffer` the
 // caller's work buffer of the size query's bytes (any alignment).
 template <class T>
-using PyrFn = void (*)(const T* src, int srcStep, T* dst, int dstStep, int w, int h,
-                       Kvl8u* buffer);
+using PyrFn = void (*)(const T* src, int srcStep, T* dst, int dstStep, int w, int h, Kvl8u* buffer);
 
 template <class T, int kC, bool kUp>
 struct PyrKernel {
@@ -55,10 +57,11 @@ inline long long upBufferBytes(int w, int channels) {
 template <class T>
 using Wide = std::conditional_t<std::is_floating_point_v<T>, float, int>;
 
-// s(-2) + 4 s(-1) + 6 s(0) + 4 s(1) + s(2).
+// s(-2) + 4 s(-1) + 6 s(0) + 4 s(1) + s(2), in 32f as ((s(-2) + s(2)) + (s(-1) + s(1)) * 4) +
+// s(0) * 6: the pairs first, so that vector code sums whole rows of neighbours.
 inline int tap5(int a, int b, int c, int d, int e) { return a + 4 * b + 6 * c + 4 * d + e; }
 inline float tap5(float a, float b, float c, float d, float e) {
-  return (((a + b * 4.0f) + c * 6.0f) + d * 4.0f) + e;
+  return ((a + e) + (b + d) * 4.0f) + c * 6.0f;
 }
 // The even phase of up-sampling, s(i-1) + 6 s(i) + s(i+1), and the odd one, 4 s(i) + 4 s(i+1).
 inline int upEven(int a, int b, int c) { return a + 6 * b + c; }
@@ -114,7 +117,8 @@ inline int mirror(long long j, int n) {
 template <class T>
 inline T* rowAt(T* base, int step, long long y) {
   using Byte = std::conditional_t<std::is_const_v<T>, const char, char>;
-  return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) + static_cast<std::ptrdiff_t>(step) * y);
+  return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) +
+                              static_cast<std::ptrdiff_t>(step) * y);
 }
 // Element j of a row of n for up-sampling: mirrored at the start, replicated at the end.
 inline int upIndex(int j, int n) {
@@ -202,17 +206,24 @@ void upOneColumn(const T* src, int srcStep, T* dst, int dstStep, int h) {
 }
 
 // ---- The schedules ----
-//
+
+// Destination rows a down-sampling pass makes at most: each reads two more source rows, and more
+// rows at once keep more of them streaming in from memory.
+constexpr int kMaxFused = 4;
+
 // Down Ops: `Acc` (the ring element), and
 //   long long rowBytes(int w)   bytes of one ring row, a multiple of 16
 //   long long scratchBytes(int w)
 //   void hRow(const T* src, int w, Acc* out)                        one source row into the ring
 //   void vRow(const Acc* const r[5], int w, T* dst)                 rows 2y-2 .. 2y+2 combined
-//   void fused(const T* a, const T* b, int w, const Acc* const r[3], Acc* ha, Acc* hb, T* dst)
-//        rows 2y+1 (a) and 2y+2 (b) filtered into ha and hb and combined with r (2y-2 .. 2y)
 //   void pairRow(const Acc* r0, const Acc* r1, int w, T* dst)       the height-1-or-2 result
+//   void fused(const T* const src[2 kMaxFused], int n, int w, Acc* const ring[3],
+//              T* const dst[kMaxFused])
+//        ring holds rows 2y-2, 2y-1, 2y; src the next 2n rows (n <= kMaxFused). Makes destination
+//        rows y .. y+n-1 and leaves the last three source rows' horizontal passes in the ring,
+//        element by element after it read them.
 //   Kvl8u* scratch                                                  set by the schedule
-// Each returns false when its layout does not fit the buffer (then nothing was written).
+// Each schedule returns false when the layout does not fit the buffer (then nothing was written).
 
 template <class T, int kC, class Ops>
 bool downImage(Ops& ops, const T* src, int srcStep, T* dst, int dstStep, int w, int h,
@@ -224,32 +235,48 @@ bool downImage(Ops& ops, const T* src, int srcStep, T* dst, int dstStep, int w, 
   }
   const Work work(buffer, downBufferBytes(w, kC));
   const long long pitch = ops.rowBytes(w);
-  if (5 * pitch + ops.scratchBytes(w) > work.bytes) return false;
-  ops.scratch = work.base + 5 * pitch;
-  auto slot = [&](long long r) { return reinterpret_cast<Acc*>(work.base + (r % 5) * pitch); };
+  if (4 * pitch + ops.scratchBytes(w) > work.bytes) return false;
+  ops.scratch = work.base + 4 * pitch;
+  Acc* ring[4];
+  for (int k = 0; k < 4; ++k) ring[k] = reinterpret_cast<Acc*>(work.base + k * pitch);
   auto row = [&](long long r) { return rowAt(src, srcStep, r); };
   if (h < 3) {
-    ops.hRow(row(0), w, slot(0));
-    if (h == 2) ops.hRow(row(1), w, slot(1));
-    ops.pairRow(slot(0), slot(h - 1), w, dst);
+    ops.hRow(row(0), w, ring[0]);
+    if (h == 2) ops.hRow(row(1), w, ring[1]);
+    ops.pairRow(ring[0], ring[h - 1], w, dst);
     return true;
   }
-  for (int r = 0; r < 3; ++r) ops.hRow(row(r), w, slot(r));
-  long long made = 2;  // the last source row in the ring
+  for (int r = 0; r < 3; ++r) ops.hRow(row(r), w, ring[r]);
   const int hd = (h + 1) >> 1;
-  for (int y = 0; y < hd; ++y) {
-    T* out = rowPtr(dst, dstStep, y);
-    const long long top = 2LL * y;  // at most h - 1
-    if (y > 0 && top + 2 < h) {
-      const Acc* const r[3] = {slot(top - 2), slot(top - 1), slot(top)};
-      ops.fused(row(top + 1), row(top + 2), w, r, slot(top + 1), slot(top + 2), out);
-      made = top + 2;
-      continue;
-    }
-    for (; made < top + 2 && made < h - 1; ++made) ops.hRow(row(made + 1), w, slot(made + 1));
+  int y = 0;
+  // ring[0..2] hold rows 2y-2 .. 2y (rows 0 .. 2 before the first); destination row 0 mirrors.
+  {
+    const Acc* const r[5] = {ring[2], ring[1], ring[0], ring[1], ring[2]};
+    ops.vRow(r, w, dst);
+    y = 1;
+  }
+  for (; y < hd;) {
+    const long long top = 2LL * y;  // ring[2] holds row top
+    int n = kMaxFused;
+    while (n > 0 && top + 2 * n >= h) --n;  // rows up to top + 2n must exist
+    if (n == 0) break;
+    const T* s[2 * kMaxFused] = {};
+    T* out[kMaxFused] = {};
+    for (int k = 0; k < 2 * n; ++k) s[k] = row(top + 1 + k);
+    for (int k = 0; k < n; ++k) out[k] = rowPtr(dst, dstStep, y + k);
+    ops.fused(s, n, w, ring, out);
+    y += n;
+  }
+  // At most one row is left; its rows below the image mirror into the ring.
+  for (; y < hd; ++y) {
+    const long long top = 2LL * y;
+    if (top + 1 < h) ops.hRow(row(top + 1), w, ring[3]);
     const Acc* r[5];
-    for (int k = 0; k < 5; ++k) r[k] = slot(mirror(top + k - 2, h));
-    ops.vRow(r, w, out);
+    for (int k = 0; k < 5; ++k) {
+      const long long j = mirror(top + k - 2, h);
+      r[k] = ring[j == top + 1 ? 3 : j - (top - 2)];
+    }
+    ops.vRow(r, w, rowPtr(dst, dstStep, y));
   }
   return true;
 }

@@ -63,18 +63,18 @@ constexpr int dataTypeOf() {
 #define KVL_PYR_UP_Up true
 
 // A PyrMember record calling kvliPyr<Dir>_Gauss5x5_<type>_C<C>R and its size query.
-#define KVL_PYR_MEMBER_RECORD(Dir, type, T, C)                                                  \
-  ::kvl::pyramid::PyrMember{                                                                    \
-      "Pyr" #Dir "_Gauss5x5_" #type "_C" #C "R",                                                \
-      KVL_PYR_UP_##Dir,                                                                         \
-      C,                                                                                        \
-      static_cast<int>(sizeof(T)),                                                              \
-      ::kvl::pyramid::kindOf<T>(),                                                              \
-      ::kvl::pyramid::dataTypeOf<T>(),                                                          \
-      [](const void* s, int ss, void* d, int ds, KvliSize roi, Kvl8u* buffer) {                 \
-        return kvliPyr##Dir##_Gauss5x5_##type##_C##C##R(static_cast<const T*>(s), ss,           \
-                                                        static_cast<T*>(d), ds, roi, buffer);   \
-      },                                                                                        \
-      [](int width, int dataType, int channels, int* bytes) {                                   \
-        return kvliPyr##Dir##GetBufSize_Gauss5x5(width, dataType, channels, bytes);             \
+#define KVL_PYR_MEMBER_RECORD(Dir, type, T, C)                                                \
+  ::kvl::pyramid::PyrMember{                                                                  \
+      "Pyr" #Dir "_Gauss5x5_" #type "_C" #C "R",                                              \
+      KVL_PYR_UP_##Dir,                                                                       \
+      C,                                                                                      \
+      static_cast<int>(sizeof(T)),                                                            \
+      ::kvl::pyramid::kindOf<T>(),                                                            \
+      ::kvl::pyramid::dataTypeOf<T>(),                                                        \
+      [](const void* s, int ss, void* d, int ds, KvliSize roi, Kvl8u* buffer) {               \
+        return kvliPyr##Dir##_Gauss5x5_##type##_C##C##R(static_cast<const T*>(s), ss,         \
+                                                        static_cast<T*>(d), ds, roi, buffer); \
+      },                                                                                      \
+      [](int width, int dataType, int channels, int* bytes) {                                 \
+        return kvliPyr##Dir##GetBufSize_Gauss5x5(width, dataType, channels, bytes);           \
       }},

@@ -22,12 +22,18 @@ struct DownOps {
     for (int i = 0; i < count(w); ++i)
       storeAny(dst + i, downOut<T>(tap5(r[0][i], r[1][i], r[2][i], r[3][i], r[4][i])));
   }
-  void fused(const T* a, const T* b, int w, const Acc* const r[3], Acc* ha, Acc* hb,
-             T* dst) const {
-    hRow(a, w, ha);
-    hRow(b, w, hb);
-    const Acc* const rows[5] = {r[0], r[1], r[2], ha, hb};
-    vRow(rows, w, dst);
+  void fused(const T* const src[kMaxFused * 2], int n, int w, Acc* const ring[3],
+             T* const dst[kMaxFused]) const {
+    for (int x = 0; x < (w + 1) >> 1; ++x)
+      for (int c = 0; c < kC; ++c) {
+        const int i = x * kC + c;
+        Acc h[3 + 2 * kMaxFused] = {ring[0][i], ring[1][i], ring[2][i]};  // rows 2y-2 .. 2y+2n
+        for (int k = 0; k < 2 * n; ++k) h[3 + k] = hDownAt<T, kC>(src[k] + c, w, x);
+        for (int k = 0; k < n; ++k)
+          storeAny(dst[k] + i, downOut<T>(tap5(h[2 * k], h[2 * k + 1], h[2 * k + 2], h[2 * k + 3],
+                                               h[2 * k + 4])));
+        for (int k = 0; k < 3; ++k) ring[k][i] = h[2 * n + k];
+      }
   }
   void pairRow(const Acc* r0, const Acc* r1, int w, T* dst) const {
     for (int i = 0; i < count(w); ++i) storeAny(dst + i, pairOut<T>(r0[i], r1[i]));

@@ -1,19 +1,28 @@
 // Vector kernels of the Gaussian 5x5 pyramids, one source for SSE4, AVX2 and AVX-512.
 //
-// 8u and 8s work in 16-bit lanes (every sum of the rules fits 16 bits; wrapping adds give the
-// exact int results), 32f in float lanes with the reference's order of operations. Three-channel
-// rows are split into channel planes in the work buffer first, so that one code path serves both
-// layouts; the destination is interleaved again on the way out.
+// 8u and 8s work in 16-bit lanes (every sum of the rules fits 16 bits, so wrapping adds give the
+// exact int results), 32f in float lanes with the reference's order of operations.
 //
-// Down: a pair of source bytes read as one 16-bit lane gives the even pixel (low byte) and the
-// odd one (high byte), so the horizontal pass at the even columns takes three overlapping loads;
-// floats are split into even and odd lanes. Ring rows hold channel planes of 16-bit (or float)
-// sums, 64-byte aligned. Up: the horizontal pass stores its even and odd columns interleaved, so
-// the vertical pass and the destination stores run along full rows.
+// Ring rows are laid out like image rows, except for three-channel 8-bit images, which are split
+// into channel planes first (a split of bytes is cheap, and it lets each plane use the byte-pair
+// trick below) and interleaved again on the way out.
+//
+// Down, the horizontal pass at the even columns: 8-bit planes read a pair of source bytes as one
+// 16-bit lane (the low byte is the even pixel, the high byte the odd one), so three overlapping
+// loads give all five taps; 32f with one channel sums neighbour pairs in whole vectors and keeps
+// the even lanes; 32f with three channels sums the taps around every element of two vectors and
+// picks the even pixels' lanes by a lookup per output vector (`LookupTable`). Up to four
+// destination rows are made per pass over the ring, so that eight source rows stream in at once,
+// each prefetched ahead of its loads.
+// Up, the horizontal pass stores its even and odd columns interleaved (a lane lookup for 32f
+// with three channels, `ExpandTable`), so the vertical pass and the stores run along whole rows.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "pyramid/gauss_pyramid_simd.cc"
+#include <hwy/cache_control.h>
 #include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
+
+#include <algorithm>
 
 #include "core/simd.h"
 #include "pyramid/gauss_pyramid.h"
@@ -31,48 +40,41 @@ using LaneOf = std::conditional_t<std::is_same_v<T, Kvl8u>, uint16_t,
 
 inline long long align64(long long v) { return (v + 63) / 64 * 64; }
 
+// Bytes ahead of its loads that a down-sampling pass prefetches each source row (measured on
+// 4K frames: 1 to 2 KiB beat both less and more).
+constexpr int kPrefetchBytes = 2048;
+
 template <class T>
 struct VecOps {
   using L = LaneOf<T>;
   using D = hn::ScalableTag<L>;
   using V = hn::Vec<D>;
+  using DT = hn::Rebind<T, D>;  // the element type, one per lane
   static constexpr bool kFloat = std::is_floating_point_v<T>;
 
+  static HWY_INLINE int lanes() { return static_cast<int>(hn::Lanes(D())); }
   static HWY_INLINE V splat(float f) {
-    const D d;
     if constexpr (kFloat) {
-      return hn::Set(d, f);
+      return hn::Set(D(), f);
     } else {
-      return hn::Set(d, static_cast<L>(f));
+      return hn::Set(D(), static_cast<L>(f));
     }
   }
-  // ((((a + 4b) + 6c) + 4d) + e)
-  static HWY_INLINE V tap5(V a, V b, V c, V dd, V e) {
+  static HWY_INLINE V times4(V v) {
     if constexpr (kFloat) {
-      const V four = splat(4.0f), six = splat(6.0f);
-      return hn::Add(hn::Add(hn::Add(hn::Add(a, hn::Mul(b, four)), hn::Mul(c, six)),
-                             hn::Mul(dd, four)),
-                     e);
+      return hn::Mul(v, splat(4.0f));
     } else {
-      return hn::Add(hn::Add(hn::Add(hn::Add(a, hn::ShiftLeft<2>(b)), hn::Mul(c, splat(6))),
-                             hn::ShiftLeft<2>(dd)),
-                     e);
+      return hn::ShiftLeft<2>(v);
     }
+  }
+  // ((a + e) + (b + d) * 4) + c * 6
+  static HWY_INLINE V tap5(V a, V b, V c, V d, V e) {
+    return hn::Add(hn::Add(hn::Add(a, e), times4(hn::Add(b, d))), hn::Mul(c, splat(6.0f)));
   }
   static HWY_INLINE V upEven(V a, V b, V c) {
-    if constexpr (kFloat) {
-      return hn::Add(hn::Add(a, hn::Mul(b, splat(6.0f))), c);
-    } else {
-      return hn::Add(hn::Add(a, hn::Mul(b, splat(6))), c);
-    }
+    return hn::Add(hn::Add(a, hn::Mul(b, splat(6.0f))), c);
   }
-  static HWY_INLINE V upOdd(V b, V c) {
-    if constexpr (kFloat) {
-      return hn::Mul(hn::Add(b, c), splat(4.0f));
-    } else {
-      return hn::ShiftLeft<2>(hn::Add(b, c));
-    }
-  }
+  static HWY_INLINE V upOdd(V b, V c) { return times4(hn::Add(b, c)); }
   static HWY_INLINE V downOut(V v) {
     if constexpr (kFloat) {
       return hn::Mul(v, splat(0.00390625f));
@@ -102,24 +104,19 @@ struct VecOps {
     }
   }
 
-  // The element type's lanes of a vector of normalised results (N elements).
-  using DT = hn::Rebind<T, D>;
+  // Normalised results as elements (8-bit: saturating packs of values already in range).
   static HWY_INLINE hn::Vec<DT> narrow(V v) {
     if constexpr (kFloat) {
       return v;
     } else {
-      const hn::Rebind<int16_t, D> di;
-      return hn::DemoteTo(DT(), hn::BitCast(di, v));
+      return hn::DemoteTo(DT(), hn::BitCast(hn::Rebind<int16_t, D>(), v));
     }
   }
-  // Stores N results of one plane.
   static HWY_INLINE void store(V v, T* p) { hn::StoreU(narrow(v), DT(), p); }
-  // Stores N pixels of three planes, interleaved.
   static HWY_INLINE void store3(V v0, V v1, V v2, T* p) {
     hn::StoreInterleaved3(narrow(v0), narrow(v1), narrow(v2), DT(), p);
   }
-
-  // N source elements from an image row or a plane, widened to lanes.
+  // N source elements widened to lanes.
   static HWY_INLINE V loadWide(const T* p) {
     if constexpr (kFloat) {
       return hn::LoadU(D(), p);
@@ -128,52 +125,94 @@ struct VecOps {
     }
   }
 
-  // The horizontal down-sampling pass at output columns x .. x+N-1 of a plane: source elements
+  // 8-bit: the horizontal down-sampling pass at columns x .. x+N-1 of a plane; source bytes
   // 2x-2 .. 2x+2N+1 are read.
-  static HWY_INLINE V hDown(const T* p, int x) {
+  static HWY_INLINE V hDownPairs(const T* p, int x) {
     const D d;
-    if constexpr (kFloat) {
-      const size_t N = hn::Lanes(d);
-      const float* q = p + 2 * x;
-      auto even = [&](int o) { return hn::ConcatEven(d, hn::LoadU(d, q + o + N), hn::LoadU(d, q + o)); };
-      auto odd = [&](int o) { return hn::ConcatOdd(d, hn::LoadU(d, q + o + N), hn::LoadU(d, q + o)); };
-      return tap5(even(-2), odd(-2), even(0), odd(0), even(2));
-    } else {
-      // Byte pairs (2k, 2k+1) as one lane: the low byte is the even pixel.
-      const hn::Repartition<T, D> d8;
-      auto pairs = [&](int o) { return hn::BitCast(d, hn::LoadU(d8, p + 2 * x + o)); };
-      auto lo = [&](V v) {
-        if constexpr (std::is_signed_v<T>) {
-          return hn::ShiftRight<8>(hn::ShiftLeft<8>(v));
-        } else {
-          return hn::And(v, splat(255));
-        }
-      };
-      const V v0 = pairs(-2), v1 = pairs(0), v2 = pairs(2);
-      return tap5(lo(v0), hn::ShiftRight<8>(v0), lo(v1), hn::ShiftRight<8>(v1), lo(v2));
-    }
+    const hn::Repartition<T, D> d8;
+    auto pairs = [&](int o)
+                     KVL_INLINE_LAMBDA { return hn::BitCast(d, hn::LoadU(d8, p + 2 * x + o)); };
+    auto lo = [&](V v) KVL_INLINE_LAMBDA {
+      if constexpr (std::is_signed_v<T>) {
+        return hn::ShiftRight<8>(hn::ShiftLeft<8>(v));
+      } else {
+        return hn::And(v, splat(255));
+      }
+    };
+    const V v0 = pairs(-2), v1 = pairs(0), v2 = pairs(2);
+    return tap5(lo(v0), hn::ShiftRight<8>(v0), lo(v1), hn::ShiftRight<8>(v1), lo(v2));
+  }
+  // 32f: the down-sampling taps around every element e .. e+N-1 of a row of stride kStride.
+  template <int kStride>
+  static HWY_INLINE V hFull(const T* p, int e) {
+    const D d;
+    auto at = [&](int k) KVL_INLINE_LAMBDA { return hn::LoadU(d, p + e + k * kStride); };
+    return tap5(at(-2), at(-1), at(0), at(1), at(2));
   }
 };
 
 // Splits a three-channel row of w pixels into three planes.
 template <class T>
-void splitPlanes(const T* src, int w, T* p0, T* p1, T* p2) {
+void splitPlanes(const T* src, int w, T* const p[3]) {
   const hn::ScalableTag<T> d;
   const int N = static_cast<int>(hn::Lanes(d));
   int i = 0;
   for (; i + N <= w; i += N) {
     hn::Vec<decltype(d)> a, b, c;
     hn::LoadInterleaved3(d, src + 3 * i, a, b, c);
-    hn::StoreU(a, d, p0 + i);
-    hn::StoreU(b, d, p1 + i);
-    hn::StoreU(c, d, p2 + i);
+    hn::StoreU(a, d, p[0] + i);
+    hn::StoreU(b, d, p[1] + i);
+    hn::StoreU(c, d, p[2] + i);
   }
-  for (; i < w; ++i) {
-    p0[i] = loadAny(src + 3 * i);
-    p1[i] = loadAny(src + 3 * i + 1);
-    p2[i] = loadAny(src + 3 * i + 2);
-  }
+  for (; i < w; ++i)
+    for (int c = 0; c < 3; ++c) p[c][i] = loadAny(src + 3 * i + c);
 }
+
+// Lane lookups from two vectors of float sums: output lane j takes lane idx0[j] of the first
+// (j < split) or idx1[j] of the second, one table per phase of the output vector's start.
+template <class D>
+struct LookupTable {
+  using Indices = decltype(hn::SetTableIndices(D(), static_cast<const int32_t*>(nullptr)));
+  static constexpr bool kTwoTables = HWY_TARGET == HWY_AVX3 && hn::MaxLanes(D()) == 16;
+  int base0 = 0, base1 = 0;  // offsets of the two source vectors from the anchor
+  Indices idx0, idx1;
+  hn::Mask<D> first;
+#if HWY_TARGET == HWY_AVX3
+  __m512i both;  // one permutation of the two vectors' 32 lanes
+#endif
+
+  // Lane j needs source element at(j) (non-decreasing) from the anchor.
+  template <class At>
+  void build(At at) {
+    const D d;
+    const int N = static_cast<int>(hn::Lanes(d));
+    HWY_ALIGN int32_t i0[16] = {}, i1[16] = {}, i2[16] = {};
+    base0 = at(0);
+    int split = N;
+    for (int j = 0; j < N; ++j) {
+      if (split == N && at(j) >= base0 + N) split = j;
+      if (j < split) {
+        i0[j] = i2[j] = at(j) - base0;
+      } else {
+        i1[j] = at(j) - at(split);
+        i2[j] = N + i1[j];
+      }
+    }
+    base1 = split < N ? at(split) : base0;
+    idx0 = hn::SetTableIndices(d, i0);
+    idx1 = hn::SetTableIndices(d, i1);
+    first = hn::FirstN(d, static_cast<size_t>(split));
+#if HWY_TARGET == HWY_AVX3
+    both = _mm512_loadu_si512(i2);
+#endif
+  }
+  HWY_INLINE hn::Vec<D> pick(hn::Vec<D> v0, hn::Vec<D> v1) const {
+#if HWY_TARGET == HWY_AVX3
+    if constexpr (kTwoTables) return hn::Vec<D>{_mm512_permutex2var_ps(v0.raw, both, v1.raw)};
+#endif
+    return hn::IfThenElse(first, hn::TableLookupLanes(v0, idx0), hn::TableLookupLanes(v1, idx1));
+  }
+};
 
 // ---- Down-sampling ----
 
@@ -182,307 +221,505 @@ struct DownOps {
   using W = VecOps<T>;
   using Acc = typename W::L;
   using V = typename W::V;
+  static constexpr bool kPlanar = kC == 3 && !W::kFloat;
+  static constexpr int kPlanes = kPlanar ? 3 : 1;
+  static constexpr int kStride = kPlanar ? 1 : kC;  // source elements between a plane's pixels
   Kvl8u* scratch = nullptr;
-  static int lanes() { return static_cast<int>(hn::Lanes(typename W::D())); }
+  int w = 0;
+  int n = 0;                 // ring elements per plane
+  long long planeBytes = 0;  // ring plane pitch
+  long long srcPlaneBytes = 0;
+  int first = 1, last = 0;              // the ring elements a whole vector may start at
+  LookupTable<typename W::D> phase[3];  // 32f, three channels: by the vector's start modulo 3
 
-  static long long planeBytes(int w) { return align64(static_cast<long long>((w + 1) >> 1) * sizeof(Acc)); }
-  static long long srcPlaneBytes(int w) { return align64(static_cast<long long>(w) * sizeof(T)); }
-  long long rowBytes(int w) const { return kC * planeBytes(w); }
-  long long scratchBytes(int w) const { return kC == 1 ? 0 : 6 * srcPlaneBytes(w); }
-
-  // Plane c of a ring row, and of the split source rows (k 0: first row, 1: second).
-  static Acc* plane(Acc* r, int w, int c) {
-    return reinterpret_cast<Acc*>(reinterpret_cast<Kvl8u*>(r) + c * planeBytes(w));
-  }
-  static const Acc* plane(const Acc* r, int w, int c) { return plane(const_cast<Acc*>(r), w, c); }
-  T* srcPlane(int w, int k, int c) const {
-    return reinterpret_cast<T*>(scratch + (3 * k + c) * srcPlaneBytes(w));
-  }
-  // The planes of source row `src` (split into scratch row k for three channels).
-  void planes(const T* src, int w, int k, const T* out[kC]) const {
-    if constexpr (kC == 1) {
-      out[0] = src;
+  explicit DownOps(int width) : w(width) {
+    const int wd = (w + 1) >> 1, N = W::lanes();
+    n = kPlanar ? wd : wd * kC;
+    planeBytes = align64(static_cast<long long>(n) * sizeof(Acc));
+    srcPlaneBytes = align64(static_cast<long long>(w) * sizeof(T));
+    if constexpr (W::kFloat && kC == 3) {
+      // Output element k = 3x + c sums around source element 6x + c = 2k - c.
+      int lo = 0, hi = 0;
+      for (int f = 0; f < 3; ++f) {
+        phase[f].build([f](int j) { return 2 * j - (f + j) % 3; });
+        lo = std::min(lo, phase[f].base0);
+        hi = std::max(hi, std::max(phase[f].base0, phase[f].base1) + N - 1);
+      }
+      first = (6 - lo + 1) / 2;
+      last = (3 * w - 7 - hi) / 2;  // the vector at k reads 2k + lo - 6 .. 2k + hi + 6
+      if (3 * w - 7 - hi < 0) last = -1;
     } else {
-      splitPlanes(src, w, srcPlane(w, k, 0), srcPlane(w, k, 1), srcPlane(w, k, 2));
-      for (int c = 0; c < kC; ++c) out[c] = srcPlane(w, k, c);
+      first = 1;
+      last = w >= 2 * N + 4 ? (w - 2 * N - 2) / 2 : 0;  // reads 2k - 2 .. 2k + 2N + 1
+    }
+  }
+  long long rowBytes(int) const { return kPlanes * planeBytes; }
+  long long scratchBytes(int) const { return kPlanar ? 6 * kMaxFused * srcPlaneBytes : 0; }
+
+  Acc* plane(Acc* r, int c) const {
+    return reinterpret_cast<Acc*>(reinterpret_cast<Kvl8u*>(r) + c * planeBytes);
+  }
+  const Acc* plane(const Acc* r, int c) const { return plane(const_cast<Acc*>(r), c); }
+  // The planes of a source row (split into scratch row k for planar layouts).
+  void sourcePlanes(const T* src, int k, const T* out[kPlanes]) const {
+    if constexpr (kPlanar) {
+      T* p[3];
+      for (int c = 0; c < 3; ++c)
+        p[c] = reinterpret_cast<T*>(scratch + (3 * k + c) * srcPlaneBytes);
+      splitPlanes(src, w, p);
+      for (int c = 0; c < 3; ++c) out[c] = p[c];
+    } else {
+      out[0] = src;
     }
   }
 
-  // Runs body(x) over vectors of output columns 1 .. and edge(x) on the columns no whole vector
-  // can read: column 0 and the last one or two. The last vector may overlap its predecessor.
-  template <class Body, class Edge>
-  static void columns(int w, Body body, Edge edge) {
-    const int wd = (w + 1) >> 1, N = lanes();
-    edge(0);
-    int x = 1;
-    if (w >= 2 * N + 4) {
-      const int last = (w - 2 * N - 2) / 2;  // the last column a whole vector may start at
-      for (; x <= last; x += N) body(x);
-      if (x < last + N) body(last);
-      x = last + N;
+  // The horizontal pass: ring elements k .. k+N-1 of a plane, and ring element k alone.
+  using Table = LookupTable<typename W::D>;
+  // The lookups of the vector at ring element k (32f, three channels), taken once per vector
+  // and shared by every row.
+  HWY_INLINE const Table& tableAt(int k) const { return phase[W::kFloat && kC == 3 ? k % 3 : 0]; }
+  HWY_INLINE V hVec(const T* p, int k, const Table& t) const {
+    if constexpr (!W::kFloat) {
+      return W::hDownPairs(p, k);
+    } else if constexpr (kC == 1) {
+      // Neighbour pairs summed across two loads, then the even (or odd) lanes kept: three lane
+      // permutations give the outer pairs, the inner pairs and the centres.
+      const typename W::D d;
+      const int N = W::lanes();
+      const float* q = p + 2 * k;
+      const V a0 = hn::LoadU(d, q - 2), a1 = hn::LoadU(d, q - 2 + N);
+      const V b0 = hn::LoadU(d, q), b1 = hn::LoadU(d, q + N);
+      const V c0 = hn::LoadU(d, q + 2), c1 = hn::LoadU(d, q + 2 + N);
+      const V outer = hn::ConcatEven(d, hn::Add(a1, c1), hn::Add(a0, c0));
+      const V inner = hn::ConcatOdd(d, hn::Add(a1, b1), hn::Add(a0, b0));
+      const V centre = hn::ConcatEven(d, b1, b0);
+      return hn::Add(hn::Add(outer, W::times4(inner)), hn::Mul(centre, W::splat(6.0f)));
+    } else {
+      return t.pick(W::template hFull<3>(p, 2 * k + t.base0),
+                    W::template hFull<3>(p, 2 * k + t.base1));
     }
-    for (; x < wd; ++x) edge(x);
   }
-  // Runs body(i) over vectors of the n elements of a ring row and edge(i) on the rest.
+  Wide<T> hScalar(const T* p, int k) const {
+    if constexpr (kStride == 1) {
+      return hDownAt<T, 1>(p, w, k);
+    } else {
+      return hDownAt<T, kStride>(p + k % kC, w, k / kC);
+    }
+  }
+
+  // Runs body(k) over vectors of ring elements and edge(k) on the elements no whole vector can
+  // take; the last vector may overlap its predecessor.
+  template <bool kOverlap = true, class Body, class Edge>
+  void columns(Body body, Edge edge) const {
+    const int N = W::lanes();
+    int k = 0;
+    if (last >= first) {
+      for (; k < first; ++k) edge(k);
+      for (; k <= last; k += N) body(k);
+      if constexpr (kOverlap) {
+        if (k < last + N) body(last);
+        k = last + N;
+      }
+    }
+    for (; k < n; ++k) edge(k);
+  }
+  // Runs body(k) over vectors of the n ring elements and edge(k) on the rest.
   template <class Body, class Edge>
-  static void elements(int n, Body body, Edge edge) {
-    const int N = lanes();
-    int i = 0;
-    for (; i + N <= n; i += N) body(i);
-    if (i < n && n >= N) {
+  void elements(Body body, Edge edge) const {
+    const int N = W::lanes();
+    int k = 0;
+    for (; k + N <= n; k += N) body(k);
+    if (k < n && n >= N) {
       body(n - N);
-      i = n;
+      k = n;
     }
-    for (; i < n; ++i) edge(i);
+    for (; k < n; ++k) edge(k);
   }
-
-  void hRow(const T* src, int w, Acc* out) const {
-    const T* p[kC];
-    planes(src, w, 0, p);
-    for (int c = 0; c < kC; ++c) {
-      Acc* o = plane(out, w, c);
-      columns(
-          w, [&](int x) KVL_INLINE_LAMBDA { hn::StoreU(W::hDown(p[c], x), typename W::D(), o + x); },
-          [&](int x) { o[x] = static_cast<Acc>(hDownAt<T, 1>(p[c], w, x)); });
+  // Stores the results of ring elements k .. k+N-1 of every plane.
+  HWY_INLINE void put(const V* v, T* dst, int k) const {
+    if constexpr (kPlanar) {
+      W::store3(v[0], v[1], v[2], dst + 3 * k);
+    } else {
+      W::store(v[0], dst + k);
     }
   }
+  static void putScalar(T* dst, int k, int c, T v) { storeAny(dst + (kPlanar ? 3 * k + c : k), v); }
 
-  void vRow(const Acc* const r[5], int w, T* dst) const {
+  void hRow(const T* src, int, Acc* out) const {
+    const T* p[kPlanes];
+    sourcePlanes(src, 0, p);
+    for (int c = 0; c < kPlanes; ++c) {
+      Acc* o = plane(out, c);
+      const T* s = p[c];
+      columns([&](int k)
+                  KVL_INLINE_LAMBDA { hn::StoreU(hVec(s, k, tableAt(k)), typename W::D(), o + k); },
+              [&](int k) { o[k] = static_cast<Acc>(hScalar(s, k)); });
+    }
+  }
+
+  void vRow(const Acc* const r[5], int, T* dst) const {
     const typename W::D d;
-    const int wd = (w + 1) >> 1;
-    auto vec = [&](int c, int x) KVL_INLINE_LAMBDA {
-      auto at = [&](int k) { return hn::LoadU(d, plane(r[k], w, c) + x); };
-      return W::downOut(W::tap5(at(0), at(1), at(2), at(3), at(4)));
-    };
+    const Acc* rp[kPlanes][5];
+    for (int c = 0; c < kPlanes; ++c)
+      for (int i = 0; i < 5; ++i) rp[c][i] = plane(r[i], c);
     elements(
-        wd,
-        [&](int x) KVL_INLINE_LAMBDA {
-          if constexpr (kC == 1) {
-            W::store(vec(0, x), dst + x);
-          } else {
-            W::store3(vec(0, x), vec(1, x), vec(2, x), dst + 3 * x);
+        [&](int k) KVL_INLINE_LAMBDA {
+          V v[kPlanes];
+          for (int c = 0; c < kPlanes; ++c) {
+            const Acc* const* q = rp[c];
+            v[c] = W::downOut(W::tap5(hn::LoadU(d, q[0] + k), hn::LoadU(d, q[1] + k),
+                                      hn::LoadU(d, q[2] + k), hn::LoadU(d, q[3] + k),
+                                      hn::LoadU(d, q[4] + k)));
           }
+          put(v, dst, k);
         },
-        [&](int x) {
-          for (int c = 0; c < kC; ++c) {
-            auto at = [&](int k) { return static_cast<Wide<T>>(plane(r[k], w, c)[x]); };
-            storeAny(dst + x * kC + c, downOut<T>(tap5(at(0), at(1), at(2), at(3), at(4))));
+        [&](int k) {
+          for (int c = 0; c < kPlanes; ++c) {
+            const Acc* const* q = rp[c];
+            putScalar(dst, k, c,
+                      downOut<T>(tap5(Wide<T>(q[0][k]), Wide<T>(q[1][k]), Wide<T>(q[2][k]),
+                                      Wide<T>(q[3][k]), Wide<T>(q[4][k]))));
           }
         });
   }
 
-  void fused(const T* a, const T* b, int w, const Acc* const r[3], Acc* ha, Acc* hb,
-             T* dst) const {
+  void fused(const T* const src[kMaxFused * 2], int nOut, int, Acc* const ring[3],
+             T* const dst[kMaxFused]) const {
+    const T* p[kMaxFused * 2][kPlanes];
+    for (int r = 0; r < 2 * nOut; ++r) sourcePlanes(src[r], r, p[r]);
+    Acc* rp[kPlanes][3];
+    for (int c = 0; c < kPlanes; ++c)
+      for (int i = 0; i < 3; ++i) rp[c][i] = plane(ring[i], c);
+    if constexpr (kMaxFused >= 4) {
+      if (nOut == 4) return fusedRows<4>(p, rp, dst);
+    }
+    if constexpr (kMaxFused >= 3) {
+      if (nOut == 3) return fusedRows<3>(p, rp, dst);
+    }
+    if (nOut == 2) return fusedRows<2>(p, rp, dst);
+    fusedRows<1>(p, rp, dst);
+  }
+  // kOut destination rows from 2 kOut source rows. The ring is rewritten in place, so the last
+  // vector, which overlaps its predecessor, takes the ring values it needs before the others
+  // change them.
+  template <int kOut>
+  void fusedRows(const T* const (&p)[kMaxFused * 2][kPlanes], Acc* const (&rp)[kPlanes][3],
+                 T* const dst[kMaxFused]) const {
+    constexpr int kRows = 2 * kOut;
     const typename W::D d;
-    const T* pa[kC];
-    const T* pb[kC];
-    planes(a, w, 0, pa);
-    planes(b, w, 1, pb);
-    auto vec = [&](int c, int x) KVL_INLINE_LAMBDA {
-      const V va = W::hDown(pa[c], x), vb = W::hDown(pb[c], x);
-      hn::StoreU(va, d, plane(ha, w, c) + x);
-      hn::StoreU(vb, d, plane(hb, w, c) + x);
-      auto at = [&](int k) { return hn::LoadU(d, plane(r[k], w, c) + x); };
-      return W::downOut(W::tap5(at(0), at(1), at(2), va, vb));
+    V lastRing[kPlanes][3];
+    if (last >= first)
+      for (int c = 0; c < kPlanes; ++c)
+        for (int i = 0; i < 3; ++i) lastRing[c][i] = hn::LoadU(d, rp[c][i] + last);
+    auto step = [&](int k, bool isLast) KVL_INLINE_LAMBDA {
+      if constexpr (!kPlanar) {
+        // The lines the next vectors read (by address only: they may lie past the image).
+        for (int r = 0; r < kRows; ++r)
+          for (int l = 0; l < 2 * W::lanes() * static_cast<int>(sizeof(T)); l += 64)
+            hwy::Prefetch(reinterpret_cast<const T*>(reinterpret_cast<uintptr_t>(p[r][0] + 2 * k) +
+                                                     kPrefetchBytes + l));
+      }
+      V h[kPlanes][3 + kRows];
+      const Table& t = tableAt(k);
+      for (int c = 0; c < kPlanes; ++c) {
+        for (int i = 0; i < 3; ++i) h[c][i] = isLast ? lastRing[c][i] : hn::LoadU(d, rp[c][i] + k);
+        for (int r = 0; r < kRows; ++r) h[c][3 + r] = hVec(p[r][c], k, t);
+        for (int i = 0; i < 3; ++i) hn::StoreU(h[c][kRows + i], d, rp[c][i] + k);
+      }
+      for (int j = 0; j < kOut; ++j) {
+        V v[kPlanes];
+        for (int c = 0; c < kPlanes; ++c)
+          v[c] = W::downOut(W::tap5(h[c][2 * j], h[c][2 * j + 1], h[c][2 * j + 2], h[c][2 * j + 3],
+                                    h[c][2 * j + 4]));
+        put(v, dst[j], k);
+      }
     };
-    columns(
-        w,
-        [&](int x) KVL_INLINE_LAMBDA {
-          if constexpr (kC == 1) {
-            W::store(vec(0, x), dst + x);
-          } else {
-            W::store3(vec(0, x), vec(1, x), vec(2, x), dst + 3 * x);
-          }
-        },
-        [&](int x) {
-          for (int c = 0; c < kC; ++c) {
-            const Wide<T> va = hDownAt<T, 1>(pa[c], w, x), vb = hDownAt<T, 1>(pb[c], w, x);
-            plane(ha, w, c)[x] = static_cast<Acc>(va);
-            plane(hb, w, c)[x] = static_cast<Acc>(vb);
-            auto at = [&](int k) { return static_cast<Wide<T>>(plane(r[k], w, c)[x]); };
-            storeAny(dst + x * kC + c, downOut<T>(tap5(at(0), at(1), at(2), va, vb)));
-          }
-        });
+    columns([&](int k) KVL_INLINE_LAMBDA { step(k, k == last); },
+            [&](int k) {
+              for (int c = 0; c < kPlanes; ++c) {
+                Wide<T> h[3 + kRows];
+                for (int i = 0; i < 3; ++i) h[i] = rp[c][i][k];
+                for (int r = 0; r < kRows; ++r) h[3 + r] = hScalar(p[r][c], k);
+                for (int i = 0; i < 3; ++i) rp[c][i][k] = static_cast<Acc>(h[kRows + i]);
+                for (int j = 0; j < kOut; ++j)
+                  putScalar(dst[j], k, c,
+                            downOut<T>(tap5(h[2 * j], h[2 * j + 1], h[2 * j + 2], h[2 * j + 3],
+                                            h[2 * j + 4])));
+              }
+            });
   }
 
-  void pairRow(const Acc* r0, const Acc* r1, int w, T* dst) const {
+  void pairRow(const Acc* r0, const Acc* r1, int, T* dst) const {
     const typename W::D d;
-    auto vec = [&](int c, int x) KVL_INLINE_LAMBDA {
-      return W::pairOut(hn::LoadU(d, plane(r0, w, c) + x), hn::LoadU(d, plane(r1, w, c) + x));
-    };
     elements(
-        (w + 1) >> 1,
-        [&](int x) KVL_INLINE_LAMBDA {
-          if constexpr (kC == 1) {
-            W::store(vec(0, x), dst + x);
-          } else {
-            W::store3(vec(0, x), vec(1, x), vec(2, x), dst + 3 * x);
-          }
+        [&](int k) KVL_INLINE_LAMBDA {
+          V v[kPlanes];
+          for (int c = 0; c < kPlanes; ++c)
+            v[c] = W::pairOut(hn::LoadU(d, plane(r0, c) + k), hn::LoadU(d, plane(r1, c) + k));
+          put(v, dst, k);
         },
-        [&](int x) {
-          for (int c = 0; c < kC; ++c)
-            storeAny(dst + x * kC + c,
-                     pairOut<T>(plane(r0, w, c)[x], plane(r1, w, c)[x]));
+        [&](int k) {
+          for (int c = 0; c < kPlanes; ++c)
+            putScalar(dst, k, c, pairOut<T>(plane(r0, c)[k], plane(r1, c)[k]));
         });
   }
 };
 
 // ---- Up-sampling ----
 
+// 32f, three channels: ring element o = 6i + 3p + c (destination pixel 2i + p, channel c) is
+// phase p of source element 3i + c. A vector of ring elements from o0 takes its lanes from the
+// even and odd sums of source elements anchor + base .. + N-1, anchor = 3 (o0 / 6), one table per
+// o0 modulo 6.
+struct ExpandTable {
+  using D = VecOps<float>::D;
+  using Indices = decltype(hn::SetTableIndices(D(), static_cast<const int32_t*>(nullptr)));
+  int base = 0;
+  Indices idx;
+  hn::Mask<D> odd;
+
+  void build(int f) {
+    const D d;
+    const hn::RebindToSigned<D> di;
+    const int N = static_cast<int>(hn::Lanes(d));
+    auto source = [f](int j) { return 3 * ((f + j) / 6) + (f + j) % 3; };
+    base = source(0);
+    for (int j = 0; j < N; ++j) base = std::min(base, source(j));
+    HWY_ALIGN int32_t lane[16] = {}, phase[16] = {};
+    for (int j = 0; j < N; ++j) {
+      lane[j] = source(j) - base;
+      phase[j] = ((f + j) / 3) % 2;
+    }
+    idx = hn::SetTableIndices(d, lane);
+    odd = hn::RebindMask(d, hn::Ne(hn::Load(di, phase), hn::Zero(di)));
+  }
+};
+
 template <class T, int kC>
 struct UpOps {
   using W = VecOps<T>;
   using Acc = typename W::L;
   using V = typename W::V;
+  static constexpr bool kPlanar = kC == 3 && !W::kFloat;
+  static constexpr int kPlanes = kPlanar ? 3 : 1;
+  static constexpr bool kExpand = W::kFloat && kC == 3;
   Kvl8u* scratch = nullptr;
-  static int lanes() { return static_cast<int>(hn::Lanes(typename W::D())); }
+  int w = 0;
+  int n = 0;  // ring elements per plane
+  long long planeBytes = 0, srcPlaneBytes = 0;
+  ExpandTable phase[6];
+  int tail = -1;  // lastBlock()
 
-  // A ring row: per channel, the 2w destination columns in order.
-  static long long planeBytes(int w) { return align64(2LL * w * sizeof(Acc)); }
-  static long long srcPlaneBytes(int w) { return align64(static_cast<long long>(w) * sizeof(T)); }
-  long long rowBytes(int w) const { return kC * planeBytes(w); }
-  long long scratchBytes(int w) const { return kC == 1 ? 0 : 3 * srcPlaneBytes(w); }
-
-  static Acc* plane(Acc* r, int w, int c) {
-    return reinterpret_cast<Acc*>(reinterpret_cast<Kvl8u*>(r) + c * planeBytes(w));
+  explicit UpOps(int width) : w(width) {
+    n = kPlanar ? 2 * w : 2 * w * kC;
+    planeBytes = align64(static_cast<long long>(n) * sizeof(Acc));
+    srcPlaneBytes = align64(static_cast<long long>(w) * sizeof(T));
+    if constexpr (kExpand)
+      for (int f = 0; f < 6; ++f) phase[f].build(f);
+    tail = findLastBlock();
   }
-  static const Acc* plane(const Acc* r, int w, int c) { return plane(const_cast<Acc*>(r), w, c); }
-  void planes(const T* src, int w, const T* out[kC]) const {
-    if constexpr (kC == 1) {
-      out[0] = src;
-    } else {
+  long long rowBytes(int) const { return kPlanes * planeBytes; }
+  long long scratchBytes(int) const { return kPlanar ? 3 * srcPlaneBytes : 0; }
+
+  Acc* plane(Acc* r, int c) const {
+    return reinterpret_cast<Acc*>(reinterpret_cast<Kvl8u*>(r) + c * planeBytes);
+  }
+  const Acc* plane(const Acc* r, int c) const { return plane(const_cast<Acc*>(r), c); }
+  void sourcePlanes(const T* src, const T* out[kPlanes]) const {
+    if constexpr (kPlanar) {
       T* p[3];
-      for (int c = 0; c < 3; ++c) p[c] = reinterpret_cast<T*>(scratch + c * srcPlaneBytes(w));
-      splitPlanes(src, w, p[0], p[1], p[2]);
+      for (int c = 0; c < 3; ++c) p[c] = reinterpret_cast<T*>(scratch + c * srcPlaneBytes);
+      splitPlanes(src, w, p);
       for (int c = 0; c < 3; ++c) out[c] = p[c];
-    }
-  }
-
-  // Runs body(i) over vectors of source columns 1 .. w-1-N (each reads i-1 .. i+N) and edge(i)
-  // on every other column, each column exactly once.
-  template <class Body, class Edge>
-  static void columns(int w, Body body, Edge edge) {
-    const int N = lanes();
-    edge(0);
-    int i = 1;
-    for (; i + N <= w - 1; i += N) body(i);
-    for (; i < w; ++i) edge(i);
-  }
-
-  // The horizontal pass of source columns i .. i+N-1 of a plane, interleaved: destination
-  // columns 2i .. 2i+2N-1 at out.
-  static HWY_INLINE void hVec(const T* p, int i, Acc* out) {
-    const V l = W::loadWide(p + i - 1), m = W::loadWide(p + i), r = W::loadWide(p + i + 1);
-    hn::StoreInterleaved2(W::upEven(l, m, r), W::upOdd(m, r), typename W::D(), out);
-  }
-  static void hEdge(const T* p, int w, int i, Acc* out) {
-    out[0] = static_cast<Acc>(hUpEvenAt<T, 1>(p, w, i));
-    out[1] = static_cast<Acc>(hUpOddAt<T, 1>(p, w, i));
-  }
-
-  void hRow(const T* src, int w, Acc* out) const {
-    const T* p[kC];
-    planes(src, w, p);
-    for (int c = 0; c < kC; ++c) {
-      Acc* o = plane(out, w, c);
-      columns(
-          w, [&](int i) KVL_INLINE_LAMBDA { hVec(p[c], i, o + 2 * i); },
-          [&](int i) { hEdge(p[c], w, i, o + 2 * i); });
-    }
-  }
-
-  // Destination columns k .. k+N-1 (k counts elements of one channel plane) of both rows.
-  template <class Rows>
-  static HWY_INLINE void outVec(Rows rows, int k, T* even, T* odd) {
-    V e[kC], o[kC];
-    for (int c = 0; c < kC; ++c) rows(c, k, e[c], o[c]);
-    if constexpr (kC == 1) {
-      W::store(e[0], even + k);
-      W::store(o[0], odd + k);
     } else {
-      W::store3(e[0], e[1], e[2], even + 3 * k);
-      W::store3(o[0], o[1], o[2], odd + 3 * k);
+      out[0] = src;
     }
   }
 
-  void vPair(const Acc* prev, const Acc* cur, const Acc* next, int w, T* even, T* odd) const {
+  // The units of the horizontal pass: a source column of a plane (its two ring elements 2i,
+  // 2i+1) or, for kExpand, a ring element. A vector block covers N units.
+  bool fits(int u) const {
+    const int N = W::lanes();
+    if constexpr (kExpand) {
+      // The block at o0 reads source elements anchor + base - 3 .. anchor + base + N + 2.
+      return u >= 6 && u + N <= n && 3 * (u / 6) + phase[u % 6].base + N + 2 <= 3 * w - 1;
+    } else {
+      return u >= 1 && u + N <= w - 1;  // reads columns u-1 .. u+N
+    }
+  }
+  int firstBlock() const { return kExpand ? 6 : 1; }
+  // The block after the regular ones that overlaps the last of them to reach the row's end, or -1.
+  int findLastBlock() const {
+    const int N = W::lanes();
+    int u = firstBlock();
+    while (fits(u)) u += N;
+    for (int v = (kExpand ? n : w - 1) - N; v > u - N; --v)
+      if (fits(v)) return v;
+    return -1;
+  }
+  int lastBlock() const { return tail; }
+  // Runs body(u, last) on the vector blocks (last: the overlapping one) and edge(u) on every
+  // other unit.
+  template <class Body, class Edge>
+  void columns(Body body, Edge edge) const {
+    const int N = W::lanes(), units = kExpand ? n : w;
+    int u = 0;
+    for (; u < firstBlock() && u < units; ++u) edge(u);
+    for (; fits(u); u += N) body(u, false);
+    if (tail >= 0) {
+      body(tail, true);
+      u = tail + N;
+    }
+    for (; u < units; ++u) edge(u);
+  }
+  // Ring unit u of source plane p: its one (kExpand) or two ring elements, in scalar.
+  void hScalar(const T* p, int u, Acc* out) const {
+    if constexpr (kExpand) {
+      const int pixel = u / 3, c = u % 3, i = pixel / 2;
+      out[0] = pixel % 2 ? hUpOddAt<T, 3>(p + c, w, i) : hUpEvenAt<T, 3>(p + c, w, i);
+    } else {
+      out[0] = static_cast<Acc>(hUpEvenAt<T, 1>(p, w, u));
+      out[1] = static_cast<Acc>(hUpOddAt<T, 1>(p, w, u));
+    }
+  }
+  static constexpr int kPerUnit = kExpand ? 1 : 2;
+  // The horizontal pass of the block at unit u into out (ring elements kPerUnit u on).
+  HWY_INLINE void hBlock(const T* p, int u, Acc* out) const {
     const typename W::D d;
-    const int n = 2 * w, N = lanes();
-    auto rows = [&](int c, int k, V& e, V& o) KVL_INLINE_LAMBDA {
-      const V p = hn::LoadU(d, plane(prev, w, c) + k), m = hn::LoadU(d, plane(cur, w, c) + k),
-              q = hn::LoadU(d, plane(next, w, c) + k);
-      e = W::upOut(W::upEven(p, m, q));
-      o = W::upOut(W::upOdd(m, q));
+    if constexpr (kExpand) {
+      const ExpandTable& t = phase[u % 6];
+      const float* q = p + 3 * (u / 6) + t.base;
+      const V l = hn::LoadU(d, q - 3), m = hn::LoadU(d, q), r = hn::LoadU(d, q + 3);
+      const V v = hn::IfThenElse(t.odd, hn::TableLookupLanes(W::upOdd(m, r), t.idx),
+                                 hn::TableLookupLanes(W::upEven(l, m, r), t.idx));
+      hn::StoreU(v, d, out);
+    } else {
+      const V l = W::loadWide(p + u - 1), m = W::loadWide(p + u), r = W::loadWide(p + u + 1);
+      hn::StoreInterleaved2(W::upEven(l, m, r), W::upOdd(m, r), d, out);
+    }
+  }
+  // Stores the results of ring elements k .. k+N-1 of every plane.
+  HWY_INLINE void put(const V* v, T* dst, int k) const {
+    if constexpr (kPlanar) {
+      W::store3(v[0], v[1], v[2], dst + 3 * k);
+    } else {
+      W::store(v[0], dst + k);
+    }
+  }
+  static void putScalar(T* dst, int k, int c, T v) { storeAny(dst + (kPlanar ? 3 * k + c : k), v); }
+
+  void hRow(const T* src, int, Acc* out) const {
+    const T* p[kPlanes];
+    sourcePlanes(src, p);
+    for (int c = 0; c < kPlanes; ++c) {
+      Acc* o = plane(out, c);
+      const T* s = p[c];
+      columns([&](int u, bool) KVL_INLINE_LAMBDA { hBlock(s, u, o + kPerUnit * u); },
+              [&](int u) { hScalar(s, u, o + kPerUnit * u); });
+    }
+  }
+
+  // Both destination rows over every ring element, from rows(c, k, even, odd).
+  template <class Rows, class Scalar>
+  void bothRows(T* even, T* odd, Rows rows, Scalar scalar) const {
+    const int N = W::lanes();
+    auto block = [&](int k) KVL_INLINE_LAMBDA {
+      V e[kPlanes], o[kPlanes];
+      for (int c = 0; c < kPlanes; ++c) rows(c, k, e[c], o[c]);
+      put(e, even, k);
+      put(o, odd, k);
     };
     int k = 0;
-    for (; k + N <= n; k += N) outVec(rows, k, even, odd);
-    if (k < n && n >= N) outVec(rows, n - N, even, odd);  // overlapping: nothing is written back
-    else
-      for (; k < n; ++k)
-        for (int c = 0; c < kC; ++c) {
-          const Wide<T> p = plane(prev, w, c)[k], m = plane(cur, w, c)[k], q = plane(next, w, c)[k];
-          storeAny(even + k * kC + c, upOut<T>(upEven(p, m, q)));
-          storeAny(odd + k * kC + c, upOut<T>(upOdd(m, q)));
-        }
+    for (; k + N <= n; k += N) block(k);
+    if (k < n && n >= N) {
+      block(n - N);  // overlapping: these write no ring element
+      k = n;
+    }
+    for (; k < n; ++k)
+      for (int c = 0; c < kPlanes; ++c) scalar(c, k);
   }
 
-  void fused(const T* src, int w, Acc* prev, const Acc* cur, T* even, T* odd) const {
+  void vPair(const Acc* prev, const Acc* cur, const Acc* next, int, T* even, T* odd) const {
     const typename W::D d;
-    const int N = lanes();
-    const T* p[kC];
-    planes(src, w, p);
-    columns(
-        w,
-        [&](int i) KVL_INLINE_LAMBDA {
-          // Row j-1 is read before row j+1 takes its place.
-          V pv[kC][2];
-          for (int c = 0; c < kC; ++c) {
-            Acc* q = plane(prev, w, c) + 2 * i;
-            pv[c][0] = hn::LoadU(d, q);
-            pv[c][1] = hn::LoadU(d, q + N);
-            hVec(p[c], i, q);
-          }
-          for (int h = 0; h < 2; ++h) {
-            auto rows = [&](int c, int k, V& e, V& o) KVL_INLINE_LAMBDA {
-              const V m = hn::LoadU(d, plane(cur, w, c) + k), q = hn::LoadU(d, plane(prev, w, c) + k);
-              e = W::upOut(W::upEven(pv[c][h], m, q));
-              o = W::upOut(W::upOdd(m, q));
-            };
-            outVec(rows, 2 * i + h * N, even, odd);
-          }
+    bothRows(
+        even, odd,
+        [&](int c, int k, V& e, V& o) KVL_INLINE_LAMBDA {
+          const V p = hn::LoadU(d, plane(prev, c) + k), m = hn::LoadU(d, plane(cur, c) + k),
+                  q = hn::LoadU(d, plane(next, c) + k);
+          e = W::upOut(W::upEven(p, m, q));
+          o = W::upOut(W::upOdd(m, q));
         },
-        [&](int i) {
-          for (int c = 0; c < kC; ++c) {
-            Acc next[2];
-            hEdge(p[c], w, i, next);
-            for (int ph = 0; ph < 2; ++ph) {
-              const int k = 2 * i + ph;
-              Acc& pr = plane(prev, w, c)[k];
-              const Wide<T> m = plane(cur, w, c)[k];
-              storeAny(even + k * kC + c, upOut<T>(upEven(static_cast<Wide<T>>(pr), m, static_cast<Wide<T>>(next[ph]))));
-              storeAny(odd + k * kC + c, upOut<T>(upOdd(m, static_cast<Wide<T>>(next[ph]))));
-              pr = next[ph];
-            }
-          }
+        [&](int c, int k) {
+          const Wide<T> p = plane(prev, c)[k], m = plane(cur, c)[k], q = plane(next, c)[k];
+          putScalar(even, k, c, upOut<T>(upEven(p, m, q)));
+          putScalar(odd, k, c, upOut<T>(upOdd(m, q)));
         });
   }
 
-  void oneRow(const Acc* r, int w, T* d0, T* d1) const {
+  void oneRow(const Acc* r, int, T* d0, T* d1) const {
     const typename W::D d;
-    const int n = 2 * w, N = lanes();
-    auto rows = [&](int c, int k, V& e, V& o) KVL_INLINE_LAMBDA {
-      e = o = W::oneOut(hn::LoadU(d, plane(r, w, c) + k));
-    };
-    int k = 0;
-    for (; k + N <= n; k += N) outVec(rows, k, d0, d1);
-    if (k < n && n >= N) outVec(rows, n - N, d0, d1);
-    else
-      for (; k < n; ++k)
-        for (int c = 0; c < kC; ++c) {
-          const T v = oneOut<T>(static_cast<Wide<T>>(plane(r, w, c)[k]));
-          storeAny(d0 + k * kC + c, v);
-          storeAny(d1 + k * kC + c, v);
-        }
+    bothRows(
+        d0, d1,
+        [&](int c, int k, V& e, V& o)
+            KVL_INLINE_LAMBDA { e = o = W::oneOut(hn::LoadU(d, plane(r, c) + k)); },
+        [&](int c, int k) {
+          const T v = oneOut<T>(static_cast<Wide<T>>(plane(r, c)[k]));
+          putScalar(d0, k, c, v);
+          putScalar(d1, k, c, v);
+        });
+  }
+
+  void fused(const T* src, int, Acc* prev, const Acc* cur, T* even, T* odd) const {
+    const typename W::D d;
+    const int N = W::lanes();
+    const T* p[kPlanes];
+    sourcePlanes(src, p);
+    Acc* pp[kPlanes];
+    const Acc* cp[kPlanes];
+    for (int c = 0; c < kPlanes; ++c) {
+      pp[c] = plane(prev, c);
+      cp[c] = plane(cur, c);
+    }
+    // Row j-1 is read before row j+1 takes its place; the overlapping last block reads it before
+    // the blocks it overlaps change it.
+    V lastPrev[kPlanes][kPerUnit];
+    if (tail >= 0)
+      for (int c = 0; c < kPlanes; ++c)
+        for (int h = 0; h < kPerUnit; ++h)
+          lastPrev[c][h] = hn::LoadU(d, pp[c] + kPerUnit * tail + h * N);
+    columns(
+        [&](int u, bool isLast) KVL_INLINE_LAMBDA {
+          V pv[kPlanes][kPerUnit];
+          for (int c = 0; c < kPlanes; ++c) {
+            for (int h = 0; h < kPerUnit; ++h)
+              pv[c][h] = isLast ? lastPrev[c][h] : hn::LoadU(d, pp[c] + kPerUnit * u + h * N);
+            hBlock(p[c], u, pp[c] + kPerUnit * u);
+          }
+          for (int h = 0; h < kPerUnit; ++h) {
+            const int k = kPerUnit * u + h * N;  // the ring elements of this half of the block
+            V e[kPlanes], o[kPlanes];
+            for (int c = 0; c < kPlanes; ++c) {
+              const V m = hn::LoadU(d, cp[c] + k), q = hn::LoadU(d, pp[c] + k);
+              e[c] = W::upOut(W::upEven(pv[c][h], m, q));
+              o[c] = W::upOut(W::upOdd(m, q));
+            }
+            put(e, even, k);
+            put(o, odd, k);
+          }
+        },
+        [&](int u) {
+          for (int c = 0; c < kPlanes; ++c) {
+            Acc next[2];
+            hScalar(p[c], u, next);
+            for (int h = 0; h < kPerUnit; ++h) {
+              const int k = kPerUnit * u + h;
+              const Wide<T> pv = pp[c][k], m = cp[c][k], q = next[h];
+              putScalar(even, k, c, upOut<T>(upEven(pv, m, q)));
+              putScalar(odd, k, c, upOut<T>(upOdd(m, q)));
+              pp[c][k] = next[h];
+            }
+          }
+        });
   }
 };
 
@@ -490,10 +727,10 @@ template <class T, int kC, bool kUp>
 void pyramid(const T* src, int srcStep, T* dst, int dstStep, int w, int h, Kvl8u* buffer) {
   bool done;
   if constexpr (kUp) {
-    UpOps<T, kC> ops;
+    UpOps<T, kC> ops(w);
     done = upImage<T, kC>(ops, src, srcStep, dst, dstStep, w, h, buffer);
   } else {
-    DownOps<T, kC> ops;
+    DownOps<T, kC> ops(w);
     done = downImage<T, kC>(ops, src, srcStep, dst, dstStep, w, h, buffer);
   }
   // Narrow rows leave too little room for the aligned planes: the reference takes them.

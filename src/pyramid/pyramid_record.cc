@@ -102,9 +102,8 @@ extern "C" KvlStatus impl_kvliPyramidInitAlloc(KvliPyramid** ppPyr, int level, K
   }
   const int levels = std::min(level, available);
   const PyramidLayout layout = pyramidLayout(levels);
-  Kvl8u* block = layout.blockBytes <= INT_MAX
-                     ? kvlsMalloc_8u(static_cast<int>(layout.blockBytes))
-                     : nullptr;
+  Kvl8u* block =
+      layout.blockBytes <= INT_MAX ? kvlsMalloc_8u(static_cast<int>(layout.blockBytes)) : nullptr;
   if (block == nullptr) {
     kvlsFree(sizes);
     return kvlStatusNoMemory;

@@ -1,11 +1,10 @@
 // Gaussian 5x5 pyramids over the member table: every target against a plain model of the weights
 // and borders in guarded memory, hand-computed cases, size queries and the validation order.
-#include "pyramid/gauss_pyramid_members.h"
-
 #include <climits>
 #include <cmath>
 #include <initializer_list>
 
+#include "pyramid/gauss_pyramid_members.h"
 #include "support/support.h"
 
 namespace {
@@ -21,9 +20,15 @@ template <class F>
 void withTypes(const PyrMember& m, F f) {
   const bool c3 = m.channels == 3;
   switch (m.kind) {
-    case 'u': c3 ? f.template operator()<Kvl8u, 3>() : f.template operator()<Kvl8u, 1>(); break;
-    case 's': c3 ? f.template operator()<Kvl8s, 3>() : f.template operator()<Kvl8s, 1>(); break;
-    default: c3 ? f.template operator()<Kvl32f, 3>() : f.template operator()<Kvl32f, 1>(); break;
+    case 'u':
+      c3 ? f.template operator()<Kvl8u, 3>() : f.template operator()<Kvl8u, 1>();
+      break;
+    case 's':
+      c3 ? f.template operator()<Kvl8s, 3>() : f.template operator()<Kvl8s, 1>();
+      break;
+    default:
+      c3 ? f.template operator()<Kvl32f, 3>() : f.template operator()<Kvl32f, 1>();
+      break;
   }
 }
 
@@ -32,13 +37,18 @@ void withTypes(const PyrMember& m, F f) {
 template <class T>
 using Sum = std::conditional_t<std::is_floating_point_v<T>, float, int>;
 
-// Weights applied left to right (32f: the order the header documents).
+// Weights applied left to right (the up-sampling order of 32f).
 template <class T, class At>
 Sum<T> weigh(std::initializer_list<int> w, At at) {
   Sum<T> acc = 0;
   int k = 0;
   for (int wk : w) acc = acc + static_cast<Sum<T>>(wk) * at(k++);
   return acc;
+}
+// The five down-sampling taps: in 32f the outer pair, the inner pair times 4, the centre times 6.
+template <class T, class At>
+Sum<T> weigh5(At at) {
+  return ((at(0) + at(4)) + (at(1) + at(3)) * 4) + at(2) * 6;
 }
 
 // Index i of n: mirrored without repeating the edge (down-sampling).
@@ -64,12 +74,14 @@ T modelDown(const Image<T, kC>& s, int x, int y, int c) {
   const int w = s.width(), h = s.height();
   auto px = [&](int col, int row) { return static_cast<Sum<T>>(s.px(col, row, c)); };
   auto hAt = [&](int row) {
-    return weigh<T>({1, 4, 6, 4, 1}, [&](int k) { return px(reflect(2 * x + k - 2, w), row); });
+    return weigh5<T>([&](int k) { return px(reflect(2 * x + k - 2, w), row); });
   };
   auto vAt = [&](int col) {
-    return weigh<T>({1, 4, 6, 4, 1}, [&](int k) { return px(col, reflect(2 * y + k - 2, h)); });
+    return weigh5<T>([&](int k) { return px(col, reflect(2 * y + k - 2, h)); });
   };
-  auto pair = [&](Sum<T> a, Sum<T> b) { return shiftOut<T>(weigh<T>({8, 8}, [&](int k) { return k ? b : a; }), 8, 1.0f / 256); };
+  auto pair = [&](Sum<T> a, Sum<T> b) {
+    return shiftOut<T>(weigh<T>({8, 8}, [&](int k) { return k ? b : a; }), 8, 1.0f / 256);
+  };
   if (h < 3) {
     if constexpr (std::is_floating_point_v<T>) return (hAt(0) + hAt(h - 1)) * 0.03125f;
     return pair(hAt(0), hAt(h - 1));
@@ -78,8 +90,8 @@ T modelDown(const Image<T, kC>& s, int x, int y, int c) {
     if constexpr (std::is_floating_point_v<T>) return (vAt(0) + vAt(w - 1)) * 0.03125f;
     return pair(vAt(0), vAt(w - 1));
   }
-  return shiftOut<T>(weigh<T>({1, 4, 6, 4, 1}, [&](int k) { return hAt(reflect(2 * y + k - 2, h)); }),
-                     8, 1.0f / 256);
+  return shiftOut<T>(weigh5<T>([&](int k) { return hAt(reflect(2 * y + k - 2, h)); }), 8,
+                     1.0f / 256);
 }
 
 template <class T, int kC>
@@ -93,7 +105,8 @@ T modelUp(const Image<T, kC>& s, int X, int Y, int c) {
   };
   auto hAt = [&](int row) { return phase(X % 2, i, w, [&](int col) { return px(col, row); }); };
   if (h == 1) return shiftOut<T>(8 * hAt(0), 6, 0.125f / 8);
-  if (w == 1) return shiftOut<T>(8 * phase(Y % 2, j, h, [&](int row) { return px(0, row); }), 6, 0.125f / 8);
+  if (w == 1)
+    return shiftOut<T>(8 * phase(Y % 2, j, h, [&](int row) { return px(0, row); }), 6, 0.125f / 8);
   return shiftOut<T>(phase(Y % 2, j, h, hAt), 6, 1.0f / 64);
 }
 
@@ -126,7 +139,7 @@ TEST(GaussPyramid, EveryTargetMatchesTheModel) {
     kvl::test::forEachTarget([&](int) {
       withTypes(m, [&]<class T, int kC>() {
         for (int w = 1; w <= 80; ++w) checkAgainstModel<T, kC>(m, w, 1 + w % 7, w);
-        for (int w = 81; w <= 330; w += 23) checkAgainstModel<T, kC>(m, w, 3 + w % 4, w);
+        for (int w = 81; w <= 330; w += 23) checkAgainstModel<T, kC>(m, w, 3 + w % 10, w);
         for (int h : {1, 2, 3, 4, 5, 8, 11}) checkAgainstModel<T, kC>(m, 1 + h % 3, h, h);
       });
     });
@@ -140,8 +153,16 @@ TEST(GaussPyramid, ConstantsStayConstant) {
       for (const T value : {T(0), T(1), T(-1), T(100), std::numeric_limits<T>::max(),
                             std::numeric_limits<T>::lowest()}) {
         if (std::is_floating_point_v<T> && std::abs(static_cast<double>(value)) > 1000) continue;
-        for (KvliSize s : {KvliSize{1, 1}, {2, 1}, {1, 2}, {2, 2}, {3, 2}, {2, 3}, {5, 4}, {4, 5},
-                           {75, 3}, {200, 6}}) {
+        for (KvliSize s : {KvliSize{1, 1},
+                           {2, 1},
+                           {1, 2},
+                           {2, 2},
+                           {3, 2},
+                           {2, 3},
+                           {5, 4},
+                           {4, 5},
+                           {75, 3},
+                           {200, 6}}) {
           Image<T, kC> src(s.width, s.height);
           src.fill([&](int, int, int) { return value; });
           const KvliSize d = m.dstSize(s);
@@ -173,7 +194,9 @@ TEST(GaussPyramid, HandComputed) {
       {"PyrDown_Gauss5x5_8u_C1R", {5, 1}, {0, 0, 0, 0, 255}, {0, 16, 96}},
       // Even width, four equal rows: the last column weighs columns 0..3 by 1, 4, 7, 4; the
       // first weighs 0..2 by 6, 8, 2.
-      {"PyrDown_Gauss5x5_8u_C1R", {4, 4}, {0, 0, 64, 0, 0, 0, 64, 0, 0, 0, 64, 0, 0, 0, 64, 0},
+      {"PyrDown_Gauss5x5_8u_C1R",
+       {4, 4},
+       {0, 0, 64, 0, 0, 0, 64, 0, 0, 0, 64, 0, 0, 0, 64, 0},
        {8, 28, 8, 28}},
       {"PyrDown_Gauss5x5_8s_C1R", {1, 1}, {-1}, {-1}},
       // Two rows of one pixel: (16 (s0 + s1) * 8 + 128) >> 8, -0.5 goes up to 0.
@@ -261,10 +284,9 @@ TEST(GaussPyramid, ValidationOrder) {
         Image<T, kC> src(9, 4, 1, 1);
         std::vector<Kvl8u> dst(static_cast<size_t>(d.width * pixel + 8) * d.height, 0x33);
         std::vector<Kvl8u> buffer(4096);
-        const KvlStatus got =
-            m.run(r.nullSrc ? nullptr : src.roi(), 9 * pixel + r.srcDelta,
-                  r.nullDst ? nullptr : dst.data(), d.width * pixel + r.dstDelta, r.roi,
-                  r.nullBuf ? nullptr : buffer.data());
+        const KvlStatus got = m.run(r.nullSrc ? nullptr : src.roi(), 9 * pixel + r.srcDelta,
+                                    r.nullDst ? nullptr : dst.data(), d.width * pixel + r.dstDelta,
+                                    r.roi, r.nullBuf ? nullptr : buffer.data());
         EXPECT_EQ(got, r.want) << m.name << ": " << r.what;
         if (got != kvlStatusOk) {
           EXPECT_EQ(std::count(dst.begin(), dst.end(), 0x33), static_cast<long>(dst.size()))

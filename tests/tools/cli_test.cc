@@ -162,7 +162,8 @@ TEST_F(Cli, EveryAcceptedValueWorksWithTheDefaults) {
     const Outcome o = run(op + " --time " + inputsOf(op, path("rgb.png")) + " " + path("t.png"));
     EXPECT_NE(o.output.find("Mpixel/s"), std::string::npos) << op << ": " << o.output;
     const Picture p = read("t.png");
-    EXPECT_TRUE(p.depth == 8 && p.width == rgb_.width) << op;
+    const int width = op == "pyrdown" ? (rgb_.width + 1) / 2 : op == "pyrup" ? 2 * rgb_.width : rgb_.width;
+    EXPECT_TRUE(p.depth == 8 && p.width == width) << op;
   }
   // The listing covers every operation that --help names.
   std::istringstream helpLines(help.output.substr(help.output.find("operations:")));
@@ -173,6 +174,41 @@ TEST_F(Cli, EveryAcceptedValueWorksWithTheDefaults) {
     EXPECT_TRUE(listed.count(line.substr(2, line.find(' ', 2) - 2))) << line;
   EXPECT_EQ(named, listed.size());
   EXPECT_GE(named, 6u);
+}
+
+// Each level of a pyramid is the library's step on the level before; the output file holds the
+// last one and, with --levels N > 1, <name>-k every level k. 16-bit images go through the 32f
+// members, rounded per level.
+TEST_F(Cli, PyramidLevelsEqualTheLibrarySteps) {
+  ASSERT_EQ(run("pyrdown --levels 3 " + path("rgb.png") + " " + path("down.png")).exitCode, 0);
+  std::vector<Kvl8u> cur = rgb_.data;
+  KvliSize s{rgb_.width, rgb_.height};
+  for (int k = 1; k <= 3; ++k) {
+    const KvliSize d{(s.width + 1) / 2, (s.height + 1) / 2};
+    auto buf = buffer([&](int* n) { return kvliPyrDownGetBufSize_Gauss5x5(s.width, kvl8u, 3, n); });
+    std::vector<Kvl8u> next(static_cast<size_t>(d.width) * d.height * 3);
+    ASSERT_EQ(kvliPyrDown_Gauss5x5_8u_C3R(cur.data(), s.width * 3, next.data(), d.width * 3, s, buf.data()),
+              kvlStatusOk);
+    EXPECT_EQ(read("down-" + std::to_string(k) + ".png").data, next) << k;
+    cur = next;
+    s = d;
+  }
+  EXPECT_EQ(read("down.png").data, cur);
+  struct stat st;
+  EXPECT_NE(stat(path("down-4.png").c_str(), &st), 0);
+
+  ASSERT_EQ(run("pyrup " + path("deep.png") + " " + path("up.png")).exitCode, 0);
+  EXPECT_NE(stat(path("up-1.png").c_str(), &st), 0);  // one level: no numbered file
+  const Picture up = read("up.png");
+  ASSERT_TRUE(up.depth == 16 && up.width == 2 * deep_.width && up.height == 2 * deep_.height);
+  const auto* d16 = reinterpret_cast<const uint16_t*>(deep_.data.data());
+  std::vector<float> src(d16, d16 + deep_.width * deep_.height), want(up.width * up.height);
+  auto buf = buffer([&](int* n) { return kvliPyrUpGetBufSize_Gauss5x5(deep_.width, kvl32f, 1, n); });
+  ASSERT_EQ(kvliPyrUp_Gauss5x5_32f_C1R(src.data(), deep_.width * 4, want.data(), up.width * 4,
+                                       {deep_.width, deep_.height}, buf.data()),
+            kvlStatusOk);
+  const auto* got = reinterpret_cast<const uint16_t*>(up.data.data());
+  for (size_t i = 0; i < want.size(); ++i) ASSERT_EQ(got[i], std::lround(want[i])) << i;
 }
 
 struct ErrorCase {
@@ -281,6 +317,9 @@ TEST_F(Cli, ErrorsAreOneActionableLine) {
       {"track --points $T/far.txt $G $G $T/o.png", "far.txt: line 1: a coordinate is not a finite", 1},
       {"track --points $T/binary.txt $G $G $T/o.png", "binary.txt: line 1: not text", 1},
       {"track --points $T/zero.png $G $G $T/o.png", "zero.png: larger than 64 MiB", 1},
+      {"pyrup --levels 9 $G $T/o.png", "--levels: 9 is outside 1..8", 1},
+      {"pyrdown --levels 0 $G $T/o.png", "--levels: 0 is outside 1..30", 1},
+      {"pyrdown --levels 2 $G $T/nodir/o.png", "cannot write", 1},
       {"", "usage:", 2},
   };
   for (ErrorCase c : cases) {
@@ -309,6 +348,10 @@ TEST_F(Cli, HelpVersionAndDemo) {
   Picture canny;
   EXPECT_EQ(kvlcli::readImage(dir_ + "/demo-out/canny.png", &canny), "");
   EXPECT_EQ(canny.width, 512);
+  Picture level4, up;
+  EXPECT_EQ(kvlcli::readImage(dir_ + "/demo-out/pyrdown-4.png", &level4), "");
+  EXPECT_EQ(kvlcli::readImage(dir_ + "/demo-out/pyrup.png", &up), "");
+  EXPECT_TRUE(level4.width == 32 && level4.channels == 3 && up.width == 1024);
   EXPECT_NE(demo.output.find("x=176 y=66 width=96"), std::string::npos) << demo.output;
   EXPECT_NE(demo.output.find("64.0000 64.0000 -> 70.4"), std::string::npos) << demo.output;
 }

@@ -228,6 +228,10 @@ int run(int argc, char** argv) {
   }
   err = writeImage(cl.files.back(), out);
   if (!err.empty()) return fail(err);
+  for (const ExtraImage& e : r.extras) {
+    err = writeImage(extraPath(cl.files[1], e.suffix), e.picture);
+    if (!err.empty()) return fail(err);
+  }
   std::fputs(r.report.c_str(), stdout);
   if (cl.time) {
     const double mpix = static_cast<double>(in.width) * in.height / 1e6;

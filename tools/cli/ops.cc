@@ -13,6 +13,7 @@
 
 #include "detect/integral_members.h"
 #include "filter/deriv_members.h"
+#include "pyramid/gauss_pyramid_members.h"
 
 extern "C" const unsigned char kvl_demo_png[];
 extern "C" const unsigned char kvl_demo_png_end[];
@@ -28,6 +29,13 @@ RunResult timed(F&& call) {
   const auto t0 = std::chrono::steady_clock::now();
   r.status = call();
   r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  return r;
+}
+
+// A library status before the timed call.
+RunResult failed(KvlStatus status) {
+  RunResult r;
+  r.status = status;
   return r;
 }
 
@@ -188,7 +196,7 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   };
   if (type == "32f") {
     std::vector<float> src = toGrey32f(in), dst(src.size());
-    if (KvlStatus s = sized(m32f)) return RunResult{s, "", 0, ""};
+    if (KvlStatus s = sized(m32f)) return failed(s);
     RunResult r = timed([&] {
       return m32f->run(src.data(), in.width * 4, dst.data(), in.width * 4, roi, mask, border,
                        static_cast<float>(value), 1, buffer.data());
@@ -208,7 +216,7 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   }
   const Kvl8u v8 = static_cast<Kvl8u>(value);
   if (type == "8u") {
-    if (KvlStatus s = sized(m8u)) return RunResult{s, "", 0, ""};
+    if (KvlStatus s = sized(m8u)) return failed(s);
     out->allocate(in.width, in.height, 1, 8);
     return timed([&] {
       return m8u->run(grey.data.data(), grey.step(), out->data.data(), out->step(), roi, mask,
@@ -217,7 +225,7 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
   }
   if (type == "16s") {
     std::vector<Kvl16s> dst(static_cast<size_t>(in.width) * in.height);
-    if (KvlStatus s = sized(m16s)) return RunResult{s, "", 0, ""};
+    if (KvlStatus s = sized(m16s)) return failed(s);
     RunResult r = timed([&] {
       return m16s->run(grey.data.data(), grey.step(), dst.data(), in.width * 2, roi, mask, border,
                        v8, 1, buffer.data());
@@ -226,7 +234,7 @@ RunResult runFamily(const Family (&members)[N], const Args& a, const Picture& in
     return r;
   }
   std::vector<Kvl8s> dst(static_cast<size_t>(in.width) * in.height);
-  if (KvlStatus s = sized(m8s)) return RunResult{s, "", 0, ""};
+  if (KvlStatus s = sized(m8s)) return failed(s);
   const int divisor = static_cast<int>(number(a, "divisor", 1));
   RunResult r = timed([&] {
     return m8s->run(grey.data.data(), grey.step(), dst.data(), in.width, roi, mask, border, v8,
@@ -264,7 +272,7 @@ RunResult runCanny(const Args& a, const Picture& in, Picture* out) {
     return problem("--low " + word(a, "low", "50") + " is above --high " + word(a, "high", "150"));
   const KvliSize roi{in.width, in.height};
   int bytes = 0;
-  if (KvlStatus s = kvliCannyBorderGetSize(roi, kernel, mask, kvl8u, &bytes)) return RunResult{s, "", 0, ""};
+  if (KvlStatus s = kvliCannyBorderGetSize(roi, kernel, mask, kvl8u, &bytes)) return failed(s);
   std::vector<Kvl8u> buffer(static_cast<size_t>(bytes));
   out->allocate(in.width, in.height, 1, 8);
   return timed([&] {
@@ -365,6 +373,74 @@ RunResult runIntegral(const Args& a, const Picture& in, Picture* out) {
   return r;
 }
 
+// ---- Gaussian pyramids ------------------------------------------------------------------------
+
+namespace py = kvl::pyramid;
+
+// The largest image pyrup makes: beyond it the result would not fit a size query or memory.
+constexpr long long kMaxPyrUpPixels = 1LL << 30;
+
+// --levels steps down (or up); each level is written beside the output when there are several.
+// 8-bit images use the 8u members; 16-bit ones run the 32f members on their sample values and
+// are rounded back to 16 bits level by level (the next level starts from the unrounded floats).
+RunResult runPyramid(bool up, const Args& a, const Picture& in, Picture* out) {
+  static const py::PyrMember members[] = {KVL_PYR_MEMBERS(KVL_PYR_MEMBER_RECORD)};
+  const char kind = in.depth == 8 ? 'u' : 'f';
+  const py::PyrMember* m = nullptr;
+  for (const py::PyrMember& k : members)
+    if (k.up == up && k.channels == in.channels && k.kind == kind) m = &k;
+  const int levels = static_cast<int>(number(a, "levels", 1));
+  KvliSize size{in.width, in.height};
+  for (int k = 0; k < levels; ++k) size = m->dstSize(size);
+  if (up && (static_cast<long long>(size.width) * size.height > kMaxPyrUpPixels ||
+             size.width > static_cast<int>(kMaxSide) || size.height > static_cast<int>(kMaxSide)))
+    return problem(std::string("--levels ") + word(a, "levels", "1") + " would make a " +
+                   std::to_string(size.width) + "x" + std::to_string(size.height) +
+                   " image (the limit is " + std::to_string(kMaxPyrUpPixels) + " pixels)");
+  const int c = in.channels;
+  // The current level: bytes for 8-bit images, floats for 16-bit ones.
+  std::vector<uint8_t> cur8 = in.depth == 8 ? in.data : std::vector<uint8_t>();
+  std::vector<float> cur32;
+  if (in.depth == 16) {
+    const auto* s = reinterpret_cast<const uint16_t*>(in.data.data());
+    cur32.assign(s, s + static_cast<size_t>(in.width) * in.height * c);
+  }
+  KvliSize cs{in.width, in.height};
+  RunResult total;
+  for (int k = 1; k <= levels; ++k) {
+    const KvliSize ds = m->dstSize(cs);
+    int bytes = 0;
+    if (KvlStatus st = m->bufSize(cs.width, m->dataType, c, &bytes)) return failed(st);
+    std::vector<Kvl8u> buffer(static_cast<size_t>(bytes));
+    Picture level;
+    level.allocate(ds.width, ds.height, c, in.depth);
+    RunResult r;
+    if (in.depth == 8) {
+      r = timed([&] {
+        return m->run(cur8.data(), cs.width * c, level.data.data(), level.step(), cs, buffer.data());
+      });
+      cur8 = level.data;
+    } else {
+      std::vector<float> next(static_cast<size_t>(ds.width) * ds.height * c);
+      r = timed([&] {
+        return m->run(cur32.data(), cs.width * c * 4, next.data(), ds.width * c * 4, cs, buffer.data());
+      });
+      auto* d = reinterpret_cast<uint16_t*>(level.data.data());
+      for (size_t i = 0; i < next.size(); ++i)
+        d[i] = static_cast<uint16_t>(std::clamp(std::lround(next[i]), 0L, 65535L));
+      cur32 = std::move(next);
+    }
+    total.seconds += r.seconds;
+    if (r.status != kvlStatusOk) return r;
+    cs = ds;
+    if (levels > 1) total.extras.push_back({std::string(1, '-').append(std::to_string(k)), level});
+    if (k == levels) *out = std::move(level);
+  }
+  return total;
+}
+
+const char* const kPyrLevelsHelp = "levels to make (N > 1: level k also as <output>-k)";
+
 // ---- The table ----------------------------------------------------------------------------------
 
 const std::vector<Operation> kOperations = {
@@ -429,11 +505,34 @@ const std::vector<Operation> kOperations = {
      kDetectDetails, detectOptions(), runDetect},
     {"track", "Follows points of a first image into a second (pyramidal Lucas-Kanade)",
      kTrackDetails, trackOptions(), nullptr, runTrack},
+    {"pyrdown", "Gaussian pyramid: halves the image (5x5 kernel 1 4 6 4 1, mirrored borders)",
+     "  Each level is ((w+1)/2) x ((h+1)/2) of the last. The output file gets the last level; with\n"
+     "  --levels N > 1 every level k = 1..N is also written beside it as <name>-k.<ext> (out.png:\n"
+     "  out-1.png .. out-N.png). Grey or RGB; 16-bit images are filtered in floating point and\n"
+     "  rounded to 16 bits. --time covers every level.",
+     {{"levels", kPyrLevelsHelp, {}, "1", Kind::kInteger, 1, 30}},
+     [](const Args& a, const Picture& in, Picture* out) { return runPyramid(false, a, in, out); }},
+    {"pyrup", "Gaussian pyramid: doubles the image (5x5 kernel, reflected top-left, replicated "
+     "bottom-right)",
+     "  Each level is 2w x 2h of the last. The output file gets the last level; with --levels N > 1\n"
+     "  every level k = 1..N is also written beside it as <name>-k.<ext> (out.png: out-1.png ..\n"
+     "  out-N.png). Grey or RGB; 16-bit images are filtered in floating point and rounded to 16\n"
+     "  bits. A last level over 1073741824 pixels is refused. --time covers every level.",
+     {{"levels", kPyrLevelsHelp, {}, "1", Kind::kInteger, 1, 8}},
+     [](const Args& a, const Picture& in, Picture* out) { return runPyramid(true, a, in, out); }},
 };
 
 }  // namespace
 
 const std::vector<Operation>& operations() { return kOperations; }
+
+std::string extraPath(const std::string& output, const std::string& suffix) {
+  const size_t slash = output.rfind('/');
+  const size_t dot = output.rfind('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
+    return output + suffix;
+  return output.substr(0, dot) + suffix + output.substr(dot);
+}
 
 const Operation* findOperation(const std::string& name) {
   for (const Operation& op : kOperations)
@@ -581,6 +680,8 @@ int demo(const std::string& dir) {
       {"integral", {{"window", "15"}, {"shape", "tilted"}, {"type", "32s"}}, "integral-stddev-tilted-32s.png"},
       {"detect", {}, "detect-faces.png"},
       {"track", {{"grid", "128"}}, "track.png"},
+      {"pyrdown", {{"levels", "4"}}, "pyrdown.png"},
+      {"pyrup", {}, "pyrup.png"},
   };
   std::printf("%-16s %-46s %-10s %10s %12s\n", "operation", "options", "size", "time (ms)", "Mpixel/s");
   int failures = 0;
@@ -601,6 +702,8 @@ int demo(const std::string& dir) {
     if (!res.error.empty()) note = res.error;
     else if (res.status != kvlStatusOk) note = statusInfo(res.status).name;
     else note = writeImage(dir + "/" + r.file, out);
+    for (size_t e = 0; note.empty() && e < res.extras.size(); ++e)
+      note = writeImage(extraPath(dir + "/" + r.file, res.extras[e].suffix), res.extras[e].picture);
     if (!note.empty()) {
       ++failures;
       std::printf("%-16s %-46s failed: %s\n", r.op, opts.c_str(), note.c_str());

@@ -33,12 +33,22 @@ struct Option {
   bool aboveMin = false;  // kNumber: min itself is refused
 };
 
+// An image written beside the output: <output name without extension><suffix>.<extension>.
+struct ExtraImage {
+  std::string suffix;
+  Picture picture;
+};
+
 struct RunResult {
   KvlStatus status = kvlStatusOk;
   std::string error;     // a problem found before the library was called
   double seconds = 0.0;  // wall time of the library call
   std::string report;    // printed on standard output once the output image is written
+  std::vector<ExtraImage> extras;  // written after the output, in order
 };
+
+// The path of an extra image beside `output`: "dir/out.png" with "-2" gives "dir/out-2.png".
+std::string extraPath(const std::string& output, const std::string& suffix);
 
 struct Operation {
   const char* name;
