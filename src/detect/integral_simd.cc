@@ -225,12 +225,149 @@ HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
   if (x < w) finish(x, prefix(load(x, partial(w - x))), partial(w - x));
 }
 
+#endif
+
+#if HWY_TARGET == HWY_AVX2
+// Rows y+1 and y+2 of an upright sum table (kTwo; else row y+1 only) from source rows s0, s1 and
+// table row y (`above`), as sumRowsAVX3 on 256-bit vectors. Steps of 16 pixels of both rows:
+//  - each row's pixels as 16-bit words, 8 to a 128-bit lane: two shift-and-adds within each
+//    64-bit quarter leave in each word the sum of its quarter so far, one byte shuffle adds the
+//    lower quarter's total to the upper one (at most 8 x 255 per word, exact);
+//  - the words are widened to int32 lanes (pixels 0-7 and 8-15), the upper half adds the lower
+//    half's total, and the step's total is taken from the last lane apart from the running sum,
+//    so that the only chain from step to step is one add;
+//  - the row's running sum and the value above are added in 32 bits (wrapping), or for float
+//    tables the int32 sum is converted and the value above added in single precision, as the
+//    scalar rule does. Row y+2 takes row y+1's new values as its row above from the registers.
+// A scalar head runs until row y+1 reaches a 32-byte boundary and a scalar tail after the last
+// full step. kStream and kCopy as in sumRowsAVX3.
+template <class T, bool kTwo, bool kStream, bool kCopy = false>
+HWY_INLINE void sumRowsAVX2(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                            T val, T* copy = nullptr) {
+  constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
+  storeAny(o0, val);
+  if constexpr (kTwo) storeAny(o1, val);
+  int x = 0;
+  uint32_t ra = 0, rb = 0;
+  auto scalar = [&](int end) {
+    for (; x < end; ++x) {
+      ra += term(s0[x]);
+      const T a = withAbove(ra, loadAny(above + x + 1));
+      storeAny(o0 + x + 1, a);
+      if constexpr (kTwo) {
+        rb += term(s1[x]);
+        const T b = withAbove(rb, a);
+        storeAny(o1 + x + 1, b);
+        if constexpr (kCopy) storeAny(copy + x + 1, b);
+      }
+    }
+  };
+  scalar(alignedHead(o0 + 1, 32, w));
+  if (x + 16 <= w) {
+    // per lane: words 4-7 <- word 3, words 0-3 <- 0
+    const __m256i upper =
+        _mm256_setr_epi32(-1, -1, 0x07060706, 0x07060706, -1, -1, 0x07060706, 0x07060706);
+    const __m256i last = _mm256_set1_epi32(7);
+    __m256i ca = _mm256_set1_epi32(static_cast<int32_t>(ra));
+    __m256i cb = _mm256_set1_epi32(static_cast<int32_t>(rb));
+    struct Sums {
+      __m256i lo, hi, total;
+    };
+    // Prefix sums of pixels p .. p+15 in two int32 vectors, and their total in every lane.
+    auto sums = [&](const Kvl8u* p) KVL_INLINE_LAMBDA {
+      __m256i v = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+      v = _mm256_add_epi16(v, _mm256_slli_epi64(v, 16));
+      v = _mm256_add_epi16(v, _mm256_slli_epi64(v, 32));
+      v = _mm256_add_epi16(v, _mm256_shuffle_epi8(v, upper));
+      Sums r;
+      r.lo = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(v));
+      r.hi = _mm256_add_epi32(_mm256_cvtepu16_epi32(_mm256_extracti128_si256(v, 1)),
+                              _mm256_permutevar8x32_epi32(r.lo, last));
+      r.total = _mm256_permutevar8x32_epi32(r.hi, last);
+      return r;
+    };
+    auto add = [](__m256i r, auto up) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        return _mm256_add_ps(_mm256_cvtepi32_ps(r), up);
+      } else {
+        return _mm256_add_epi32(r, up);
+      }
+    };
+    auto loadUp = [](const T* p) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        return _mm256_loadu_ps(p);
+      } else {
+        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+      }
+    };
+    auto put = [](T* p, auto v, bool stream) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        if (stream) {
+          _mm256_stream_ps(p, v);
+        } else {
+          _mm256_storeu_ps(p, v);
+        }
+      } else {
+        if (stream) {
+          _mm256_stream_si256(reinterpret_cast<__m256i*>(p), v);
+        } else {
+          _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v);
+        }
+      }
+    };
+    auto step = [&](int x, const Sums& a, const Sums& b) KVL_INLINE_LAMBDA {
+      const auto a0 = add(_mm256_add_epi32(a.lo, ca), loadUp(above + x + 1));
+      const auto a1 = add(_mm256_add_epi32(a.hi, ca), loadUp(above + x + 9));
+      put(o0 + x + 1, a0, kStream);
+      put(o0 + x + 9, a1, kStream);
+      ca = _mm256_add_epi32(ca, a.total);
+      if constexpr (kTwo) {
+        const auto b0 = add(_mm256_add_epi32(b.lo, cb), a0);
+        const auto b1 = add(_mm256_add_epi32(b.hi, cb), a1);
+        put(o1 + x + 1, b0, kCopy);
+        put(o1 + x + 9, b1, kCopy);
+        if constexpr (kCopy) {
+          put(copy + x + 1, b0, false);
+          put(copy + x + 9, b1, false);
+        }
+        cb = _mm256_add_epi32(cb, b.total);
+      }
+    };
+    for (; x + 32 <= w; x += 32) {
+      const Sums a0 = sums(s0 + x), a1 = sums(s0 + x + 16);
+      const Sums b0 = kTwo ? sums(s1 + x) : a0, b1 = kTwo ? sums(s1 + x + 16) : a1;
+      step(x, a0, b0);
+      step(x + 16, a1, b1);
+    }
+    if (x + 16 <= w) {
+      const Sums a = sums(s0 + x);
+      step(x, a, kTwo ? sums(s1 + x) : a);
+      x += 16;
+    }
+    ra = static_cast<uint32_t>(_mm256_cvtsi256_si32(ca));
+    rb = static_cast<uint32_t>(_mm256_cvtsi256_si32(cb));
+  }
+  scalar(w);
+}
+#endif
+
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX2
+template <class T, bool kTwo, bool kStream, bool kCopy = false>
+HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                        T val, T* copy = nullptr) {
+#if HWY_TARGET == HWY_AVX3
+  sumRowsAVX3<T, kTwo, kStream, kCopy>(s0, s1, above, o0, o1, w, val, copy);
+#else
+  sumRowsAVX2<T, kTwo, kStream, kCopy>(s0, s1, above, o0, o1, w, val, copy);
+#endif
+}
+
 // The whole upright sum table (row 0 already written), two rows per pass. kStream: both rows of a
 // pass are streamed when they can be vector-aligned together (their pointers element-aligned and
 // a multiple of 64 bytes apart) and the row fits the copy kept for the next pass; otherwise only
 // the first, and the second is the next pass's row above in the table.
 template <class T, bool kStream>
-void sumTableAVX3(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
+void sumTable(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
   constexpr int kCopyMax = 8192;  // elements: 32 KB on the stack
   alignas(64) T copyBuf[kStream ? kCopyMax + 16 : 1];
   const T* prev = t;  // the row above the next pass
@@ -245,18 +382,18 @@ void sumTableAVX3(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T
         (reinterpret_cast<uintptr_t>(o1) - reinterpret_cast<uintptr_t>(o0)) % 64 == 0) {
       // both rows streamed; row y+2 also kept in copyBuf, aligned like it, for the next pass
       T* copy = copyBuf + (reinterpret_cast<uintptr_t>(o1) % 64) / sizeof(T);
-      sumRowsAVX3<T, true, true, true>(s0, s1, prev, o0, o1, w, val, copy);
+      sumRows<T, true, true, true>(s0, s1, prev, o0, o1, w, val, copy);
       prev = copy;
     } else if (kStream && aligned) {
-      sumRowsAVX3<T, true, kStream>(s0, s1, prev, o0, o1, w, val);
+      sumRows<T, true, kStream>(s0, s1, prev, o0, o1, w, val);
       prev = o1;
     } else {
-      sumRowsAVX3<T, true, false>(s0, s1, prev, o0, o1, w, val);
+      sumRows<T, true, false>(s0, s1, prev, o0, o1, w, val);
       prev = o1;
     }
   }
   if (y < h) {
-    sumRowsAVX3<T, false, false>(rowPtr(src, srcStep, y), nullptr, prev, rowPtr(t, step, y + 1),
+    sumRows<T, false, false>(rowPtr(src, srcStep, y), nullptr, prev, rowPtr(t, step, y + 1),
                                  nullptr, w, val);
   }
   if (kStream) _mm_sfence();
@@ -435,11 +572,11 @@ void table8u(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val)
       return;
     }
   }
-#if HWY_TARGET == HWY_AVX3
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX2
   if constexpr (kShape == Shape::kUpright && !kSquare && sizeof(T) == 4) {
     // float tables hold the row's sum in int32 lanes only while it fits
     if (std::is_same_v<T, Kvl32s> || w <= kMaxLaneSumWidth) {
-      sumTableAVX3<T, kStream>(src, srcStep, t, step, w, h, val);
+      sumTable<T, kStream>(src, srcStep, t, step, w, h, val);
       return;
     }
   }
