@@ -2,13 +2,14 @@
 //
 // Upright tables of 8-bit sources take the prefix sums of a vector of pixels in int32 lanes (exact:
 // a vector's pixels sum to at most 16 x 255^2), add the running sum of the row so far and the row
-// above; integer lanes wrap like the tables. On AVX-512 the sum tables take two source rows per
-// pass (sumRowsAVX3, described there). Float tables convert the exact int32 running sum (kept in
-// lanes up to kMaxLaneSumWidth columns, the scalar rules beyond) and add the row above in single
-// precision; double square tables add exact integers in double, then the row above. The float
-// source's running sum must be taken left to right, so that kernel runs the scalar rule on four
-// rows at once instead (four independent sums in flight). Tilted rows have no running sum: each
-// element is a vertical combination of the two rows above.
+// above; integer lanes wrap like the tables. On AVX-512 and AVX2 the sum tables take two source
+// rows per pass with 16-bit prefix sums (sumRowsAVX3 and sumRowsAVX2, described there). Float
+// tables convert the exact int32 running sum (kept in lanes up to kMaxLaneSumWidth columns, the
+// scalar rules beyond) and add the row above in single precision; double square tables add exact
+// integers in double, then the row above. The float source's running sum must be taken left to
+// right, so that kernel runs the scalar rule on four rows at once instead (four independent sums in
+// flight). Tilted rows have no running sum: each element is a vertical combination of the two rows
+// above.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "detect/integral_simd.cc"
 #include <hwy/foreach_target.h>  // must come before highway.h
@@ -229,18 +230,23 @@ HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
 
 #if HWY_TARGET == HWY_AVX2
 // Rows y+1 and y+2 of an upright sum table (kTwo; else row y+1 only) from source rows s0, s1 and
-// table row y (`above`), as sumRowsAVX3 on 256-bit vectors. Steps of 16 pixels of both rows:
-//  - each row's pixels as 16-bit words, 8 to a 128-bit lane: two shift-and-adds within each
-//    64-bit quarter leave in each word the sum of its quarter so far, one byte shuffle adds the
-//    lower quarter's total to the upper one (at most 8 x 255 per word, exact);
-//  - the words are widened to int32 lanes (pixels 0-7 and 8-15), the upper half adds the lower
-//    half's total, and the step's total is taken from the last lane apart from the running sum,
-//    so that the only chain from step to step is one add;
-//  - the row's running sum and the value above are added in 32 bits (wrapping), or for float
-//    tables the int32 sum is converted and the value above added in single precision, as the
-//    scalar rule does. Row y+2 takes row y+1's new values as its row above from the registers.
-// A scalar head runs until row y+1 reaches a 32-byte boundary and a scalar tail after the last
-// full step. kStream and kCopy as in sumRowsAVX3.
+// table row y (`above`), as sumRowsAVX3 on 256-bit vectors. The 128-bit lanes hold the two rows
+// (row y in the lower one, row y+1 in the upper; without kTwo both hold row y), so that every
+// step of the prefix sums stays within a lane. Steps of up to 32 pixels of both rows, in groups
+// of 8 pixels as 16-bit words:
+//  - a byte shuffle puts each pixel beside its left neighbour (a zero at the start of a quarter)
+//    and one multiply-add of bytes by 1 leaves in each word the sum of the two; one shift-and-add
+//    within each 64-bit quarter makes it the sum of its quarter so far, one byte shuffle adds the
+//    lower quarter's total to the upper one;
+//  - each group adds the last word of the group before it (at most 32 x 255 per word, exact);
+//  - the words are widened to int32 lanes, and the row's running sum and the value above are
+//    added in 32 bits (wrapping), or for float tables the int32 sum is converted and the value
+//    above added in single precision, as the scalar rule does. Row y+2 takes row y+1's new values
+//    as its row above from the registers. The running sums take the step's totals, found apart
+//    from them, so that the only chain from step to step is one add per row.
+// A scalar head runs until row y+1 reaches a 32-byte boundary, steps of 32, 16 and 8 pixels
+// follow (loads never reach past the row), and a scalar tail takes what is left. kStream and
+// kCopy as in sumRowsAVX3.
 template <class T, bool kTwo, bool kStream, bool kCopy = false>
 HWY_INLINE void sumRowsAVX2(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
                             T val, T* copy = nullptr) {
@@ -263,28 +269,32 @@ HWY_INLINE void sumRowsAVX2(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
     }
   };
   scalar(alignedHead(o0 + 1, 32, w));
-  if (x + 16 <= w) {
+  if (x + 8 <= w) {
+    const Kvl8u* const s1v = kTwo ? s1 : s0;
+    // word i of a group at byte 8g of the lane: bytes 8g+i-1 (a zero for the first word of each
+    // quarter) and 8g+i; the quarter's shift-and-add then adds words 0 and 1 to words 2 and 3
+    auto pairs = [](int g) {
+      const int o = 8 * g;
+      return _mm256_setr_epi8(
+          -128, o, o, o + 1, o + 1, o + 2, o + 2, o + 3, -128, o + 4, o + 4, o + 5, o + 5, o + 6,
+          o + 6, o + 7, -128, o, o, o + 1, o + 1, o + 2, o + 2, o + 3, -128, o + 4, o + 4, o + 5,
+          o + 5, o + 6, o + 6, o + 7);
+    };
+    const __m256i pairs0 = pairs(0), pairs1 = pairs(1);
+    const __m256i ones = _mm256_set1_epi8(1);
     // per lane: words 4-7 <- word 3, words 0-3 <- 0
     const __m256i upper =
         _mm256_setr_epi32(-1, -1, 0x07060706, 0x07060706, -1, -1, 0x07060706, 0x07060706);
+    // per lane: every word <- word 7
+    const __m256i word7 = _mm256_set1_epi16(0x0F0E);
     const __m256i last = _mm256_set1_epi32(7);
     __m256i ca = _mm256_set1_epi32(static_cast<int32_t>(ra));
     __m256i cb = _mm256_set1_epi32(static_cast<int32_t>(rb));
-    struct Sums {
-      __m256i lo, hi, total;
-    };
-    // Prefix sums of pixels p .. p+15 in two int32 vectors, and their total in every lane.
-    auto sums = [&](const Kvl8u* p) KVL_INLINE_LAMBDA {
-      __m256i v = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
-      v = _mm256_add_epi16(v, _mm256_slli_epi64(v, 16));
+    // Sums of group g (pixels 8g .. 8g+7 of the lanes' bytes) within its own quarters and pair.
+    auto group = [&](__m256i bytes, const __m256i& idx) KVL_INLINE_LAMBDA {
+      __m256i v = _mm256_maddubs_epi16(_mm256_shuffle_epi8(bytes, idx), ones);
       v = _mm256_add_epi16(v, _mm256_slli_epi64(v, 32));
-      v = _mm256_add_epi16(v, _mm256_shuffle_epi8(v, upper));
-      Sums r;
-      r.lo = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(v));
-      r.hi = _mm256_add_epi32(_mm256_cvtepu16_epi32(_mm256_extracti128_si256(v, 1)),
-                              _mm256_permutevar8x32_epi32(r.lo, last));
-      r.total = _mm256_permutevar8x32_epi32(r.hi, last);
-      return r;
+      return _mm256_add_epi16(v, _mm256_shuffle_epi8(v, upper));
     };
     auto add = [](__m256i r, auto up) KVL_INLINE_LAMBDA {
       if constexpr (kFloat) {
@@ -315,34 +325,67 @@ HWY_INLINE void sumRowsAVX2(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
         }
       }
     };
-    auto step = [&](int x, const Sums& a, const Sums& b) KVL_INLINE_LAMBDA {
-      const auto a0 = add(_mm256_add_epi32(a.lo, ca), loadUp(above + x + 1));
-      const auto a1 = add(_mm256_add_epi32(a.hi, ca), loadUp(above + x + 9));
-      put(o0 + x + 1, a0, kStream);
-      put(o0 + x + 9, a1, kStream);
-      ca = _mm256_add_epi32(ca, a.total);
+    // Both rows' 16 pixels at x (8 when kHalf) in the lanes.
+    auto load = [&](int x, bool half) KVL_INLINE_LAMBDA {
+      if (half) {
+        const __m128i a = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s0 + x));
+        const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s1v + x));
+        return _mm256_inserti128_si256(_mm256_castsi128_si256(a), b, 1);
+      }
+      const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + x));
+      const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s1v + x));
+      return _mm256_inserti128_si256(_mm256_castsi128_si256(a), b, 1);
+    };
+    // Elements x+1 .. x+8 of both rows from group sums v (the groups before added).
+    auto finish = [&](int x, __m256i v) KVL_INLINE_LAMBDA {
+      const __m256i la = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(v));
+      const auto a = add(_mm256_add_epi32(la, ca), loadUp(above + x + 1));
+      put(o0 + x + 1, a, kStream);
       if constexpr (kTwo) {
-        const auto b0 = add(_mm256_add_epi32(b.lo, cb), a0);
-        const auto b1 = add(_mm256_add_epi32(b.hi, cb), a1);
-        put(o1 + x + 1, b0, kCopy);
-        put(o1 + x + 9, b1, kCopy);
-        if constexpr (kCopy) {
-          put(copy + x + 1, b0, false);
-          put(copy + x + 9, b1, false);
-        }
-        cb = _mm256_add_epi32(cb, b.total);
+        const __m256i lb = _mm256_cvtepu16_epi32(_mm256_extracti128_si256(v, 1));
+        const auto b = add(_mm256_add_epi32(lb, cb), a);
+        put(o1 + x + 1, b, kCopy);
+        if constexpr (kCopy) put(copy + x + 1, b, false);
       }
     };
+    // The running sums take the step's last group sums v.
+    auto carry = [&](__m256i v) KVL_INLINE_LAMBDA {
+      ca = _mm256_add_epi32(
+          ca, _mm256_permutevar8x32_epi32(_mm256_cvtepu16_epi32(_mm256_castsi256_si128(v)), last));
+      if constexpr (kTwo) {
+        cb = _mm256_add_epi32(cb, _mm256_permutevar8x32_epi32(
+                                      _mm256_cvtepu16_epi32(_mm256_extracti128_si256(v, 1)), last));
+      }
+    };
+    auto next = [&](__m256i v, __m256i before) KVL_INLINE_LAMBDA {
+      return _mm256_add_epi16(v, _mm256_shuffle_epi8(before, word7));
+    };
     for (; x + 32 <= w; x += 32) {
-      const Sums a0 = sums(s0 + x), a1 = sums(s0 + x + 16);
-      const Sums b0 = kTwo ? sums(s1 + x) : a0, b1 = kTwo ? sums(s1 + x + 16) : a1;
-      step(x, a0, b0);
-      step(x + 16, a1, b1);
+      const __m256i b0 = load(x, false), b1 = load(x + 16, false);
+      const __m256i g0 = group(b0, pairs0);
+      const __m256i g1 = next(group(b0, pairs1), g0);
+      const __m256i g2 = next(group(b1, pairs0), g1);
+      const __m256i g3 = next(group(b1, pairs1), g2);
+      finish(x, g0);
+      finish(x + 8, g1);
+      finish(x + 16, g2);
+      finish(x + 24, g3);
+      carry(g3);
     }
     if (x + 16 <= w) {
-      const Sums a = sums(s0 + x);
-      step(x, a, kTwo ? sums(s1 + x) : a);
+      const __m256i b0 = load(x, false);
+      const __m256i g0 = group(b0, pairs0);
+      const __m256i g1 = next(group(b0, pairs1), g0);
+      finish(x, g0);
+      finish(x + 8, g1);
+      carry(g1);
       x += 16;
+    }
+    if (x + 8 <= w) {
+      const __m256i g0 = group(load(x, true), pairs0);
+      finish(x, g0);
+      carry(g0);
+      x += 8;
     }
     ra = static_cast<uint32_t>(_mm256_cvtsi256_si32(ca));
     rb = static_cast<uint32_t>(_mm256_cvtsi256_si32(cb));
