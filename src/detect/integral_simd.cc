@@ -394,14 +394,141 @@ HWY_INLINE void sumRowsAVX2(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
 }
 #endif
 
-#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX2
+#if HWY_TARGET == HWY_SSE4
+// sumRowsAVX2 on 128-bit vectors: each row in its own vectors, steps of up to 16 pixels of both
+// rows in groups of 8, each group's words widened to two int32 vectors.
+template <class T, bool kTwo, bool kStream, bool kCopy = false>
+HWY_INLINE void sumRowsSSE4(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                            T val, T* copy = nullptr) {
+  constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
+  storeAny(o0, val);
+  if constexpr (kTwo) storeAny(o1, val);
+  int x = 0;
+  uint32_t ra = 0, rb = 0;
+  auto scalar = [&](int end) {
+    for (; x < end; ++x) {
+      ra += term(s0[x]);
+      const T a = withAbove(ra, loadAny(above + x + 1));
+      storeAny(o0 + x + 1, a);
+      if constexpr (kTwo) {
+        rb += term(s1[x]);
+        const T b = withAbove(rb, a);
+        storeAny(o1 + x + 1, b);
+        if constexpr (kCopy) storeAny(copy + x + 1, b);
+      }
+    }
+  };
+  scalar(alignedHead(o0 + 1, 16, w));
+  if (x + 8 <= w) {
+    // as in sumRowsAVX2
+    auto pairs = [](int g) {
+      const int o = 8 * g;
+      return _mm_setr_epi8(-128, o, o, o + 1, o + 1, o + 2, o + 2, o + 3, -128, o + 4, o + 4,
+                           o + 5, o + 5, o + 6, o + 6, o + 7);
+    };
+    const __m128i pairs0 = pairs(0), pairs1 = pairs(1);
+    const __m128i ones = _mm_set1_epi8(1);
+    const __m128i upper = _mm_setr_epi32(-1, -1, 0x07060706, 0x07060706);
+    const __m128i word7 = _mm_set1_epi16(0x0F0E);
+    const __m128i z = _mm_setzero_si128();
+    __m128i ca = _mm_set1_epi32(static_cast<int32_t>(ra));
+    __m128i cb = _mm_set1_epi32(static_cast<int32_t>(rb));
+    auto group = [&](__m128i bytes, const __m128i& idx) KVL_INLINE_LAMBDA {
+      __m128i v = _mm_maddubs_epi16(_mm_shuffle_epi8(bytes, idx), ones);
+      v = _mm_add_epi16(v, _mm_slli_epi64(v, 32));
+      return _mm_add_epi16(v, _mm_shuffle_epi8(v, upper));
+    };
+    auto next = [&](__m128i v, __m128i before) KVL_INLINE_LAMBDA {
+      return _mm_add_epi16(v, _mm_shuffle_epi8(before, word7));
+    };
+    auto add = [](__m128i r, auto up) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        return _mm_add_ps(_mm_cvtepi32_ps(r), up);
+      } else {
+        return _mm_add_epi32(r, up);
+      }
+    };
+    auto loadUp = [](const T* p) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        return _mm_loadu_ps(p);
+      } else {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+      }
+    };
+    auto put = [](T* p, auto v, bool stream) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        if (stream) {
+          _mm_stream_ps(p, v);
+        } else {
+          _mm_storeu_ps(p, v);
+        }
+      } else {
+        if (stream) {
+          _mm_stream_si128(reinterpret_cast<__m128i*>(p), v);
+        } else {
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
+        }
+      }
+    };
+    // Elements x+1 .. x+8 of both rows from the group sums va, vb.
+    auto finish = [&](int x, __m128i va, __m128i vb) KVL_INLINE_LAMBDA {
+      const auto a0 = add(_mm_add_epi32(_mm_cvtepu16_epi32(va), ca), loadUp(above + x + 1));
+      const auto a1 = add(_mm_add_epi32(_mm_unpackhi_epi16(va, z), ca), loadUp(above + x + 5));
+      put(o0 + x + 1, a0, kStream);
+      put(o0 + x + 5, a1, kStream);
+      if constexpr (kTwo) {
+        const auto b0 = add(_mm_add_epi32(_mm_cvtepu16_epi32(vb), cb), a0);
+        const auto b1 = add(_mm_add_epi32(_mm_unpackhi_epi16(vb, z), cb), a1);
+        put(o1 + x + 1, b0, kCopy);
+        put(o1 + x + 5, b1, kCopy);
+        if constexpr (kCopy) {
+          put(copy + x + 1, b0, false);
+          put(copy + x + 5, b1, false);
+        }
+      }
+    };
+    auto carry = [&](__m128i va, __m128i vb) KVL_INLINE_LAMBDA {
+      ca = _mm_add_epi32(ca, _mm_shuffle_epi32(_mm_unpackhi_epi16(va, z), 0xFF));
+      if constexpr (kTwo) cb = _mm_add_epi32(cb, _mm_shuffle_epi32(_mm_unpackhi_epi16(vb, z), 0xFF));
+    };
+    for (; x + 16 <= w; x += 16) {
+      const __m128i ba = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + x));
+      const __m128i a0 = group(ba, pairs0), a1 = next(group(ba, pairs1), a0);
+      __m128i b0 = a0, b1 = a1;
+      if constexpr (kTwo) {
+        const __m128i bb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s1 + x));
+        b0 = group(bb, pairs0);
+        b1 = next(group(bb, pairs1), b0);
+      }
+      finish(x, a0, b0);
+      finish(x + 8, a1, b1);
+      carry(a1, b1);
+    }
+    if (x + 8 <= w) {
+      const __m128i a0 = group(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(s0 + x)), pairs0);
+      const __m128i b0 =
+          kTwo ? group(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(s1 + x)), pairs0) : a0;
+      finish(x, a0, b0);
+      carry(a0, b0);
+      x += 8;
+    }
+    ra = static_cast<uint32_t>(_mm_cvtsi128_si32(ca));
+    rb = static_cast<uint32_t>(_mm_cvtsi128_si32(cb));
+  }
+  scalar(w);
+}
+#endif
+
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_SSE4
 template <class T, bool kTwo, bool kStream, bool kCopy = false>
 HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
                         T val, T* copy = nullptr) {
 #if HWY_TARGET == HWY_AVX3
   sumRowsAVX3<T, kTwo, kStream, kCopy>(s0, s1, above, o0, o1, w, val, copy);
-#else
+#elif HWY_TARGET == HWY_AVX2
   sumRowsAVX2<T, kTwo, kStream, kCopy>(s0, s1, above, o0, o1, w, val, copy);
+#elif HWY_TARGET == HWY_SSE4
+  sumRowsSSE4<T, kTwo, kStream, kCopy>(s0, s1, above, o0, o1, w, val, copy);
 #endif
 }
 
@@ -615,7 +742,7 @@ void table8u(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val)
       return;
     }
   }
-#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX2
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_SSE4
   if constexpr (kShape == Shape::kUpright && !kSquare && sizeof(T) == 4) {
     // float tables hold the row's sum in int32 lanes only while it fits
     if (std::is_same_v<T, Kvl32s> || w <= kMaxLaneSumWidth) {
