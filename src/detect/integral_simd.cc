@@ -2,14 +2,13 @@
 //
 // Upright tables of 8-bit sources take the prefix sums of a vector of pixels in int32 lanes (exact:
 // a vector's pixels sum to at most 16 x 255^2), add the running sum of the row so far and the row
-// above; integer lanes wrap like the tables. On AVX-512 and AVX2 the sum tables take two source
-// rows per pass with 16-bit prefix sums (sumRowsAVX3 and sumRowsAVX2, described there). Float
-// tables convert the exact int32 running sum (kept in lanes up to kMaxLaneSumWidth columns, the
-// scalar rules beyond) and add the row above in single precision; double square tables add exact
-// integers in double, then the row above. The float source's running sum must be taken left to
-// right, so that kernel runs the scalar rule on four rows at once instead (four independent sums in
-// flight). Tilted rows have no running sum: each element is a vertical combination of the two rows
-// above.
+// above; integer lanes wrap like the tables. On every target the sum tables take two source rows
+// per pass with 16-bit prefix sums (sumRows of each target, described there). Float tables convert
+// the exact int32 running sum (kept in lanes up to kMaxLaneSumWidth columns, the scalar rules
+// beyond) and add the row above in single precision; double square tables add exact integers in
+// double, then the row above. The float source's running sum must be taken left to right, so that
+// kernel runs the scalar rule on four rows at once instead (four independent sums in flight).
+// Tilted rows have no running sum: each element is a vertical combination of the two rows above.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "detect/integral_simd.cc"
 #include <hwy/foreach_target.h>  // must come before highway.h
@@ -93,8 +92,8 @@ HWY_INLINE V opaque(V v) {
 // kCopy, which also stores it at `copy` (aligned like it, in the cache) for the next pass to read
 // as its row above.
 template <class T, bool kTwo, bool kStream, bool kCopy = false>
-HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
-                            T val, T* copy = nullptr) {
+HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                        T val, T* copy = nullptr) {
   constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
   storeAny(o0, val);
   if constexpr (kTwo) storeAny(o1, val);
@@ -230,10 +229,10 @@ HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
 
 #if HWY_TARGET == HWY_AVX2
 // Rows y+1 and y+2 of an upright sum table (kTwo; else row y+1 only) from source rows s0, s1 and
-// table row y (`above`), as sumRowsAVX3 on 256-bit vectors. The 128-bit lanes hold the two rows
-// (row y in the lower one, row y+1 in the upper; without kTwo both hold row y), so that every
-// step of the prefix sums stays within a lane. Steps of up to 32 pixels of both rows, in groups
-// of 8 pixels as 16-bit words:
+// table row y (`above`), as the AVX-512 sumRows on 256-bit vectors. The 128-bit lanes hold the two
+// rows (row y in the lower one, row y+1 in the upper; without kTwo both hold row y), so that every
+// step of the prefix sums stays within a lane. Steps of up to 32 pixels of both rows, in groups of
+// 8 pixels as 16-bit words:
 //  - a byte shuffle puts each pixel beside its left neighbour (a zero at the start of a quarter)
 //    and one multiply-add of bytes by 1 leaves in each word the sum of the two; one shift-and-add
 //    within each 64-bit quarter makes it the sum of its quarter so far, one byte shuffle adds the
@@ -246,10 +245,10 @@ HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
 //    from them, so that the only chain from step to step is one add per row.
 // A scalar head runs until row y+1 reaches a 32-byte boundary, steps of 32, 16 and 8 pixels
 // follow (loads never reach past the row), and a scalar tail takes what is left. kStream and
-// kCopy as in sumRowsAVX3.
+// kCopy as on AVX-512.
 template <class T, bool kTwo, bool kStream, bool kCopy = false>
-HWY_INLINE void sumRowsAVX2(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
-                            T val, T* copy = nullptr) {
+HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                        T val, T* copy = nullptr) {
   constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
   storeAny(o0, val);
   if constexpr (kTwo) storeAny(o1, val);
@@ -395,11 +394,11 @@ HWY_INLINE void sumRowsAVX2(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
 #endif
 
 #if HWY_TARGET == HWY_SSE4
-// sumRowsAVX2 on 128-bit vectors: each row in its own vectors, steps of up to 16 pixels of both
-// rows in groups of 8, each group's words widened to two int32 vectors.
+// The AVX2 sumRows on 128-bit vectors: each row in its own vectors, steps of up to 16 pixels of
+// both rows in groups of 8, each group's words widened to two int32 vectors.
 template <class T, bool kTwo, bool kStream, bool kCopy = false>
-HWY_INLINE void sumRowsSSE4(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
-                            T val, T* copy = nullptr) {
+HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                        T val, T* copy = nullptr) {
   constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
   storeAny(o0, val);
   if constexpr (kTwo) storeAny(o1, val);
@@ -420,7 +419,7 @@ HWY_INLINE void sumRowsSSE4(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
   };
   scalar(alignedHead(o0 + 1, 16, w));
   if (x + 8 <= w) {
-    // as in sumRowsAVX2
+    // as on AVX2
     auto pairs = [](int g) {
       const int o = 8 * g;
       return _mm_setr_epi8(-128, o, o, o + 1, o + 1, o + 2, o + 2, o + 3, -128, o + 4, o + 4,
@@ -489,7 +488,9 @@ HWY_INLINE void sumRowsSSE4(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
     };
     auto carry = [&](__m128i va, __m128i vb) KVL_INLINE_LAMBDA {
       ca = _mm_add_epi32(ca, _mm_shuffle_epi32(_mm_unpackhi_epi16(va, z), 0xFF));
-      if constexpr (kTwo) cb = _mm_add_epi32(cb, _mm_shuffle_epi32(_mm_unpackhi_epi16(vb, z), 0xFF));
+      if constexpr (kTwo) {
+        cb = _mm_add_epi32(cb, _mm_shuffle_epi32(_mm_unpackhi_epi16(vb, z), 0xFF));
+      }
     };
     for (; x + 16 <= w; x += 16) {
       const __m128i ba = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + x));
@@ -520,18 +521,6 @@ HWY_INLINE void sumRowsSSE4(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
 #endif
 
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_SSE4
-template <class T, bool kTwo, bool kStream, bool kCopy = false>
-HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
-                        T val, T* copy = nullptr) {
-#if HWY_TARGET == HWY_AVX3
-  sumRowsAVX3<T, kTwo, kStream, kCopy>(s0, s1, above, o0, o1, w, val, copy);
-#elif HWY_TARGET == HWY_AVX2
-  sumRowsAVX2<T, kTwo, kStream, kCopy>(s0, s1, above, o0, o1, w, val, copy);
-#elif HWY_TARGET == HWY_SSE4
-  sumRowsSSE4<T, kTwo, kStream, kCopy>(s0, s1, above, o0, o1, w, val, copy);
-#endif
-}
-
 // The whole upright sum table (row 0 already written), two rows per pass. kStream: both rows of a
 // pass are streamed when they can be vector-aligned together (their pointers element-aligned and
 // a multiple of 64 bytes apart) and the row fits the copy kept for the next pass; otherwise only
