@@ -2,13 +2,13 @@
 //
 // Upright tables of 8-bit sources take the prefix sums of a vector of pixels in int32 lanes (exact:
 // a vector's pixels sum to at most 16 x 255^2), add the running sum of the row so far and the row
-// above; integer lanes wrap like the tables. On AVX-512 the sum tables take two source rows per
-// pass (sumRowsAVX3, described there). Float tables convert the exact int32 running sum (kept in
-// lanes up to kMaxLaneSumWidth columns, the scalar rules beyond) and add the row above in single
-// precision; double square tables add exact integers in double, then the row above. The float
-// source's running sum must be taken left to right, so that kernel runs the scalar rule on four
-// rows at once instead (four independent sums in flight). Tilted rows have no running sum: each
-// element is a vertical combination of the two rows above.
+// above; integer lanes wrap like the tables. On every target the sum tables take two source rows
+// per pass with 16-bit prefix sums (sumRows of each target, described there). Float tables convert
+// the exact int32 running sum (kept in lanes up to kMaxLaneSumWidth columns, the scalar rules
+// beyond) and add the row above in single precision; double square tables add exact integers in
+// double, then the row above. The float source's running sum must be taken left to right, so that
+// kernel runs the scalar rule on four rows at once instead (four independent sums in flight).
+// Tilted rows have no running sum: each element is a vertical combination of the two rows above.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "detect/integral_simd.cc"
 #include <hwy/foreach_target.h>  // must come before highway.h
@@ -92,8 +92,8 @@ HWY_INLINE V opaque(V v) {
 // kCopy, which also stores it at `copy` (aligned like it, in the cache) for the next pass to read
 // as its row above.
 template <class T, bool kTwo, bool kStream, bool kCopy = false>
-HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
-                            T val, T* copy = nullptr) {
+HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                        T val, T* copy = nullptr) {
   constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
   storeAny(o0, val);
   if constexpr (kTwo) storeAny(o1, val);
@@ -225,12 +225,308 @@ HWY_INLINE void sumRowsAVX3(const Kvl8u* s0, const Kvl8u* s1, const T* above, T*
   if (x < w) finish(x, prefix(load(x, partial(w - x))), partial(w - x));
 }
 
+#endif
+
+#if HWY_TARGET == HWY_AVX2
+// Rows y+1 and y+2 of an upright sum table (kTwo; else row y+1 only) from source rows s0, s1 and
+// table row y (`above`), as the AVX-512 sumRows on 256-bit vectors. The 128-bit lanes hold the two
+// rows (row y in the lower one, row y+1 in the upper; without kTwo both hold row y), so that every
+// step of the prefix sums stays within a lane. Steps of up to 32 pixels of both rows, in groups of
+// 8 pixels as 16-bit words:
+//  - a byte shuffle puts each pixel beside its left neighbour (a zero at the start of a quarter)
+//    and one multiply-add of bytes by 1 leaves in each word the sum of the two; one shift-and-add
+//    within each 64-bit quarter makes it the sum of its quarter so far, one byte shuffle adds the
+//    lower quarter's total to the upper one;
+//  - each group adds the last word of the group before it (at most 32 x 255 per word, exact);
+//  - the words are widened to int32 lanes, and the row's running sum and the value above are
+//    added in 32 bits (wrapping), or for float tables the int32 sum is converted and the value
+//    above added in single precision, as the scalar rule does. Row y+2 takes row y+1's new values
+//    as its row above from the registers. The running sums take the step's totals, found apart
+//    from them, so that the only chain from step to step is one add per row.
+// A scalar head runs until row y+1 reaches a 32-byte boundary, steps of 32, 16 and 8 pixels
+// follow (loads never reach past the row), and a scalar tail takes what is left. kStream and
+// kCopy as on AVX-512.
+template <class T, bool kTwo, bool kStream, bool kCopy = false>
+HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                        T val, T* copy = nullptr) {
+  constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
+  storeAny(o0, val);
+  if constexpr (kTwo) storeAny(o1, val);
+  int x = 0;
+  uint32_t ra = 0, rb = 0;
+  auto scalar = [&](int end) {
+    for (; x < end; ++x) {
+      ra += term(s0[x]);
+      const T a = withAbove(ra, loadAny(above + x + 1));
+      storeAny(o0 + x + 1, a);
+      if constexpr (kTwo) {
+        rb += term(s1[x]);
+        const T b = withAbove(rb, a);
+        storeAny(o1 + x + 1, b);
+        if constexpr (kCopy) storeAny(copy + x + 1, b);
+      }
+    }
+  };
+  scalar(alignedHead(o0 + 1, 32, w));
+  if (x + 8 <= w) {
+    const Kvl8u* const s1v = kTwo ? s1 : s0;
+    // word i of a group at byte 8g of the lane: bytes 8g+i-1 (a zero for the first word of each
+    // quarter) and 8g+i; the quarter's shift-and-add then adds words 0 and 1 to words 2 and 3
+    auto pairs = [](int g) {
+      const int o = 8 * g;
+      return _mm256_setr_epi8(
+          -128, o, o, o + 1, o + 1, o + 2, o + 2, o + 3, -128, o + 4, o + 4, o + 5, o + 5, o + 6,
+          o + 6, o + 7, -128, o, o, o + 1, o + 1, o + 2, o + 2, o + 3, -128, o + 4, o + 4, o + 5,
+          o + 5, o + 6, o + 6, o + 7);
+    };
+    const __m256i pairs0 = pairs(0), pairs1 = pairs(1);
+    const __m256i ones = _mm256_set1_epi8(1);
+    // per lane: words 4-7 <- word 3, words 0-3 <- 0
+    const __m256i upper =
+        _mm256_setr_epi32(-1, -1, 0x07060706, 0x07060706, -1, -1, 0x07060706, 0x07060706);
+    // per lane: every word <- word 7
+    const __m256i word7 = _mm256_set1_epi16(0x0F0E);
+    const __m256i last = _mm256_set1_epi32(7);
+    __m256i ca = _mm256_set1_epi32(static_cast<int32_t>(ra));
+    __m256i cb = _mm256_set1_epi32(static_cast<int32_t>(rb));
+    // Sums of group g (pixels 8g .. 8g+7 of the lanes' bytes) within its own quarters and pair.
+    auto group = [&](__m256i bytes, const __m256i& idx) KVL_INLINE_LAMBDA {
+      __m256i v = _mm256_maddubs_epi16(_mm256_shuffle_epi8(bytes, idx), ones);
+      v = _mm256_add_epi16(v, _mm256_slli_epi64(v, 32));
+      return _mm256_add_epi16(v, _mm256_shuffle_epi8(v, upper));
+    };
+    auto add = [](__m256i r, auto up) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        return _mm256_add_ps(_mm256_cvtepi32_ps(r), up);
+      } else {
+        return _mm256_add_epi32(r, up);
+      }
+    };
+    auto loadUp = [](const T* p) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        return _mm256_loadu_ps(p);
+      } else {
+        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+      }
+    };
+    auto put = [](T* p, auto v, bool stream) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        if (stream) {
+          _mm256_stream_ps(p, v);
+        } else {
+          _mm256_storeu_ps(p, v);
+        }
+      } else {
+        if (stream) {
+          _mm256_stream_si256(reinterpret_cast<__m256i*>(p), v);
+        } else {
+          _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v);
+        }
+      }
+    };
+    // Both rows' 16 pixels at x (8 when kHalf) in the lanes.
+    auto load = [&](int x, bool half) KVL_INLINE_LAMBDA {
+      if (half) {
+        const __m128i a = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s0 + x));
+        const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s1v + x));
+        return _mm256_inserti128_si256(_mm256_castsi128_si256(a), b, 1);
+      }
+      const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + x));
+      const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s1v + x));
+      return _mm256_inserti128_si256(_mm256_castsi128_si256(a), b, 1);
+    };
+    // Elements x+1 .. x+8 of both rows from group sums v (the groups before added).
+    auto finish = [&](int x, __m256i v) KVL_INLINE_LAMBDA {
+      const __m256i la = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(v));
+      const auto a = add(_mm256_add_epi32(la, ca), loadUp(above + x + 1));
+      put(o0 + x + 1, a, kStream);
+      if constexpr (kTwo) {
+        const __m256i lb = _mm256_cvtepu16_epi32(_mm256_extracti128_si256(v, 1));
+        const auto b = add(_mm256_add_epi32(lb, cb), a);
+        put(o1 + x + 1, b, kCopy);
+        if constexpr (kCopy) put(copy + x + 1, b, false);
+      }
+    };
+    // The running sums take the step's last group sums v.
+    auto carry = [&](__m256i v) KVL_INLINE_LAMBDA {
+      ca = _mm256_add_epi32(
+          ca, _mm256_permutevar8x32_epi32(_mm256_cvtepu16_epi32(_mm256_castsi256_si128(v)), last));
+      if constexpr (kTwo) {
+        cb = _mm256_add_epi32(cb, _mm256_permutevar8x32_epi32(
+                                      _mm256_cvtepu16_epi32(_mm256_extracti128_si256(v, 1)), last));
+      }
+    };
+    auto next = [&](__m256i v, __m256i before) KVL_INLINE_LAMBDA {
+      return _mm256_add_epi16(v, _mm256_shuffle_epi8(before, word7));
+    };
+    for (; x + 32 <= w; x += 32) {
+      const __m256i b0 = load(x, false), b1 = load(x + 16, false);
+      const __m256i g0 = group(b0, pairs0);
+      const __m256i g1 = next(group(b0, pairs1), g0);
+      const __m256i g2 = next(group(b1, pairs0), g1);
+      const __m256i g3 = next(group(b1, pairs1), g2);
+      finish(x, g0);
+      finish(x + 8, g1);
+      finish(x + 16, g2);
+      finish(x + 24, g3);
+      carry(g3);
+    }
+    if (x + 16 <= w) {
+      const __m256i b0 = load(x, false);
+      const __m256i g0 = group(b0, pairs0);
+      const __m256i g1 = next(group(b0, pairs1), g0);
+      finish(x, g0);
+      finish(x + 8, g1);
+      carry(g1);
+      x += 16;
+    }
+    if (x + 8 <= w) {
+      const __m256i g0 = group(load(x, true), pairs0);
+      finish(x, g0);
+      carry(g0);
+      x += 8;
+    }
+    ra = static_cast<uint32_t>(_mm256_cvtsi256_si32(ca));
+    rb = static_cast<uint32_t>(_mm256_cvtsi256_si32(cb));
+  }
+  scalar(w);
+}
+#endif
+
+#if HWY_TARGET == HWY_SSE4
+// The AVX2 sumRows on 128-bit vectors: each row in its own vectors, steps of up to 16 pixels of
+// both rows in groups of 8, each group's words widened to two int32 vectors.
+template <class T, bool kTwo, bool kStream, bool kCopy = false>
+HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, int w,
+                        T val, T* copy = nullptr) {
+  constexpr bool kFloat = std::is_same_v<T, Kvl32f>;
+  storeAny(o0, val);
+  if constexpr (kTwo) storeAny(o1, val);
+  int x = 0;
+  uint32_t ra = 0, rb = 0;
+  auto scalar = [&](int end) {
+    for (; x < end; ++x) {
+      ra += term(s0[x]);
+      const T a = withAbove(ra, loadAny(above + x + 1));
+      storeAny(o0 + x + 1, a);
+      if constexpr (kTwo) {
+        rb += term(s1[x]);
+        const T b = withAbove(rb, a);
+        storeAny(o1 + x + 1, b);
+        if constexpr (kCopy) storeAny(copy + x + 1, b);
+      }
+    }
+  };
+  scalar(alignedHead(o0 + 1, 16, w));
+  if (x + 8 <= w) {
+    // as on AVX2
+    auto pairs = [](int g) {
+      const int o = 8 * g;
+      return _mm_setr_epi8(-128, o, o, o + 1, o + 1, o + 2, o + 2, o + 3, -128, o + 4, o + 4,
+                           o + 5, o + 5, o + 6, o + 6, o + 7);
+    };
+    const __m128i pairs0 = pairs(0), pairs1 = pairs(1);
+    const __m128i ones = _mm_set1_epi8(1);
+    const __m128i upper = _mm_setr_epi32(-1, -1, 0x07060706, 0x07060706);
+    const __m128i word7 = _mm_set1_epi16(0x0F0E);
+    const __m128i z = _mm_setzero_si128();
+    __m128i ca = _mm_set1_epi32(static_cast<int32_t>(ra));
+    __m128i cb = _mm_set1_epi32(static_cast<int32_t>(rb));
+    auto group = [&](__m128i bytes, const __m128i& idx) KVL_INLINE_LAMBDA {
+      __m128i v = _mm_maddubs_epi16(_mm_shuffle_epi8(bytes, idx), ones);
+      v = _mm_add_epi16(v, _mm_slli_epi64(v, 32));
+      return _mm_add_epi16(v, _mm_shuffle_epi8(v, upper));
+    };
+    auto next = [&](__m128i v, __m128i before) KVL_INLINE_LAMBDA {
+      return _mm_add_epi16(v, _mm_shuffle_epi8(before, word7));
+    };
+    auto add = [](__m128i r, auto up) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        return _mm_add_ps(_mm_cvtepi32_ps(r), up);
+      } else {
+        return _mm_add_epi32(r, up);
+      }
+    };
+    auto loadUp = [](const T* p) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        return _mm_loadu_ps(p);
+      } else {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+      }
+    };
+    auto put = [](T* p, auto v, bool stream) KVL_INLINE_LAMBDA {
+      if constexpr (kFloat) {
+        if (stream) {
+          _mm_stream_ps(p, v);
+        } else {
+          _mm_storeu_ps(p, v);
+        }
+      } else {
+        if (stream) {
+          _mm_stream_si128(reinterpret_cast<__m128i*>(p), v);
+        } else {
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
+        }
+      }
+    };
+    // Elements x+1 .. x+8 of both rows from the group sums va, vb.
+    auto finish = [&](int x, __m128i va, __m128i vb) KVL_INLINE_LAMBDA {
+      const auto a0 = add(_mm_add_epi32(_mm_cvtepu16_epi32(va), ca), loadUp(above + x + 1));
+      const auto a1 = add(_mm_add_epi32(_mm_unpackhi_epi16(va, z), ca), loadUp(above + x + 5));
+      put(o0 + x + 1, a0, kStream);
+      put(o0 + x + 5, a1, kStream);
+      if constexpr (kTwo) {
+        const auto b0 = add(_mm_add_epi32(_mm_cvtepu16_epi32(vb), cb), a0);
+        const auto b1 = add(_mm_add_epi32(_mm_unpackhi_epi16(vb, z), cb), a1);
+        put(o1 + x + 1, b0, kCopy);
+        put(o1 + x + 5, b1, kCopy);
+        if constexpr (kCopy) {
+          put(copy + x + 1, b0, false);
+          put(copy + x + 5, b1, false);
+        }
+      }
+    };
+    auto carry = [&](__m128i va, __m128i vb) KVL_INLINE_LAMBDA {
+      ca = _mm_add_epi32(ca, _mm_shuffle_epi32(_mm_unpackhi_epi16(va, z), 0xFF));
+      if constexpr (kTwo) {
+        cb = _mm_add_epi32(cb, _mm_shuffle_epi32(_mm_unpackhi_epi16(vb, z), 0xFF));
+      }
+    };
+    for (; x + 16 <= w; x += 16) {
+      const __m128i ba = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + x));
+      const __m128i a0 = group(ba, pairs0), a1 = next(group(ba, pairs1), a0);
+      __m128i b0 = a0, b1 = a1;
+      if constexpr (kTwo) {
+        const __m128i bb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s1 + x));
+        b0 = group(bb, pairs0);
+        b1 = next(group(bb, pairs1), b0);
+      }
+      finish(x, a0, b0);
+      finish(x + 8, a1, b1);
+      carry(a1, b1);
+    }
+    if (x + 8 <= w) {
+      const __m128i a0 = group(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(s0 + x)), pairs0);
+      const __m128i b0 =
+          kTwo ? group(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(s1 + x)), pairs0) : a0;
+      finish(x, a0, b0);
+      carry(a0, b0);
+      x += 8;
+    }
+    ra = static_cast<uint32_t>(_mm_cvtsi128_si32(ca));
+    rb = static_cast<uint32_t>(_mm_cvtsi128_si32(cb));
+  }
+  scalar(w);
+}
+#endif
+
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_SSE4
 // The whole upright sum table (row 0 already written), two rows per pass. kStream: both rows of a
 // pass are streamed when they can be vector-aligned together (their pointers element-aligned and
 // a multiple of 64 bytes apart) and the row fits the copy kept for the next pass; otherwise only
 // the first, and the second is the next pass's row above in the table.
 template <class T, bool kStream>
-void sumTableAVX3(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
+void sumTable(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val) {
   constexpr int kCopyMax = 8192;  // elements: 32 KB on the stack
   alignas(64) T copyBuf[kStream ? kCopyMax + 16 : 1];
   const T* prev = t;  // the row above the next pass
@@ -245,18 +541,18 @@ void sumTableAVX3(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T
         (reinterpret_cast<uintptr_t>(o1) - reinterpret_cast<uintptr_t>(o0)) % 64 == 0) {
       // both rows streamed; row y+2 also kept in copyBuf, aligned like it, for the next pass
       T* copy = copyBuf + (reinterpret_cast<uintptr_t>(o1) % 64) / sizeof(T);
-      sumRowsAVX3<T, true, true, true>(s0, s1, prev, o0, o1, w, val, copy);
+      sumRows<T, true, true, true>(s0, s1, prev, o0, o1, w, val, copy);
       prev = copy;
     } else if (kStream && aligned) {
-      sumRowsAVX3<T, true, kStream>(s0, s1, prev, o0, o1, w, val);
+      sumRows<T, true, kStream>(s0, s1, prev, o0, o1, w, val);
       prev = o1;
     } else {
-      sumRowsAVX3<T, true, false>(s0, s1, prev, o0, o1, w, val);
+      sumRows<T, true, false>(s0, s1, prev, o0, o1, w, val);
       prev = o1;
     }
   }
   if (y < h) {
-    sumRowsAVX3<T, false, false>(rowPtr(src, srcStep, y), nullptr, prev, rowPtr(t, step, y + 1),
+    sumRows<T, false, false>(rowPtr(src, srcStep, y), nullptr, prev, rowPtr(t, step, y + 1),
                                  nullptr, w, val);
   }
   if (kStream) _mm_sfence();
@@ -435,11 +731,11 @@ void table8u(const Kvl8u* src, int srcStep, T* t, int step, int w, int h, T val)
       return;
     }
   }
-#if HWY_TARGET == HWY_AVX3
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_SSE4
   if constexpr (kShape == Shape::kUpright && !kSquare && sizeof(T) == 4) {
     // float tables hold the row's sum in int32 lanes only while it fits
     if (std::is_same_v<T, Kvl32s> || w <= kMaxLaneSumWidth) {
-      sumTableAVX3<T, kStream>(src, srcStep, t, step, w, h, val);
+      sumTable<T, kStream>(src, srcStep, t, step, w, h, val);
       return;
     }
   }

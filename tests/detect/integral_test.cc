@@ -128,7 +128,7 @@ void checkStreamed(const IntegralMember& m) {
     const auto& kernel = kvl::detect::IntegralKernel<Src, Sum, Sqr, kShape>::streamed;
     const Sum val = std::is_floating_point_v<Sum> ? Sum(-0.75) : Sum(-2000000000);
     auto untouched = [](uint8_t b) { return b == 0xa5; };
-    for (int w : {1, 17, 32, 33, 95, 200}) {
+    for (int w : {1, 17, 32, 33, 47, 95, 200}) {
       const int rowBytes = (w + 1) * static_cast<int>(sizeof(Sum));
       for (int step : {rowBytes + 20, (rowBytes + 63) / 64 * 64}) {
         for (int h : {1, 2, 5}) {
