@@ -227,6 +227,26 @@ HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0,
 
 #endif
 
+#if HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_SSE4
+// Columns x .. end-1 of the rows sumRows makes, one pixel at a time, carrying the running sums
+// ra and rb (the heads and tails around the vector steps).
+template <class T, bool kTwo, bool kCopy>
+HWY_INLINE void scalarSums(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0, T* o1, T* copy,
+                           int& x, int end, uint32_t& ra, uint32_t& rb) {
+  for (; x < end; ++x) {
+    ra += term(s0[x]);
+    const T a = withAbove(ra, loadAny(above + x + 1));
+    storeAny(o0 + x + 1, a);
+    if constexpr (kTwo) {
+      rb += term(s1[x]);
+      const T b = withAbove(rb, a);
+      storeAny(o1 + x + 1, b);
+      if constexpr (kCopy) storeAny(copy + x + 1, b);
+    }
+  }
+}
+#endif
+
 #if HWY_TARGET == HWY_AVX2
 // Rows y+1 and y+2 of an upright sum table (kTwo; else row y+1 only) from source rows s0, s1 and
 // table row y (`above`), as the AVX-512 sumRows on 256-bit vectors. The 128-bit lanes hold the two
@@ -255,17 +275,7 @@ HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0,
   int x = 0;
   uint32_t ra = 0, rb = 0;
   auto scalar = [&](int end) {
-    for (; x < end; ++x) {
-      ra += term(s0[x]);
-      const T a = withAbove(ra, loadAny(above + x + 1));
-      storeAny(o0 + x + 1, a);
-      if constexpr (kTwo) {
-        rb += term(s1[x]);
-        const T b = withAbove(rb, a);
-        storeAny(o1 + x + 1, b);
-        if constexpr (kCopy) storeAny(copy + x + 1, b);
-      }
-    }
+    scalarSums<T, kTwo, kCopy>(s0, s1, above, o0, o1, copy, x, end, ra, rb);
   };
   scalar(alignedHead(o0 + 1, 32, w));
   if (x + 8 <= w) {
@@ -405,17 +415,7 @@ HWY_INLINE void sumRows(const Kvl8u* s0, const Kvl8u* s1, const T* above, T* o0,
   int x = 0;
   uint32_t ra = 0, rb = 0;
   auto scalar = [&](int end) {
-    for (; x < end; ++x) {
-      ra += term(s0[x]);
-      const T a = withAbove(ra, loadAny(above + x + 1));
-      storeAny(o0 + x + 1, a);
-      if constexpr (kTwo) {
-        rb += term(s1[x]);
-        const T b = withAbove(rb, a);
-        storeAny(o1 + x + 1, b);
-        if constexpr (kCopy) storeAny(copy + x + 1, b);
-      }
-    }
+    scalarSums<T, kTwo, kCopy>(s0, s1, above, o0, o1, copy, x, end, ra, rb);
   };
   scalar(alignedHead(o0 + 1, 16, w));
   if (x + 8 <= w) {
