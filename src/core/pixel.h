@@ -70,6 +70,14 @@ inline T* rowPtr(T* base, int step, int y) {
                               static_cast<std::ptrdiff_t>(step) * y);
 }
 
+// v rounded up to a multiple of a; and the first address at or after p that is a multiple of a
+// bytes (a power of two). Work memory is laid out with these.
+constexpr long long roundUp(long long v, long long a) { return (v + a - 1) / a * a; }
+template <class T>
+inline T* alignUp(T* p, size_t a) {
+  return reinterpret_cast<T*>((reinterpret_cast<uintptr_t>(p) + a - 1) & ~static_cast<uintptr_t>(a - 1));
+}
+
 // Elements before p reaches a multiple of `vectorBytes` (at most n): the vector loops run a scalar
 // head first, because stores that split cache lines cost more than a few scalar elements. Zero
 // when p is not even element-aligned.

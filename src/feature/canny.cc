@@ -20,8 +20,6 @@ constexpr int kWideStackFrom = 65533;
 // each band restarts the derivative kernels' ring above it, so longer bands waste less.
 constexpr int kCannyBandRows = 32;
 
-uint8_t* align32(uint8_t* p) { return p + ((32 - reinterpret_cast<uintptr_t>(p) % 32) % 32); }
-size_t round32(size_t n) { return (n + 31) / 32 * 32; }
 
 // Thresholds of the 16s detector as integers, truncated toward zero; a threshold beyond the
 // int range (or NaN, which no magnitude exceeds) becomes INT_MAX.
@@ -188,11 +186,11 @@ void detect(const Map& map, Rings<M>& rings, EdgeStack<C>& st, int w, int h, M h
 template <class C, class M, class NmsFn, class MagRow>
 void runGradient(Kvl8u* pBuffer, int w, int h, M high, NmsFn nms, MagRow&& magRow, Kvl8u* pDst,
                  int dstStep) {
-  uint8_t* p = align32(pBuffer);
+  uint8_t* p = alignUp(pBuffer, 32);
   const Map map{p, static_cast<ptrdiff_t>(w) + 2};
-  p += round32(static_cast<size_t>(w + 2) * static_cast<size_t>(h + 2));
+  p += roundUp(static_cast<long long>(w + 2) * (h + 2), 32);
   Rings<M> rings;
-  p = align32(carveRings(p, w, rings));
+  p = alignUp(carveRings(p, w, rings), 32);
   // Every ROI pixel is pushed at most once.
   EdgeStack<C> st{reinterpret_cast<Pair<C>*>(p), static_cast<size_t>(w) * static_cast<size_t>(h)};
   detect(map, rings, st, w, h, high, nms, magRow, pDst, dstStep);
@@ -326,9 +324,9 @@ extern "C" KvlStatus impl_kvliCannyBorder_8u_C1R(const Kvl8u* pSrc, int srcStep,
   // ring, then the stack of 32-bit pairs in whatever the size query left. A stack too small for
   // every strong pixel only costs rescans (see EdgeStack), so the band and ring come first.
   uint8_t* const end = pBuffer + borderSize(roiSize, mask);
-  uint8_t* p = align32(pBuffer);
+  uint8_t* p = alignUp(pBuffer, 32);
   const Map map{p, static_cast<ptrdiff_t>(w) + 2};
-  p += round32(static_cast<size_t>(w + 2) * static_cast<size_t>(h + 2));
+  p += roundUp(static_cast<long long>(w + 2) * (h + 2), 32);
   Rings<float> rings;
   p = carveRings(p, w, rings);  // 4-byte aligned
   // The band of dx and dy rows, then the ring, packed: the smallest ROIs leave only a few bytes

@@ -71,7 +71,7 @@ long long generalBytes(Out o, KvliSize roi, int K) {
   const long long m = roi.width > roi.height ? roi.width : roi.height;
   const long long n = K == 3 ? 3 * m + 6 : 7 * m + 28;
   const long long bytes = o == Out::k32f ? 4 * n : n;
-  const long long total = (bytes + 31) / 32 * 32 + 32;
+  const long long total = roundUp(bytes, 32) + 32;
   return total > INT_MAX ? INT_MAX : total;
 }
 

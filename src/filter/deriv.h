@@ -272,10 +272,6 @@ inline int tileWidth(const Job& j, int K, int pairs, int workBytes) {
   return t < 1 ? 1 : static_cast<int>(t);
 }
 
-inline void* alignUp(void* p, size_t a) {
-  return reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(p) + a - 1) & ~(uintptr_t)(a - 1));
-}
-
 }  // namespace kvl::filter::deriv
 
 // ---- The four first-derivative Sobel members computed by the general fixed-kernel filter.

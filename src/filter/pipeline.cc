@@ -23,10 +23,6 @@ struct Scratch {
   long long bytes;  // bytes of the whole buffer as sized for the current thread count
 };
 
-Kvl8u* align32(Kvl8u* p) {
-  return reinterpret_cast<Kvl8u*>((reinterpret_cast<uintptr_t>(p) + 31) & ~uintptr_t{31});
-}
-
 // One row of the row pass. Output x reads source pixels x - A .. x + R (R = K - 1 - A). The
 // scratch holds at most 2 (K - 1) pixels: only the two ends of the row are extended there; the
 // middle outputs A .. w - R - 1 read the source row directly. With mode 6 the whole row reads the
@@ -75,7 +71,7 @@ KvlStatus rowPass(const Src* pSrc, int srcStep, Dst** ppDst, KvliSize roi, const
   const int team = threaded ? par::teamPipelineRow(roi) : 1;
   const long long bytes = rowPipelineBytes(member, roi.width, roi.height, K, team);
   par::runStripes(team, roi.height, [&](const par::Stripe& s) {
-    Src* scratch = reinterpret_cast<Src*>(align32(pBuffer + s.bufferOffset(bytes)));
+    Src* scratch = reinterpret_cast<Src*>(alignUp(pBuffer + s.bufferOffset(bytes), 32));
     for (int y = s.y0; y < s.y0 + s.rows; ++y)
       rowOne<Src, Dst, Ker, kC>(fn, rowPtr(pSrc, srcStep, y), ppDst[y], roi.width, pKernel, K, A,
                                 borderType, borderValue, recip, scratch);

@@ -41,12 +41,11 @@ void pyramid(const T* src, int srcStep, T* dst, int dstStep, int w, int h, Kvl8u
 
 // ---- Buffer sizes (64-bit; the family refuses what does not fit an int) ----
 
-inline long long roundUp16(long long v) { return (v + 15) / 16 * 16; }
 inline long long downBufferBytes(int w, int channels) {
-  return roundUp16(static_cast<long long>(w) * 4 * channels) * 6 + 64;
+  return roundUp(static_cast<long long>(w) * 4 * channels, 16) * 6 + 64;
 }
 inline long long upBufferBytes(int w, int channels) {
-  return roundUp16(static_cast<long long>(w) * 8 * channels) * 3 + 64;
+  return roundUp(static_cast<long long>(w) * 8 * channels, 16) * 3 + 64;
 }
 
 // ---- The arithmetic of one element ----
@@ -156,10 +155,8 @@ struct Work {
   Kvl8u* base;
   long long bytes;
   Work(Kvl8u* buffer, long long total) {
-    const uintptr_t mis = reinterpret_cast<uintptr_t>(buffer) % 64;
-    const long long skip = mis ? 64 - static_cast<long long>(mis) : 0;
-    base = buffer + skip;
-    bytes = total - skip;
+    base = alignUp(buffer, 64);
+    bytes = total - (base - buffer);
   }
 };
 

@@ -11,7 +11,7 @@ struct DownOps {
   Kvl8u* scratch = nullptr;
 
   static int count(int w) { return ((w + 1) >> 1) * kC; }
-  long long rowBytes(int w) const { return roundUp16(4LL * count(w)); }
+  long long rowBytes(int w) const { return roundUp(4LL * count(w), 16); }
   long long scratchBytes(int) const { return 0; }
 
   void hRow(const T* src, int w, Acc* out) const {
@@ -46,7 +46,7 @@ struct UpOps {
   Kvl8u* scratch = nullptr;
 
   static int count(int w) { return 2 * w * kC; }
-  long long rowBytes(int w) const { return roundUp16(4LL * count(w)); }
+  long long rowBytes(int w) const { return roundUp(4LL * count(w), 16); }
   long long scratchBytes(int) const { return 0; }
 
   // Destination columns 2i and 2i+1 of channel c.

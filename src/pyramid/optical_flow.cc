@@ -193,7 +193,7 @@ struct Work {
 };
 constexpr long long kPadBytes = 128;
 inline long long carve(long long& at, long long bytes) {
-  at = (at + 63) / 64 * 64;
+  at = roundUp(at, 64);
   const long long r = at;
   at += bytes + kPadBytes;
   return r;
@@ -210,7 +210,7 @@ Work layoutWork(uint8_t* base, int L, int batch, long long* bytes) {
   w.ringBytes = 12 * stride + 64;  // three float rows of the wide image, and alignment
   const long long ring = carve(at, w.ringBytes);
   *bytes = at;
-  uint8_t* b = reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(base) + 63) & ~uintptr_t{63}) - 64;
+  uint8_t* b = alignUp(base, 64) - 64;
   w.patch = reinterpret_cast<float*>(b + patch);
   w.ix = reinterpret_cast<float*>(b + ix);
   w.iy = reinterpret_cast<float*>(b + iy);

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 
+#include "core/pixel.h"
 #include "kvlcv.h"
 
 namespace kvl::pyramid {
@@ -21,15 +22,13 @@ struct PyramidLayout {
   long long blockBytes;              // the size requested for a record of `level` levels
 };
 
-inline long long roundUp8(long long v) { return (v + 7) / 8 * 8; }
-
 inline PyramidLayout pyramidLayout(int level) {
   const long long n = level + 1LL;
   PyramidLayout l{};
-  l.roi = roundUp8(sizeof(KvliPyramid));
-  l.image = roundUp8(l.roi + n * static_cast<long long>(sizeof(KvliSize)));
-  l.rate = roundUp8(l.image + n * static_cast<long long>(sizeof(Kvl8u*)));
-  l.step = roundUp8(l.rate + n * static_cast<long long>(sizeof(Kvl64f)));
+  l.roi = roundUp(sizeof(KvliPyramid), 8);
+  l.image = roundUp(l.roi + n * static_cast<long long>(sizeof(KvliSize)), 8);
+  l.rate = roundUp(l.image + n * static_cast<long long>(sizeof(Kvl8u*)), 8);
+  l.step = roundUp(l.rate + n * static_cast<long long>(sizeof(Kvl64f)), 8);
   l.blockBytes = 52LL * level + 152;
   return l;
 }
