@@ -214,45 +214,27 @@ struct LookupTable {
 
 // ---- Down-sampling ----
 
+// What the down and up passes share: the ring rows' planes (three-channel 8-bit rows are split
+// into channel planes, see above) and the stores of results, interleaved again for them.
 template <class T, int kC>
-struct DownOps {
+struct RingPlanes {
   using W = VecOps<T>;
   using Acc = typename W::L;
   using V = typename W::V;
   static constexpr bool kPlanar = kC == 3 && !W::kFloat;
   static constexpr int kPlanes = kPlanar ? 3 : 1;
-  static constexpr int kStride = kPlanar ? 1 : kC;  // source elements between a plane's pixels
   Kvl8u* scratch = nullptr;
   int w = 0;
-  int n = 0;                 // ring elements per plane
-  long long planeBytes = 0;  // ring plane pitch
-  long long srcPlaneBytes = 0;
-  int first = 1, last = 0;              // the ring elements a whole vector may start at
-  LookupTable<typename W::D> phase[3];  // 32f, three channels: by the vector's start modulo 3
+  int n = 0;                    // ring elements per plane
+  long long planeBytes = 0;     // ring plane pitch
+  long long srcPlaneBytes = 0;  // pitch of the split source planes in scratch
 
-  explicit DownOps(int width) : w(width) {
-    const int wd = (w + 1) >> 1, N = W::lanes();
-    n = kPlanar ? wd : wd * kC;
-    planeBytes = roundUp(static_cast<long long>(n) * sizeof(Acc), 64);
-    srcPlaneBytes = roundUp(static_cast<long long>(w) * sizeof(T), 64);
-    if constexpr (W::kFloat && kC == 3) {
-      // Output element k = 3x + c sums around source element 6x + c = 2k - c.
-      int lo = 0, hi = 0;
-      for (int f = 0; f < 3; ++f) {
-        phase[f].build([f](int j) { return 2 * j - (f + j) % 3; });
-        lo = std::min(lo, phase[f].base0);
-        hi = std::max(hi, std::max(phase[f].base0, phase[f].base1) + N - 1);
-      }
-      first = (6 - lo + 1) / 2;
-      last = (3 * w - 7 - hi) / 2;  // the vector at k reads 2k + lo - 6 .. 2k + hi + 6
-      if (3 * w - 7 - hi < 0) last = -1;
-    } else {
-      first = 1;
-      last = w >= 2 * N + 4 ? (w - 2 * N - 2) / 2 : 0;  // reads 2k - 2 .. 2k + 2N + 1
-    }
-  }
+  RingPlanes(int width, int elements)
+      : w(width),
+        n(elements),
+        planeBytes(roundUp(static_cast<long long>(elements) * sizeof(Acc), 64)),
+        srcPlaneBytes(roundUp(static_cast<long long>(width) * sizeof(T), 64)) {}
   long long rowBytes(int) const { return kPlanes * planeBytes; }
-  long long scratchBytes(int) const { return kPlanar ? 6 * kMaxFused * srcPlaneBytes : 0; }
 
   Acc* plane(Acc* r, int c) const {
     return reinterpret_cast<Acc*>(reinterpret_cast<Kvl8u*>(r) + c * planeBytes);
@@ -270,6 +252,52 @@ struct DownOps {
       out[0] = src;
     }
   }
+  // Stores the results of ring elements k .. k+N-1 of every plane.
+  HWY_INLINE void put(const V* v, T* dst, int k) const {
+    if constexpr (kPlanar) {
+      W::store3(v[0], v[1], v[2], dst + 3 * k);
+    } else {
+      W::store(v[0], dst + k);
+    }
+  }
+  static void putScalar(T* dst, int k, int c, T v) { storeAny(dst + (kPlanar ? 3 * k + c : k), v); }
+};
+// The shared members by name in DownOps and UpOps (a dependent base hides them otherwise).
+#define KVL_RING_PLANES()                                                                         \
+  using Base = RingPlanes<T, kC>;                                                                 \
+  using typename Base::W;                                                                         \
+  using typename Base::Acc;                                                                       \
+  using typename Base::V;                                                                         \
+  using Base::kPlanar, Base::kPlanes, Base::scratch, Base::w, Base::n, Base::planeBytes;          \
+  using Base::srcPlaneBytes, Base::plane, Base::sourcePlanes, Base::put, Base::putScalar
+
+template <class T, int kC>
+struct DownOps : RingPlanes<T, kC> {
+  KVL_RING_PLANES();
+  static constexpr int kStride = kPlanar ? 1 : kC;  // source elements between a plane's pixels
+  int first = 1, last = 0;              // the ring elements a whole vector may start at
+  LookupTable<typename W::D> phase[3];  // 32f, three channels: by the vector's start modulo 3
+
+  explicit DownOps(int width)
+      : Base(width, kPlanar ? (width + 1) >> 1 : ((width + 1) >> 1) * kC) {
+    const int N = W::lanes();
+    if constexpr (W::kFloat && kC == 3) {
+      // Output element k = 3x + c sums around source element 6x + c = 2k - c.
+      int lo = 0, hi = 0;
+      for (int f = 0; f < 3; ++f) {
+        phase[f].build([f](int j) { return 2 * j - (f + j) % 3; });
+        lo = std::min(lo, phase[f].base0);
+        hi = std::max(hi, std::max(phase[f].base0, phase[f].base1) + N - 1);
+      }
+      first = (6 - lo + 1) / 2;
+      last = (3 * w - 7 - hi) / 2;  // the vector at k reads 2k + lo - 6 .. 2k + hi + 6
+      if (3 * w - 7 - hi < 0) last = -1;
+    } else {
+      first = 1;
+      last = w >= 2 * N + 4 ? (w - 2 * N - 2) / 2 : 0;  // reads 2k - 2 .. 2k + 2N + 1
+    }
+  }
+  long long scratchBytes(int) const { return kPlanar ? 6 * kMaxFused * srcPlaneBytes : 0; }
 
   // The horizontal pass: ring elements k .. k+N-1 of a plane, and ring element k alone.
   using Table = LookupTable<typename W::D>;
@@ -333,16 +361,6 @@ struct DownOps {
     }
     for (; k < n; ++k) edge(k);
   }
-  // Stores the results of ring elements k .. k+N-1 of every plane.
-  HWY_INLINE void put(const V* v, T* dst, int k) const {
-    if constexpr (kPlanar) {
-      W::store3(v[0], v[1], v[2], dst + 3 * k);
-    } else {
-      W::store(v[0], dst + k);
-    }
-  }
-  static void putScalar(T* dst, int k, int c, T v) { storeAny(dst + (kPlanar ? 3 * k + c : k), v); }
-
   void hRow(const T* src, int, Acc* out) const {
     const T* p[kPlanes];
     sourcePlanes(src, 0, p);
@@ -494,45 +512,18 @@ struct ExpandTable {
 };
 
 template <class T, int kC>
-struct UpOps {
-  using W = VecOps<T>;
-  using Acc = typename W::L;
-  using V = typename W::V;
-  static constexpr bool kPlanar = kC == 3 && !W::kFloat;
-  static constexpr int kPlanes = kPlanar ? 3 : 1;
+struct UpOps : RingPlanes<T, kC> {
+  KVL_RING_PLANES();
   static constexpr bool kExpand = W::kFloat && kC == 3;
-  Kvl8u* scratch = nullptr;
-  int w = 0;
-  int n = 0;  // ring elements per plane
-  long long planeBytes = 0, srcPlaneBytes = 0;
   ExpandTable phase[6];
   int tail = -1;  // lastBlock()
 
-  explicit UpOps(int width) : w(width) {
-    n = kPlanar ? 2 * w : 2 * w * kC;
-    planeBytes = roundUp(static_cast<long long>(n) * sizeof(Acc), 64);
-    srcPlaneBytes = roundUp(static_cast<long long>(w) * sizeof(T), 64);
+  explicit UpOps(int width) : Base(width, kPlanar ? 2 * width : 2 * width * kC) {
     if constexpr (kExpand)
       for (int f = 0; f < 6; ++f) phase[f].build(f);
     tail = findLastBlock();
   }
-  long long rowBytes(int) const { return kPlanes * planeBytes; }
   long long scratchBytes(int) const { return kPlanar ? 3 * srcPlaneBytes : 0; }
-
-  Acc* plane(Acc* r, int c) const {
-    return reinterpret_cast<Acc*>(reinterpret_cast<Kvl8u*>(r) + c * planeBytes);
-  }
-  const Acc* plane(const Acc* r, int c) const { return plane(const_cast<Acc*>(r), c); }
-  void sourcePlanes(const T* src, const T* out[kPlanes]) const {
-    if constexpr (kPlanar) {
-      T* p[3];
-      for (int c = 0; c < 3; ++c) p[c] = reinterpret_cast<T*>(scratch + c * srcPlaneBytes);
-      splitPlanes(src, w, p);
-      for (int c = 0; c < 3; ++c) out[c] = p[c];
-    } else {
-      out[0] = src;
-    }
-  }
 
   // The units of the horizontal pass: a source column of a plane (its two ring elements 2i,
   // 2i+1) or, for kExpand, a ring element. A vector block covers N units.
@@ -596,19 +587,9 @@ struct UpOps {
       hn::StoreInterleaved2(W::upEven(l, m, r), W::upOdd(m, r), d, out);
     }
   }
-  // Stores the results of ring elements k .. k+N-1 of every plane.
-  HWY_INLINE void put(const V* v, T* dst, int k) const {
-    if constexpr (kPlanar) {
-      W::store3(v[0], v[1], v[2], dst + 3 * k);
-    } else {
-      W::store(v[0], dst + k);
-    }
-  }
-  static void putScalar(T* dst, int k, int c, T v) { storeAny(dst + (kPlanar ? 3 * k + c : k), v); }
-
   void hRow(const T* src, int, Acc* out) const {
     const T* p[kPlanes];
-    sourcePlanes(src, p);
+    sourcePlanes(src, 0, p);
     for (int c = 0; c < kPlanes; ++c) {
       Acc* o = plane(out, c);
       const T* s = p[c];
@@ -671,7 +652,7 @@ struct UpOps {
     const typename W::D d;
     const int N = W::lanes();
     const T* p[kPlanes];
-    sourcePlanes(src, p);
+    sourcePlanes(src, 0, p);
     Acc* pp[kPlanes];
     const Acc* cp[kPlanes];
     for (int c = 0; c < kPlanes; ++c) {
@@ -720,6 +701,8 @@ struct UpOps {
         });
   }
 };
+
+#undef KVL_RING_PLANES
 
 template <class T, int kC, bool kUp>
 void pyramid(const T* src, int srcStep, T* dst, int dstStep, int w, int h, Kvl8u* buffer) {
