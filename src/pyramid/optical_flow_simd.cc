@@ -76,13 +76,25 @@ void subpixT(const Src* src, int srcStep, float* dst, int dstStep, int w, int h,
   }
 }
 
+// Runs f.template operator()<kX, kY>() with kX, kY telling which fractions are non-zero (the
+// terms a sample has).
+template <class F>
+HWY_INLINE void byFractions(const Subpix& s, F f) {
+  const bool hx = s.fx != 0.0f, hy = s.fy != 0.0f;
+  if (hx && hy) {
+    f.template operator()<true, true>();
+  } else if (hx) {
+    f.template operator()<true, false>();
+  } else if (hy) {
+    f.template operator()<false, true>();
+  } else {
+    f.template operator()<false, false>();
+  }
+}
+
 template <class Src>
 void subpix(const Src* src, int srcStep, float* dst, int dstStep, int w, int h, Subpix s) {
-  const bool hx = s.fx != 0.0f, hy = s.fy != 0.0f;
-  if (hx && hy) return subpixT<true, true>(src, srcStep, dst, dstStep, w, h, s);
-  if (hx) return subpixT<true, false>(src, srcStep, dst, dstStep, w, h, s);
-  if (hy) return subpixT<false, true>(src, srcStep, dst, dstStep, w, h, s);
-  subpixT<false, false>(src, srcStep, dst, dstStep, w, h, s);
+  byFractions(s, [&]<bool kX, bool kY>() { subpixT<kX, kY>(src, srcStep, dst, dstStep, w, h, s); });
 }
 
 // Float lanes, double lanes, the accumulators that hold the kSumLanes partials, and the elements
@@ -94,13 +106,15 @@ constexpr int kStep = kNF > kSumLanes ? kNF : kSumLanes;
 constexpr int kVecs = kStep / kNF;
 static_assert(kSumLanes % kND == 0 && kStep % kSumLanes == 0, "partials must fill whole lanes");
 
-// Adds the double lanes of `v` (elements e .. e + kND of a row step, first `valid` of the step
-// counted) into accumulator t % kGroups.
+// The kSumLanes partial sums of one sum in kGroups vectors of double lanes: the double vector t
+// of a row step (its elements t kND .. t kND + kND - 1) adds into vector t % kGroups.
 struct Acc {
   hn::Vec<DD> v[kGroups];
   void clear(DD dd) {
     for (auto& a : v) a = hn::Zero(dd);
   }
+  // Adds the lanes of step vector t into their partials.
+  HWY_INLINE void add(int t, hn::Vec<DD> x) { v[t % kGroups] = hn::Add(v[t % kGroups], x); }
   void store(DD dd, double* out) const {
     for (int g = 0; g < kGroups; ++g) hn::StoreU(v[g], dd, out + g * kND);
   }
@@ -145,12 +159,12 @@ void sumsT(const Src* next, int nextStep, int readable, const Subpix& s, const f
             return hn::IfThenElseZero(hn::FirstN(dd, n < 0 ? 0 : n), prod);
           };
           if constexpr (kError) {
-            a.v[t % kGroups] = hn::Add(a.v[t % kGroups], masked(hn::Mul(dv, dv)));
+            a.add(t, masked(hn::Mul(dv, dv)));
           } else {
             const hn::Vec<DD> gu = hn::LoadU(dd, u + x + first);
             const hn::Vec<DD> gv = hn::LoadU(dd, v + x + first);
-            a.v[t % kGroups] = hn::Add(a.v[t % kGroups], masked(hn::Mul(dv, gu)));
-            b.v[t % kGroups] = hn::Add(b.v[t % kGroups], masked(hn::Mul(dv, gv)));
+            a.add(t, masked(hn::Mul(dv, gu)));
+            b.add(t, masked(hn::Mul(dv, gv)));
           }
         }
       }
@@ -184,18 +198,9 @@ template <class Src, bool kError>
 void sums(const Src* next, int nextStep, int readable, Subpix s, const float* prev,
           int prevStride, const double* gx, const double* gy, int gStride, int w, int h,
           double* out) {
-  const bool hx = s.fx != 0.0f, hy = s.fy != 0.0f;
-  if (hx && hy)
-    return sumsT<true, true, kError>(next, nextStep, readable, s, prev, prevStride, gx, gy,
-                                     gStride, w, h, out);
-  if (hx)
-    return sumsT<true, false, kError>(next, nextStep, readable, s, prev, prevStride, gx, gy,
-                                      gStride, w, h, out);
-  if (hy)
-    return sumsT<false, true, kError>(next, nextStep, readable, s, prev, prevStride, gx, gy,
-                                      gStride, w, h, out);
-  sumsT<false, false, kError>(next, nextStep, readable, s, prev, prevStride, gx, gy, gStride, w,
-                              h, out);
+  byFractions(s, [&]<bool kX, bool kY>() {
+    sumsT<kX, kY, kError>(next, nextStep, readable, s, prev, prevStride, gx, gy, gStride, w, h, out);
+  });
 }
 
 void matrix(const float* ix, const float* iy, int stride, int w, int h, double* gx, double* gy,
@@ -227,9 +232,9 @@ void matrix(const float* ix, const float* iy, int stride, int w, int h, double* 
           hn::StoreU(dv, dd, ov + x + first);
           const int n = valid - first;
           const auto m = hn::FirstN(dd, n < 0 ? 0 : (n > kND ? kND : n));
-          xx.v[t % kGroups] = hn::Add(xx.v[t % kGroups], hn::IfThenElseZero(m, hn::Mul(du, du)));
-          xy.v[t % kGroups] = hn::Add(xy.v[t % kGroups], hn::IfThenElseZero(m, hn::Mul(du, dv)));
-          yy.v[t % kGroups] = hn::Add(yy.v[t % kGroups], hn::IfThenElseZero(m, hn::Mul(dv, dv)));
+          xx.add(t, hn::IfThenElseZero(m, hn::Mul(du, du)));
+          xy.add(t, hn::IfThenElseZero(m, hn::Mul(du, dv)));
+          yy.add(t, hn::IfThenElseZero(m, hn::Mul(dv, dv)));
         }
       }
     }
