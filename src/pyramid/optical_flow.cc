@@ -130,38 +130,40 @@ template <class Src>
 struct Levels {
   const KvliPyramid* pyr;
   int maxLev;
+  // f(record, k) for k = 0 .. maxLev: the first failing status.
+  template <class F>
+  KvlStatus each(F f) const {
+    const KvliPyramid p = loadAny(pyr);
+    for (int k = 0; k <= maxLev; ++k) KVL_TRY(f(p, k));
+    return kvlStatusOk;
+  }
   KvlStatus arrays() const {
     const KvliPyramid p = loadAny(pyr);
     if (!p.pImage || !p.pRoi || !p.pStep || !p.pRate) return kvlStatusNullPointer;
-    for (int k = 0; k <= maxLev; ++k)
-      if (loadAny(p.pImage + k) == nullptr) return kvlStatusNullPointer;
-    return kvlStatusOk;
+    return each([](const KvliPyramid& r, int k) {
+      return loadAny(r.pImage + k) == nullptr ? kvlStatusNullPointer : kvlStatusOk;
+    });
   }
   KvlStatus sizes(KvliSize limit) const {
-    const KvliPyramid p = loadAny(pyr);
-    for (int k = 0; k <= maxLev; ++k) {
-      const KvliSize s = loadAny(p.pRoi + k);
-      if (s.width < 1 || s.height < 1) return kvlStatusBadSize;
-      if (k == 0 && (s.width > limit.width || s.height > limit.height)) return kvlStatusBadSize;
-    }
-    return kvlStatusOk;
+    return each([limit](const KvliPyramid& r, int k) {
+      const KvliSize s = loadAny(r.pRoi + k);
+      const bool over = k == 0 && (s.width > limit.width || s.height > limit.height);
+      return s.width < 1 || s.height < 1 || over ? kvlStatusBadSize : kvlStatusOk;
+    });
   }
   KvlStatus steps(bool multiples) const {
-    const KvliPyramid p = loadAny(pyr);
-    for (int k = 0; k <= maxLev; ++k) {
-      const check::Step<Src> s{loadAny(p.pStep + k)};
-      if (!multiples && !s.covers(loadAny(p.pRoi + k).width)) return kvlStatusBadStep;
+    return each([multiples](const KvliPyramid& r, int k) {
+      const check::Step<Src> s{loadAny(r.pStep + k)};
+      if (!multiples && !s.covers(loadAny(r.pRoi + k).width)) return kvlStatusBadStep;
       if (multiples && !s.multiple()) return kvlStatusStepNotMultiple;
-    }
-    return kvlStatusOk;
+      return kvlStatusOk;
+    });
   }
   KvlStatus rates() const {
-    const KvliPyramid p = loadAny(pyr);
-    for (int k = 0; k <= maxLev; ++k) {
-      const double r = loadAny(p.pRate + k);
-      if (!(std::isfinite(r) && r > 0.0)) return kvlStatusBadArgument;
-    }
-    return kvlStatusOk;
+    return each([](const KvliPyramid& r, int k) {
+      const double v = loadAny(r.pRate + k);
+      return std::isfinite(v) && v > 0.0 ? kvlStatusOk : kvlStatusBadArgument;
+    });
   }
   Level<Src> at(int k) const {
     const KvliPyramid p = loadAny(pyr);
