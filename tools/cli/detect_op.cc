@@ -92,8 +92,7 @@ RunResult runDetect(const Args& a, const Picture& in, Picture* out) {
     for (int x = 0; x < in.width; ++x)
       for (int c = 0; c < 3; ++c) {
         const int i = x * in.channels + (in.channels == 3 ? c : 0);
-        out->row(y)[3 * x + c] = in.depth == 8 ? in.row(y)[i]
-                                               : static_cast<uint8_t>(reinterpret_cast<const uint16_t*>(in.row(y))[i] >> 8);
+        out->row(y)[3 * x + c] = static_cast<uint8_t>(in.sample8(y, i));
       }
   for (const kd::Box& b : boxes) drawBox(out, b);
   char line[160];

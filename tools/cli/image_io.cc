@@ -437,10 +437,7 @@ std::vector<uint8_t> greySamples(const Picture& in) {
   std::vector<uint8_t> g(static_cast<size_t>(in.width) * in.height);
   for (int y = 0; y < in.height; ++y)
     for (int x = 0; x < in.width; ++x) {
-      auto s = [&](int c) -> int {
-        const int i = x * in.channels + c;
-        return in.depth == 8 ? in.row(y)[i] : reinterpret_cast<const uint16_t*>(in.row(y))[i] >> 8;
-      };
+      auto s = [&](int c) { return in.sample8(y, x * in.channels + c); };
       g[static_cast<size_t>(y) * in.width + x] = static_cast<uint8_t>(
           in.channels == 1 ? s(0) : (77 * s(0) + 150 * s(1) + 29 * s(2) + 128) >> 8);
     }

@@ -18,6 +18,11 @@ struct Picture {
   int step() const { return width * channels * (depth / 8); }
   uint8_t* row(int y) { return data.data() + static_cast<size_t>(step()) * y; }
   const uint8_t* row(int y) const { return data.data() + static_cast<size_t>(step()) * y; }
+  // Sample i of row y (x * channels + c) at its own depth, and scaled to 8 bits (the high byte).
+  int sample(int y, int i) const {
+    return depth == 8 ? row(y)[i] : reinterpret_cast<const uint16_t*>(row(y))[i];
+  }
+  int sample8(int y, int i) const { return depth == 8 ? row(y)[i] : sample(y, i) >> 8; }
   void allocate(int w, int h, int c, int d) {
     width = w, height = h, channels = c, depth = d;
     data.assign(static_cast<size_t>(step()) * h, 0);

@@ -74,10 +74,7 @@ std::vector<float> toGrey32f(const Picture& in) {
   std::vector<float> out(static_cast<size_t>(in.width) * in.height);
   for (int y = 0; y < in.height; ++y)
     for (int x = 0; x < in.width; ++x) {
-      auto sample = [&](int c) -> float {
-        const int i = x * in.channels + c;
-        return in.depth == 8 ? in.row(y)[i] : reinterpret_cast<const uint16_t*>(in.row(y))[i];
-      };
+      auto sample = [&](int c) { return static_cast<float>(in.sample(y, x * in.channels + c)); };
       out[static_cast<size_t>(y) * in.width + x] =
           in.channels == 1 ? sample(0) : (77.f * sample(0) + 150.f * sample(1) + 29.f * sample(2)) / 256.f;
     }
@@ -292,8 +289,7 @@ RunResult runGradientGray(const Args& a, const Picture& in, Picture* out) {
     std::vector<float> src(static_cast<size_t>(in.width) * in.height * 3), dst(static_cast<size_t>(in.width) * in.height);
     for (int y = 0; y < in.height; ++y)
       for (int i = 0; i < in.width * 3; ++i)
-        src[static_cast<size_t>(y) * in.width * 3 + i] =
-            in.depth == 8 ? in.row(y)[i] : reinterpret_cast<const uint16_t*>(in.row(y))[i];
+        src[static_cast<size_t>(y) * in.width * 3 + i] = static_cast<float>(in.sample(y, i));
     RunResult r = timed([&] {
       return kvliGradientColorToGray_32f_C3C1R(src.data(), in.width * 12, dst.data(), in.width * 4, roi, norm);
     });
