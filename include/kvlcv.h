@@ -818,6 +818,24 @@ KVL_API KvlStatus kvliApplyMixedHaarClassifier_32s32f_C1R(const Kvl32s* pSrc, in
 KVL_API KvlStatus kvliApplyMixedHaarClassifier_32s_C1RSfs(const Kvl32s* pSrc, int srcStep, const Kvl32s* pTilt, int tiltStep, const Kvl32s* pNorm, int normStep, Kvl8u* pMask, int maskStep, KvliSize roiSize, int* pPositive, Kvl32s threshold, KvliHaarClassifier_32s* pState, int scaleFactor);
 /* @@END HAAR CLASSIFIERS@@ */
 
+/* ---- Morphology: rectangle minimum and maximum filters ---- */
+
+/* @@BEGIN MIN MAX FILTERS@@ */
+/* @@END MIN MAX FILTERS@@ */
+
+/* ---- Morphology: erosion and dilation by a structuring element ---- */
+
+/* A morphology state, built once from a mask and used for any number of images. The border
+ * interface's caller allocates it (kvliMorphologyBorderGetSize_*); the older interface's
+ * kvliMorphologyInitAlloc_* allocates it. */
+typedef struct KvliMorphState KvliMorphState;
+
+/* @@BEGIN MORPHOLOGY@@ */
+/* @@END MORPHOLOGY@@ */
+
+/* @@BEGIN MORPHOLOGY 1U@@ */
+/* @@END MORPHOLOGY 1U@@ */
+
 
 #ifdef __cplusplus
 }
