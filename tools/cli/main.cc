@@ -54,7 +54,7 @@ void usage(FILE* out) {
 // One line per option of every operation: "<operation> --<option> <kind> [<word>...]", for
 // scripts and tests that go through every accepted value.
 void listOperations() {
-  static const char* const kinds[] = {"word", "number", "integer", "flag", "file"};
+  static const char* const kinds[] = {"word", "number", "integer", "flag", "file", "size"};
   for (const Operation& op : operations())
     for (const Option& o : op.options) {
       std::printf("%s --%s %s", op.name, o.name, kinds[static_cast<int>(o.kind)]);
@@ -69,9 +69,10 @@ void opUsage(const Operation& op, FILE* out) {
                op.summary, op.details);
   for (const Option& o : op.options) {
     std::string values(o.kind == Kind::kNumber || o.kind == Kind::kInteger ? "N"
-                       : o.kind == Kind::kFile                             ? "FILE"
+                       : o.kind == Kind::kSize                             ? "WxH"
                                                                            : "");
     for (const char* v : o.values) values.append(values.empty() ? "" : "|").append(v);
+    if (o.kind == Kind::kFile) values.append(values.empty() ? "" : "|").append("FILE");
     std::fprintf(out, "  --%-10s %-22s %s (default %s)\n", o.name, values.c_str(), o.help,
                  o.fallback);
   }
@@ -229,7 +230,7 @@ int run(int argc, char** argv) {
   err = writeImage(cl.files.back(), out);
   if (!err.empty()) return fail(err);
   for (const ExtraImage& e : r.extras) {
-    err = writeImage(extraPath(cl.files[1], e.suffix), e.picture);
+    err = writeImage(extraPath(cl.files.back(), e.suffix), e.picture);
     if (!err.empty()) return fail(err);
   }
   std::fputs(r.report.c_str(), stdout);

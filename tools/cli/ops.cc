@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <tuple>
 
 #include "detect/integral_members.h"
 #include "filter/deriv_members.h"
@@ -17,6 +18,10 @@
 
 extern "C" const unsigned char kvl_demo_png[];
 extern "C" const unsigned char kvl_demo_png_end[];
+extern "C" const unsigned char kvl_coins_png[];
+extern "C" const unsigned char kvl_coins_png_end[];
+extern "C" const unsigned char kvl_horse_png[];
+extern "C" const unsigned char kvl_horse_png_end[];
 
 namespace kvlcli {
 namespace {
@@ -516,6 +521,18 @@ const std::vector<Operation> kOperations = {
      "  bits. A last level over 1073741824 pixels is refused. --time covers every level.",
      {{"levels", kPyrLevelsHelp, {}, "1", Kind::kInteger, 1, 8}},
      [](const Args& a, const Picture& in, Picture* out) { return runPyramid(true, a, in, out); }},
+    {"erode", "Morphological erosion: the minimum under a structuring element", kMorphDetails,
+     morphOptions(), [](const Args& a, const Picture& in, Picture* out) { return runMorph("erode", a, in, out); }},
+    {"dilate", "Morphological dilation: the maximum under a structuring element", kMorphDetails,
+     morphOptions(), [](const Args& a, const Picture& in, Picture* out) { return runMorph("dilate", a, in, out); }},
+    {"open", "Morphological opening: erosion, then dilation (removes small bright details)",
+     kMorphDetails, morphOptions(),
+     [](const Args& a, const Picture& in, Picture* out) { return runMorph("open", a, in, out); }},
+    {"close", "Morphological closing: dilation, then erosion (fills small dark details)",
+     kMorphDetails, morphOptions(),
+     [](const Args& a, const Picture& in, Picture* out) { return runMorph("close", a, in, out); }},
+    {"gradient", "Morphological gradient: dilation minus erosion (outlines)", kMorphDetails,
+     morphOptions(), [](const Args& a, const Picture& in, Picture* out) { return runMorph("gradient", a, in, out); }},
 };
 
 }  // namespace
@@ -540,6 +557,18 @@ std::string checkValue(const Option& opt, const std::string& value) {
   const std::string head = std::string("--") + opt.name + ": ";
   if (opt.kind == Kind::kFlag) return std::string("--") + opt.name + " takes no value";
   if (opt.kind == Kind::kFile) return value.empty() ? head + "needs a file name" : "";
+  if (opt.kind == Kind::kSize) {
+    const size_t x = value.find('x');
+    const std::string w = value.substr(0, x), h = x == std::string::npos ? w : value.substr(x + 1);
+    auto side = [&](const std::string& t) {
+      return !t.empty() && t.size() <= 6 && t.find_first_not_of("0123456789") == std::string::npos &&
+             std::stoi(t) >= opt.min && std::stoi(t) <= opt.max;
+    };
+    if (side(w) && side(h)) return "";
+    char range[64];
+    std::snprintf(range, sizeof(range), "%gx%g..%gx%g", opt.min, opt.min, opt.max, opt.max);
+    return head + "'" + value + "' is not a size WxH within " + range;
+  }
   if (opt.kind != Kind::kWord) {
     char* end = nullptr;
     const double v = std::strtod(value.c_str(), &end);
@@ -635,11 +664,16 @@ Picture movedCopy(const Picture& in, double dx, double dy) {
 }  // namespace
 
 int demo(const std::string& dir) {
-  Picture photo;
-  const std::string err = readPngMemory(kvl_demo_png, static_cast<size_t>(kvl_demo_png_end - kvl_demo_png), &photo);
-  if (!err.empty()) {
-    std::fprintf(stderr, "kvlcv: %s\n", err.c_str());
-    return 1;
+  Picture photo, coins, horse;
+  using Embedded = std::tuple<Picture*, const unsigned char*, const unsigned char*>;
+  for (auto [pic, begin, end] : {Embedded{&photo, kvl_demo_png, kvl_demo_png_end},
+                                 Embedded{&coins, kvl_coins_png, kvl_coins_png_end},
+                                 Embedded{&horse, kvl_horse_png, kvl_horse_png_end}}) {
+    const std::string err = readPngMemory(begin, static_cast<size_t>(end - begin), pic);
+    if (!err.empty()) {
+      std::fprintf(stderr, "kvlcv: %s\n", err.c_str());
+      return 1;
+    }
   }
   mkdir(dir.c_str(), 0777);
   const KvlLibraryVersion* v = kvlcvGetLibVersion();
@@ -650,15 +684,21 @@ int demo(const std::string& dir) {
               v->major, v->minor, v->majorBuild, v->build, v->BuildDate, v->targetCpu);
   std::printf("threads %d permitted, %d cores, largest cache %d KiB\n", threads, kvlGetNumCoresOnDie(),
               cache / 1024);
-  std::printf("sample: %dx%d RGB photograph (NASA, public domain)\n\n", photo.width, photo.height);
+  std::printf("samples: %dx%d RGB photograph (NASA, public domain); %dx%d grey coins (Brooklyn "
+              "Museum, no known restrictions); %dx%d horse silhouette (CC0)\n\n",
+              photo.width, photo.height, coins.width, coins.height, horse.width, horse.height);
   // The second image of track: the photograph moved right by 6.5 and down by 3.5 pixels, far enough
   // for the drawn vectors to show.
   const Picture moved = movedCopy(photo, 6.5, 3.5);
+  // The input of a step: the photograph, the coins, the horse, or the last step's result.
+  enum Input { kPhoto, kCoins, kHorse, kLast };
   struct Run {
     const char* op;
     Args args;
     const char* file;
+    Input input = kPhoto;
   };
+  Picture last;
   const Run runs[] = {
       {"sobel", {{"dir", "vert"}}, "sobel-vert.png"},
       {"sobel", {{"dir", "vert"}, {"mask", "5"}, {"type", "32f"}}, "sobel-vert-5x5-32f.png"},
@@ -678,16 +718,22 @@ int demo(const std::string& dir) {
       {"track", {{"grid", "128"}}, "track.png"},
       {"pyrdown", {{"levels", "4"}}, "pyrdown.png"},
       {"pyrup", {}, "pyrup.png"},
+      {"open", {{"shape", "ellipse"}, {"size", "5x5"}}, "coins-open.png", kCoins},
+      {"close", {{"shape", "ellipse"}, {"size", "5x5"}}, "coins-clean.png", kLast},
+      {"gradient", {{"binary", ""}, {"shape", "cross"}}, "horse-outline.png", kHorse},
+      {"erode", {{"size", "15x15"}}, "erode-15x15.png"},
+      {"dilate", {{"shape", "ellipse"}, {"size", "11x11"}}, "dilate-ellipse-11.png"},
   };
   std::printf("%-16s %-46s %-10s %10s %12s\n", "operation", "options", "size", "time (ms)", "Mpixel/s");
   int failures = 0;
   for (const Run& r : runs) {
     const Operation* op = findOperation(r.op);
     std::string opts;
-    for (const auto& [k, val] : r.args) opts += "--" + k + " " + val + " ";
+    for (const auto& [k, val] : r.args) opts += "--" + k + (val.empty() ? "" : " " + val) + " ";
     Picture out;
+    const Picture& in = r.input == kCoins ? coins : r.input == kHorse ? horse : r.input == kLast ? last : photo;
     auto once = [&] {
-      return op->runPair ? op->runPair(r.args, photo, moved, &out) : op->run(r.args, photo, &out);
+      return op->runPair ? op->runPair(r.args, in, moved, &out) : op->run(r.args, in, &out);
     };
     RunResult res = once();
     for (int rep = 0; rep < 4 && res.error.empty() && res.status == kvlStatusOk; ++rep) {
@@ -706,9 +752,10 @@ int demo(const std::string& dir) {
       continue;
     }
     char size[32];
-    std::snprintf(size, sizeof(size), "%dx%d", photo.width, photo.height);
+    std::snprintf(size, sizeof(size), "%dx%d", in.width, in.height);
     std::printf("%-16s %-46s %-10s %10.3f %12.1f\n", r.op, opts.c_str(), size, res.seconds * 1e3,
-                photo.width * static_cast<double>(photo.height) / 1e6 / res.seconds);
+                in.width * static_cast<double>(in.height) / 1e6 / res.seconds);
+    last = out;
     // Operations that find things list them under their row.
     for (size_t b = 0, e; b < res.report.size(); b = e + 1) {
       e = res.report.find('\n', b);

@@ -18,7 +18,8 @@ enum class Kind {
   kNumber,   // a finite decimal number within [min, max]
   kInteger,  // a whole number (digits only) within [min, max]
   kFlag,     // takes no value
-  kFile,     // a file name (any non-empty text)
+  kFile,     // a file name (any non-empty text), or one of `values` where they are given
+  kSize,     // "WxH" or "N" (N x N), each side a whole number within [min, max]
 };
 
 struct Option {
@@ -76,6 +77,10 @@ extern const char* const kDetectDetails;
 RunResult runTrack(const Args& args, const Picture& first, const Picture& second, Picture* out);
 const std::vector<Option>& trackOptions();
 extern const char* const kTrackDetails;
+// The morphology operations erode, dilate, open, close and gradient (morph_op.cc).
+RunResult runMorph(const char* op, const Args& args, const Picture& in, Picture* out);
+const std::vector<Option>& morphOptions();
+extern const char* const kMorphDetails;
 const Operation* findOperation(const std::string& name);
 StatusInfo statusInfo(KvlStatus status);
 // Empty when `value` is acceptable for `opt`, else a message naming the option, such as
