@@ -834,6 +834,36 @@ typedef struct KvliMorphState KvliMorphState;
 /* @@END MORPHOLOGY@@ */
 
 /* @@BEGIN MORPHOLOGY 1U@@ */
+/* Erosion and dilation of bit images (1u: one bit per pixel; pixel x of a row is bit
+ * (bitOffset + x) & 7 of byte (bitOffset + x) >> 3, counted from the least significant bit; bit
+ * offsets may exceed 7). Erosion is the AND of the source bits at the mask's non-zero positions,
+ * dilation the OR, with the anchor at ((maskWidth - 1) >> 1, (maskHeight - 1) >> 1); the mask is
+ * not reflected for dilation. An all-zero mask copies the ROI. Bits of the destination's bytes
+ * outside the ROI (before the offset, after the last pixel) keep their values.
+ * GetSize: *pSpecSize = 3*A + 96 with A = maskWidth*maskHeight rounded up to 16, and
+ * *pBufferSize = B, the 8u one-channel buffer size of kvliMorphologyBorderGetSize_8u_C1R for
+ * roiWidth pixels; kvlStatusNullPointer, then kvlStatusBadSize (roiWidth or a mask side < 1, or a
+ * size above INT_MAX). Init builds the state in pSpec (*pSpecSize bytes, any alignment) with
+ * pBuffer (*pBufferSize bytes) as scratch: kvlStatusNullPointer (mask, pSpec, pBuffer), then
+ * kvlStatusBadSize. The state keeps its 96 bytes of fields, the mask copy right after them and,
+ * for a rectangle, the analysis record after the copy; it keeps no select tables.
+ * Erode/Dilate statuses, in this order: kvlStatusNullPointer (pSrc, pDst, pSpec, pBuffer);
+ * kvlStatusBadSize (a negative bit offset, ROI width or height < 1); kvlStatusBadStep (a step
+ * below (roiWidth + 7) >> 3 bytes); kvlStatusBadBorderType (borderType & 15 not 1 or 6, or bits
+ * 4..15 set without an in-memory flag); kvlStatusInPlaceNotSupported (pSrc == pDst). The ROI
+ * width is not compared with the state's; pBuffer must hold the *pBufferSize bytes reported for
+ * the state's roiWidth and mask, and a wider ROI is worked in column strips inside it. Source and
+ * destination must not overlap. borderValue is not used.
+ * Border: kvlBorderRepl repeats the ROI's edge pixels on every side without an in-memory flag
+ * (16 top, 32 bottom, 64 left, 128 right); a flagged side, or every side with kvlBorderInMem, is
+ * read from memory. Only the pixels within the bounding box of the mask's non-zero elements
+ * around the ROI are read (bit offsets left of the ROI may reach bytes before the row pointer).
+ * Every vector target gives the bits of the rule above. Threading: always on the calling thread;
+ * a state may be shared by threads that use separate buffers. */
+KVL_API KvlStatus kvliMorphologyBorderGetSize_1u_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderInit_1u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_1u_C1R(const Kvl8u* pSrc, int srcStep, int srcBitOffset, Kvl8u* pDst, int dstStep, int dstBitOffset, KvliSize roiSize, int borderType, int borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_1u_C1R(const Kvl8u* pSrc, int srcStep, int srcBitOffset, Kvl8u* pDst, int dstStep, int dstBitOffset, KvliSize roiSize, int borderType, int borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
 /* @@END MORPHOLOGY 1U@@ */
 
 
