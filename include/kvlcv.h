@@ -831,6 +831,99 @@ KVL_API KvlStatus kvliApplyMixedHaarClassifier_32s_C1RSfs(const Kvl32s* pSrc, in
 typedef struct KvliMorphState KvliMorphState;
 
 /* @@BEGIN MORPHOLOGY@@ */
+/* Erosion and dilation by a structuring element. The caller describes the element as a byte
+ * mask (non-zero = element) and builds a state once, for the widest ROI it will process; erosion
+ * writes dst(x,y,c) = min over the mask's elements (i,j) of src(x+i-ax, y+j-ay, c), dilation the
+ * max over the same window (the mask is not reflected). An all-zero mask copies the ROI.
+ * Border interface (8u C1/C3/C4, 32f C1/C3/C4, 16u C1, 16s C1): kvliMorphologyBorderGetSize_*
+ * gives the state's bytes (*pSpecSize) and the work buffer's (*pBufferSize); Init builds the state
+ * in pSpec with the anchor at ((maskWidth-1)>>1, (maskHeight-1)>>1), using pBuffer as scratch;
+ * kvliErodeBorder_* / kvliDilateBorder_* take borderType 1 (replicate), optionally with the
+ * in-memory side flags 16/32/64/128, or 6 (all four sides read from memory); borderValue is
+ * not used. A border-interface state is read-only after Init: threads may share it as long as
+ * each passes its own work buffer (*pBufferSize bytes). Nothing is allocated per call.
+ * Older interface (8u and 32f, C1/C3/C4): kvliMorphologyGetSize_* / Init_* / InitAlloc_* with a
+ * caller-chosen anchor, kvliMorphologyFree, and kvliErodeBorderReplicate_* /
+ * kvliDilateBorderReplicate_*, which accept only borderType 1. These have no work buffer: they
+ * use the scratch area inside the state, so an older-interface state must not be used by two
+ * threads at once.
+ * Statuses, in this order. GetSize (border): kvlStatusNullPointer, kvlStatusBadSize (roiWidth or
+ * a mask side < 1, or a size that does not fit an int), 16u/16s then kvlStatusBadAnchor (never
+ * for valid sizes). GetSize (older): kvlStatusNullPointer (mask, pSize), kvlStatusBadSize.
+ * Init/InitAlloc: kvlStatusNullPointer (mask; pSpec and pBuffer for the border interface; the
+ * state pointer), kvlStatusBadSize, kvlStatusBadAnchor (anchor outside the mask), then
+ * kvlStatusNoMemory (InitAlloc; nothing is left allocated). Erode/Dilate: kvlStatusNullPointer
+ * (pSrc, pDst, the state, pBuffer), kvlStatusBadSize (ROI < 1), kvlStatusBadStep (a step below
+ * width x channels x element size; steps need not be element multiples), kvlStatusBadBorderType
+ * (border interface: borderType & 15 not 1 or 6, or bits above the flags; the older interface
+ * gives kvlStatusBadArgument for anything but 1), kvlStatusBadSize (ROI wider than the state's
+ * roiWidth); 16s finally refuses pSrc == pDst with kvlStatusInPlaceNotSupported. The source and
+ * destination must not overlap (other than being the same ROI for an all-zero mask).
+ * Float NaNs: their handling is not defined (finite values give exact minima and maxima).
+ * Threading: always on the calling thread. */
+KVL_API KvlStatus kvliMorphologyBorderGetSize_8u_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_8u_C3R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_8u_C4R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_32f_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_32f_C3R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_32f_C4R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_16u_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_16s_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderInit_8u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_8u_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_8u_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_32f_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_32f_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_32f_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_16u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_16s_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl16u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_16s_C1R(const Kvl16s* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl16s borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl16u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_16s_C1R(const Kvl16s* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl16s borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyGetSize_8u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyGetSize_8u_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyGetSize_8u_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyGetSize_32f_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyGetSize_32f_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyGetSize_32f_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyInit_8u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInit_8u_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInit_8u_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInit_32f_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInit_32f_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInit_32f_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_8u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_8u_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_8u_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_32f_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_32f_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_32f_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyFree(KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
 /* @@END MORPHOLOGY@@ */
 
 /* @@BEGIN MORPHOLOGY 1U@@ */
