@@ -22,7 +22,7 @@
 // general path and the size functions use the filters' size formula written out here.
 #define KVL_MORPH_HAVE_MINMAX 0
 // 1 once the run engine is part of the library; until then the reference runs instead.
-#define KVL_MORPH_HAVE_RUNS 0
+#define KVL_MORPH_HAVE_RUNS 1
 
 #if KVL_MORPH_HAVE_RUNS
 #include "morph/morph_runs.h"

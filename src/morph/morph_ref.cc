@@ -2,11 +2,28 @@
 #include "morph/morph_ref.h"
 
 #include <cstring>
+#include <type_traits>
 
 #include "core/border.h"
 #include "core/pixel.h"
 
 namespace kvl::morph::ref {
+namespace {
+
+// The order of the comparisons: plain for integers; floats by their bits read as a signed
+// magnitude, so -0 lies below +0 (and a NaN above the infinity of its sign).
+template <class T>
+bool below(T a, T b) {
+  if constexpr (std::is_floating_point_v<T>) {
+    Kvl32s u, v;
+    std::memcpy(&u, &a, 4);
+    std::memcpy(&v, &b, 4);
+    return (u ^ ((u >> 31) & 0x7fffffff)) < (v ^ ((v >> 31) & 0x7fffffff));
+  }
+  return a < b;
+}
+
+}  // namespace
 
 template <class T, int kC>
 void morph(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, const Kvl8u* mask,
@@ -38,7 +55,7 @@ void morph(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, const K
               continue;
             }
             const T a = loadAny(d + x * kC + c);
-            if (erode ? v < a : v > a) storeAny(d + x * kC + c, v);
+            if (erode ? below(v, a) : below(a, v)) storeAny(d + x * kC + c, v);
           }
         }
         first = false;

@@ -11,7 +11,7 @@ namespace kvl::morph::ref {
 // src(x + i - anchor.x, y + j - anchor.y, c), the source read outside the ROI by borderType:
 // 6 (memory on every side), or 1 plus any of the side flags 16/32/64/128 (a flagged side reads
 // memory, the others replicate). An all-zero mask copies the ROI. Source and destination must
-// not overlap. Float comparisons are plain < and >: a NaN in the window gives no defined result.
+// not overlap. Floats are ordered by their bits read as sign and magnitude: -0 lies below +0.
 template <class T, int kC>
 void morph(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, const Kvl8u* mask,
            KvliSize maskSize, KvliPoint anchor, int borderType, bool erode);
