@@ -821,6 +821,59 @@ KVL_API KvlStatus kvliApplyMixedHaarClassifier_32s_C1RSfs(const Kvl32s* pSrc, in
 /* ---- Morphology: rectangle minimum and maximum filters ---- */
 
 /* @@BEGIN MIN MAX FILTERS@@ */
+/* Rectangle minimum (maximum) filters with replicated borders. Every output element is the
+ * minimum (maximum) of its channel over the maskSize rectangle whose element anchor lies on the
+ * output pixel: output (x, y) reads source pixels (x - anchor.x + i, y - anchor.y + j) for
+ * 0 <= i < maskSize.width, 0 <= j < maskSize.height, and a position outside the ROI reads the
+ * nearest ROI pixel (every side replicated; nothing outside the ROI is read). Results are exact
+ * and the same on every processor. Floats compare as a total order in which -0.0 lies just below
+ * +0.0: the minimum of -0.0 and +0.0 is -0.0 and the maximum +0.0 in any arrangement; what NaN
+ * inputs give is not defined. Source and destination must not overlap. Steps are byte counts and
+ * need not be multiples of the element size.
+ * Work buffer: pBuffer holds at least the size query's bytes, e x c x (2 x maskHeight x (roiWidth
+ * + 32) + 32 x maskHeight + 32) for elements of e bytes and c channels (8u C1: 2*maskHeight*
+ * (roiWidth + 32) + 32*maskHeight + 32), sized for a roiWidth at least the ROI's width; the
+ * minimum and maximum queries give the same size; 16s uses the 16u sizes. The buffer need not be
+ * aligned and its contents are not kept between calls.
+ * Size query statuses, in this order: kvlStatusNullPointer (pBufferSize); kvlStatusBadSize
+ * (roiWidth or a mask dimension < 1, or a size above INT_MAX).
+ * Filter statuses, in this order: kvlStatusNullPointer (pSrc, pDst, pBuffer); kvlStatusBadSize
+ * (ROI or mask width or height < 1); kvlStatusBadStep (a step < roiWidth x channels x element
+ * size); kvlStatusBadAnchor (anchor outside 0 <= x < maskSize.width, 0 <= y < maskSize.height).
+ * Cost per pixel grows with the logarithm of the mask's sides at most, not with its area.
+ * Threading: always on the calling thread. */
+KVL_API KvlStatus kvliFilterMinGetBufferSize_8u_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_8u_C3R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_8u_C4R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_16u_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_16s_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_32f_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_32f_C3R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_32f_C4R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_8u_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_8u_C3R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_8u_C4R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_16u_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_16s_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_32f_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_32f_C3R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_32f_C4R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_16s_C1R(const Kvl16s* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_16s_C1R(const Kvl16s* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
 /* @@END MIN MAX FILTERS@@ */
 
 /* ---- Morphology: erosion and dilation by a structuring element ---- */
