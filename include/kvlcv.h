@@ -821,6 +821,59 @@ KVL_API KvlStatus kvliApplyMixedHaarClassifier_32s_C1RSfs(const Kvl32s* pSrc, in
 /* ---- Morphology: rectangle minimum and maximum filters ---- */
 
 /* @@BEGIN MIN MAX FILTERS@@ */
+/* Rectangle minimum (maximum) filters with replicated borders. Every output element is the
+ * minimum (maximum) of its channel over the maskSize rectangle whose element anchor lies on the
+ * output pixel: output (x, y) reads source pixels (x - anchor.x + i, y - anchor.y + j) for
+ * 0 <= i < maskSize.width, 0 <= j < maskSize.height, and a position outside the ROI reads the
+ * nearest ROI pixel (every side replicated; nothing outside the ROI is read). Results are exact
+ * and the same on every processor. Floats compare as a total order in which -0.0 lies just below
+ * +0.0: the minimum of -0.0 and +0.0 is -0.0 and the maximum +0.0 in any arrangement; what NaN
+ * inputs give is not defined. Source and destination must not overlap. Steps are byte counts and
+ * need not be multiples of the element size.
+ * Work buffer: pBuffer holds at least the size query's bytes, e x c x (2 x maskHeight x (roiWidth
+ * + 32) + 32 x maskHeight + 32) for elements of e bytes and c channels (8u C1: 2*maskHeight*
+ * (roiWidth + 32) + 32*maskHeight + 32), sized for a roiWidth at least the ROI's width; the
+ * minimum and maximum queries give the same size; 16s uses the 16u sizes. The buffer need not be
+ * aligned and its contents are not kept between calls.
+ * Size query statuses, in this order: kvlStatusNullPointer (pBufferSize); kvlStatusBadSize
+ * (roiWidth or a mask dimension < 1, or a size above INT_MAX).
+ * Filter statuses, in this order: kvlStatusNullPointer (pSrc, pDst, pBuffer); kvlStatusBadSize
+ * (ROI or mask width or height < 1); kvlStatusBadStep (a step < roiWidth x channels x element
+ * size); kvlStatusBadAnchor (anchor outside 0 <= x < maskSize.width, 0 <= y < maskSize.height).
+ * Cost per pixel grows with the logarithm of the mask's sides at most, not with its area.
+ * Threading: always on the calling thread. */
+KVL_API KvlStatus kvliFilterMinGetBufferSize_8u_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_8u_C3R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_8u_C4R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_16u_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_16s_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_32f_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_32f_C3R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinGetBufferSize_32f_C4R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_8u_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_8u_C3R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_8u_C4R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_16u_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_16s_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_32f_C1R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_32f_C3R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMaxGetBufferSize_32f_C4R(int roiWidth, KvliSize maskSize, int* pBufferSize);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_16s_C1R(const Kvl16s* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMinBorderReplicate_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_16s_C1R(const Kvl16s* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFilterMaxBorderReplicate_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, KvliSize maskSize, KvliPoint anchor, Kvl8u* pBuffer);
 /* @@END MIN MAX FILTERS@@ */
 
 /* ---- Morphology: erosion and dilation by a structuring element ---- */
@@ -831,9 +884,132 @@ KVL_API KvlStatus kvliApplyMixedHaarClassifier_32s_C1RSfs(const Kvl32s* pSrc, in
 typedef struct KvliMorphState KvliMorphState;
 
 /* @@BEGIN MORPHOLOGY@@ */
+/* Erosion and dilation by a structuring element. The caller describes the element as a byte
+ * mask (non-zero = element) and builds a state once, for the widest ROI it will process; erosion
+ * writes dst(x,y,c) = min over the mask's elements (i,j) of src(x+i-ax, y+j-ay, c), dilation the
+ * max over the same window (the mask is not reflected). An all-zero mask copies the ROI.
+ * Border interface (8u C1/C3/C4, 32f C1/C3/C4, 16u C1, 16s C1): kvliMorphologyBorderGetSize_*
+ * gives the state's bytes (*pSpecSize) and the work buffer's (*pBufferSize); Init builds the state
+ * in pSpec with the anchor at ((maskWidth-1)>>1, (maskHeight-1)>>1), using pBuffer as scratch;
+ * kvliErodeBorder_* / kvliDilateBorder_* take borderType 1 (replicate), optionally with the
+ * in-memory side flags 16/32/64/128, or 6 (all four sides read from memory); borderValue is
+ * not used. A border-interface state is read-only after Init: threads may share it as long as
+ * each passes its own work buffer (*pBufferSize bytes). Nothing is allocated per call.
+ * Older interface (8u and 32f, C1/C3/C4): kvliMorphologyGetSize_* / Init_* / InitAlloc_* with a
+ * caller-chosen anchor, kvliMorphologyFree, and kvliErodeBorderReplicate_* /
+ * kvliDilateBorderReplicate_*, which accept only borderType 1. These have no work buffer: they
+ * use the scratch area inside the state, so an older-interface state must not be used by two
+ * threads at once.
+ * Statuses, in this order. GetSize (border): kvlStatusNullPointer, kvlStatusBadSize (roiWidth or
+ * a mask side < 1, or a size that does not fit an int), 16u/16s then kvlStatusBadAnchor (never
+ * for valid sizes). GetSize (older): kvlStatusNullPointer (mask, pSize), kvlStatusBadSize.
+ * Init/InitAlloc: kvlStatusNullPointer (mask; pSpec and pBuffer for the border interface; the
+ * state pointer), kvlStatusBadSize, kvlStatusBadAnchor (anchor outside the mask), then
+ * kvlStatusNoMemory (InitAlloc; nothing is left allocated). Erode/Dilate: kvlStatusNullPointer
+ * (pSrc, pDst, the state, pBuffer), kvlStatusBadSize (ROI < 1), kvlStatusBadStep (a step below
+ * width x channels x element size; steps need not be element multiples), kvlStatusBadBorderType
+ * (border interface: borderType & 15 not 1 or 6, or bits above the flags; the older interface
+ * gives kvlStatusBadArgument for anything but 1), kvlStatusBadSize (ROI wider than the state's
+ * roiWidth); 16s finally refuses pSrc == pDst with kvlStatusInPlaceNotSupported. The source and
+ * destination must not overlap (other than being the same ROI for an all-zero mask).
+ * Floats: NaN handling is not defined, nor which of -0 and +0 an extreme over both returns.
+ * Threading: always on the calling thread. */
+KVL_API KvlStatus kvliMorphologyBorderGetSize_8u_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_8u_C3R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_8u_C4R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_32f_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_32f_C3R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_32f_C4R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_16u_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderGetSize_16s_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderInit_8u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_8u_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_8u_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_32f_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_32f_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_32f_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_16u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyBorderInit_16s_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl16u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_16s_C1R(const Kvl16s* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl16s borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl8u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl32f borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_16u_C1R(const Kvl16u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl16u borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_16s_C1R(const Kvl16s* pSrc, int srcStep, Kvl16s* pDst, int dstStep, KvliSize roiSize, int borderType, Kvl16s borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliMorphologyGetSize_8u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyGetSize_8u_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyGetSize_8u_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyGetSize_32f_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyGetSize_32f_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyGetSize_32f_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, int* pSize);
+KVL_API KvlStatus kvliMorphologyInit_8u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInit_8u_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInit_8u_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInit_32f_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInit_32f_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInit_32f_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState* pState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_8u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_8u_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_8u_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_32f_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_32f_C3R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyInitAlloc_32f_C4R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliPoint anchor, KvliMorphState** ppState);
+KVL_API KvlStatus kvliMorphologyFree(KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliErodeBorderReplicate_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_8u_C4R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_32f_C1R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_32f_C3R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
+KVL_API KvlStatus kvliDilateBorderReplicate_32f_C4R(const Kvl32f* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, int borderType, const KvliMorphState* pState);
 /* @@END MORPHOLOGY@@ */
 
 /* @@BEGIN MORPHOLOGY 1U@@ */
+/* Erosion and dilation of bit images (1u: one bit per pixel; pixel x of a row is bit
+ * (bitOffset + x) & 7 of byte (bitOffset + x) >> 3, counted from the least significant bit; bit
+ * offsets may exceed 7). Erosion is the AND of the source bits at the mask's non-zero positions,
+ * dilation the OR, with the anchor at ((maskWidth - 1) >> 1, (maskHeight - 1) >> 1); the mask is
+ * not reflected for dilation. An all-zero mask copies the ROI. Bits of the destination's bytes
+ * outside the ROI (before the offset, after the last pixel) keep their values.
+ * GetSize: *pSpecSize = 3*A + 96 with A = maskWidth*maskHeight rounded up to 16, and
+ * *pBufferSize = B, the 8u one-channel buffer size of kvliMorphologyBorderGetSize_8u_C1R for
+ * roiWidth pixels; kvlStatusNullPointer, then kvlStatusBadSize (roiWidth or a mask side < 1, or a
+ * size above INT_MAX). Init builds the state in pSpec (*pSpecSize bytes, any alignment) with
+ * pBuffer (*pBufferSize bytes) as scratch: kvlStatusNullPointer (mask, pSpec, pBuffer), then
+ * kvlStatusBadSize. The state keeps its 96 bytes of fields, the mask copy right after them and,
+ * for a rectangle, the analysis record after the copy; it keeps no select tables.
+ * Erode/Dilate statuses, in this order: kvlStatusNullPointer (pSrc, pDst, pSpec, pBuffer);
+ * kvlStatusBadSize (a negative bit offset, ROI width or height < 1); kvlStatusBadStep (a step
+ * below (roiWidth + 7) >> 3 bytes); kvlStatusBadBorderType (borderType & 15 not 1 or 6, or bits
+ * 4..15 set without an in-memory flag); kvlStatusInPlaceNotSupported (pSrc == pDst). The ROI
+ * width is not compared with the state's; pBuffer must hold the *pBufferSize bytes reported for
+ * the state's roiWidth and mask, and a wider ROI is worked in column strips inside it. Source and
+ * destination must not overlap. borderValue is not used.
+ * Border: kvlBorderRepl repeats the ROI's edge pixels on every side without an in-memory flag
+ * (16 top, 32 bottom, 64 left, 128 right); a flagged side, or every side with kvlBorderInMem, is
+ * read from memory. Only the pixels within the bounding box of the mask's non-zero elements
+ * around the ROI are read (bit offsets left of the ROI may reach bytes before the row pointer).
+ * Every vector target gives the bits of the rule above. Threading: always on the calling thread;
+ * a state may be shared by threads that use separate buffers. */
+KVL_API KvlStatus kvliMorphologyBorderGetSize_1u_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
+KVL_API KvlStatus kvliMorphologyBorderInit_1u_C1R(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliErodeBorder_1u_C1R(const Kvl8u* pSrc, int srcStep, int srcBitOffset, Kvl8u* pDst, int dstStep, int dstBitOffset, KvliSize roiSize, int borderType, int borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliDilateBorder_1u_C1R(const Kvl8u* pSrc, int srcStep, int srcBitOffset, Kvl8u* pDst, int dstStep, int dstBitOffset, KvliSize roiSize, int borderType, int borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
 /* @@END MORPHOLOGY 1U@@ */
 
 

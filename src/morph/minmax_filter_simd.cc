@@ -1,0 +1,314 @@
+// Vector kernels of the rectangle minimum and maximum filters, one source for SSE4, AVX2 and
+// AVX-512.
+//
+// The filter is separable: each source row is first reduced horizontally into a row of keys (the
+// mask's width), and the output rows then reduce those rows vertically (the mask's height). Both
+// passes cost a fixed number of vector operations per element for small masks and grow with the
+// logarithm of the side (horizontally) or not at all (vertically) for large ones:
+//  - horizontal, narrow masks: the elements of the window are loaded at shifted offsets and
+//    reduced directly; wider masks double a window in place (w2 = min(x, x+1), w4 = min(w2,
+//    w2+2), ...) up to the largest power of two P in the width, and the output is the pair of
+//    P-windows at both ends of the rectangle;
+//  - vertical, short masks: a ring of the needed rows, and each pair of output rows shares the
+//    reduction of the rows both of them read; tall masks: the rows are cut into blocks of the
+//    mask's height, each block's suffix reductions are kept, the next block's prefix reduction
+//    runs alongside, and an output row is one suffix combined with one prefix.
+// Pixels whose window leaves the row on the left or right are made from running prefix and
+// suffix reductions of the row, which is what replication gives. Rows above and below the ROI
+// are the first and last rows. Floats are carried as order keys (Order<Kvl32f>) from the load to
+// the store.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "morph/minmax_filter_simd.cc"
+#include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/highway.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "core/pixel.h"
+#include "core/simd.h"
+#include "morph/minmax_filter.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace kvl::morph {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+#if KVL_SIMD_TARGET
+
+// Widest mask reduced by shifted loads; wider ones double their window.
+constexpr int kDirectWidth = 5;
+// Tallest mask reduced from a ring of rows; taller ones take the block scheme.
+constexpr int kRingHeight = 8;
+
+// N keys from p: a caller's float row is converted to keys, key rows and integer rows are loaded.
+template <class D, class P>
+HWY_INLINE hn::Vec<D> load(D d, const P* p) {
+  if constexpr (std::is_same_v<P, Kvl32f>) {
+    const auto v = hn::LoadU(d, reinterpret_cast<const int32_t*>(p));
+    const hn::RebindToUnsigned<D> du;
+    return hn::Xor(v, hn::BitCast(d, hn::ShiftRight<1>(hn::BitCast(du, hn::BroadcastSignBit(v)))));
+  } else {
+    return hn::LoadU(d, p);
+  }
+}
+// Stores N keys at p, converted back to floats for a caller's float row.
+template <class D, class P>
+HWY_INLINE void store(D d, hn::Vec<D> v, P* p) {
+  if constexpr (std::is_same_v<P, Kvl32f>) {
+    const hn::RebindToUnsigned<D> du;
+    v = hn::Xor(v, hn::BitCast(d, hn::ShiftRight<1>(hn::BitCast(du, hn::BroadcastSignBit(v)))));
+    hn::StoreU(v, d, reinterpret_cast<int32_t*>(p));
+  } else {
+    hn::StoreU(v, d, p);
+  }
+}
+// One key at p (a caller's element or a key of the work rows), and its store.
+template <class K, class P>
+HWY_INLINE K loadOne(const P* p) {
+  if constexpr (std::is_same_v<P, Kvl32f>) {
+    return Order<Kvl32f>::key(loadAny(p));
+  } else {
+    return loadAny(p);
+  }
+}
+template <class K, class P>
+HWY_INLINE void storeOne(P* p, K k) {
+  if constexpr (std::is_same_v<P, Kvl32f>) {
+    storeAny(p, Order<Kvl32f>::value(k));
+  } else {
+    storeAny(p, k);
+  }
+}
+
+template <bool kMax, class V>
+HWY_INLINE V pick(V a, V b) {
+  if constexpr (kMax) {
+    return hn::Max(a, b);
+  } else {
+    return hn::Min(a, b);
+  }
+}
+
+// Horizontal pass of one row of w pixels of kC channels: out[x] reduces in[x - left .. x +
+// right] (clamped to the row). `scratch` holds w*kC keys for the doubling windows.
+template <bool kMax, int kC, class K, class In, class Out>
+void rowPass(const In* in, Out* out, int w, int left, int right, K* scratch) {
+  const hn::ScalableTag<K> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  const int n = w * kC;
+  const int width = left + right + 1;
+  // The pixels whose window lies inside the row: [left, w - right).
+  const int x0 = left, x1 = std::max(left, w - right);
+  const int j0 = x0 * kC, j1 = x1 * kC;
+  if (j1 > j0) {
+    if (width <= kDirectWidth) {
+      const In* s = in - left * kC;
+      int j = j0;
+      for (; j + N <= j1; j += N) {
+        auto v = load(d, s + j);
+        for (int i = 1; i < width; ++i) v = pick<kMax>(v, load(d, s + j + i * kC));
+        store(d, v, out + j);
+      }
+      for (; j < j1; ++j) {
+        K v = loadOne<K>(s + j);
+        for (int i = 1; i < width; ++i) v = better<kMax>(v, loadOne<K>(s + j + i * kC));
+        storeOne(out + j, v);
+      }
+    } else {
+      // scratch[j] reduces pixels j/kC .. j/kC + span - 1 (same channel), valid for j < valid.
+      int span = 1;
+      int valid = n;
+      auto level = [&](auto* src) {
+        const int step = span * kC;
+        valid -= step;
+        int j = 0;
+        for (; j + N <= valid; j += N)
+          hn::StoreU(pick<kMax>(load(d, src + j), load(d, src + j + step)), d, scratch + j);
+        for (; j < valid; ++j)
+          scratch[j] = better<kMax>(loadOne<K>(src + j), loadOne<K>(src + j + step));
+        span *= 2;
+      };
+      level(in);
+      while (2 * span <= width) level(scratch);
+      // In place: each store lands below every element a later iteration reads.
+      const K* a = scratch - left * kC;
+      const K* b = a + (width - span) * kC;
+      int j = j0;
+      for (; j + N <= j1; j += N) store(d, pick<kMax>(hn::LoadU(d, a + j), hn::LoadU(d, b + j)), out + j);
+      for (; j < j1; ++j) storeOne(out + j, better<kMax>(a[j], b[j]));
+    }
+  }
+  // Pixels whose window leaves the row: running reductions from either end.
+  for (int c = 0; c < kC; ++c) {
+    K m = loadOne<K>(in + c);
+    int upTo = 0;
+    for (int x = 0; x < x0 && x < w; ++x) {
+      const int end = std::min(w - 1, x + right);
+      for (; upTo < end; ++upTo) m = better<kMax>(m, loadOne<K>(in + (upTo + 1) * kC + c));
+      storeOne(out + x * kC + c, m);
+    }
+    m = loadOne<K>(in + (w - 1) * kC + c);
+    int downTo = w - 1;
+    for (int x = w - 1; x >= x1 && x >= x0; --x) {
+      const int start = x - left;
+      for (; downTo > start; --downTo) m = better<kMax>(m, loadOne<K>(in + (downTo - 1) * kC + c));
+      storeOne(out + x * kC + c, m);
+    }
+  }
+}
+
+// Vertical reduction of `count` key rows (count >= 1) into the shared row m... written straight
+// to out0 combined with `first`, and to out1 combined with `last` when out1 is not null.
+template <bool kMax, class K, class Out>
+void columnPass(const K* const* rows, int count, const K* first, Out* out0, const K* last,
+                Out* out1, int n) {
+  const hn::ScalableTag<K> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  int j = 0;
+  auto shared = [&](int at) KVL_INLINE_LAMBDA {
+    auto m = hn::LoadU(d, rows[0] + at);
+    for (int i = 1; i < count; ++i) m = pick<kMax>(m, hn::LoadU(d, rows[i] + at));
+    return m;
+  };
+  if (out1 != nullptr) {
+    for (; j + N <= n; j += N) {
+      const auto m = shared(j);
+      store(d, pick<kMax>(m, hn::LoadU(d, first + j)), out0 + j);
+      store(d, pick<kMax>(m, hn::LoadU(d, last + j)), out1 + j);
+    }
+  } else {
+    for (; j + N <= n; j += N) store(d, pick<kMax>(shared(j), hn::LoadU(d, first + j)), out0 + j);
+  }
+  for (; j < n; ++j) {
+    K m = rows[0][j];
+    for (int i = 1; i < count; ++i) m = better<kMax>(m, rows[i][j]);
+    storeOne(out0 + j, better<kMax>(m, first[j]));
+    if (out1 != nullptr) storeOne(out1 + j, better<kMax>(m, last[j]));
+  }
+}
+
+// v = a combined with b; `keep` (when not null) receives v, and out receives v combined with c
+// (v alone when c is null).
+template <bool kMax, class K, class Out>
+void combine(const K* a, const K* b, K* keep, const K* c, Out* out, int n) {
+  const hn::ScalableTag<K> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  int j = 0;
+  for (; j + N <= n; j += N) {
+    auto v = pick<kMax>(hn::LoadU(d, a + j), hn::LoadU(d, b + j));
+    if (keep != nullptr) hn::StoreU(v, d, keep + j);
+    if (c != nullptr) v = pick<kMax>(v, hn::LoadU(d, c + j));
+    store(d, v, out + j);
+  }
+  for (; j < n; ++j) {
+    K v = better<kMax>(a[j], b[j]);
+    if (keep != nullptr) keep[j] = v;
+    if (c != nullptr) v = better<kMax>(v, c[j]);
+    storeOne(out + j, v);
+  }
+}
+
+template <bool kMax, class T, int kC>
+void filter(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw, int mh, int ax,
+            int ay, Kvl8u* buffer) {
+  using K = typename Order<T>::Key;
+  // Replicating a side more than the ROI is long adds nothing: clamp the reaches to the ROI.
+  const int left = std::min(ax, w - 1), right = std::min(mw - 1 - ax, w - 1);
+  const int up = std::min(ay, h - 1), down = std::min(mh - 1 - ay, h - 1);
+  const int rows = up + down + 1;
+  const int n = w * kC;
+  const size_t slotBytes = static_cast<size_t>(roundUp(static_cast<long long>(n) * sizeof(K), 32));
+  Kvl8u* base = alignUp(buffer, 32);
+  auto slot = [&](int i) { return reinterpret_cast<K*>(base + slotBytes * i); };
+  auto srcRow = [&](int r) { return rowPtr(src, srcStep, std::clamp(r, 0, h - 1)); };
+  auto dstRow = [&](int y) { return rowPtr(dst, dstStep, y); };
+  auto horizontal = [&](int r, auto* out, K* scratch) {
+    rowPass<kMax, kC, K>(srcRow(r), out, w, left, right, scratch);
+  };
+
+  if (rows == 1) {
+    for (int y = 0; y < h; ++y) horizontal(y, dstRow(y), slot(0));
+    return;
+  }
+  if (rows <= kRingHeight) {
+    // A ring of rows + 1 rows (two output rows read rows + 1 rows), and one slot of scratch.
+    const int ringSize = rows + 1;
+    K* const scratch = slot(ringSize);
+    auto ring = [&](int r) { return slot((r + up) % ringSize); };
+    int next = -up;  // the next virtual row to reduce horizontally
+    auto ensure = [&](int last) {
+      for (; next <= last; ++next) horizontal(next, ring(next), scratch);
+    };
+    const K* shared[kRingHeight];
+    for (int y = 0; y < h; y += 2) {
+      const bool two = y + 1 < h;
+      ensure(y + down + (two ? 1 : 0));
+      for (int i = 0; i < rows - 1; ++i) shared[i] = ring(y - up + 1 + i);
+      columnPass<kMax, K>(shared, rows - 1, ring(y - up), dstRow(y), ring(y + down + 1),
+                          two ? dstRow(y + 1) : nullptr, n);
+    }
+    return;
+  }
+  // Blocks of `rows` rows from row -up on. Output y reads rows y - up .. y - up + rows - 1: the
+  // suffix of its block from row y - up (bank S, reduced towards the block's start) and the
+  // prefix of the next block up to the row before y - up + rows (bank T, raw rows, whose running
+  // prefix is kept in the S slots that the outputs have finished with).
+  int sOff = 0, tOff = rows;
+  auto S = [&](int k) { return slot(sOff + k); };
+  auto T_ = [&](int k) { return slot(tOff + k); };
+  auto suffixes = [&] {
+    for (int k = rows - 2; k >= 0; --k)
+      combine<kMax, K>(S(k), S(k + 1), nullptr, nullptr, S(k), n);
+  };
+  for (int k = 0; k < rows; ++k) horizontal(-up + k, S(k), T_(0));
+  suffixes();
+  int start = -up;  // the virtual row of S(0)
+  for (int y = 0;;) {
+    combine<kMax, K>(S(0), S(0), nullptr, nullptr, dstRow(y), n);
+    if (++y >= h) return;
+    const int next = start + rows;
+    for (int k = 1; k < rows; ++k) {
+      horizontal(next + k - 1, T_(k - 1), T_(rows - 1));
+      if (k == 1) {
+        combine<kMax, K>(S(1), T_(0), nullptr, nullptr, dstRow(y), n);
+      } else {
+        const K* prefix = k == 2 ? T_(0) : S(k - 2);
+        combine<kMax, K>(prefix, T_(k - 1), k + 1 < rows ? S(k - 1) : nullptr, S(k), dstRow(y), n);
+      }
+      if (++y >= h) return;
+    }
+    horizontal(next + rows - 1, T_(rows - 1), S(0));
+    std::swap(sOff, tOff);
+    start = next;
+    suffixes();
+  }
+}
+
+template <class T, int kC>
+void minMax(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw, int mh, int ax,
+            int ay, bool isMax, Kvl8u* buffer) {
+  if (isMax) {
+    filter<true, T, kC>(src, srcStep, dst, dstStep, w, h, mw, mh, ax, ay, buffer);
+  } else {
+    filter<false, T, kC>(src, srcStep, dst, dstStep, w, h, mw, mh, ax, ay, buffer);
+  }
+}
+
+#endif  // KVL_SIMD_TARGET
+}  // namespace HWY_NAMESPACE
+}  // namespace kvl::morph
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace kvl::morph {
+
+template <class T, int kC>
+const simd::Kernel<MinMaxFn<T, kC>> MinMaxKernel<T, kC>::kernel{KVL_TARGETS(minMax<T, kC>),
+                                                               &ref::minMax<T, kC>};
+
+#define KVL_INSTANTIATE(types, layout, T, ch) template struct MinMaxKernel<T, ch>;
+KVL_MINMAX_MEMBERS(KVL_INSTANTIATE)
+#undef KVL_INSTANTIATE
+
+}  // namespace kvl::morph
+#endif  // HWY_ONCE

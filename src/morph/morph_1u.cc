@@ -1,0 +1,409 @@
+// Erosion and dilation of bit images: sizes, the state builder, validation and the word engine.
+#include "morph/morph_1u.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "core/check.h"
+#include "core/pixel.h"
+#include "impl_decls.h"
+#include "morph/morph_state.h"
+
+namespace kvl::morph {
+namespace {
+
+// Bit i (any integer; negative reaches memory before the row) of a row at byte p.
+inline int bitAt(const Kvl8u* p, long long i) { return (p[i >> 3] >> (i & 7)) & 1; }
+
+// Sets bits [t0, t1) of a word row to v.
+void fillBits(uint64_t* w, long long t0, long long t1, int v) {
+  for (long long t = t0; t < t1;) {
+    const long long k = t >> 6;
+    const int lo = static_cast<int>(t & 63);
+    const int hi = static_cast<int>(std::min<long long>(t1 - (k << 6), 64));
+    const uint64_t m = (hi == 64 ? ~0ull : (1ull << hi) - 1) & ~((1ull << lo) - 1);
+    w[k] = v ? (w[k] | m) : (w[k] & ~m);
+    t = (k + 1) << 6;
+  }
+}
+
+// Pixels [x0, x1) (ROI coordinates, any integers) of a source row of W pixels at bit offset
+// `off`, with its border rule, into words: bit t of out is pixel x0 + t. A side reads memory when
+// its flag is set and repeats its edge pixel otherwise. Only the bytes holding pixels that the
+// rule reads from memory are touched. Writes (x1 - x0 + 63) / 64 words.
+void extractRow(const Kvl8u* row, int off, int W, int x0, int x1, bool memL, bool memR,
+                uint64_t* out) {
+  const int n = (x1 - x0 + 63) >> 6;
+  const int mx0 = memL ? x0 : std::max(x0, 0);
+  const int mx1 = memR ? x1 : std::min(x1, W);
+  long long lo = 0, hi = -1;  // the bytes that may be read, both included
+  if (mx0 < mx1) {
+    lo = (static_cast<long long>(off) + mx0) >> 3;
+    hi = (static_cast<long long>(off) + mx1 - 1) >> 3;
+  }
+  for (int k = 0; k < n; ++k) {
+    const long long b = static_cast<long long>(off) + x0 + 64ll * k;
+    const long long q = b >> 3;
+    const int s = static_cast<int>(b & 7);
+    uint64_t w = 0, top = 0;
+    if (q >= lo && q + 8 <= hi) {
+      std::memcpy(&w, row + q, 8);  // little-endian: byte i holds pixels 8i .. 8i + 7
+      top = row[q + 8];
+    } else {
+      for (int i = 0; i <= 8; ++i) {
+        if (q + i < lo || q + i > hi) continue;
+        if (i < 8)
+          w |= static_cast<uint64_t>(row[q + i]) << (8 * i);
+        else
+          top = row[q + i];
+      }
+    }
+    out[k] = s ? (w >> s) | (top << (64 - s)) : w;
+  }
+  const long long len = static_cast<long long>(x1) - x0;
+  if (x0 < mx0) fillBits(out, 0, std::min<long long>(mx0 - x0, len), bitAt(row, off));
+  if (mx1 < x1)
+    fillBits(out, std::max<long long>(mx1 - x0, 0), len, bitAt(row, static_cast<long long>(off) + W - 1));
+}
+
+// Writes `count` pixels from words (bit t of bits is pixel x0 + t) into a destination row at bit
+// offset `off`; the other bits of the first and last bytes keep their values.
+void storeRow(Kvl8u* row, int off, int x0, int count, const uint64_t* bits) {
+  const long long b0 = static_cast<long long>(off) + x0;
+  Kvl8u* p = row + (b0 >> 3);
+  const int sh = static_cast<int>(b0 & 7);
+  const long long total = sh + static_cast<long long>(count);
+  const long long nbytes = (total + 7) >> 3;
+  const long long nw = (static_cast<long long>(count) + 63) >> 6;
+  const long long chunks = (total + 63) >> 6;
+  for (long long c = 0; c < chunks; ++c) {
+    uint64_t v = c < nw ? bits[c] << sh : 0;
+    if (sh != 0 && c > 0) v |= bits[c - 1] >> (64 - sh);
+    const long long first = c << 6;
+    const int lo = static_cast<int>(std::max<long long>(first, sh) - first);
+    const int hi = static_cast<int>(std::min<long long>(first + 64, total) - first);
+    Kvl8u* at = p + (c << 3);
+    if (lo == 0 && hi == 64) {
+      std::memcpy(at, &v, 8);
+      continue;
+    }
+    const uint64_t m = (hi == 64 ? ~0ull : (1ull << hi) - 1) & ~((1ull << lo) - 1);
+    const size_t bytes = static_cast<size_t>(std::min<long long>(8, nbytes - (c << 3)));
+    uint64_t old = 0;
+    std::memcpy(&old, at, bytes);
+    old = (old & ~m) | (v & m);
+    std::memcpy(at, &old, bytes);
+  }
+}
+
+inline int floorLog2(int v) { return 31 - __builtin_clz(static_cast<unsigned>(v)); }
+
+// One horizontal run of a mask row: its row (from the first non-empty row), its start (from the
+// leftmost run start) and the index of its length.
+struct Run {
+  int row, start, lengthIndex;
+};
+
+// Carves aligned pieces off the work buffer; `ok` turns false when one does not fit.
+struct Carver {
+  Kvl8u* p;
+  Kvl8u* end;
+  bool ok = true;
+  template <class T>
+  T* take(long long count, size_t align = alignof(T)) {
+    Kvl8u* a = alignUp(p, align);
+    const long long bytes = count * static_cast<long long>(sizeof(T));
+    if (!ok || a > end || bytes > end - a) {
+      ok = false;
+      return nullptr;
+    }
+    p = a + bytes;
+    return reinterpret_cast<T*>(a);
+  }
+};
+
+}  // namespace
+
+void copyBits(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int dstStep,
+              int dstBitOffset, KvliSize roi) {
+  constexpr int kChunk = 64 * 64;
+  uint64_t words[kChunk / 64];
+  for (int y = 0; y < roi.height; ++y) {
+    const Kvl8u* s = rowPtr(src, srcStep, y);
+    Kvl8u* d = rowPtr(dst, dstStep, y);
+    for (int x = 0; x < roi.width; x += kChunk) {
+      const int c = std::min(kChunk, roi.width - x);
+      extractRow(s, srcBitOffset, roi.width, x, x + c, false, false, words);
+      storeRow(d, dstBitOffset, x, c, words);
+    }
+  }
+}
+
+bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int dstStep,
+             int dstBitOffset, KvliSize roi, const Kvl8u* mask, int mw, int mh, int ax, int ay,
+             int borderType, bool erode, Kvl8u* buffer, std::size_t bufferBytes) {
+  const int bt = check::normalizeInMem(borderType);
+  const bool memT = bt & kvlBorderInMemTop, memB = bt & kvlBorderInMemBottom;
+  const bool memL = bt & kvlBorderInMemLeft, memR = bt & kvlBorderInMemRight;
+  const int W = roi.width, H = roi.height;
+
+  // The runs of the mask and their bounding box.
+  int j0 = -1, j1 = -1, i0 = mw, i1 = 0, runCount = 0, maxLen = 0;
+  for (int j = 0; j < mh; ++j) {
+    const Kvl8u* m = mask + static_cast<std::ptrdiff_t>(j) * mw;
+    for (int i = 0; i < mw;) {
+      if (m[i] == 0) {
+        ++i;
+        continue;
+      }
+      const int s = i;
+      while (i < mw && m[i] != 0) ++i;
+      ++runCount;
+      maxLen = std::max(maxLen, i - s);
+      i0 = std::min(i0, s);
+      i1 = std::max(i1, i);
+      if (j0 < 0) j0 = j;
+      j1 = j;
+    }
+  }
+  if (runCount == 0) {
+    copyBits(src, srcStep, srcBitOffset, dst, dstStep, dstBitOffset, roi);
+    return true;
+  }
+
+  Carver carve{buffer, buffer + bufferBytes};
+  int* lengthSlot = carve.take<int>(maxLen + 1);  // length -> index, -1 while unseen
+  Run* runs = carve.take<Run>(runCount);
+  const int maxLengths = std::min(runCount, maxLen);
+  int* lengths = carve.take<int>(maxLengths);
+  int* homes = carve.take<int>(maxLengths);  // where each length's rows are kept shifted to
+  const uint64_t** terms = carve.take<const uint64_t*>(runCount);
+  int* shifts = carve.take<int>(runCount);
+  if (!carve.ok) return false;
+
+  // Each distinct length is kept shifted to the leftmost start among its runs, so every run
+  // reads its length's row shifted right by a non-negative amount.
+  int lengthCount = 0, r = 0;
+  std::fill(lengthSlot, lengthSlot + maxLen + 1, -1);
+  for (int j = j0; j <= j1; ++j) {
+    const Kvl8u* m = mask + static_cast<std::ptrdiff_t>(j) * mw;
+    for (int i = 0; i < mw;) {
+      if (m[i] == 0) {
+        ++i;
+        continue;
+      }
+      const int s = i;
+      while (i < mw && m[i] != 0) ++i;
+      const int len = i - s;
+      if (lengthSlot[len] < 0) {
+        lengthSlot[len] = lengthCount;
+        lengths[lengthCount] = len;
+        homes[lengthCount] = s - i0;
+        ++lengthCount;
+      }
+      homes[lengthSlot[len]] = std::min(homes[lengthSlot[len]], s - i0);
+      runs[r++] = {j - j0, s - i0, lengthSlot[len]};
+    }
+  }
+  for (int u = 0; u < runCount; ++u) shifts[u] = runs[u].start - homes[runs[u].lengthIndex];
+
+  // Rows of words: the ring (K source rows x one row per distinct length), the doubling levels
+  // of the row being prepared, and the output row.
+  const int K = j1 - j0 + 1;
+  const int levels = floorLog2(maxLen) + 1;
+  const long long rowCount = static_cast<long long>(K) * lengthCount + levels + 1;
+  const int span = i1 - i0;  // the columns a run reaches, from the leftmost one
+  const int pad = (span >> 6) + 2 + kPadWords;
+  Kvl8u* rows = alignUp(carve.p, 64);
+  if (rows >= carve.end) return false;
+  const long long strideMax = ((carve.end - rows) / 8 / rowCount) & ~7ll;
+  const long long wordsMax = strideMax - pad;
+  if (wordsMax < 1) return false;
+  const long long stripMax = 64 * wordsMax - span + 1;
+  if (stripMax < 1) return false;
+  const int strip = static_cast<int>(std::min<long long>(W, stripMax));
+  const long long stride =
+      roundUp((static_cast<long long>(strip) + span - 1 + 63) / 64 + pad, 8);
+  uint64_t* words = reinterpret_cast<uint64_t*>(rows);
+  std::memset(words, 0, static_cast<size_t>(stride * rowCount * 8));
+  auto ringRow = [&](int slot, int li) { return words + (slot * lengthCount + li) * stride; };
+  uint64_t* level = words + static_cast<long long>(K) * lengthCount * stride;
+  uint64_t* acc = level + levels * stride;
+
+  const Combine2Fn combine2 = kCombine2.pick();
+  const ReduceFn reduce = kReduce.pick();
+  const int rFirst = j0 - ay;  // the source row of output row 0 and the first mask row
+
+  for (int tx0 = 0; tx0 < W; tx0 += strip) {
+    const int wt = std::min(strip, W - tx0);
+    const int nIn = (wt + span - 1 + 63) >> 6;
+    const int nOut = (wt + 63) >> 6;
+    const int x0 = tx0 + i0 - ax, x1 = tx0 + wt + i1 - 1 - ax;
+    // Source row y0 + (row of the ring) into its ring slot, each length's run combination.
+    auto prepare = [&](int rr) {
+      const int slot = (rr - rFirst) % K;
+      const int sy = rr < 0 ? (memT ? rr : 0) : rr >= H ? (memB ? rr : H - 1) : rr;
+      extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR, level);
+      for (int p = 1; p < levels; ++p)
+        combine2(level + p * stride, level + (p - 1) * stride, 0, 1 << (p - 1), nIn, erode);
+      for (int li = 0; li < lengthCount; ++li) {
+        const int len = lengths[li], p = floorLog2(len);
+        combine2(ringRow(slot, li), level + p * stride, homes[li], homes[li] + len - (1 << p),
+                 nIn, erode);
+      }
+    };
+    for (int y = 0; y < H; ++y) {
+      if (y == 0) {
+        for (int k = 0; k < K; ++k) prepare(rFirst + k);
+      } else {
+        prepare(rFirst + y + K - 1);
+      }
+      for (int u = 0; u < runCount; ++u) terms[u] = ringRow((y + runs[u].row) % K, runs[u].lengthIndex);
+      reduce(acc, terms, shifts, runCount, nOut, erode);
+      storeRow(rowPtr(dst, dstStep, y), dstBitOffset, tx0, wt, acc);
+    }
+  }
+  return true;
+}
+
+long long bufferSize1u(int roiWidth, KvliSize maskSize) {
+  const long long w = roiWidth, mw = maskSize.width, mh = maskSize.height;
+  const long long a = roundUp(mw * mh, 16);
+  // The 8u one-channel terms: the row-run scratch and the rectangle filters' buffers.
+  const long long runs = (mh * mh + 1) * (w + 32) + 40 * mh + 40;
+  const long long rect = 2 * mh * (w + 32) + 32 * mh + 32;
+  const long long b = std::max(runs, rect) + roundUp(24 * mh, 16) + a + 16 * mh + 80;
+  return b > INT_MAX ? -1 : b;
+}
+
+long long specSize1u(KvliSize maskSize) {
+  const long long s =
+      3 * roundUp(static_cast<long long>(maskSize.width) * maskSize.height, 16) + 96;
+  return s > INT_MAX ? -1 : s;
+}
+
+namespace {
+
+KvlStatus getSize(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize) {
+  KVL_TRY(check::nonNull(pSpecSize, pBufferSize));
+  KVL_TRY(check::positive(roiWidth, maskSize.width, maskSize.height));
+  const long long spec = specSize1u(maskSize), buf = bufferSize1u(roiWidth, maskSize);
+  if (spec < 0 || buf < 0) return kvlStatusBadSize;
+  *pSpecSize = static_cast<int>(spec);
+  *pBufferSize = static_cast<int>(buf);
+  return kvlStatusOk;
+}
+
+// The state: the 96 bytes of fields, the mask copy right after them (A bytes), and for a
+// rectangle the analysis record after the copy. Fields are written through a local copy, so the
+// block needs no particular alignment.
+KvlStatus init(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec,
+               Kvl8u* pBuffer) {
+  KVL_TRY(check::nonNull(pMask, pSpec, pBuffer));
+  KVL_TRY(check::positive(roiWidth, maskSize.width, maskSize.height));
+  if (specSize1u(maskSize) < 0 || bufferSize1u(roiWidth, maskSize) < 0) return kvlStatusBadSize;
+  const int mw = maskSize.width, mh = maskSize.height;
+  const int ax = (mw - 1) >> 1, ay = (mh - 1) >> 1;
+  const long long area = static_cast<long long>(mw) * mh, a = roundUp(area, 16);
+
+  KvliMorphMaskInfo info{};
+  Kvl32s* arrays = alignUp(reinterpret_cast<Kvl32s*>(pBuffer), alignof(Kvl32s));
+  const int cls = ownCheckKernel(mw, mh, pMask, ax, ay, true, &info, arrays);
+
+  Kvl8u* block = reinterpret_cast<Kvl8u*>(pSpec);
+  Kvl8u* maskCopy = block + sizeof(KvliMorphState);
+  KvliMorphState st{};
+  st.pMask = maskCopy;
+  st.pSelectLow = nullptr;
+  st.pSelectHigh = nullptr;
+  st.pMaskInfo = nullptr;
+  st.maskWidth = mw;
+  st.maskHeight = mh;
+  st.dataType = 1;  // the bit images keep the 8u one-channel terms
+  st.channels = 1;
+  st.roiWidth = roiWidth;
+  st.minusOne = -1;
+  st.maskClass = cls;
+  if (cls == kvlMorphMaskEmpty) {
+    std::memset(maskCopy, 0, static_cast<size_t>(a));
+    st.pWork = maskCopy + a;
+    st.stateSize = static_cast<Kvl32s>(a + 96);
+  } else {
+    std::memcpy(maskCopy, pMask, static_cast<size_t>(area));
+    std::memset(maskCopy + area, 0, static_cast<size_t>(a - area));
+    st.anchorX = ax;
+    st.anchorY = ay;
+    st.rightExtent = mw - ax - 1;
+    st.bottomExtent = mh - ay - 1;
+    st.rowBufferLength = static_cast<Kvl32s>(roundUp(static_cast<long long>(roiWidth) + mw, 16));
+    st.stateSize = static_cast<Kvl32s>(3 * a + 96);
+    st.pWork = maskCopy + a;
+    if (cls == kvlMorphMaskRect) {
+      info.rowCount = 0;
+      info.lengthCount = 0;
+      std::memcpy(maskCopy + a, &info, sizeof info);
+      st.pMaskInfo = reinterpret_cast<KvliMorphMaskInfo*>(maskCopy + a);
+      st.pWork = maskCopy + a + sizeof info;
+    }
+  }
+  std::memcpy(block, &st, sizeof st);
+  return kvlStatusOk;
+}
+
+KvlStatus erodeDilate(const Kvl8u* pSrc, int srcStep, int srcBitOffset, Kvl8u* pDst, int dstStep,
+                      int dstBitOffset, KvliSize roi, int borderType, const KvliMorphState* pSpec,
+                      Kvl8u* pBuffer, bool erode) {
+  KVL_TRY(check::nonNull(pSrc, pDst, pSpec, pBuffer));
+  if (srcBitOffset < 0 || dstBitOffset < 0) return kvlStatusBadSize;
+  KVL_TRY(check::roi(roi));
+  const long long rowBytes = (static_cast<long long>(roi.width) + 7) >> 3;
+  if (srcStep < rowBytes || dstStep < rowBytes) return kvlStatusBadStep;
+  KVL_TRY(check::border(borderType, check::modeBit(kvlBorderRepl) | check::modeBit(kvlBorderInMem),
+                        kvlStatusBadBorderType));
+  if (pSrc == pDst) return kvlStatusInPlaceNotSupported;
+
+  KvliMorphState st;
+  std::memcpy(&st, pSpec, sizeof st);
+  if (st.maskClass == kvlMorphMaskEmpty) {
+    copyBits(pSrc, srcStep, srcBitOffset, pDst, dstStep, dstBitOffset, roi);
+    return kvlStatusOk;
+  }
+  const KvliSize maskSize{st.maskWidth, st.maskHeight};
+  const long long bytes = bufferSize1u(st.roiWidth, maskSize);
+  // The scalar target runs the plain model: the vector targets are checked against it.
+  if (simd::activeTarget() == simd::kRef ||
+      !morph1u(pSrc, srcStep, srcBitOffset, pDst, dstStep, dstBitOffset, roi, st.pMask,
+               st.maskWidth, st.maskHeight, st.anchorX, st.anchorY, borderType, erode, pBuffer,
+               bytes < 0 ? 0 : static_cast<std::size_t>(bytes))) {
+    ref::morph1u(pSrc, srcStep, srcBitOffset, pDst, dstStep, dstBitOffset, roi, st.pMask,
+                 st.maskWidth, st.maskHeight, st.anchorX, st.anchorY, borderType, erode);
+  }
+  return kvlStatusOk;
+}
+
+}  // namespace
+}  // namespace kvl::morph
+
+extern "C" KvlStatus impl_kvliMorphologyBorderGetSize_1u_C1R(int roiWidth, KvliSize maskSize,
+                                                             int* pSpecSize, int* pBufferSize) {
+  return kvl::morph::getSize(roiWidth, maskSize, pSpecSize, pBufferSize);
+}
+
+extern "C" KvlStatus impl_kvliMorphologyBorderInit_1u_C1R(int roiWidth, const Kvl8u* pMask,
+                                                          KvliSize maskSize, KvliMorphState* pSpec,
+                                                          Kvl8u* pBuffer) {
+  return kvl::morph::init(roiWidth, pMask, maskSize, pSpec, pBuffer);
+}
+
+#define KVL_MORPH_1U(Op, erode)                                                                 \
+  extern "C" KvlStatus impl_kvli##Op##Border_1u_C1R(                                            \
+      const Kvl8u* pSrc, int srcStep, int srcBitOffset, Kvl8u* pDst, int dstStep,               \
+      int dstBitOffset, KvliSize roiSize, int borderType, int borderValue,                      \
+      const KvliMorphState* pSpec, Kvl8u* pBuffer) {                                            \
+    (void)borderValue;                                                                          \
+    return kvl::morph::erodeDilate(pSrc, srcStep, srcBitOffset, pDst, dstStep, dstBitOffset,    \
+                                   roiSize, borderType, pSpec, pBuffer, erode);                 \
+  }
+KVL_MORPH_1U_MEMBERS(KVL_MORPH_1U)
+#undef KVL_MORPH_1U

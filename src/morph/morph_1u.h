@@ -1,0 +1,81 @@
+// Erosion and dilation of bit images (one bit per pixel): the member table, the word kernels and
+// the engine that runs them.
+//
+// A bit row is worked on as 64-bit words, pixel t of a row in bit t & 63 of word t >> 6. The
+// engine copies each source row it needs into words with its border bits, combines neighbours by
+// shifts with carries across words (runs of length L by doubling: AND of a row and itself shifted
+// by 1, 2, 4, ... pixels), and combines the rows a mask needs by plain word operations.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "core/simd.h"
+#include "kvlcv.h"
+
+namespace kvl::morph {
+
+// Members, kvli<Op>Border_1u_C1R: X(Op, erode).
+// clang-format off
+#define KVL_MORPH_1U_MEMBERS(X) \
+  X(Erode,  true)               \
+  X(Dilate, false)
+// clang-format on
+
+// Words of vector slack after every row the engine keeps: the kernels may write up to this many
+// words past a row's end and read this many past the shifts they are given.
+constexpr int kPadWords = 8;
+
+// Word t of a row shifted right by s pixels (s >= 0): bit b of the result is pixel b + s of the
+// row, taken across the word boundary.
+inline uint64_t shiftedWord(const uint64_t* row, std::ptrdiff_t t, int s) {
+  const int q = s >> 6, r = s & 63;
+  const uint64_t lo = row[t + q];
+  return r == 0 ? lo : (lo >> r) | (row[t + q + 1] << (64 - r));
+}
+
+// out[t] = (row shifted by a)[t] op (row shifted by b)[t] for t in [0, n): op is AND for erosion,
+// OR for dilation. May write up to kPadWords words past n and reads row up to
+// n + max(a, b) / 64 + 1 + kPadWords words.
+using Combine2Fn = void (*)(uint64_t* out, const uint64_t* row, int a, int b, int n, bool erode);
+
+// out[t] = op over i < count of (rows[i] shifted by shifts[i])[t], for t in [0, n); count >= 1.
+// May write up to kPadWords words past n.
+using ReduceFn = void (*)(uint64_t* out, const uint64_t* const* rows, const int* shifts,
+                          int count, int n, bool erode);
+
+extern const simd::Kernel<Combine2Fn> kCombine2;
+extern const simd::Kernel<ReduceFn> kReduce;
+
+namespace ref {
+void combine2(uint64_t* out, const uint64_t* row, int a, int b, int n, bool erode);
+void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int count, int n,
+            bool erode);
+
+// The plain model: each destination bit is the AND (erode) or OR of the source bits at the
+// mask's non-zero positions, read through the border rule (mode 1 with side flags, or 6); an
+// all-zero mask copies the ROI. Bits of the destination's bytes outside the ROI stay as they
+// are. No scratch memory.
+void morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int dstStep,
+             int dstBitOffset, KvliSize roi, const Kvl8u* mask, int maskWidth, int maskHeight,
+             int anchorX, int anchorY, int borderType, bool erode);
+}  // namespace ref
+
+// The word engine. The same result as ref::morph1u, using only buffer[0, bufferBytes) as scratch
+// (the ROI is cut into column strips when its rows do not fit at once). Returns false, writing
+// nothing, when not even a narrow strip fits; the caller then runs the plain model.
+bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int dstStep,
+             int dstBitOffset, KvliSize roi, const Kvl8u* mask, int maskWidth, int maskHeight,
+             int anchorX, int anchorY, int borderType, bool erode, Kvl8u* buffer,
+             std::size_t bufferBytes);
+
+// Copies the ROI's bits from source to destination, leaving the destination's other bits.
+void copyBits(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int dstStep,
+              int dstBitOffset, KvliSize roi);
+
+// Bytes of the work buffer and of the state for a state built for roiWidth pixels and a mask of
+// maskSize (the buffer takes the 8u one-channel terms); -1 when a size exceeds INT_MAX.
+long long bufferSize1u(int roiWidth, KvliSize maskSize);
+long long specSize1u(KvliSize maskSize);
+
+}  // namespace kvl::morph

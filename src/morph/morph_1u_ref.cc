@@ -1,0 +1,74 @@
+// Scalar reference of the bit-image morphology: the word kernels and the plain per-bit model.
+#include "core/check.h"
+#include "core/pixel.h"
+#include "morph/morph_1u.h"
+
+namespace kvl::morph::ref {
+
+void combine2(uint64_t* out, const uint64_t* row, int a, int b, int n, bool erode) {
+  for (int t = 0; t < n; ++t) {
+    const uint64_t u = shiftedWord(row, t, a), v = shiftedWord(row, t, b);
+    out[t] = erode ? (u & v) : (u | v);
+  }
+}
+
+void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int count, int n,
+            bool erode) {
+  for (int t = 0; t < n; ++t) {
+    uint64_t v = shiftedWord(rows[0], t, shifts[0]);
+    for (int i = 1; i < count; ++i) {
+      const uint64_t w = shiftedWord(rows[i], t, shifts[i]);
+      v = erode ? (v & w) : (v | w);
+    }
+    out[t] = v;
+  }
+}
+
+namespace {
+
+// Bit i (any integer, negative: memory before the row) of a row at byte p.
+inline int bitAt(const Kvl8u* p, long long i) { return (p[i >> 3] >> (i & 7)) & 1; }
+
+}  // namespace
+
+void morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int dstStep,
+             int dstBitOffset, KvliSize roi, const Kvl8u* mask, int maskWidth, int maskHeight,
+             int anchorX, int anchorY, int borderType, bool erode) {
+  const int bt = check::normalizeInMem(borderType);
+  bool any = false;
+  for (int k = 0; k < maskWidth * maskHeight; ++k) any = any || mask[k] != 0;
+  // A side reads memory when flagged, else repeats the ROI's edge pixel.
+  auto mapped = [](int i, int n, bool memLow, bool memHigh) {
+    if (i < 0 && !memLow) return 0;
+    if (i >= n && !memHigh) return n - 1;
+    return i;
+  };
+  for (int y = 0; y < roi.height; ++y) {
+    Kvl8u* drow = rowPtr(dst, dstStep, y);
+    for (int x = 0; x < roi.width; ++x) {
+      int v;
+      if (!any) {
+        v = bitAt(rowPtr(src, srcStep, y), static_cast<long long>(srcBitOffset) + x);
+      } else {
+        v = erode ? 1 : 0;
+        for (int j = 0; j < maskHeight; ++j) {
+          const int sy = mapped(y + j - anchorY, roi.height, bt & kvlBorderInMemTop,
+                                bt & kvlBorderInMemBottom);
+          const Kvl8u* srow = rowPtr(src, srcStep, sy);
+          for (int i = 0; i < maskWidth; ++i) {
+            if (mask[j * maskWidth + i] == 0) continue;
+            const int sx = mapped(x + i - anchorX, roi.width, bt & kvlBorderInMemLeft,
+                                  bt & kvlBorderInMemRight);
+            const int b = bitAt(srow, static_cast<long long>(srcBitOffset) + sx);
+            v = erode ? (v & b) : (v | b);
+          }
+        }
+      }
+      const long long at = static_cast<long long>(dstBitOffset) + x;
+      Kvl8u& byte = drow[at >> 3];
+      byte = static_cast<Kvl8u>((byte & ~(1u << (at & 7))) | (static_cast<unsigned>(v) << (at & 7)));
+    }
+  }
+}
+
+}  // namespace kvl::morph::ref

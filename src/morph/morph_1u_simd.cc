@@ -1,0 +1,89 @@
+// Vector word kernels of the bit-image morphology, one source for SSE4, AVX2 and AVX-512.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "morph/morph_1u_simd.cc"
+#include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/highway.h>
+
+#include "core/simd.h"
+#include "morph/morph_1u.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace kvl::morph {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+#if KVL_SIMD_TARGET
+
+using DW = hn::ScalableTag<uint64_t>;
+using VW = hn::Vec<DW>;
+
+// Words t .. t + N - 1 of a row shifted right by s pixels, with the carries across words.
+HWY_INLINE VW shifted(DW d, const uint64_t* row, size_t t, int s) {
+  const int q = s >> 6, r = s & 63;
+  const VW lo = hn::LoadU(d, row + t + q);
+  if (r == 0) return lo;
+  const VW hi = hn::LoadU(d, row + t + q + 1);
+  return hn::Or(hn::ShiftRightSame(lo, r), hn::ShiftLeftSame(hi, 64 - r));
+}
+
+template <bool kErode>
+HWY_INLINE VW op(VW a, VW b) {
+  return kErode ? hn::And(a, b) : hn::Or(a, b);
+}
+
+template <bool kErode>
+void combine2T(uint64_t* out, const uint64_t* row, int a, int b, int n) {
+  const DW d;
+  const size_t N = hn::Lanes(d);
+  if (a == b) {
+    for (size_t t = 0; t < static_cast<size_t>(n); t += N) hn::StoreU(shifted(d, row, t, a), d, out + t);
+    return;
+  }
+  for (size_t t = 0; t < static_cast<size_t>(n); t += N)
+    hn::StoreU(op<kErode>(shifted(d, row, t, a), shifted(d, row, t, b)), d, out + t);
+}
+
+void combine2(uint64_t* out, const uint64_t* row, int a, int b, int n, bool erode) {
+  erode ? combine2T<true>(out, row, a, b, n) : combine2T<false>(out, row, a, b, n);
+}
+
+// Two vectors per pass over the terms: each term's pointer and shift are read once for both.
+template <bool kErode>
+void reduceT(uint64_t* out, const uint64_t* const* rows, const int* shifts, int count, int n) {
+  const DW d;
+  const size_t N = hn::Lanes(d);
+  size_t t = 0;
+  for (; t + N < static_cast<size_t>(n); t += 2 * N) {
+    VW v0 = shifted(d, rows[0], t, shifts[0]);
+    VW v1 = shifted(d, rows[0], t + N, shifts[0]);
+    for (int i = 1; i < count; ++i) {
+      v0 = op<kErode>(v0, shifted(d, rows[i], t, shifts[i]));
+      v1 = op<kErode>(v1, shifted(d, rows[i], t + N, shifts[i]));
+    }
+    hn::StoreU(v0, d, out + t);
+    hn::StoreU(v1, d, out + t + N);
+  }
+  for (; t < static_cast<size_t>(n); t += N) {
+    VW v = shifted(d, rows[0], t, shifts[0]);
+    for (int i = 1; i < count; ++i) v = op<kErode>(v, shifted(d, rows[i], t, shifts[i]));
+    hn::StoreU(v, d, out + t);
+  }
+}
+
+void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int count, int n,
+            bool erode) {
+  erode ? reduceT<true>(out, rows, shifts, count, n) : reduceT<false>(out, rows, shifts, count, n);
+}
+
+#endif  // KVL_SIMD_TARGET
+}  // namespace HWY_NAMESPACE
+}  // namespace kvl::morph
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace kvl::morph {
+
+const simd::Kernel<Combine2Fn> kCombine2{KVL_TARGETS(combine2), &ref::combine2};
+const simd::Kernel<ReduceFn> kReduce{KVL_TARGETS(reduce), &ref::reduce};
+
+}  // namespace kvl::morph
+#endif  // HWY_ONCE

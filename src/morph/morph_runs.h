@@ -1,0 +1,165 @@
+// The run engine: erosion and dilation of an image by an arbitrary byte mask. Internal; the
+// morphology family calls it for its general and row-run paths of both interfaces.
+//
+// Design. Each mask row is cut into runs of non-zero elements. For every distinct run length L
+// the engine computes, once per source row, the horizontal running minimum (maximum) of width L
+// (from the source row extended by the border rule, by shifted pairwise minima that reuse the
+// previous shorter length), and keeps those rows in a ring inside the work buffer. An output row
+// is then the element-wise minimum of one ring row per run, each read at the run's column offset.
+// When the full-width ring does not fit into the buffer the ROI is processed in column tiles.
+//
+// Exactness: only comparisons, so every target gives the same bytes. 32f values are compared as
+// a total order in which -0 lies below +0 (erosion of {-0, +0} gives -0, dilation gives +0);
+// NaN gives an unspecified value.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#include "core/simd.h"
+#include "kvlcv.h"
+
+namespace kvl::morph {
+
+// Members of the engine: X(suffix, element type, channels).
+// clang-format off
+#define KVL_MORPH_RUNS_MEMBERS(X) \
+  X(8u_C1,  Kvl8u,  1)            \
+  X(8u_C3,  Kvl8u,  3)            \
+  X(8u_C4,  Kvl8u,  4)            \
+  X(16u_C1, Kvl16u, 1)            \
+  X(16s_C1, Kvl16s, 1)            \
+  X(32f_C1, Kvl32f, 1)            \
+  X(32f_C3, Kvl32f, 3)            \
+  X(32f_C4, Kvl32f, 4)
+// Element types of the kernels (channels are interleaved elements to them).
+#define KVL_MORPH_RUNS_TYPES(X) X(Kvl8u) X(Kvl16u) X(Kvl16s) X(Kvl32f)
+// clang-format on
+
+// Erosion (erode = true, minimum) or dilation (maximum) of the ROI by the non-zero elements of
+// the mask with the anchor (0 <= ax < W, 0 <= ay < H, may lie on a zero element), reading
+// outside the ROI by borderType: kvlBorderInMem (6), or kvlBorderRepl (1) plus any of the
+// in-memory side flags 16/32/64/128 (a flagged side reads memory, the others replicate).
+// Only the rows and columns that the mask's non-zero elements reach are read outside the ROI.
+// Uses only buffer[0, bufferBytes) as scratch (any alignment); returns false (writing nothing)
+// when that is too small for it, and the caller then runs the plain reference instead. The
+// source and destination must not overlap. The mask is never empty when it is called.
+//
+// Memory rule: with K distinct run lengths, rows jmin .. jmax of the mask holding runs, and
+// jminL the first row with a run of length L, the ring holds sum over L of (jmax - jminL + 1)
+// rows, plus one work row when some run is longer than 1. Each row holds (tile + Wb - 1) pixels
+// of kC elements (Wb: the width from the first run start to the last run end of the mask) of
+// the comparison type (8u: 1 byte, 16u/16s: 2, 32f: 4), rounded up to 16 bytes; the ring starts
+// at the buffer's first 16-byte boundary. The tile is the widest that fits, at most the ROI width, with
+// the ROI cut into equal tiles; false when not even a tile of one pixel fits, or when the mask
+// has more than kMaxRuns runs or kMaxLengths distinct lengths.
+template <class T, int kC>
+bool morphRuns(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, const Kvl8u* mask,
+               KvliSize maskSize, KvliPoint anchor, int borderType, bool erode, Kvl8u* buffer,
+               std::size_t bufferBytes);
+
+constexpr int kMaxRuns = 1024;
+constexpr int kMaxLengths = 256;
+
+// Bytes the engine needs for a tile of `tile` pixels from a 16-byte boundary on (the rule above);
+// 0 when the mask is beyond the limits. Tests and callers that size their own buffers use it.
+std::size_t morphRunsBytes(const Kvl8u* mask, KvliSize maskSize, int channels, int elementSize,
+                           int tile);
+
+// ---- Kernels. The ring holds comparison keys: the element itself for the integer types, and
+// for 32f the bits as a signed integer with the magnitude bits of negative values inverted, so
+// that integer order is the float order with -0 below +0. ----
+template <class T>
+using KeyOf = std::conditional_t<std::is_same_v<T, Kvl32f>, int32_t, T>;
+
+inline int32_t floatKey(int32_t bits) { return bits ^ ((bits >> 31) & 0x7fffffff); }
+
+template <class T>
+inline KeyOf<T> toKey(T v) {
+  if constexpr (std::is_same_v<T, Kvl32f>) {
+    int32_t b;
+    std::memcpy(&b, &v, 4);
+    return floatKey(b);
+  } else {
+    return v;
+  }
+}
+template <class T>
+inline T fromKey(KeyOf<T> k) {
+  if constexpr (std::is_same_v<T, Kvl32f>) {
+    const int32_t b = floatKey(k);
+    T v;
+    std::memcpy(&v, &b, 4);
+    return v;
+  } else {
+    return k;
+  }
+}
+template <class U, bool kMin>
+inline U pick(U a, U b) {
+  if constexpr (kMin) {
+    return b < a ? b : a;
+  } else {
+    return b > a ? b : a;
+  }
+}
+
+// out[i] = min (max) of a[i] and b[i], i < n; out may equal a when b lies after a (the pass
+// runs forward).
+template <class U>
+using PairRowFn = void (*)(const U* a, const U* b, U* out, int n);
+// out[i] = min (max) of rows[r][i] over r < count (and of out[i] itself when accumulate), back
+// from keys to T; out is the caller's image, at any address.
+template <class T>
+using CombineRowFn = void (*)(const KeyOf<T>* const* rows, int count, T* out, int n,
+                              bool accumulate);
+// out[i] = the key of in[i] (in: the caller's image, at any address).
+template <class T>
+using KeyRowFn = void (*)(const T* in, KeyOf<T>* out, int n);
+
+template <class T, bool kMin>
+struct RunKernels {
+  static const simd::Kernel<PairRowFn<KeyOf<T>>> pair;
+  static const simd::Kernel<CombineRowFn<T>> combine;
+  static const simd::Kernel<KeyRowFn<T>> keys;
+};
+
+namespace ref {
+template <class U, bool kMin>
+void pairRow(const U* a, const U* b, U* out, int n) {
+  for (int i = 0; i < n; ++i) out[i] = pick<U, kMin>(a[i], b[i]);
+}
+template <class T, bool kMin>
+void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accumulate) {
+  for (int i = 0; i < n; ++i) {
+    KeyOf<T> v;
+    std::memcpy(&v, &rows[0][i], sizeof v);
+    int r = 1;
+    if (accumulate) {
+      T o;
+      std::memcpy(&o, out + i, sizeof o);
+      v = pick<KeyOf<T>, kMin>(toKey<T>(o), v);
+    }
+    for (; r < count; ++r) v = pick<KeyOf<T>, kMin>(v, rows[r][i]);
+    const T o = fromKey<T>(v);
+    std::memcpy(out + i, &o, sizeof o);
+  }
+}
+template <class T>
+void keyRow(const T* in, KeyOf<T>* out, int n) {
+  for (int i = 0; i < n; ++i) {
+    T v;
+    std::memcpy(&v, in + i, sizeof v);
+    out[i] = toKey<T>(v);
+  }
+}
+}  // namespace ref
+
+#define KVL_MORPH_RUNS_EXTERN(T) \
+  extern template struct RunKernels<T, true>; extern template struct RunKernels<T, false>;
+KVL_MORPH_RUNS_TYPES(KVL_MORPH_RUNS_EXTERN)
+#undef KVL_MORPH_RUNS_EXTERN
+
+}  // namespace kvl::morph

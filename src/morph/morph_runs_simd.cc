@@ -1,0 +1,131 @@
+// Vector kernels of the run engine, one source for SSE4, AVX2 and AVX-512.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "morph/morph_runs_simd.cc"
+#include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/highway.h>
+
+#include "core/simd.h"
+#include "morph/morph_runs.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace kvl::morph {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+#if KVL_SIMD_TARGET
+
+template <bool kMin, class V>
+HWY_INLINE V pickV(V a, V b) {
+  if constexpr (kMin) {
+    return hn::Min(a, b);
+  } else {
+    return hn::Max(a, b);
+  }
+}
+
+// Float bits to keys and back (the same involution).
+template <class D, class V>
+HWY_INLINE V keyV(D d, V bits) {
+  return hn::Xor(bits, hn::And(hn::ShiftRight<31>(bits), hn::Set(d, 0x7fffffff)));
+}
+
+// One vector of a caller's row of T as keys, and back.
+template <class T, class D>
+HWY_INLINE hn::Vec<D> loadKeys(D d, const T* p) {
+  if constexpr (std::is_same_v<T, Kvl32f>) {
+    const hn::Rebind<float, D> df;
+    return keyV(d, hn::BitCast(d, hn::LoadU(df, p)));
+  } else {
+    return hn::LoadU(d, p);
+  }
+}
+template <class T, class D>
+HWY_INLINE void storeKeys(D d, hn::Vec<D> v, T* p) {
+  if constexpr (std::is_same_v<T, Kvl32f>) {
+    const hn::Rebind<float, D> df;
+    hn::StoreU(hn::BitCast(df, keyV(d, v)), df, p);
+  } else {
+    hn::StoreU(v, d, p);
+  }
+}
+
+template <class U, bool kMin>
+void pairRow(const U* a, const U* b, U* out, int n) {
+  const hn::ScalableTag<U> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  int i = 0;
+  // Loads of a step ahead of the stores, so out == a (b after a) stays correct.
+  for (; i + 2 * N <= n; i += 2 * N) {
+    const auto a0 = hn::LoadU(d, a + i), a1 = hn::LoadU(d, a + i + N);
+    const auto b0 = hn::LoadU(d, b + i), b1 = hn::LoadU(d, b + i + N);
+    hn::StoreU(pickV<kMin>(a0, b0), d, out + i);
+    hn::StoreU(pickV<kMin>(a1, b1), d, out + i + N);
+  }
+  for (; i + N <= n; i += N)
+    hn::StoreU(pickV<kMin>(hn::LoadU(d, a + i), hn::LoadU(d, b + i)), d, out + i);
+  ref::pairRow<U, kMin>(a + i, b + i, out + i, n - i);
+}
+
+template <class T, bool kMin>
+void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accumulate) {
+  using U = KeyOf<T>;
+  const hn::ScalableTag<U> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  int i = 0;
+  for (; i + 2 * N <= n; i += 2 * N) {
+    auto v0 = hn::LoadU(d, rows[0] + i), v1 = hn::LoadU(d, rows[0] + i + N);
+    if (accumulate) {
+      v0 = pickV<kMin>(v0, loadKeys<T>(d, out + i));
+      v1 = pickV<kMin>(v1, loadKeys<T>(d, out + i + N));
+    }
+    for (int r = 1; r < count; ++r) {
+      const U* p = rows[r] + i;
+      v0 = pickV<kMin>(v0, hn::LoadU(d, p));
+      v1 = pickV<kMin>(v1, hn::LoadU(d, p + N));
+    }
+    storeKeys<T>(d, v0, out + i);
+    storeKeys<T>(d, v1, out + i + N);
+  }
+  if (i < n) {
+    const U* tail[64];
+    for (int r = 0; r < count; ++r) tail[r] = rows[r] + i;
+    ref::combineRow<T, kMin>(tail, count, out + i, n - i, accumulate);
+  }
+}
+
+template <class T>
+void keyRow(const T* in, KeyOf<T>* out, int n) {
+  if constexpr (std::is_same_v<T, Kvl32f>) {
+    const hn::ScalableTag<int32_t> d;
+    const int N = static_cast<int>(hn::Lanes(d));
+    int i = 0;
+    for (; i + N <= n; i += N) hn::StoreU(loadKeys<T>(d, in + i), d, out + i);
+    ref::keyRow<T>(in + i, out + i, n - i);
+  } else {
+    std::memcpy(out, in, sizeof(T) * static_cast<std::size_t>(n));
+  }
+}
+
+#endif  // KVL_SIMD_TARGET
+}  // namespace HWY_NAMESPACE
+}  // namespace kvl::morph
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace kvl::morph {
+
+template <class T, bool kMin>
+const simd::Kernel<PairRowFn<KeyOf<T>>> RunKernels<T, kMin>::pair{
+    KVL_TARGETS(pairRow<KeyOf<T>, kMin>), &ref::pairRow<KeyOf<T>, kMin>};
+template <class T, bool kMin>
+const simd::Kernel<CombineRowFn<T>> RunKernels<T, kMin>::combine{
+    KVL_TARGETS(combineRow<T, kMin>), &ref::combineRow<T, kMin>};
+template <class T, bool kMin>
+const simd::Kernel<KeyRowFn<T>> RunKernels<T, kMin>::keys{KVL_TARGETS(keyRow<T>),
+                                                           &ref::keyRow<T>};
+
+#define KVL_INSTANTIATE(T) template struct RunKernels<T, true>; template struct RunKernels<T, false>;
+KVL_MORPH_RUNS_TYPES(KVL_INSTANTIATE)
+#undef KVL_INSTANTIATE
+
+}  // namespace kvl::morph
+#endif  // HWY_ONCE
