@@ -7,6 +7,7 @@
 
 #include "bench.h"
 #include "image_io.h"
+#include "lk_frames.h"
 #include "pyramid/flow_support.h"
 #include "pyramid/optical_flow_members.h"
 
@@ -35,8 +36,8 @@ const Frames& frames() {
     const std::vector<uint8_t> g = kvlcli::greySamples(p);
     r.w = p.width, r.h = p.height;
     r.a.assign(g.begin(), g.end());
-    r.b = test::shifted(r.a, r.w, r.h, kShiftX, kShiftY);
-    r.points = test::texturedPoints(r.a, r.w, r.h, kPoints, 6, 24, 7);
+    r.b = shifted(r.a, r.w, r.h, kShiftX, kShiftY);
+    r.points = texturedPoints(r.a, r.w, r.h, kPoints, 6, 24, 7);
     return r;
   }();
   return f;

@@ -15,6 +15,7 @@
 
 #include "image_io.h"
 #include "kvlcv.h"
+#include "lk_frames.h"
 #include "pyramid/flow_support.h"
 
 namespace {
@@ -61,7 +62,7 @@ int main() {
   const std::vector<uint8_t> g = kvlcli::greySamples(pic);
   const int w = pic.width, h = pic.height;
   const std::vector<float> a(g.begin(), g.end());
-  const std::vector<KvliPoint32f> pts = kvl::test::texturedPoints(a, w, h, 1000, 6, 24, 7);
+  const std::vector<KvliPoint32f> pts = kvl::bench::texturedPoints(a, w, h, 1000, 6, 24, 7);
   std::vector<cv::Point2f> cvPts;
   for (const KvliPoint32f& p : pts) cvPts.push_back({p.x, p.y});
   KvliOptFlowPyrLKState* st = nullptr;
@@ -76,7 +77,7 @@ int main() {
               "median diff", "worst diff", "kvl mean err", "peer mean err");
   std::vector<double> all;
   for (const auto& [sx, sy] : {std::pair{0.3, -0.7}, {2.3, -1.7}, {-6.4, 4.1}, {11.25, 7.5}}) {
-    const cv::Mat next = to8u(kvl::test::shifted(a, w, h, sx, sy), w, h);
+    const cv::Mat next = to8u(kvl::bench::shifted(a, w, h, sx, sy), w, h);
     std::vector<cv::Mat> nextPyr;
     cv::buildOpticalFlowPyramid(next, nextPyr, cv::Size(kWin, kWin), kMaxLev, false);
     Record nextRec(nextPyr);

@@ -235,9 +235,7 @@ TEST(FramedCopy, ValidationOrder) {
     EXPECT_EQ(kvliCopyConstBorder_8u_C1R(s, c.srcStep, c.src, dst.roi(), c.dstStep, c.dst, c.top,
                                          c.left, 5),
               c.want);
-    if (c.want != kvlStatusOk) {
-      EXPECT_TRUE(dst.unchanged());
-    }
+    EXPECT_TRUE(c.want == kvlStatusOk || dst.unchanged());
   }
 }
 

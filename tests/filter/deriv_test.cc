@@ -1,4 +1,5 @@
-// Derivative filters with border over their member table: reference, validation, sizes, threads.
+// Derivative filters with border over their member table: threads, validation, sizes, golden
+// cases, large-image kernel paths (every target against the scalar ones: fuzz/filter_deriv.cc).
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -67,16 +68,12 @@ std::vector<D> filterOnce(const dv::Member& m, const Image<S>& src, int mask, in
   return dst.pixels();
 }
 
-// ---- Every target against the scalar reference: the fuzz target (fuzz/filter_deriv.cc), whose
-// replay in every build sweeps the members, awkward sizes, steps and border types. ----
-class DerivAgainstReference : public ::testing::TestWithParam<dv::Member> {};
-
-// Threaded stripes give the serial bytes (wrap included: the stripes read across their edges).
-TEST_P(DerivAgainstReference, ThreadsGiveTheSerialBytes) {
-  const dv::Member& m = GetParam();
-  if (general(m)) GTEST_SKIP() << "the general members run on the calling thread";
+// Threaded stripes give the serial bytes (wrap included: the stripes read across their edges);
+// the general members run on the calling thread.
+TEST(DerivThreads, StripesGiveTheSerialBytes) {
   if (kvlGetNumCoresOnDie() < 2) GTEST_SKIP() << "one core: the rule never splits";
-  withTypes(m, [&]<class S, class D>() {
+  for (const dv::Member& m : members()) withTypes(m, [&]<class S, class D>() {
+    if (general(m)) return;
     const int w = 300, h = 300;
     Image<S> src(w, h, 3, 5);
     src.fillRandom(6);
@@ -85,9 +82,7 @@ TEST_P(DerivAgainstReference, ThreadsGiveTheSerialBytes) {
       std::vector<D> serial;
       for (int threads : {1, 2, 3}) {
         kvl::test::ThreadScope scope(threads);
-        if (threads > 1) {
-          ASSERT_GT(kvl::par::teamBorderFilter({w, h}), 1) << "no split";
-        }
+        ASSERT_TRUE(threads == 1 || kvl::par::teamBorderFilter({w, h}) > 1) << "no split";
         const std::vector<D> got = filterOnce<S, D>(m, src, mask, bt, 9.f, 3);
         if (threads == 1) serial = got;
         ASSERT_TRUE(kvl::test::sameBytes(got, serial, w))
@@ -96,9 +91,6 @@ TEST_P(DerivAgainstReference, ThreadsGiveTheSerialBytes) {
     }
   });
 }
-
-INSTANTIATE_TEST_SUITE_P(Members, DerivAgainstReference, ::testing::ValuesIn(members()),
-                         [](const auto& info) { return nameOf(info.param); });
 
 // ---- Validation: each row mutates one good call; failures leave the destination alone. ----
 struct Call {
@@ -117,8 +109,8 @@ struct ValidationCase {
 };
 #define MUT(...) [](Call& c) { (void)c; __VA_ARGS__; }
 
-const std::vector<ValidationCase>& validationCases() {
-  static const std::vector<ValidationCase> cases = {
+TEST(DerivValidation, FirstFailingCheckAndNothingWritten) {
+  const ValidationCase cases[] = {
       {"SobelHoriz_8u8s",
        {{"good", MUT(), kvlStatusOk},
         {"null source and empty ROI", MUT(c.nullSrc = true, c.roi.width = 0), kvlStatusNullPointer},
@@ -179,17 +171,9 @@ const std::vector<ValidationCase>& validationCases() {
         {"source step below the row", MUT(c.ss = 4), kvlStatusOk},
         {"mode 5", MUT(c.bt = 5), kvlStatusBadArgument}}},
   };
-  return cases;
-}
-
-void PrintTo(const ValidationCase& c, std::ostream* os) { *os << c.member; }
-
-class DerivValidation : public ::testing::TestWithParam<ValidationCase> {};
-
-TEST_P(DerivValidation, FirstFailingCheckAndNothingWritten) {
-  const dv::Member& m = member(GetParam().member);
-  withTypes(m, [&]<class S, class D>() {
-    for (const Mutation& row : GetParam().rows) {
+  for (const ValidationCase& vc : cases) withTypes(member(vc.member), [&]<class S, class D>() {
+    const dv::Member& m = member(vc.member);
+    for (const Mutation& row : vc.rows) {
       Image<S> src(9, 6, 3, 3);  // flagged sides read the margin
       Image<D> dst(9, 6, 0, 4);
       Call c{{9, 6}, src.step(), dst.step(), 33, 1, 2, false, false};
@@ -198,21 +182,23 @@ TEST_P(DerivValidation, FirstFailingCheckAndNothingWritten) {
       const KvlStatus st = m.run(c.nullSrc ? nullptr : src.roi(), c.ss, dst.roi(), c.ds, c.roi,
                                  c.mask, c.bt, 1.f, c.dv, c.nullBuf ? nullptr : buf->data());
       EXPECT_EQ(st, row.want) << nameOf(m) << ": " << row.what;
-      if (st != kvlStatusOk) {
-        EXPECT_TRUE(dst.unchanged()) << nameOf(m) << ": " << row.what;
-      }
+      EXPECT_TRUE(st == kvlStatusOk || dst.unchanged()) << nameOf(m) << ": " << row.what;
     }
   });
 }
 
-INSTANTIATE_TEST_SUITE_P(Orders, DerivValidation, ::testing::ValuesIn(validationCases()),
-                         [](const auto& info) { return std::string(info.param.member); });
-
 // ---- Buffer sizes: T x (A + R + C + 32) bytes at T permitted threads, A the filter's own rows,
 // R and C the 8u16s or 32f row-pass and 16s or 32f column-pass pipeline sizes at T; the general
-// members' sizes do not depend on T. ----
-TEST(DerivBufferSize, PerThreadWithThePipelineSizes) {
-  for (const dv::Member& m : members())
+// members' sizes do not depend on T. Null pointer, then size, then mask code. ----
+TEST(DerivBufferSize, PerThreadWithThePipelineSizesAfterValidation) {
+  for (const dv::Member& m : members()) {
+    int size = 7;
+    EXPECT_EQ(m.size({0, 0}, 35, nullptr), kvlStatusNullPointer) << nameOf(m);
+    EXPECT_EQ(m.size({1, 0}, 35, &size), kvlStatusBadSize) << nameOf(m);
+    EXPECT_EQ(m.size({0, 1}, 33, &size), kvlStatusBadSize) << nameOf(m);
+    EXPECT_EQ(m.size({4, 4}, 35, &size),
+              m.args == dv::Args::NoMask ? kvlStatusOk : kvlStatusBadMaskSize)
+        << nameOf(m);
     for (int mask : {33, 55}) {
       const int K = mask == 55 && m.args != dv::Args::NoMask ? 5 : 3;
       const bool f32 = m.out == dv::Out::k32f;
@@ -230,17 +216,6 @@ TEST(DerivBufferSize, PerThreadWithThePipelineSizes) {
         EXPECT_EQ(rest(t), general(m) ? rest(1) : t * rest(1))
             << nameOf(m) << " mask " << mask << " threads " << t;
     }
-}
-
-TEST(DerivBufferSize, ValidationOrder) {
-  for (const dv::Member& m : members()) {
-    int size = 7;
-    EXPECT_EQ(m.size({0, 0}, 35, nullptr), kvlStatusNullPointer) << nameOf(m);
-    EXPECT_EQ(m.size({1, 0}, 35, &size), kvlStatusBadSize) << nameOf(m);
-    EXPECT_EQ(m.size({0, 1}, 33, &size), kvlStatusBadSize) << nameOf(m);
-    EXPECT_EQ(m.size({4, 4}, 35, &size),
-              m.args == dv::Args::NoMask ? kvlStatusOk : kvlStatusBadMaskSize)
-        << nameOf(m);
   }
 }
 
@@ -370,17 +345,14 @@ void kernelMatchesReference(dv::KernelKey key, int w, int h, int offset, long lo
   });
 }
 
-// Streaming stores (chosen for outputs beyond the caches), from any alignment of the destination.
-TEST(DerivKernels, StreamingStoresMatchTheReference) {
+// Streaming stores (chosen for outputs beyond the caches) from any alignment of the destination;
+// a work buffer too small for a whole row splits it into column tiles, taken band by band down
+// the image (bands of 256 KiB of source rows: three for 300 x 1800 8u), prefetching ahead.
+TEST(DerivKernels, StreamingTilesAndBandsMatchTheReference) {
   for (dv::KernelKey key : {dv::KernelKey{dv::Kind::kSobelCross, 5, dv::Out::k32f},
                             dv::KernelKey{dv::Kind::kLaplacian, 3, dv::Out::k16s}})
     for (int offset : {0, 4, 12, 128})
       for (int w : {67, 130}) kernelMatchesReference(key, w, 4, offset, 1 << 16, true, 0);
-}
-
-// A work buffer too small for a whole row splits it into column tiles, taken band by band down
-// the image (bands of 256 KiB of source rows: three for 300 x 1800 8u), prefetching ahead.
-TEST(DerivKernels, TilesAndBandsMatchTheReference) {
   const std::pair<dv::KernelKey, int> kernels[] = {  // ring bytes per column: pairs x K x work
       {{dv::Kind::kScharrVert, 3, dv::Out::k16s}, 6},
       {{dv::Kind::kLaplacian, 5, dv::Out::k8s}, 20},

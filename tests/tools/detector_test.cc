@@ -62,7 +62,6 @@ struct Broken {
   const char* expect;  // part of the error line
 };
 
-
 class CascadeBroken : public ::testing::TestWithParam<Broken> {};
 
 TEST_P(CascadeBroken, IsRefusedWithOneLine) {
@@ -136,6 +135,7 @@ TEST(CascadeLoader, RefusesEveryTruncation) {
   for (size_t n = 0; n < end; ++n) EXPECT_THROW(parseCascade(kValid.data(), n), CascadeError) << n;
 }
 
+// A file that is no cascade (missing, a folder, an endless device) is named in the error.
 TEST(CascadeLoader, FilesThatAreNoCascade) {
   for (const char* path : {"/nonexistent/c.xml", "/tmp", "/dev/zero"}) {
     try {
@@ -145,7 +145,6 @@ TEST(CascadeLoader, FilesThatAreNoCascade) {
       EXPECT_EQ(std::string(e.what()).rfind(std::string("cascade '") + path + "': ", 0), 0u) << e.what();
     }
   }
-  EXPECT_NO_THROW(loadCascade(KVL_SOURCE_DIR "/data/cascades/frontalface_default.xml"));
 }
 
 // Rows of a tilted rectangle, hand-drawn: (4, 0, 3, 2) hangs from the corner above pixel 3.
@@ -154,12 +153,9 @@ TEST(TiltedRows, CoverTheRotatedRectangle) {
   tiltedRows({4, 0, 3, 2, 1.f}, &rows);
   const int expect[][2] = {{3, 3}, {2, 4}, {2, 5}, {3, 5}, {4, 4}};
   ASSERT_EQ(rows.size(), 5u);
-  for (int k = 0; k < 5; ++k) {
-    EXPECT_EQ(rows[k].y, k);
-    EXPECT_EQ(rows[k].height, 1);
-    EXPECT_EQ(rows[k].x, expect[k][0]) << k;
-    EXPECT_EQ(rows[k].x + rows[k].width - 1, expect[k][1]) << k;
-  }
+  for (int k = 0; k < 5; ++k)
+    EXPECT_TRUE(rows[k].y == k && rows[k].height == 1 && rows[k].x == expect[k][0] &&
+                rows[k].x + rows[k].width - 1 == expect[k][1]) << k;
   for (int w = 1; w < 7; ++w)
     for (int h = 1; h < 7; ++h) {
       rows.clear();
@@ -196,12 +192,9 @@ TEST(Resize, KeepsSizeAndLevels) {
   resizeBilinear(flat.data(), 37, 37, 23, small.data(), 11, 11, 5);
   EXPECT_TRUE(std::all_of(small.begin(), small.end(), [](uint8_t v) { return v == 201; }));
   const uint8_t two[2] = {0, 255};  // halfway between the samples of a 2x1 image made 4x1
-  uint8_t four[4];
-  resizeBilinear(two, 2, 2, 1, four, 4, 4, 1);
-  EXPECT_EQ(four[0], 0);
-  EXPECT_EQ(four[1], 64);
-  EXPECT_EQ(four[2], 191);
-  EXPECT_EQ(four[3], 255);
+  std::vector<uint8_t> four(4);
+  resizeBilinear(two, 2, 2, 1, four.data(), 4, 4, 1);
+  EXPECT_EQ(four, (std::vector<uint8_t>{0, 64, 191, 255}));
 }
 
 struct GroupCase {
@@ -235,38 +228,24 @@ INSTANTIATE_TEST_SUITE_P(
       return n;
     });
 
-class Astronaut : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    kvlcli::Picture p;
-    ASSERT_EQ(kvlcli::readImage(KVL_SOURCE_DIR "/data/astronaut.png", &p), "");
-    w_ = p.width, h_ = p.height;
-    grey_ = kvlcli::greySamples(p);
-  }
-  static inline std::vector<uint8_t> grey_;
-  static inline int w_ = 0, h_ = 0;
-};
-
-double iou(const Box& a, const Box& b) {
-  const int ix = std::max(0, std::min(a.x + a.width, b.x + b.width) - std::max(a.x, b.x));
-  const int iy = std::max(0, std::min(a.y + a.height, b.y + b.height) - std::max(a.y, b.y));
-  const double inter = static_cast<double>(ix) * iy;
-  return inter / (a.width * a.height + b.width * b.height - inter);
-}
-
-// One face, where the peer's detector with the same cascade and settings puts it (176, 66, 95).
-TEST_F(Astronaut, FindsTheFaceWithAnyThreadCount) {
+// One face on the sample photograph, where the peer's detector with the same cascade and settings
+// puts it, and the same hits with any thread count.
+TEST(Detector, FindsTheFaceWithAnyThreadCount) {
+  kvlcli::Picture photo;
+  ASSERT_EQ(kvlcli::readImage(KVL_SOURCE_DIR "/data/astronaut.png", &photo), "");
+  const std::vector<uint8_t> grey = kvlcli::greySamples(photo);
   const Detector d(loadCascade(KVL_SOURCE_DIR "/data/cascades/frontalface_default.xml"));
   DetectParams p;
   p.threads = 1;
-  const std::vector<Box> one = d.hits(grey_.data(), w_, w_, h_, p);
+  const std::vector<Box> one = d.hits(grey.data(), photo.width, photo.width, photo.height, p);
   const std::vector<Box> faces = groupBoxes(one, p.minNeighbors);
   ASSERT_EQ(faces.size(), 1u);
-  EXPECT_GT(iou(faces[0], {176, 66, 95, 95, 0}), 0.9) << faces[0].x << " " << faces[0].y << " " << faces[0].width;
+  EXPECT_TRUE(faces[0].x == 176 && faces[0].y == 66 && faces[0].width == 96 && faces[0].height == 96)
+      << faces[0].x << " " << faces[0].y << " " << faces[0].width;
   EXPECT_GE(faces[0].neighbors, 20);
   for (int t : {2, 3}) {
     p.threads = t;
-    EXPECT_EQ(d.hits(grey_.data(), w_, w_, h_, p), one) << t << " threads";
+    EXPECT_EQ(d.hits(grey.data(), photo.width, photo.width, photo.height, p), one) << t << " threads";
   }
 }
 
