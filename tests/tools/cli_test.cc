@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -296,6 +297,11 @@ TEST_F(Cli, ErrorsAreOneActionableLine) {
       {"track --points $T/binary.txt $G $G $T/o.png", "binary.txt: line 1: not text", 1},
       {"track --points $T/zero.png $G $G $T/o.png", "zero.png: larger than 64 MiB", 1},
       {"pyrup --levels 9 $G $T/o.png", "--levels: 9 is outside 1..8", 1},
+      {"erode --size 3y3 $G $T/o.png", "--size: '3y3' is not a size WxH within 1x1..255x255", 1},
+      {"dilate --size 256x1 $G $T/o.png", "--size: '256x1' is not a size WxH", 1},
+      {"open --shape $T/rgb.png --size 3 $G $T/o.png", "--size cannot be combined with a mask file", 1},
+      {"close --shape $T/missing.png $G $T/o.png", "missing.png", 1},
+      {"gradient --iterations 0 $G $T/o.png", "--iterations: 0 is outside 1..1000", 1},
       {"pyrdown --levels 0 $G $T/o.png", "--levels: 0 is outside 1..30", 1},
       {"", "usage:", 2},
   };
@@ -325,6 +331,83 @@ TEST_F(Cli, HelpVersionAndDemo) {
   EXPECT_TRUE(canny.width == 512 && level4.width == 32 && level4.channels == 3 && up.width == 1024);
   EXPECT_NE(demo.output.find("x=176 y=66 width=96"), std::string::npos) << demo.output;
   EXPECT_NE(demo.output.find("64.0000 64.0000 -> 70.4"), std::string::npos) << demo.output;
+  const Picture coins = read("demo-out/coins-clean.png"), horse = read("demo-out/horse-outline.png");
+  EXPECT_TRUE(coins.width == 384 && coins.height == 303 && horse.width == 400 && horse.height == 328);
+  const auto outline = std::count(horse.data.begin(), horse.data.end(), 255) * 100 / horse.data.size();
+  EXPECT_TRUE(outline >= 1 && outline <= 5) << outline << "%: the outline is a thin line";
+}
+
+// The morphology operations against a plain model of the minimum and maximum under the element
+// (edges repeated), on grey, RGB and 16-bit images, by a rectangle, a cross, an ellipse and a
+// mask file, with iterations; --binary on the thresholded grey image.
+TEST_F(Cli, MorphologyMatchesAPlainModel) {
+  Picture cross;  // a 3x2 mask file: the element {(1,0), (0,1), (2,1)}
+  cross.allocate(3, 2, 1, 8);
+  cross.data = {0, 9, 0, 1, 0, 255};
+  ASSERT_EQ(kvlcli::writeImage(path("mask.png"), cross), "");
+  struct Element {
+    std::string args;
+    int w, h;
+    std::vector<int> on;
+  };
+  const Element elements[] = {
+      {"--size 3x3", 3, 3, {1, 1, 1, 1, 1, 1, 1, 1, 1}},
+      {"--shape cross --size 3x5", 3, 5, {0, 1, 0, 0, 1, 0, 1, 1, 1, 0, 1, 0, 0, 1, 0}},
+      {"--shape ellipse --size 5x3", 5, 3, {0, 1, 1, 1, 0, 1, 1, 1, 1, 1, 0, 1, 1, 1, 0}},
+      {"--shape " + path("mask.png"), 3, 2, {0, 1, 0, 1, 0, 1}},
+  };
+  // One erosion (max = false) or dilation of p, every channel.
+  auto step = [](const Picture& p, const Element& e, bool max) {
+    Picture o = p;
+    const int ax = (e.w - 1) / 2, ay = (e.h - 1) / 2;
+    for (int y = 0; y < p.height; ++y)
+      for (int i = 0; i < p.width * p.channels; ++i) {
+        const int x = i / p.channels, c = i % p.channels;
+        int best = max ? -1 : 1 << 30;
+        for (int j = 0; j < e.h; ++j)
+          for (int k = 0; k < e.w; ++k)
+            if (e.on[j * e.w + k]) {
+              const int sy = std::clamp(y + j - ay, 0, p.height - 1);
+              const int sx = std::clamp(x + k - ax, 0, p.width - 1);
+              const int v = p.sample(sy, sx * p.channels + c);
+              best = max ? std::max(best, v) : std::min(best, v);
+            }
+        if (p.depth == 8) o.row(y)[i] = static_cast<uint8_t>(best);
+        else reinterpret_cast<uint16_t*>(o.row(y))[i] = static_cast<uint16_t>(best);
+      }
+    return o;
+  };
+  auto model = [&](const std::string& op, Picture p, const Element& e, int n) {
+    auto times = [&](Picture q, bool max) {
+      for (int k = 0; k < n; ++k) q = step(q, e, max);
+      return q;
+    };
+    if (op == "erode" || op == "dilate") return times(p, op == "dilate");
+    if (op == "open" || op == "close") return times(times(p, op == "close"), op == "open");
+    Picture d = times(p, true), r = times(p, false);
+    for (int y = 0; y < p.height; ++y)
+      for (int i = 0; i < p.width * p.channels; ++i) {
+        if (p.depth == 8) d.row(y)[i] = static_cast<uint8_t>(d.row(y)[i] - r.row(y)[i]);
+        else reinterpret_cast<uint16_t*>(d.row(y))[i] -= reinterpret_cast<uint16_t*>(r.row(y))[i];
+      }
+    return d;
+  };
+  const std::pair<const char*, const Picture*> inputs[] = {
+      {"grey.png", &grey_}, {"rgb.png", &rgb_}, {"deep.png", &deep_}};
+  for (const char* op : {"erode", "dilate", "open", "close", "gradient"})
+    for (const Element& e : elements)
+      for (const auto& [file, pic] : inputs) {
+        const int n = e.w == 3 && e.h == 3 ? 2 : 1;
+        const std::string args = std::string(op) + " " + e.args + " --iterations " +
+                                 std::to_string(n) + " " + path(file) + " " + path("m.png");
+        ASSERT_EQ(run(args).exitCode, 0) << args;
+        EXPECT_EQ(read("m.png").data, model(op, *pic, e, n).data) << args;
+      }
+  // --binary: the grey image thresholded at 100, eroded by the cross; set pixels are 255.
+  ASSERT_EQ(run("erode --binary --threshold 100 --shape cross " + path("grey.png") + " " + path("b.png")).exitCode, 0);
+  Picture bits = grey_;
+  for (uint8_t& v : bits.data) v = v >= 100 ? 255 : 0;
+  EXPECT_EQ(read("b.png").data, step(bits, {"", 3, 3, {0, 1, 0, 1, 1, 1, 0, 1, 0}}, false).data);
 }
 
 // The face of the sample photograph, as JSON and as lines, drawn on an RGB copy.
