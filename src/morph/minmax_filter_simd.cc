@@ -20,12 +20,14 @@
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "morph/minmax_filter_simd.cc"
 #include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/cache_control.h>
 #include <hwy/highway.h>
 
 #include <algorithm>
 #include <utility>
 
 #include "core/pixel.h"
+#include "core/services.h"
 #include "core/simd.h"
 #include "morph/minmax_filter.h"
 
@@ -62,6 +64,27 @@ HWY_INLINE void store(D d, hn::Vec<D> v, P* p) {
     hn::StoreU(v, d, p);
   }
 }
+// store(), as a cache-bypassing store when `stream` is set and p is aligned to the vector.
+template <class D, class P>
+HWY_INLINE void put(D d, hn::Vec<D> v, P* p, bool stream) {
+  if (stream && reinterpret_cast<uintptr_t>(p) % (hn::Lanes(d) * sizeof(hn::TFromD<D>)) == 0) {
+    if constexpr (std::is_same_v<P, Kvl32f>) {
+      const hn::RebindToUnsigned<D> du;
+      v = hn::Xor(v, hn::BitCast(d, hn::ShiftRight<1>(hn::BitCast(du, hn::BroadcastSignBit(v)))));
+      hn::Stream(v, d, reinterpret_cast<int32_t*>(p));
+    } else {
+      hn::Stream(v, d, p);
+    }
+  } else {
+    store(d, v, p);
+  }
+}
+// Elements before out reaches a vector boundary when its stores stream (else 0).
+template <class D, class P>
+HWY_INLINE int streamHead(D d, const P* out, bool stream, int n) {
+  return stream ? alignedHead(out, static_cast<int>(hn::Lanes(d) * sizeof(hn::TFromD<D>)), n) : 0;
+}
+
 // One key at p (a caller's element or a key of the work rows), and its store.
 template <class K, class P>
 HWY_INLINE K loadOne(const P* p) {
@@ -89,10 +112,31 @@ HWY_INLINE V pick(V a, V b) {
   }
 }
 
+// out[j] for j in [j0, j1) reduces s[j], s[j + kC], ..., s[j + (kW - 1) kC].
+template <bool kMax, int kC, int kW, class K, class In, class Out>
+void direct(const In* s, Out* out, int j0, int j1, bool stream) {
+  static_assert(kW <= kDirectWidth);
+  const hn::ScalableTag<K> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  auto one = [&](int j) KVL_INLINE_LAMBDA {
+    K v = loadOne<K>(s + j);
+    for (int i = 1; i < kW; ++i) v = better<kMax>(v, loadOne<K>(s + j + i * kC));
+    storeOne(out + j, v);
+  };
+  int j = j0;
+  for (const int head = j0 + streamHead(d, out + j0, stream, j1 - j0); j < head; ++j) one(j);
+  for (; j + N <= j1; j += N) {
+    auto v = load(d, s + j);
+    for (int i = 1; i < kW; ++i) v = pick<kMax>(v, load(d, s + j + i * kC));
+    put(d, v, out + j, stream);
+  }
+  for (; j < j1; ++j) one(j);
+}
+
 // Horizontal pass of one row of w pixels of kC channels: out[x] reduces in[x - left .. x +
 // right] (clamped to the row). `scratch` holds w*kC keys for the doubling windows.
 template <bool kMax, int kC, class K, class In, class Out>
-void rowPass(const In* in, Out* out, int w, int left, int right, K* scratch) {
+void rowPass(const In* in, Out* out, int w, int left, int right, K* scratch, bool stream) {
   const hn::ScalableTag<K> d;
   const int N = static_cast<int>(hn::Lanes(d));
   const int n = w * kC;
@@ -102,17 +146,13 @@ void rowPass(const In* in, Out* out, int w, int left, int right, K* scratch) {
   const int j0 = x0 * kC, j1 = x1 * kC;
   if (j1 > j0) {
     if (width <= kDirectWidth) {
-      const In* s = in - left * kC;
-      int j = j0;
-      for (; j + N <= j1; j += N) {
-        auto v = load(d, s + j);
-        for (int i = 1; i < width; ++i) v = pick<kMax>(v, load(d, s + j + i * kC));
-        store(d, v, out + j);
-      }
-      for (; j < j1; ++j) {
-        K v = loadOne<K>(s + j);
-        for (int i = 1; i < width; ++i) v = better<kMax>(v, loadOne<K>(s + j + i * kC));
-        storeOne(out + j, v);
+      const In* from = in - left * kC;
+      switch (width) {
+        case 1: direct<kMax, kC, 1, K>(from, out, j0, j1, stream); break;
+        case 2: direct<kMax, kC, 2, K>(from, out, j0, j1, stream); break;
+        case 3: direct<kMax, kC, 3, K>(from, out, j0, j1, stream); break;
+        case 4: direct<kMax, kC, 4, K>(from, out, j0, j1, stream); break;
+        default: direct<kMax, kC, 5, K>(from, out, j0, j1, stream); break;
       }
     } else {
       // scratch[j] reduces pixels j/kC .. j/kC + span - 1 (same channel), valid for j < valid.
@@ -134,7 +174,10 @@ void rowPass(const In* in, Out* out, int w, int left, int right, K* scratch) {
       const K* a = scratch - left * kC;
       const K* b = a + (width - span) * kC;
       int j = j0;
-      for (; j + N <= j1; j += N) store(d, pick<kMax>(hn::LoadU(d, a + j), hn::LoadU(d, b + j)), out + j);
+      for (const int head = j0 + streamHead(d, out + j0, stream, j1 - j0); j < head; ++j)
+        storeOne(out + j, better<kMax>(a[j], b[j]));
+      for (; j + N <= j1; j += N)
+        put(d, pick<kMax>(hn::LoadU(d, a + j), hn::LoadU(d, b + j)), out + j, stream);
       for (; j < j1; ++j) storeOne(out + j, better<kMax>(a[j], b[j]));
     }
   }
@@ -157,60 +200,81 @@ void rowPass(const In* in, Out* out, int w, int left, int right, K* scratch) {
   }
 }
 
-// Vertical reduction of `count` key rows (count >= 1) into the shared row m... written straight
-// to out0 combined with `first`, and to out1 combined with `last` when out1 is not null.
-template <bool kMax, class K, class Out>
-void columnPass(const K* const* rows, int count, const K* first, Out* out0, const K* last,
-                Out* out1, int n) {
+// Vertical reduction of kCount key rows (the rows two outputs share), written to out0 combined
+// with `first` and, when out1 is not null, to out1 combined with `last`.
+template <bool kMax, int kCount, class K, class Out>
+void columnPass(const K* const* rows, const K* first, Out* out0, const K* last, Out* out1, int n,
+                bool stream) {
   const hn::ScalableTag<K> d;
   const int N = static_cast<int>(hn::Lanes(d));
-  int j = 0;
+  const K* r[kCount];
+  for (int i = 0; i < kCount; ++i) r[i] = rows[i];
+  auto one = [&](int j) KVL_INLINE_LAMBDA {
+    K m = r[0][j];
+    for (int i = 1; i < kCount; ++i) m = better<kMax>(m, r[i][j]);
+    storeOne(out0 + j, better<kMax>(m, first[j]));
+    if (out1 != nullptr) storeOne(out1 + j, better<kMax>(m, last[j]));
+  };
   auto shared = [&](int at) KVL_INLINE_LAMBDA {
-    auto m = hn::LoadU(d, rows[0] + at);
-    for (int i = 1; i < count; ++i) m = pick<kMax>(m, hn::LoadU(d, rows[i] + at));
+    auto m = hn::LoadU(d, r[0] + at);
+    for (int i = 1; i < kCount; ++i) m = pick<kMax>(m, hn::LoadU(d, r[i] + at));
     return m;
   };
+  int j = 0;
+  for (const int head = streamHead(d, out0, stream, n); j < head; ++j) one(j);
   if (out1 != nullptr) {
     for (; j + N <= n; j += N) {
       const auto m = shared(j);
-      store(d, pick<kMax>(m, hn::LoadU(d, first + j)), out0 + j);
-      store(d, pick<kMax>(m, hn::LoadU(d, last + j)), out1 + j);
+      put(d, pick<kMax>(m, hn::LoadU(d, first + j)), out0 + j, stream);
+      put(d, pick<kMax>(m, hn::LoadU(d, last + j)), out1 + j, stream);
     }
   } else {
-    for (; j + N <= n; j += N) store(d, pick<kMax>(shared(j), hn::LoadU(d, first + j)), out0 + j);
+    for (; j + N <= n; j += N) put(d, pick<kMax>(shared(j), hn::LoadU(d, first + j)), out0 + j, stream);
   }
-  for (; j < n; ++j) {
-    K m = rows[0][j];
-    for (int i = 1; i < count; ++i) m = better<kMax>(m, rows[i][j]);
-    storeOne(out0 + j, better<kMax>(m, first[j]));
-    if (out1 != nullptr) storeOne(out1 + j, better<kMax>(m, last[j]));
+  for (; j < n; ++j) one(j);
+}
+
+template <bool kMax, class K, class Out>
+void columnPass(int count, const K* const* rows, const K* first, Out* out0, const K* last,
+                Out* out1, int n, bool stream) {
+  static_assert(kRingHeight == 8);
+  switch (count) {
+    case 1: return columnPass<kMax, 1>(rows, first, out0, last, out1, n, stream);
+    case 2: return columnPass<kMax, 2>(rows, first, out0, last, out1, n, stream);
+    case 3: return columnPass<kMax, 3>(rows, first, out0, last, out1, n, stream);
+    case 4: return columnPass<kMax, 4>(rows, first, out0, last, out1, n, stream);
+    case 5: return columnPass<kMax, 5>(rows, first, out0, last, out1, n, stream);
+    case 6: return columnPass<kMax, 6>(rows, first, out0, last, out1, n, stream);
+    default: return columnPass<kMax, 7>(rows, first, out0, last, out1, n, stream);
   }
 }
 
 // v = a combined with b; `keep` (when not null) receives v, and out receives v combined with c
 // (v alone when c is null).
 template <bool kMax, class K, class Out>
-void combine(const K* a, const K* b, K* keep, const K* c, Out* out, int n) {
+void combine(const K* a, const K* b, K* keep, const K* c, Out* out, int n, bool stream = false) {
   const hn::ScalableTag<K> d;
   const int N = static_cast<int>(hn::Lanes(d));
-  int j = 0;
-  for (; j + N <= n; j += N) {
-    auto v = pick<kMax>(hn::LoadU(d, a + j), hn::LoadU(d, b + j));
-    if (keep != nullptr) hn::StoreU(v, d, keep + j);
-    if (c != nullptr) v = pick<kMax>(v, hn::LoadU(d, c + j));
-    store(d, v, out + j);
-  }
-  for (; j < n; ++j) {
+  auto one = [&](int j) KVL_INLINE_LAMBDA {
     K v = better<kMax>(a[j], b[j]);
     if (keep != nullptr) keep[j] = v;
     if (c != nullptr) v = better<kMax>(v, c[j]);
     storeOne(out + j, v);
+  };
+  int j = 0;
+  for (const int head = streamHead(d, out, stream, n); j < head; ++j) one(j);
+  for (; j + N <= n; j += N) {
+    auto v = pick<kMax>(hn::LoadU(d, a + j), hn::LoadU(d, b + j));
+    if (keep != nullptr) hn::StoreU(v, d, keep + j);
+    if (c != nullptr) v = pick<kMax>(v, hn::LoadU(d, c + j));
+    put(d, v, out + j, stream);
   }
+  for (; j < n; ++j) one(j);
 }
 
 template <bool kMax, class T, int kC>
 void filter(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw, int mh, int ax,
-            int ay, Kvl8u* buffer) {
+            int ay, Kvl8u* buffer, bool stream) {
   using K = typename Order<T>::Key;
   // Replicating a side more than the ROI is long adds nothing: clamp the reaches to the ROI.
   const int left = std::min(ax, w - 1), right = std::min(mw - 1 - ax, w - 1);
@@ -222,12 +286,12 @@ void filter(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw
   auto slot = [&](int i) { return reinterpret_cast<K*>(base + slotBytes * i); };
   auto srcRow = [&](int r) { return rowPtr(src, srcStep, std::clamp(r, 0, h - 1)); };
   auto dstRow = [&](int y) { return rowPtr(dst, dstStep, y); };
-  auto horizontal = [&](int r, auto* out, K* scratch) {
-    rowPass<kMax, kC, K>(srcRow(r), out, w, left, right, scratch);
+  auto horizontal = [&](int r, auto* out, K* scratch, bool toDst = false) {
+    rowPass<kMax, kC, K>(srcRow(r), out, w, left, right, scratch, toDst && stream);
   };
 
   if (rows == 1) {
-    for (int y = 0; y < h; ++y) horizontal(y, dstRow(y), slot(0));
+    for (int y = 0; y < h; ++y) horizontal(y, dstRow(y), slot(0), true);
     return;
   }
   if (rows <= kRingHeight) {
@@ -244,8 +308,8 @@ void filter(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw
       const bool two = y + 1 < h;
       ensure(y + down + (two ? 1 : 0));
       for (int i = 0; i < rows - 1; ++i) shared[i] = ring(y - up + 1 + i);
-      columnPass<kMax, K>(shared, rows - 1, ring(y - up), dstRow(y), ring(y + down + 1),
-                          two ? dstRow(y + 1) : nullptr, n);
+      columnPass<kMax, K>(rows - 1, shared, ring(y - up), dstRow(y), ring(y + down + 1),
+                          two ? dstRow(y + 1) : nullptr, n, stream);
     }
     return;
   }
@@ -264,16 +328,17 @@ void filter(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw
   suffixes();
   int start = -up;  // the virtual row of S(0)
   for (int y = 0;;) {
-    combine<kMax, K>(S(0), S(0), nullptr, nullptr, dstRow(y), n);
+    combine<kMax, K>(S(0), S(0), nullptr, nullptr, dstRow(y), n, stream);
     if (++y >= h) return;
     const int next = start + rows;
     for (int k = 1; k < rows; ++k) {
       horizontal(next + k - 1, T_(k - 1), T_(rows - 1));
       if (k == 1) {
-        combine<kMax, K>(S(1), T_(0), nullptr, nullptr, dstRow(y), n);
+        combine<kMax, K>(S(1), T_(0), nullptr, nullptr, dstRow(y), n, stream);
       } else {
         const K* prefix = k == 2 ? T_(0) : S(k - 2);
-        combine<kMax, K>(prefix, T_(k - 1), k + 1 < rows ? S(k - 1) : nullptr, S(k), dstRow(y), n);
+        combine<kMax, K>(prefix, T_(k - 1), k + 1 < rows ? S(k - 1) : nullptr, S(k), dstRow(y), n,
+                         stream);
       }
       if (++y >= h) return;
     }
@@ -287,11 +352,14 @@ void filter(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw
 template <class T, int kC>
 void minMax(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw, int mh, int ax,
             int ay, bool isMax, Kvl8u* buffer) {
+  // Images that cannot stay in the cache together take cache-bypassing stores for the output.
+  const bool stream = streamDestination(2LL * w * h * kC * static_cast<long long>(sizeof(T)));
   if (isMax) {
-    filter<true, T, kC>(src, srcStep, dst, dstStep, w, h, mw, mh, ax, ay, buffer);
+    filter<true, T, kC>(src, srcStep, dst, dstStep, w, h, mw, mh, ax, ay, buffer, stream);
   } else {
-    filter<false, T, kC>(src, srcStep, dst, dstStep, w, h, mw, mh, ax, ay, buffer);
+    filter<false, T, kC>(src, srcStep, dst, dstStep, w, h, mw, mh, ax, ay, buffer, stream);
   }
+  if (stream) hwy::FlushStream();
 }
 
 #endif  // KVL_SIMD_TARGET
