@@ -1,1 +1,2 @@
 # Benchmark sources of this subsystem: target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/<fam>_bench.cc)
+target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/morph_runs_bench.cc)

@@ -13,6 +13,11 @@ namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 #if KVL_SIMD_TARGET
 
+// At most 32-byte vectors: the rows are read at every byte offset, and wider unaligned loads
+// split a cache line each time.
+template <class U>
+using Tag = hn::CappedTag<U, 32 / sizeof(U)>;
+
 template <bool kMin, class V>
 HWY_INLINE V pickV(V a, V b) {
   if constexpr (kMin) {
@@ -50,7 +55,7 @@ HWY_INLINE void storeKeys(D d, hn::Vec<D> v, T* p) {
 
 template <class U, bool kMin>
 void pairRow(const U* a, const U* b, U* out, int n) {
-  const hn::ScalableTag<U> d;
+  const Tag<U> d;
   const int N = static_cast<int>(hn::Lanes(d));
   int i = 0;
   // Loads of a step ahead of the stores, so out == a (b after a) stays correct.
@@ -68,7 +73,7 @@ void pairRow(const U* a, const U* b, U* out, int n) {
 template <class T, bool kMin>
 void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accumulate) {
   using U = KeyOf<T>;
-  const hn::ScalableTag<U> d;
+  const Tag<U> d;
   const int N = static_cast<int>(hn::Lanes(d));
   int i = 0;
   for (; i + 2 * N <= n; i += 2 * N) {
@@ -85,17 +90,51 @@ void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accu
     storeKeys<T>(d, v0, out + i);
     storeKeys<T>(d, v1, out + i + N);
   }
-  if (i < n) {
-    const U* tail[64];
-    for (int r = 0; r < count; ++r) tail[r] = rows[r] + i;
-    ref::combineRow<T, kMin>(tail, count, out + i, n - i, accumulate);
+  ref::combineRange<T, kMin>(rows, count, out, i, n, accumulate);
+}
+
+template <class T, bool kMin>
+void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1, int n) {
+  using U = KeyOf<T>;
+  const Tag<U> d;
+  using V = hn::Vec<decltype(d)>;
+  const int N = static_cast<int>(hn::Lanes(d));
+  const U* const* a = taps + ns;
+  const U* const* b = a + na;
+  int i = 0;
+  for (; i + 2 * N <= n; i += 2 * N) {
+    V s0, s1, v0, v1, w0, w1;
+    if (ns) {
+      s0 = hn::LoadU(d, taps[0] + i), s1 = hn::LoadU(d, taps[0] + i + N);
+      for (int r = 1; r < ns; ++r) {
+        s0 = pickV<kMin>(s0, hn::LoadU(d, taps[r] + i));
+        s1 = pickV<kMin>(s1, hn::LoadU(d, taps[r] + i + N));
+      }
+      v0 = w0 = s0, v1 = w1 = s1;
+    } else {
+      v0 = hn::LoadU(d, a[0] + i), v1 = hn::LoadU(d, a[0] + i + N);
+      w0 = hn::LoadU(d, b[0] + i), w1 = hn::LoadU(d, b[0] + i + N);
+    }
+    for (int r = ns ? 0 : 1; r < na; ++r) {
+      v0 = pickV<kMin>(v0, hn::LoadU(d, a[r] + i));
+      v1 = pickV<kMin>(v1, hn::LoadU(d, a[r] + i + N));
+    }
+    for (int r = ns ? 0 : 1; r < nb; ++r) {
+      w0 = pickV<kMin>(w0, hn::LoadU(d, b[r] + i));
+      w1 = pickV<kMin>(w1, hn::LoadU(d, b[r] + i + N));
+    }
+    storeKeys<T>(d, v0, out0 + i);
+    storeKeys<T>(d, v1, out0 + i + N);
+    storeKeys<T>(d, w0, out1 + i);
+    storeKeys<T>(d, w1, out1 + i + N);
   }
+  ref::combine2Range<T, kMin>(taps, ns, na, nb, out0, out1, i, n);
 }
 
 template <class T>
 void keyRow(const T* in, KeyOf<T>* out, int n) {
   if constexpr (std::is_same_v<T, Kvl32f>) {
-    const hn::ScalableTag<int32_t> d;
+    const Tag<int32_t> d;
     const int N = static_cast<int>(hn::Lanes(d));
     int i = 0;
     for (; i + N <= n; i += N) hn::StoreU(loadKeys<T>(d, in + i), d, out + i);
@@ -119,6 +158,9 @@ const simd::Kernel<PairRowFn<KeyOf<T>>> RunKernels<T, kMin>::pair{
 template <class T, bool kMin>
 const simd::Kernel<CombineRowFn<T>> RunKernels<T, kMin>::combine{
     KVL_TARGETS(combineRow<T, kMin>), &ref::combineRow<T, kMin>};
+template <class T, bool kMin>
+const simd::Kernel<Combine2RowFn<T>> RunKernels<T, kMin>::combine2{
+    KVL_TARGETS(combine2Row<T, kMin>), &ref::combine2Row<T, kMin>};
 template <class T, bool kMin>
 const simd::Kernel<KeyRowFn<T>> RunKernels<T, kMin>::keys{KVL_TARGETS(keyRow<T>),
                                                            &ref::keyRow<T>};
