@@ -125,6 +125,7 @@ struct Plan {
 struct Tap {
   int row, length, col;  // mask row; length index, or -1 for one extended pixel; column offset
   bool inPrev, inNext;   // mask row j - 1 (j + 1) has the same tap
+  int rowMod;            // row modulo the depth of its ring
 };
 constexpr int kPairTaps = 256;  // loads per pair of output rows
 constexpr int kMaxTaps = kPairTaps;
@@ -140,8 +141,8 @@ struct TapList {
       const int n = p.kept[run.length] ? 1 : m.lengths[run.length];
       if (count + n > kMaxTaps) return false;
       for (int t = 0; t < n; ++t)
-        taps[count++] = {run.row, p.kept[run.length] ? run.length : -1, run.start + t,
-                         false, false};
+        taps[count++] = {run.row, p.kept[run.length] ? run.length : -1, run.start + t, false,
+                         false, run.row % (p.kept[run.length] ? p.depth[run.length] : p.extDepth)};
     }
     shared = onlyNext = 0;
     for (int i = 0; i < count; ++i) {
@@ -173,6 +174,9 @@ int fitTile(const MaskRuns& m, const Plan& p, std::size_t bytes, int channels, i
   return fit < 1 ? 0 : static_cast<int>(std::min<long long>(fit, maxW));
 }
 
+// Width of the tiles at the replicated sides (integer types read the others in place).
+constexpr int kEdge = 64;
+
 // Below this tile width the full plan gives way to the plain one when that fits wider tiles.
 constexpr int kNarrowTile = 256;
 
@@ -202,8 +206,6 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
   }
   if (maxTile < 1) return false;
   if (paired) tapList.make(m, plan);
-  const int tiles = (W + maxTile - 1) / maxTile;
-  const int tileW = (W + tiles - 1) / tiles;
 
   const auto pair = RunKernels<T, kMin>::pair.pick();
   const auto combine = RunKernels<T, kMin>::combine.pick();
@@ -216,9 +218,9 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
   constexpr int kTaps = 64;
   const U* taps[kTaps];
   const U* pairTaps[kPairTaps];
+  int phase[kMaxLengths + 1];
 
-  for (int x0 = 0; x0 < W; x0 += tileW) {
-    const int tw = std::min(tileW, W - x0);
+  auto runTile = [&](int x0, int tw) {
     const int pn = tw + m.width - 1;  // pixels of an extended row
     const std::size_t rowBytes = rowBytesFor(tw, m.width, kC, sizeof(U));
     auto ringRow = [&](int first, int depth, int r) {
@@ -226,18 +228,21 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
       if (k < 0) k += depth;
       return reinterpret_cast<U*>(base + (first + k) * rowBytes);
     };
-    auto extRow = [&](int r) { return ringRow(0, plan.extDepth, r); };
     U* work = plan.work < 0 ? nullptr : reinterpret_cast<U*>(base + plan.work * rowBytes);
     const int c0 = x0 - anchor.x + m.firstCol;  // source column of extended pixel 0
     // Columns [a, b) of the extended row come from memory in one piece; the rest go through
     // the border rule pixel by pixel.
     const int a = std::min(pn, memLeft ? 0 : std::max(0, -c0));
     const int b = std::max(a, memRight ? pn : std::min(pn, W - c0));
+    // Integer rows that need no border pixel are read in place instead of from the ring.
+    const bool inPlace = std::is_same_v<T, U> && a == 0 && b == pn;
+    auto extRow = [&](int r) -> const U* {
+      if (inPlace)
+        return reinterpret_cast<const U*>(rowPtr(src, srcStep, border::sourceRow(r, H, bt))) + c0 * kC;
+      return ringRow(0, plan.extDepth, r);
+    };
 
-    auto ingest = [&](int r) {
-      const int sy = border::sourceRow(r, H, bt);
-      const T* s = rowPtr(src, srcStep, sy);
-      U* p = extRow(r);
+    auto fill = [&](const T* s, U* p) {
       for (int k = 0; k < a; ++k) {
         const int c = border::sourceIndex(c0 + k, W, bt, kvlBorderInMemLeft, kvlBorderInMemRight);
         for (int ch = 0; ch < kC; ++ch) p[k * kC + ch] = toKey<T>(loadAny(s + c * kC + ch));
@@ -247,9 +252,13 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
         const int c = border::sourceIndex(c0 + k, W, bt, kvlBorderInMemLeft, kvlBorderInMemRight);
         for (int ch = 0; ch < kC; ++ch) p[k * kC + ch] = toKey<T>(loadAny(s + c * kC + ch));
       }
+    };
+    auto ingest = [&](int r) {
+      U* p = nullptr;
+      if (!inPlace) fill(rowPtr(src, srcStep, border::sourceRow(r, H, bt)), p = ringRow(0, plan.extDepth, r));
       // Each kept length from the longest kept one below it, doubling in the work row first
       // while that is below half the length; a row of length L holds pn - L + 1 valid pixels.
-      const U* cur = p;
+      const U* cur = inPlace ? extRow(r) : p;
       int curLen = 1;
       for (int li = 0; li < m.lengthCount; ++li) {
         if (!plan.kept[li]) continue;
@@ -266,10 +275,6 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
       }
     };
 
-    auto tapRow = [&](const Tap& t, int r) -> const U* {
-      return t.length < 0 ? extRow(r) + t.col * kC
-                          : ringRow(plan.slot[t.length], plan.depth[t.length], r) + t.col * kC;
-    };
     // Output rows one at a time: the taps straight from the runs, in chunks.
     auto single = [&](int y) {
       T* out = rowPtr(dst, dstStep, y) + x0 * kC;
@@ -297,16 +302,32 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     };
     // Rows y and y + 1 together: shared taps, then those of y only, then those of y + 1 only.
     auto twoRows = [&](int y) {
+      // Ring rows by phase: row r of a ring of depth D lies at r mod D.
+      auto mod = [](int v, int d) {
+        const int k = v % d;
+        return k < 0 ? k + d : k;
+      };
+      phase[0] = mod(y - shiftY, plan.extDepth);
+      for (int li = 0; li < m.lengthCount; ++li)
+        if (plan.kept[li]) phase[li + 1] = mod(y - shiftY, plan.depth[li]);
+      auto at = [&](const Tap& t, int dy) -> const U* {
+        if (t.length < 0 && inPlace) return extRow(y + dy - shiftY + t.row) + t.col * kC;
+        const int first = t.length < 0 ? 0 : plan.slot[t.length];
+        const int depth = t.length < 0 ? plan.extDepth : plan.depth[t.length];
+        int k = phase[t.length + 1] + t.rowMod + dy;
+        if (k >= depth) k -= depth;
+        return reinterpret_cast<const U*>(base + (first + k) * rowBytes) + t.col * kC;
+      };
       int ns = 0, na = tapList.shared, nb = tapList.count;
       for (int i = 0; i < tapList.count; ++i) {
         const Tap& t = tapList.taps[i];
-        const U* p = tapRow(t, y - shiftY + t.row);
+        const U* p = at(t, 0);
         if (t.inPrev) {
           pairTaps[ns++] = p;
         } else {
           pairTaps[na++] = p;
         }
-        if (!t.inNext) pairTaps[nb++] = tapRow(t, y + 1 - shiftY + t.row);
+        if (!t.inNext) pairTaps[nb++] = at(t, 1);
       }
       combine2(pairTaps, ns, tapList.count - ns, tapList.onlyNext, rowPtr(dst, dstStep, y) + x0 * kC,
                rowPtr(dst, dstStep, y + 1) + x0 * kC, tw * kC);
@@ -324,6 +345,23 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
         y += 1;
       }
     }
+  };
+
+  // Regions: the columns whose loads reach a replicated side, widened to kEdge, and the rest,
+  // which integer types read in place; each region cut into equal tiles.
+  const int eL = memLeft ? 0 : std::clamp(anchor.x - m.firstCol, 0, W);
+  const int eR = memRight ? 0 : std::clamp(m.firstCol + m.width - 1 - anchor.x, 0, W);
+  int cuts[4] = {0, 0, W, W};
+  if (std::is_same_v<T, U> && W >= eL + eR + 4 * kEdge) {
+    cuts[1] = eL ? std::max(eL, kEdge) : 0;
+    cuts[2] = W - (eR ? std::max(eR, kEdge) : 0);
+  }
+  for (int g = 0; g < 3; ++g) {
+    const int len = cuts[g + 1] - cuts[g];
+    if (len <= 0) continue;
+    const int tiles = (len + maxTile - 1) / maxTile;
+    const int tileW = (len + tiles - 1) / tiles;
+    for (int x0 = cuts[g]; x0 < cuts[g + 1]; x0 += tileW) runTile(x0, std::min(tileW, cuts[g + 1] - x0));
   }
   return true;
 }

@@ -118,7 +118,8 @@ inline U pick(U a, U b) {
 }
 
 // out[i] = min (max) of a[i] and b[i], i < n; out may equal a when b lies after a (the pass
-// runs forward).
+// runs forward). The rows the kernels read may be the caller's integer image rows, at any
+// address.
 template <class U>
 using PairRowFn = void (*)(const U* a, const U* b, U* out, int n);
 // out[i] = min (max) of rows[r][i] over r < count (and of out[i] itself when accumulate), back
@@ -147,7 +148,7 @@ struct RunKernels {
 namespace ref {
 template <class U, bool kMin>
 void pairRow(const U* a, const U* b, U* out, int n) {
-  for (int i = 0; i < n; ++i) out[i] = pick<U, kMin>(a[i], b[i]);
+  for (int i = 0; i < n; ++i) out[i] = pick<U, kMin>(loadAny(a + i), loadAny(b + i));
 }
 // Elements [from, n) of the kernels below (the vector kernels finish their rows with these).
 template <class T, bool kMin>
@@ -155,9 +156,9 @@ void combineRange(const KeyOf<T>* const* rows, int count, T* out, int from, int 
                   bool accumulate) {
   using U = KeyOf<T>;
   for (int i = from; i < n; ++i) {
-    U v = rows[0][i];
+    U v = loadAny(rows[0] + i);
     if (accumulate) v = pick<U, kMin>(toKey<T>(loadAny(out + i)), v);
-    for (int r = 1; r < count; ++r) v = pick<U, kMin>(v, rows[r][i]);
+    for (int r = 1; r < count; ++r) v = pick<U, kMin>(v, loadAny(rows[r] + i));
     storeAny(out + i, fromKey<T>(v));
   }
 }
@@ -166,14 +167,14 @@ void combine2Range(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0,
                    int from, int n) {
   using U = KeyOf<T>;
   auto fold = [&](const KeyOf<T>* const* t, int count, int i, U v) {
-    for (int r = 0; r < count; ++r) v = pick<U, kMin>(v, t[r][i]);
+    for (int r = 0; r < count; ++r) v = pick<U, kMin>(v, loadAny(t[r] + i));
     return v;
   };
   for (int i = from; i < n; ++i) {
-    const U s = ns ? fold(taps + 1, ns - 1, i, taps[0][i]) : U{};
-    const U v0 = ns ? fold(taps + ns, na, i, s) : fold(taps + 1, na - 1, i, taps[0][i]);
+    const U s = ns ? fold(taps + 1, ns - 1, i, loadAny(taps[0] + i)) : U{};
+    const U v0 = ns ? fold(taps + ns, na, i, s) : fold(taps + 1, na - 1, i, loadAny(taps[0] + i));
     const KeyOf<T>* const* b = taps + ns + na;
-    const U v1 = ns ? fold(b, nb, i, s) : fold(b + 1, nb - 1, i, b[0][i]);
+    const U v1 = ns ? fold(b, nb, i, s) : fold(b + 1, nb - 1, i, loadAny(b[0] + i));
     storeAny(out0 + i, fromKey<T>(v0));
     storeAny(out1 + i, fromKey<T>(v1));
   }

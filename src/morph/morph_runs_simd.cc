@@ -90,6 +90,19 @@ void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accu
     storeKeys<T>(d, v0, out + i);
     storeKeys<T>(d, v1, out + i + N);
   }
+  // The last vector ends at n, overlapping stored elements with the same values (the output
+  // never aliases the rows); unless accumulating, which reads the output.
+  auto one = [&](int k) KVL_INLINE_LAMBDA {
+    auto v = hn::LoadU(d, rows[0] + k);
+    if (accumulate) v = pickV<kMin>(v, loadKeys<T>(d, out + k));
+    for (int r = 1; r < count; ++r) v = pickV<kMin>(v, hn::LoadU(d, rows[r] + k));
+    storeKeys<T>(d, v, out + k);
+  };
+  for (; i + N <= n; i += N) one(i);
+  if (i < n && n >= N && !accumulate) {
+    one(n - N);
+    i = n;
+  }
   ref::combineRange<T, kMin>(rows, count, out, i, n, accumulate);
 }
 
@@ -101,11 +114,12 @@ void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T
   const int N = static_cast<int>(hn::Lanes(d));
   const U* const* a = taps + ns;
   const U* const* b = a + na;
+  const int a0 = ns ? 0 : 1;
   int i = 0;
   for (; i + 2 * N <= n; i += 2 * N) {
-    V s0, s1, v0, v1, w0, w1;
+    V v0, v1, w0, w1;
     if (ns) {
-      s0 = hn::LoadU(d, taps[0] + i), s1 = hn::LoadU(d, taps[0] + i + N);
+      V s0 = hn::LoadU(d, taps[0] + i), s1 = hn::LoadU(d, taps[0] + i + N);
       for (int r = 1; r < ns; ++r) {
         s0 = pickV<kMin>(s0, hn::LoadU(d, taps[r] + i));
         s1 = pickV<kMin>(s1, hn::LoadU(d, taps[r] + i + N));
@@ -115,11 +129,11 @@ void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T
       v0 = hn::LoadU(d, a[0] + i), v1 = hn::LoadU(d, a[0] + i + N);
       w0 = hn::LoadU(d, b[0] + i), w1 = hn::LoadU(d, b[0] + i + N);
     }
-    for (int r = ns ? 0 : 1; r < na; ++r) {
+    for (int r = a0; r < na; ++r) {
       v0 = pickV<kMin>(v0, hn::LoadU(d, a[r] + i));
       v1 = pickV<kMin>(v1, hn::LoadU(d, a[r] + i + N));
     }
-    for (int r = ns ? 0 : 1; r < nb; ++r) {
+    for (int r = a0; r < nb; ++r) {
       w0 = pickV<kMin>(w0, hn::LoadU(d, b[r] + i));
       w1 = pickV<kMin>(w1, hn::LoadU(d, b[r] + i + N));
     }
@@ -127,6 +141,28 @@ void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T
     storeKeys<T>(d, v1, out0 + i + N);
     storeKeys<T>(d, w0, out1 + i);
     storeKeys<T>(d, w1, out1 + i + N);
+  }
+  // Then single vectors, the last one ending at n (it may store some elements again with the
+  // same values: the outputs never alias the taps).
+  auto one = [&](int k) {
+    V v, w;
+    if (ns) {
+      V s = hn::LoadU(d, taps[0] + k);
+      for (int r = 1; r < ns; ++r) s = pickV<kMin>(s, hn::LoadU(d, taps[r] + k));
+      v = w = s;
+    } else {
+      v = hn::LoadU(d, a[0] + k);
+      w = hn::LoadU(d, b[0] + k);
+    }
+    for (int r = a0; r < na; ++r) v = pickV<kMin>(v, hn::LoadU(d, a[r] + k));
+    for (int r = a0; r < nb; ++r) w = pickV<kMin>(w, hn::LoadU(d, b[r] + k));
+    storeKeys<T>(d, v, out0 + k);
+    storeKeys<T>(d, w, out1 + k);
+  };
+  for (; i + N <= n; i += N) one(i);
+  if (i < n && n >= N) {
+    one(n - N);
+    i = n;
   }
   ref::combine2Range<T, kMin>(taps, ns, na, nb, out0, out1, i, n);
 }
