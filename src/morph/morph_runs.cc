@@ -125,24 +125,36 @@ struct Plan {
 struct Tap {
   int row, length, col;  // mask row; length index, or -1 for one extended pixel; column offset
   bool inPrev, inNext;   // mask row j - 1 (j + 1) has the same tap
-  int rowMod;            // row modulo the depth of its ring
+  int entry;             // its row's entry in the pair's table of ring rows
 };
 constexpr int kPairTaps = 256;  // loads per pair of output rows
 constexpr int kMaxTaps = kPairTaps;
 
+constexpr int kTable = 1024;  // ring rows a pair of output rows may name
+
+// The taps of a plan, and for a pair of output rows the table of the ring rows they name: for
+// each ring (the extended rows first, then each kept length), the rows span = jmax - jmin + 2.
 struct TapList {
   Tap taps[kMaxTaps];
   int count = 0, shared = 0, onlyNext = 0;  // taps; taps with inPrev; taps without inNext
+  int span = 0, rings = 0;
+  int ringOf[kMaxLengths];  // table ring of a kept length
 
   bool make(const MaskRuns& m, const Plan& p) {
     count = 0;
+    span = m.lastRow - m.firstRow + 2;
+    rings = 1;
+    for (int li = 0; li < m.lengthCount; ++li)
+      if (p.kept[li]) ringOf[li] = rings++;
+    if (rings * span > kTable) return false;
     for (int i = 0; i < m.runCount; ++i) {
       const Run& run = m.runs[i];
-      const int n = p.kept[run.length] ? 1 : m.lengths[run.length];
+      const bool kept = p.kept[run.length];
+      const int n = kept ? 1 : m.lengths[run.length];
       if (count + n > kMaxTaps) return false;
+      const int entry = (kept ? ringOf[run.length] : 0) * span + run.row - m.firstRow;
       for (int t = 0; t < n; ++t)
-        taps[count++] = {run.row, p.kept[run.length] ? run.length : -1, run.start + t, false,
-                         false, run.row % (p.kept[run.length] ? p.depth[run.length] : p.extDepth)};
+        taps[count++] = {run.row, kept ? run.length : -1, run.start + t, false, false, entry};
     }
     shared = onlyNext = 0;
     for (int i = 0; i < count; ++i) {
@@ -218,7 +230,7 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
   constexpr int kTaps = 64;
   const U* taps[kTaps];
   const U* pairTaps[kPairTaps];
-  int phase[kMaxLengths + 1];
+  const U* table[kTable];
 
   auto runTile = [&](int x0, int tw) {
     const int pn = tw + m.width - 1;  // pixels of an extended row
@@ -302,32 +314,33 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     };
     // Rows y and y + 1 together: shared taps, then those of y only, then those of y + 1 only.
     auto twoRows = [&](int y) {
-      // Ring rows by phase: row r of a ring of depth D lies at r mod D.
-      auto mod = [](int v, int d) {
-        const int k = v % d;
-        return k < 0 ? k + d : k;
+      // The table of ring rows: row y - ay + jmin + i of ring g at table[g * span + i].
+      const int span = tapList.span, r0 = y - shiftY + m.firstRow;
+      auto ringRows = [&](const U** t, int first, int depth) {
+        int k = r0 % depth;
+        if (k < 0) k += depth;
+        for (int i = 0; i < span; ++i) {
+          t[i] = reinterpret_cast<const U*>(base + (first + k) * rowBytes);
+          if (++k == depth) k = 0;
+        }
       };
-      phase[0] = mod(y - shiftY, plan.extDepth);
+      if (inPlace) {
+        for (int i = 0; i < span; ++i) table[i] = extRow(r0 + i);
+      } else {
+        ringRows(table, 0, plan.extDepth);
+      }
       for (int li = 0; li < m.lengthCount; ++li)
-        if (plan.kept[li]) phase[li + 1] = mod(y - shiftY, plan.depth[li]);
-      auto at = [&](const Tap& t, int dy) -> const U* {
-        if (t.length < 0 && inPlace) return extRow(y + dy - shiftY + t.row) + t.col * kC;
-        const int first = t.length < 0 ? 0 : plan.slot[t.length];
-        const int depth = t.length < 0 ? plan.extDepth : plan.depth[t.length];
-        int k = phase[t.length + 1] + t.rowMod + dy;
-        if (k >= depth) k -= depth;
-        return reinterpret_cast<const U*>(base + (first + k) * rowBytes) + t.col * kC;
-      };
+        if (plan.kept[li]) ringRows(table + tapList.ringOf[li] * span, plan.slot[li], plan.depth[li]);
       int ns = 0, na = tapList.shared, nb = tapList.count;
       for (int i = 0; i < tapList.count; ++i) {
         const Tap& t = tapList.taps[i];
-        const U* p = at(t, 0);
+        const U* p = table[t.entry] + t.col * kC;
         if (t.inPrev) {
           pairTaps[ns++] = p;
         } else {
           pairTaps[na++] = p;
         }
-        if (!t.inNext) pairTaps[nb++] = at(t, 1);
+        if (!t.inNext) pairTaps[nb++] = table[t.entry + 1] + t.col * kC;
       }
       combine2(pairTaps, ns, tapList.count - ns, tapList.onlyNext, rowPtr(dst, dstStep, y) + x0 * kC,
                rowPtr(dst, dstStep, y + 1) + x0 * kC, tw * kC);

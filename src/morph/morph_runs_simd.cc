@@ -116,31 +116,51 @@ void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T
   const U* const* b = a + na;
   const int a0 = ns ? 0 : 1;
   int i = 0;
-  for (; i + 2 * N <= n; i += 2 * N) {
-    V v0, v1, w0, w1;
+  // Four vectors of each row per step: the loops over the taps cost as much as their loads.
+  for (; i + 4 * N <= n; i += 4 * N) {
+    V v0, v1, v2, v3, w0, w1, w2, w3;
     if (ns) {
-      V s0 = hn::LoadU(d, taps[0] + i), s1 = hn::LoadU(d, taps[0] + i + N);
+      const U* t = taps[0] + i;
+      V s0 = hn::LoadU(d, t), s1 = hn::LoadU(d, t + N), s2 = hn::LoadU(d, t + 2 * N),
+        s3 = hn::LoadU(d, t + 3 * N);
       for (int r = 1; r < ns; ++r) {
-        s0 = pickV<kMin>(s0, hn::LoadU(d, taps[r] + i));
-        s1 = pickV<kMin>(s1, hn::LoadU(d, taps[r] + i + N));
+        t = taps[r] + i;
+        s0 = pickV<kMin>(s0, hn::LoadU(d, t));
+        s1 = pickV<kMin>(s1, hn::LoadU(d, t + N));
+        s2 = pickV<kMin>(s2, hn::LoadU(d, t + 2 * N));
+        s3 = pickV<kMin>(s3, hn::LoadU(d, t + 3 * N));
       }
-      v0 = w0 = s0, v1 = w1 = s1;
+      v0 = w0 = s0, v1 = w1 = s1, v2 = w2 = s2, v3 = w3 = s3;
     } else {
-      v0 = hn::LoadU(d, a[0] + i), v1 = hn::LoadU(d, a[0] + i + N);
-      w0 = hn::LoadU(d, b[0] + i), w1 = hn::LoadU(d, b[0] + i + N);
+      const U* t = a[0] + i;
+      v0 = hn::LoadU(d, t), v1 = hn::LoadU(d, t + N), v2 = hn::LoadU(d, t + 2 * N),
+      v3 = hn::LoadU(d, t + 3 * N);
+      t = b[0] + i;
+      w0 = hn::LoadU(d, t), w1 = hn::LoadU(d, t + N), w2 = hn::LoadU(d, t + 2 * N),
+      w3 = hn::LoadU(d, t + 3 * N);
     }
     for (int r = a0; r < na; ++r) {
-      v0 = pickV<kMin>(v0, hn::LoadU(d, a[r] + i));
-      v1 = pickV<kMin>(v1, hn::LoadU(d, a[r] + i + N));
+      const U* t = a[r] + i;
+      v0 = pickV<kMin>(v0, hn::LoadU(d, t));
+      v1 = pickV<kMin>(v1, hn::LoadU(d, t + N));
+      v2 = pickV<kMin>(v2, hn::LoadU(d, t + 2 * N));
+      v3 = pickV<kMin>(v3, hn::LoadU(d, t + 3 * N));
     }
     for (int r = a0; r < nb; ++r) {
-      w0 = pickV<kMin>(w0, hn::LoadU(d, b[r] + i));
-      w1 = pickV<kMin>(w1, hn::LoadU(d, b[r] + i + N));
+      const U* t = b[r] + i;
+      w0 = pickV<kMin>(w0, hn::LoadU(d, t));
+      w1 = pickV<kMin>(w1, hn::LoadU(d, t + N));
+      w2 = pickV<kMin>(w2, hn::LoadU(d, t + 2 * N));
+      w3 = pickV<kMin>(w3, hn::LoadU(d, t + 3 * N));
     }
     storeKeys<T>(d, v0, out0 + i);
     storeKeys<T>(d, v1, out0 + i + N);
+    storeKeys<T>(d, v2, out0 + i + 2 * N);
+    storeKeys<T>(d, v3, out0 + i + 3 * N);
     storeKeys<T>(d, w0, out1 + i);
     storeKeys<T>(d, w1, out1 + i + N);
+    storeKeys<T>(d, w2, out1 + i + 2 * N);
+    storeKeys<T>(d, w3, out1 + i + 3 * N);
   }
   // Then single vectors, the last one ending at n (it may store some elements again with the
   // same values: the outputs never alias the taps).
