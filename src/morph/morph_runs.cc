@@ -178,9 +178,10 @@ std::size_t rowBytesFor(int tile, int width, int channels, int keySize) {
 }
 
 // The widest tile (at most maxW) whose plan fits into `bytes` from a 16-byte boundary; 0 if none.
-int fitTile(const MaskRuns& m, const Plan& p, std::size_t bytes, int channels, int keySize,
+int fitTile(const MaskRuns& m, int rows, std::size_t bytes, int channels, int keySize,
             int maxW) {
-  const std::size_t perRow = bytes / static_cast<std::size_t>(p.rows) / kAlign * kAlign;
+  if (rows == 0) return maxW;
+  const std::size_t perRow = bytes / static_cast<std::size_t>(rows) / kAlign * kAlign;
   const long long fit =
       static_cast<long long>(perRow / (channels * keySize)) - (m.width - 1);
   return fit < 1 ? 0 : static_cast<int>(std::min<long long>(fit, maxW));
@@ -212,7 +213,7 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     Plan p;
     p.make(m, c > 0, c < 2);
     if (p.pairs && !tapList.make(m, p)) continue;
-    const int t = fitTile(m, p, bytes - slack, kC, sizeof(U), W);
+    const int t = fitTile(m, p.rows, bytes - slack, kC, sizeof(U), W);
     if (t > maxTile) plan = p, maxTile = t, paired = p.pairs;
     if (maxTile >= std::min(W, kNarrowTile)) break;
   }
@@ -235,12 +236,6 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
   auto runTile = [&](int x0, int tw) {
     const int pn = tw + m.width - 1;  // pixels of an extended row
     const std::size_t rowBytes = rowBytesFor(tw, m.width, kC, sizeof(U));
-    auto ringRow = [&](int first, int depth, int r) {
-      int k = r % depth;
-      if (k < 0) k += depth;
-      return reinterpret_cast<U*>(base + (first + k) * rowBytes);
-    };
-    U* work = plan.work < 0 ? nullptr : reinterpret_cast<U*>(base + plan.work * rowBytes);
     const int c0 = x0 - anchor.x + m.firstCol;  // source column of extended pixel 0
     // Columns [a, b) of the extended row come from memory in one piece; the rest go through
     // the border rule pixel by pixel.
@@ -248,6 +243,14 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     const int b = std::max(a, memRight ? pn : std::min(pn, W - c0));
     // Integer rows that need no border pixel are read in place instead of from the ring.
     const bool inPlace = std::is_same_v<T, U> && a == 0 && b == pn;
+    // A tile read in place has no ring of extended rows: the other rings move up by its depth.
+    const int skip = inPlace ? plan.extDepth : 0;
+    auto ringRow = [&](int first, int depth, int r) {
+      int k = r % depth;
+      if (k < 0) k += depth;
+      return reinterpret_cast<U*>(base + (first - skip + k) * rowBytes);
+    };
+    U* work = plan.work < 0 ? nullptr : reinterpret_cast<U*>(base + (plan.work - skip) * rowBytes);
     auto extRow = [&](int r) -> const U* {
       if (inPlace)
         return reinterpret_cast<const U*>(rowPtr(src, srcStep, border::sourceRow(r, H, bt))) + c0 * kC;
@@ -320,7 +323,7 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
         int k = r0 % depth;
         if (k < 0) k += depth;
         for (int i = 0; i < span; ++i) {
-          t[i] = reinterpret_cast<const U*>(base + (first + k) * rowBytes);
+          t[i] = reinterpret_cast<const U*>(base + (first - skip + k) * rowBytes);
           if (++k == depth) k = 0;
         }
       };
@@ -360,21 +363,28 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     }
   };
 
-  // Regions: the columns whose loads reach a replicated side, widened to kEdge, and the rest,
-  // which integer types read in place; each region cut into equal tiles.
+  // Regions. With one tile, the whole width goes through the ring. Otherwise integer types read
+  // the columns whose loads stay inside the ROI (or reach only in-memory sides) in place, which
+  // needs no ring of extended rows and so allows wider tiles; the columns that reach a replicated
+  // side (widened to kEdge) go through the ring.
   const int eL = memLeft ? 0 : std::clamp(anchor.x - m.firstCol, 0, W);
   const int eR = memRight ? 0 : std::clamp(m.firstCol + m.width - 1 - anchor.x, 0, W);
   int cuts[4] = {0, 0, W, W};
-  if (std::is_same_v<T, U> && W >= eL + eR + 4 * kEdge) {
+  int widest[3] = {maxTile, maxTile, maxTile};
+  if (std::is_same_v<T, U> && (maxTile < W || eL + eR == 0) &&
+      (eL + eR == 0 || W >= eL + eR + 4 * kEdge)) {
     cuts[1] = eL ? std::max(eL, kEdge) : 0;
     cuts[2] = W - (eR ? std::max(eR, kEdge) : 0);
+    widest[1] = std::max(maxTile, fitTile(m, plan.rows - plan.extDepth, bytes - slack, kC,
+                                          sizeof(U), W));
   }
   for (int g = 0; g < 3; ++g) {
     const int len = cuts[g + 1] - cuts[g];
     if (len <= 0) continue;
-    const int tiles = (len + maxTile - 1) / maxTile;
+    const int tiles = (len + widest[g] - 1) / widest[g];
     const int tileW = (len + tiles - 1) / tiles;
-    for (int x0 = cuts[g]; x0 < cuts[g + 1]; x0 += tileW) runTile(x0, std::min(tileW, cuts[g + 1] - x0));
+    for (int x0 = cuts[g]; x0 < cuts[g + 1]; x0 += tileW)
+      runTile(x0, std::min(tileW, cuts[g + 1] - x0));
   }
   return true;
 }
