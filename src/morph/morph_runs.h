@@ -1,12 +1,13 @@
 // The run engine: erosion and dilation of an image by an arbitrary byte mask. Internal; the
 // morphology family calls it for its general and row-run paths of both interfaces.
 //
-// Design. Each mask row is cut into runs of non-zero elements. For every distinct run length L
-// the engine computes, once per source row, the horizontal running minimum (maximum) of width L
-// (from the source row extended by the border rule, by shifted pairwise minima that reuse the
-// previous shorter length), and keeps those rows in a ring inside the work buffer. An output row
-// is then the element-wise minimum of one ring row per run, each read at the run's column offset.
-// When the full-width ring does not fit into the buffer the ROI is processed in column tiles.
+// Design. Each mask row is cut into runs of non-zero elements. Every source row needed enters a
+// ring of rows extended by the border rule (as comparison keys). For a run length shared by
+// enough runs, the engine also keeps a ring of the horizontal running minimum (maximum) of that
+// width, made once per source row by shifted pairwise passes from the longest kept length below
+// it. An output row is the element-wise minimum of one ring row per run of a kept length, read
+// at the run's column offset, and of the run's L extended pixels for any other run. When the
+// rings do not fit into the buffer the ROI is processed in column tiles.
 //
 // Exactness: only comparisons, so every target gives the same bytes. 32f values are compared as
 // a total order in which -0 lies below +0 (erosion of {-0, +0} gives -0, dilation gives +0);
@@ -18,6 +19,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "core/pixel.h"
 #include "core/simd.h"
 #include "kvlcv.h"
 
@@ -47,14 +49,21 @@ namespace kvl::morph {
 // when that is too small for it, and the caller then runs the plain reference instead. The
 // source and destination must not overlap. The mask is never empty when it is called.
 //
-// Memory rule: with K distinct run lengths, rows jmin .. jmax of the mask holding runs, and
-// jminL the first row with a run of length L, the ring holds sum over L of (jmax - jminL + 1)
-// rows, plus one work row when some run is longer than 1. Each row holds (tile + Wb - 1) pixels
-// of kC elements (Wb: the width from the first run start to the last run end of the mask) of
-// the comparison type (8u: 1 byte, 16u/16s: 2, 32f: 4), rounded up to 16 bytes; the ring starts
-// at the buffer's first 16-byte boundary. The tile is the widest that fits, at most the ROI width, with
-// the ROI cut into equal tiles; false when not even a tile of one pixel fits, or when the mask
-// has more than kMaxRuns runs or kMaxLengths distinct lengths.
+// Memory rule. Let rows jmin .. jmax of the mask hold runs, Wb be the width from the first run
+// start to the last run end, and jminL be the first row with a run of length L. A plan may keep
+// a length L > 1 (made in p passes from the kept length below it, or from 1); the full plan
+// keeps it when (L - 1) * (runs of length L) > 2 * p. A plan may also pair the output rows
+// (when the loads of two rows number at most 256), which makes every ring one row deeper
+// (e = 1, else 0). The rings hold: jmax - jminD + 1 + e extended rows (jminD: the first row with
+// a run of a length not kept; 1 + e rows when every length is kept), jmax - jminL + 1 + e rows
+// for each kept L, and one work row when any length is kept. Each row holds (tile + Wb - 1)
+// pixels of kC elements of the comparison type (8u: 1 byte, 16u/16s: 2, 32f: 4), rounded up to
+// 16 bytes; the rows start at the buffer's first 16-byte boundary. The plans, in order: full
+// and paired, plain (nothing kept) and paired, plain and single. The first whose widest fitting
+// tile (at most the ROI width) is at least min(256, ROI width) is used, else the one with the
+// widest tile; the ROI is cut into equal tiles. The engine returns false when not even a tile
+// of one pixel fits the last plan, or when the mask has more than kMaxRuns runs or kMaxLengths
+// distinct lengths.
 template <class T, int kC>
 bool morphRuns(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, const Kvl8u* mask,
                KvliSize maskSize, KvliPoint anchor, int borderType, bool erode, Kvl8u* buffer,
@@ -63,10 +72,12 @@ bool morphRuns(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
 constexpr int kMaxRuns = 1024;
 constexpr int kMaxLengths = 256;
 
-// Bytes the engine needs for a tile of `tile` pixels from a 16-byte boundary on (the rule above);
-// 0 when the mask is beyond the limits. Tests and callers that size their own buffers use it.
-std::size_t morphRunsBytes(const Kvl8u* mask, KvliSize maskSize, int channels, int elementSize,
-                           int tile);
+// Bytes the rings take for a tile of `tile` pixels from a 16-byte boundary on, by plan (0 full
+// and paired, 1 plain and paired, 2 plain and single; the rule above); 0 when the mask is beyond
+// the limits. keySize: the comparison type's size. Tests and callers that size their own buffers
+// use it.
+std::size_t morphRunsBytes(const Kvl8u* mask, KvliSize maskSize, int channels, int keySize,
+                           int tile, int plan);
 
 // ---- Kernels. The ring holds comparison keys: the element itself for the integer types, and
 // for 32f the bits as a signed integer with the magnitude bits of negative values inverted, so
@@ -107,7 +118,8 @@ inline U pick(U a, U b) {
 }
 
 // out[i] = min (max) of a[i] and b[i], i < n; out may equal a when b lies after a (the pass
-// runs forward).
+// runs forward). The rows the kernels read may be the caller's integer image rows, at any
+// address.
 template <class U>
 using PairRowFn = void (*)(const U* a, const U* b, U* out, int n);
 // out[i] = min (max) of rows[r][i] over r < count (and of out[i] itself when accumulate), back
@@ -115,6 +127,12 @@ using PairRowFn = void (*)(const U* a, const U* b, U* out, int n);
 template <class T>
 using CombineRowFn = void (*)(const KeyOf<T>* const* rows, int count, T* out, int n,
                               bool accumulate);
+// Two output rows at once from taps = [shared (ns) | first row only (na) | second only (nb)]:
+// out0[i] = min over the shared and first-row taps, out1[i] over the shared and second-row taps.
+// ns + na >= 1 and ns + nb >= 1.
+template <class T>
+using Combine2RowFn = void (*)(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0,
+                               T* out1, int n);
 // out[i] = the key of in[i] (in: the caller's image, at any address).
 template <class T>
 using KeyRowFn = void (*)(const T* in, KeyOf<T>* out, int n);
@@ -123,29 +141,51 @@ template <class T, bool kMin>
 struct RunKernels {
   static const simd::Kernel<PairRowFn<KeyOf<T>>> pair;
   static const simd::Kernel<CombineRowFn<T>> combine;
+  static const simd::Kernel<Combine2RowFn<T>> combine2;
   static const simd::Kernel<KeyRowFn<T>> keys;
 };
 
 namespace ref {
 template <class U, bool kMin>
 void pairRow(const U* a, const U* b, U* out, int n) {
-  for (int i = 0; i < n; ++i) out[i] = pick<U, kMin>(a[i], b[i]);
+  for (int i = 0; i < n; ++i) out[i] = pick<U, kMin>(loadAny(a + i), loadAny(b + i));
+}
+// Elements [from, n) of the kernels below (the vector kernels finish their rows with these).
+template <class T, bool kMin>
+void combineRange(const KeyOf<T>* const* rows, int count, T* out, int from, int n,
+                  bool accumulate) {
+  using U = KeyOf<T>;
+  for (int i = from; i < n; ++i) {
+    U v = loadAny(rows[0] + i);
+    if (accumulate) v = pick<U, kMin>(toKey<T>(loadAny(out + i)), v);
+    for (int r = 1; r < count; ++r) v = pick<U, kMin>(v, loadAny(rows[r] + i));
+    storeAny(out + i, fromKey<T>(v));
+  }
+}
+template <class T, bool kMin>
+void combine2Range(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1,
+                   int from, int n) {
+  using U = KeyOf<T>;
+  auto fold = [&](const KeyOf<T>* const* t, int count, int i, U v) {
+    for (int r = 0; r < count; ++r) v = pick<U, kMin>(v, loadAny(t[r] + i));
+    return v;
+  };
+  for (int i = from; i < n; ++i) {
+    const U s = ns ? fold(taps + 1, ns - 1, i, loadAny(taps[0] + i)) : U{};
+    const U v0 = ns ? fold(taps + ns, na, i, s) : fold(taps + 1, na - 1, i, loadAny(taps[0] + i));
+    const KeyOf<T>* const* b = taps + ns + na;
+    const U v1 = ns ? fold(b, nb, i, s) : fold(b + 1, nb - 1, i, loadAny(b[0] + i));
+    storeAny(out0 + i, fromKey<T>(v0));
+    storeAny(out1 + i, fromKey<T>(v1));
+  }
 }
 template <class T, bool kMin>
 void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accumulate) {
-  for (int i = 0; i < n; ++i) {
-    KeyOf<T> v;
-    std::memcpy(&v, &rows[0][i], sizeof v);
-    int r = 1;
-    if (accumulate) {
-      T o;
-      std::memcpy(&o, out + i, sizeof o);
-      v = pick<KeyOf<T>, kMin>(toKey<T>(o), v);
-    }
-    for (; r < count; ++r) v = pick<KeyOf<T>, kMin>(v, rows[r][i]);
-    const T o = fromKey<T>(v);
-    std::memcpy(out + i, &o, sizeof o);
-  }
+  combineRange<T, kMin>(rows, count, out, 0, n, accumulate);
+}
+template <class T, bool kMin>
+void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1, int n) {
+  combine2Range<T, kMin>(taps, ns, na, nb, out0, out1, 0, n);
 }
 template <class T>
 void keyRow(const T* in, KeyOf<T>* out, int n) {

@@ -13,6 +13,11 @@ namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 #if KVL_SIMD_TARGET
 
+// At most 32-byte vectors: the rows are read at every byte offset, and wider unaligned loads
+// split a cache line each time.
+template <class U>
+using Tag = hn::CappedTag<U, 32 / sizeof(U)>;
+
 template <bool kMin, class V>
 HWY_INLINE V pickV(V a, V b) {
   if constexpr (kMin) {
@@ -50,7 +55,7 @@ HWY_INLINE void storeKeys(D d, hn::Vec<D> v, T* p) {
 
 template <class U, bool kMin>
 void pairRow(const U* a, const U* b, U* out, int n) {
-  const hn::ScalableTag<U> d;
+  const Tag<U> d;
   const int N = static_cast<int>(hn::Lanes(d));
   int i = 0;
   // Loads of a step ahead of the stores, so out == a (b after a) stays correct.
@@ -68,7 +73,7 @@ void pairRow(const U* a, const U* b, U* out, int n) {
 template <class T, bool kMin>
 void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accumulate) {
   using U = KeyOf<T>;
-  const hn::ScalableTag<U> d;
+  const Tag<U> d;
   const int N = static_cast<int>(hn::Lanes(d));
   int i = 0;
   for (; i + 2 * N <= n; i += 2 * N) {
@@ -85,17 +90,107 @@ void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accu
     storeKeys<T>(d, v0, out + i);
     storeKeys<T>(d, v1, out + i + N);
   }
-  if (i < n) {
-    const U* tail[64];
-    for (int r = 0; r < count; ++r) tail[r] = rows[r] + i;
-    ref::combineRow<T, kMin>(tail, count, out + i, n - i, accumulate);
+  // The last vector ends at n, overlapping stored elements with the same values (the output
+  // never aliases the rows); unless accumulating, which reads the output.
+  auto one = [&](int k) KVL_INLINE_LAMBDA {
+    auto v = hn::LoadU(d, rows[0] + k);
+    if (accumulate) v = pickV<kMin>(v, loadKeys<T>(d, out + k));
+    for (int r = 1; r < count; ++r) v = pickV<kMin>(v, hn::LoadU(d, rows[r] + k));
+    storeKeys<T>(d, v, out + k);
+  };
+  for (; i + N <= n; i += N) one(i);
+  if (i < n && n >= N && !accumulate) {
+    one(n - N);
+    i = n;
   }
+  ref::combineRange<T, kMin>(rows, count, out, i, n, accumulate);
+}
+
+template <class T, bool kMin>
+void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1, int n) {
+  using U = KeyOf<T>;
+  const Tag<U> d;
+  using V = hn::Vec<decltype(d)>;
+  const int N = static_cast<int>(hn::Lanes(d));
+  const U* const* a = taps + ns;
+  const U* const* b = a + na;
+  const int a0 = ns ? 0 : 1;
+  int i = 0;
+  // Four vectors of each row per step: the loops over the taps cost as much as their loads.
+  for (; i + 4 * N <= n; i += 4 * N) {
+    V v0, v1, v2, v3, w0, w1, w2, w3;
+    if (ns) {
+      const U* t = taps[0] + i;
+      V s0 = hn::LoadU(d, t), s1 = hn::LoadU(d, t + N), s2 = hn::LoadU(d, t + 2 * N),
+        s3 = hn::LoadU(d, t + 3 * N);
+      for (int r = 1; r < ns; ++r) {
+        t = taps[r] + i;
+        s0 = pickV<kMin>(s0, hn::LoadU(d, t));
+        s1 = pickV<kMin>(s1, hn::LoadU(d, t + N));
+        s2 = pickV<kMin>(s2, hn::LoadU(d, t + 2 * N));
+        s3 = pickV<kMin>(s3, hn::LoadU(d, t + 3 * N));
+      }
+      v0 = w0 = s0, v1 = w1 = s1, v2 = w2 = s2, v3 = w3 = s3;
+    } else {
+      const U* t = a[0] + i;
+      v0 = hn::LoadU(d, t), v1 = hn::LoadU(d, t + N), v2 = hn::LoadU(d, t + 2 * N),
+      v3 = hn::LoadU(d, t + 3 * N);
+      t = b[0] + i;
+      w0 = hn::LoadU(d, t), w1 = hn::LoadU(d, t + N), w2 = hn::LoadU(d, t + 2 * N),
+      w3 = hn::LoadU(d, t + 3 * N);
+    }
+    for (int r = a0; r < na; ++r) {
+      const U* t = a[r] + i;
+      v0 = pickV<kMin>(v0, hn::LoadU(d, t));
+      v1 = pickV<kMin>(v1, hn::LoadU(d, t + N));
+      v2 = pickV<kMin>(v2, hn::LoadU(d, t + 2 * N));
+      v3 = pickV<kMin>(v3, hn::LoadU(d, t + 3 * N));
+    }
+    for (int r = a0; r < nb; ++r) {
+      const U* t = b[r] + i;
+      w0 = pickV<kMin>(w0, hn::LoadU(d, t));
+      w1 = pickV<kMin>(w1, hn::LoadU(d, t + N));
+      w2 = pickV<kMin>(w2, hn::LoadU(d, t + 2 * N));
+      w3 = pickV<kMin>(w3, hn::LoadU(d, t + 3 * N));
+    }
+    storeKeys<T>(d, v0, out0 + i);
+    storeKeys<T>(d, v1, out0 + i + N);
+    storeKeys<T>(d, v2, out0 + i + 2 * N);
+    storeKeys<T>(d, v3, out0 + i + 3 * N);
+    storeKeys<T>(d, w0, out1 + i);
+    storeKeys<T>(d, w1, out1 + i + N);
+    storeKeys<T>(d, w2, out1 + i + 2 * N);
+    storeKeys<T>(d, w3, out1 + i + 3 * N);
+  }
+  // Then single vectors, the last one ending at n (it may store some elements again with the
+  // same values: the outputs never alias the taps).
+  auto one = [&](int k) {
+    V v, w;
+    if (ns) {
+      V s = hn::LoadU(d, taps[0] + k);
+      for (int r = 1; r < ns; ++r) s = pickV<kMin>(s, hn::LoadU(d, taps[r] + k));
+      v = w = s;
+    } else {
+      v = hn::LoadU(d, a[0] + k);
+      w = hn::LoadU(d, b[0] + k);
+    }
+    for (int r = a0; r < na; ++r) v = pickV<kMin>(v, hn::LoadU(d, a[r] + k));
+    for (int r = a0; r < nb; ++r) w = pickV<kMin>(w, hn::LoadU(d, b[r] + k));
+    storeKeys<T>(d, v, out0 + k);
+    storeKeys<T>(d, w, out1 + k);
+  };
+  for (; i + N <= n; i += N) one(i);
+  if (i < n && n >= N) {
+    one(n - N);
+    i = n;
+  }
+  ref::combine2Range<T, kMin>(taps, ns, na, nb, out0, out1, i, n);
 }
 
 template <class T>
 void keyRow(const T* in, KeyOf<T>* out, int n) {
   if constexpr (std::is_same_v<T, Kvl32f>) {
-    const hn::ScalableTag<int32_t> d;
+    const Tag<int32_t> d;
     const int N = static_cast<int>(hn::Lanes(d));
     int i = 0;
     for (; i + N <= n; i += N) hn::StoreU(loadKeys<T>(d, in + i), d, out + i);
@@ -119,6 +214,9 @@ const simd::Kernel<PairRowFn<KeyOf<T>>> RunKernels<T, kMin>::pair{
 template <class T, bool kMin>
 const simd::Kernel<CombineRowFn<T>> RunKernels<T, kMin>::combine{
     KVL_TARGETS(combineRow<T, kMin>), &ref::combineRow<T, kMin>};
+template <class T, bool kMin>
+const simd::Kernel<Combine2RowFn<T>> RunKernels<T, kMin>::combine2{
+    KVL_TARGETS(combine2Row<T, kMin>), &ref::combine2Row<T, kMin>};
 template <class T, bool kMin>
 const simd::Kernel<KeyRowFn<T>> RunKernels<T, kMin>::keys{KVL_TARGETS(keyRow<T>),
                                                            &ref::keyRow<T>};

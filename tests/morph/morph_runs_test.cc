@@ -108,7 +108,7 @@ TYPED_TEST_SUITE(MorphRuns, Members);
 // `short` bytes. Checks the result (or, on false, that nothing was written).
 template <class T, int C>
 void runCase(int roiW, int roiH, const Mask& k, int bt, bool erode, int tile, int shortBy,
-             uint32_t seed, bool expectOk = true) {
+             uint32_t seed, int plan = 0, bool expectOk = true) {
   const int margin = std::max(k.w, k.h);
   Image<T, C> src(roiW, roiH, margin, seed), dst(roiW, roiH, 1, seed + 1);
   if constexpr (std::is_floating_point_v<T>) {  // signed zeros and ties now and then
@@ -120,8 +120,8 @@ void runCase(int roiW, int roiH, const Mask& k, int bt, bool erode, int tile, in
           if (rng() % 2) src.px(x, y, c) = pool[rng() % 7];
     src.snapshot();
   }
-  const std::size_t need = kvl::morph::morphRunsBytes(k.m.data(), {k.w, k.h}, C,
-                                                      sizeof(kvl::morph::KeyOf<T>), tile < 0 ? roiW : tile);
+  const std::size_t need = kvl::morph::morphRunsBytes(
+      k.m.data(), {k.w, k.h}, C, sizeof(kvl::morph::KeyOf<T>), tile < 0 ? roiW : tile, plan);
   ASSERT_GT(need, 0u);
   // Aligned buffers end right at the guard page; odd seeds pass a misaligned one with the slack.
   const bool misaligned = shortBy == 0 && seed % 2;
@@ -181,9 +181,12 @@ TYPED_TEST(MorphRuns, TilesAndRefusal) {
     for (int kind = 0; kind < 7; ++kind) {
       const Mask k = makeMask(kind, 2 + kind, 1 + kind % 5, rng);
       const int bt = kBorders[kind];
-      for (int tile : {1, 3, 17, 40})
-        runCase<T, C>(61, 4, k, bt, kind % 2, tile, tile == 17 ? 1 : 0, 100 + tile);
-      runCase<T, C>(61, 4, k, bt, kind % 2, 1, 1, 3, false);
+      for (int plan = 0; plan < 3; ++plan) {
+        for (int tile : {1, 3, 17, 40})
+          runCase<T, C>(61, 4, k, bt, kind % 2, tile, tile == 17 ? 1 : 0, 100 + tile, plan);
+        runCase<T, C>(600, 3, k, bt, kind % 2, 260, 0, 4, plan);  // wide tiles, each plan
+      }
+      runCase<T, C>(61, 4, k, bt, kind % 2, 1, 1, 3, 2, false);
       if (::testing::Test::HasFatalFailure()) return;
     }
   });
