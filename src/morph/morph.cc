@@ -16,17 +16,9 @@
 #include "impl_decls.h"
 #include "morph/morph_members.h"
 #include "morph/morph_ref.h"
+#include "morph/morph_runs.h"
 #include "morph/morph_state.h"
 
-// 1 once the rectangle min/max filters are part of the library; until then rectangles take the
-// general path and the size functions use the filters' size formula written out here.
-#define KVL_MORPH_HAVE_MINMAX 0
-// 1 once the run engine is part of the library; until then the reference runs instead.
-#define KVL_MORPH_HAVE_RUNS 1
-
-#if KVL_MORPH_HAVE_RUNS
-#include "morph/morph_runs.h"
-#endif
 
 namespace kvl::morph {
 namespace {
@@ -40,12 +32,10 @@ long long round16(long long v) { return roundUp(v, 16); }
 template <class T, int kC>
 struct Member;
 
-#if KVL_MORPH_HAVE_MINMAX
 #define KVL_MORPH_MEMBER_TRAITS(sfx, T, C, code, sizeSfx)                                        \
   template <>                                                                                    \
   struct Member<T, C> {                                                                          \
     static constexpr int kCode = code;                                                           \
-    static constexpr bool kHaveFilters = true;                                                   \
     static KvlStatus minSize(int w, KvliSize m, int* s) {                                        \
       return impl_kvliFilterMinGetBufferSize_##sizeSfx(w, m, s);                                 \
     }                                                                                            \
@@ -58,27 +48,6 @@ struct Member;
                    : impl_kvliFilterMaxBorderReplicate_##sfx(s, ss, d, ds, r, m, a, b);          \
     }                                                                                            \
   };
-#else
-// The filters' buffer size for 8u C1, 2*H*(w + 32) + 32*H + 32, scaled by the pixel's bytes.
-#define KVL_MORPH_MEMBER_TRAITS(sfx, T, C, code, sizeSfx)                                        \
-  template <>                                                                                    \
-  struct Member<T, C> {                                                                          \
-    static constexpr int kCode = code;                                                           \
-    static constexpr bool kHaveFilters = false;                                                  \
-    static KvlStatus minSize(int w, KvliSize m, int* s) {                                        \
-      const long long px = (code == kvl16s ? 2 : static_cast<long long>(sizeof(T))) * C;         \
-      const long long v = (2LL * m.height * (w + 32LL) + 32LL * m.height + 32) * px;             \
-      if (w < 1 || m.width < 1 || m.height < 1 || v > INT_MAX) return kvlStatusBadSize;          \
-      *s = static_cast<int>(v);                                                                  \
-      return kvlStatusOk;                                                                        \
-    }                                                                                            \
-    static KvlStatus maxSize(int w, KvliSize m, int* s) { return minSize(w, m, s); }             \
-    static KvlStatus filter(bool, const T*, int, T*, int, KvliSize, KvliSize, KvliPoint,         \
-                            Kvl8u*) {                                                            \
-      return kvlStatusBadArgument;                                                               \
-    }                                                                                            \
-  };
-#endif
 KVL_MORPH_BORDER_MEMBERS(KVL_MORPH_MEMBER_TRAITS)
 #undef KVL_MORPH_MEMBER_TRAITS
 
@@ -316,19 +285,13 @@ KvlStatus ownMorphologyInitAlloc(int mode, int roiWidth, const Kvl8u* pMask, Kvl
 
 // The run engine, or false when it cannot run in the scratch it has.
 template <class T, int kC>
-bool runEngine([[maybe_unused]] const T* src, [[maybe_unused]] int srcStep,
-               [[maybe_unused]] T* dst, [[maybe_unused]] int dstStep,
-               [[maybe_unused]] KvliSize roi, [[maybe_unused]] const KvliMorphState* st,
-               [[maybe_unused]] int borderType, [[maybe_unused]] bool erode,
-               [[maybe_unused]] Kvl8u* scratch, [[maybe_unused]] long long bytes) {
-#if KVL_MORPH_HAVE_RUNS
+bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi,
+               const KvliMorphState* st, int borderType, bool erode, Kvl8u* scratch,
+               long long bytes) {
   return morphRuns<T, kC>(src, srcStep, dst, dstStep, roi, st->pMask,
                           KvliSize{st->maskWidth, st->maskHeight},
                           KvliPoint{st->anchorX, st->anchorY}, borderType, erode, scratch,
                           static_cast<std::size_t>(bytes));
-#else
-  return false;
-#endif
 }
 
 // A rectangle of the analysis record with a replicated border. An anchor left of (above) the
@@ -413,7 +376,7 @@ KvlStatus morphology(bool erode, const T* pSrc, int srcStep, T* pDst, int dstSte
     scratch = st->pWork;
     bytes = st->stateSize - (st->pWork - reinterpret_cast<const Kvl8u*>(st));
   }
-  if (cls == kvlMorphMaskRect && bt == kvlBorderRepl && Member<T, kC>::kHaveFilters) {
+  if (cls == kvlMorphMaskRect && bt == kvlBorderRepl) {
     long long f = 0;
     filterBytes<T, kC>(st->roiWidth, m, &f);
     if (f <= bytes) {

@@ -232,7 +232,10 @@ std::vector<T> model(const Image<T, C>& src, const Mask& mask, KvliPoint a, int 
 }
 
 class MorphMembers : public ::testing::TestWithParam<MorphMember> {};
-INSTANTIATE_TEST_SUITE_P(Table, MorphMembers, ::testing::ValuesIn(kMembers));
+INSTANTIATE_TEST_SUITE_P(Table, MorphMembers, ::testing::ValuesIn(kMembers),
+                         [](const ::testing::TestParamInfo<MorphMember>& p) {
+                           return std::string(p.param.name);
+                         });
 
 constexpr int kBorders[] = {kvlBorderRepl,
                             kvlBorderInMem,
@@ -281,6 +284,345 @@ TEST_P(MorphMembers, MatchesModel) {
       }
     }
   });
+}
+
+// ---- Sizes and the state's layout ----
+
+long long up16(long long v) { return (v + 15) / 16 * 16; }
+
+// The size formulas written out: the rectangle filters' buffer, the row-run scratch, the work
+// buffer B, the spec size, and the state size of each class.
+struct Formulas {
+  const MorphMember& m;
+  int roiWidth;
+  KvliSize k;
+  long long es() const { return m.elemBytes; }
+  long long A() const { return up16(1LL * k.width * k.height); }
+  long long F() const {
+    return es() * m.channels * (2LL * k.height * (roiWidth + 32) + 32LL * k.height + 32);
+  }
+  long long E(long long n) const {  // the 8u members pass one channel of 8u
+    const long long ch = m.dataType == kvl32f ? m.channels : 1;
+    return (k.height * n + 1) * (roiWidth * ch * es() + 32) + 40LL * k.height + 40;
+  }
+  long long B() const {
+    return std::max(E(k.height), F()) + up16(24LL * k.height) + A() + 16LL * k.height + 80;
+  }
+  long long spec() const {
+    const bool lean = m.dataType == kvl16u || m.dataType == kvl16s;
+    return 33 * A() + 16LL * k.height + 160 + (lean ? 0 : B());
+  }
+  long long state(int cls, const KvliMorphMaskInfo& info) const {
+    switch (cls) {
+      case 0:
+        return 33 * A() +
+               std::max(2 * up16((roiWidth + 1LL * k.width) * m.channels * es()) * k.height,
+                        es() * m.channels * k.height) +
+               112;
+      case 1: return A() + F() + 128;
+      case 2: return E(info.lengthCount) + A() + 8LL * (info.rowCount + info.lengthCount) + 160;
+      default: return A() + 96;
+    }
+  }
+};
+
+TEST_P(MorphMembers, SizeFormulas) {
+  const MorphMember& m = GetParam();
+  for (int roiWidth : {1, 2, 17, 100, 1920, 4000})
+    for (KvliSize k : {KvliSize{1, 1}, KvliSize{3, 3}, KvliSize{5, 1}, KvliSize{1, 7},
+                       KvliSize{11, 11}, KvliSize{4, 6}}) {
+      const Formulas f{m, roiWidth, k};
+      int spec = -1, buffer = -1;
+      std::vector<Kvl8u> mask(k.width * k.height, 1);
+      ASSERT_EQ(m.getSize(roiWidth, mask.data(), k, &spec, &buffer), kvlStatusOk);
+      EXPECT_EQ(spec, f.spec()) << m.name << " " << roiWidth << " " << k.width << "x" << k.height;
+      if (m.border) {
+        EXPECT_EQ(buffer, f.B());
+      }
+    }
+}
+
+TEST(MorphSizes, HandComputed) {
+  // 8u C1, width 100, 3x3: A 16, E 10*132+160 = 1480 (above the filters' 920), B 1480+80+16+
+  // 48+80 = 1704, spec 528+48+160+1704 = 2440. 16u C1 leaves B out of its spec: 736.
+  int spec = 0, buffer = 0;
+  ASSERT_EQ(kvliMorphologyBorderGetSize_8u_C1R(100, {3, 3}, &spec, &buffer), kvlStatusOk);
+  EXPECT_EQ(buffer, 1704);
+  EXPECT_EQ(spec, 2440);
+  ASSERT_EQ(kvliMorphologyBorderGetSize_16u_C1R(100, {3, 3}, &spec, &buffer), kvlStatusOk);
+  EXPECT_EQ(spec, 736);
+  // 8u C3 keeps one channel in E (10*132+160 = 1480) and so takes the filters' 3*920 = 2760;
+  // 32f C3 takes its own: 10*(1200+32)+160 = 12480.
+  ASSERT_EQ(kvliMorphologyBorderGetSize_8u_C3R(100, {3, 3}, &spec, &buffer), kvlStatusOk);
+  EXPECT_EQ(buffer, 2760 + 224);
+  ASSERT_EQ(kvliMorphologyBorderGetSize_32f_C3R(100, {3, 3}, &spec, &buffer), kvlStatusOk);
+  EXPECT_EQ(buffer, 12480 + 224);
+  // Sizes that do not fit an int.
+  EXPECT_EQ(kvliMorphologyBorderGetSize_8u_C1R(1 << 30, {3, 3}, &spec, &buffer), kvlStatusBadSize);
+  EXPECT_EQ(kvliMorphologyBorderGetSize_32f_C4R(100, {40000, 40000}, &spec, &buffer),
+            kvlStatusBadSize);
+}
+
+// Every pointer inside the block, the mask copy, the select tables, the analysis record and the
+// fields, for every mask class; built in the caller's block and, for the older interface, by
+// InitAlloc (whose block is exactly stateSize bytes).
+TEST_P(MorphMembers, StateLayout) {
+  const MorphMember& m = GetParam();
+  const int roiWidth = 37;
+  for (const Mask& mask : masks())
+    for (const bool alloc : {false, true}) {
+      if (alloc && m.border) continue;
+      SCOPED_TRACE(std::string(m.name) + " " + mask.name + (alloc ? " InitAlloc" : " Init"));
+      const auto b = build(m, roiWidth, mask, alloc);
+      ASSERT_EQ(b->status, kvlStatusOk);
+      const KvliMorphState& st = *b->state;
+      const KvliPoint a =
+          m.border ? KvliPoint{(mask.w - 1) >> 1, (mask.h - 1) >> 1} : mask.anchor;
+      KvliMorphMaskInfo info;
+      std::vector<Kvl32s> arrays(4 * mask.h);
+      const int cls =
+          ownCheckKernel(mask.w, mask.h, mask.bytes.data(), a.x, a.y, m.border, &info,
+                         arrays.data());
+      const Formulas f{m, roiWidth, mask.size()};
+      const long long elements = 1LL * mask.w * mask.h;
+      EXPECT_EQ(st.maskClass, cls);
+      EXPECT_EQ(st.stateSize, f.state(cls, info));
+      if (!m.border) {
+        EXPECT_LE(st.stateSize, f.spec()) << "an older state must fit the size query's block";
+      }
+      EXPECT_EQ(st.maskWidth, mask.w);
+      EXPECT_EQ(st.maskHeight, mask.h);
+      EXPECT_EQ(st.anchorX, cls == 3 ? 0 : a.x);
+      EXPECT_EQ(st.anchorY, cls == 3 ? 0 : a.y);
+      EXPECT_EQ(st.rightExtent, cls == 3 ? 0 : mask.w - a.x - 1);
+      EXPECT_EQ(st.bottomExtent, cls == 3 ? 0 : mask.h - a.y - 1);
+      const long long row = 1LL * m.channels * (roiWidth + mask.w);
+      EXPECT_EQ(st.rowBufferLength, m.border ? (cls == 3 ? 0 : up16(row))
+                                             : (cls == 0 ? up16(row * m.elemBytes) : 0));
+      EXPECT_EQ(st.dataType, m.dataType);
+      EXPECT_EQ(st.channels, m.channels);
+      EXPECT_EQ(st.roiWidth, roiWidth);
+      EXPECT_EQ(st.minusOne, -1);
+
+      const Kvl8u* base = reinterpret_cast<const Kvl8u*>(b->state);
+      const Kvl8u* end = base + (alloc ? st.stateSize : b->blockBytes);
+      auto inside = [&](const void* p, long long bytes) {
+        const Kvl8u* q = static_cast<const Kvl8u*>(p);
+        return q >= base + sizeof(KvliMorphState) && q + bytes <= end;
+      };
+      EXPECT_TRUE(inside(st.pMask, f.A()));
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(st.pMask) % 16, 0u);
+      for (long long k = 0; k < elements; ++k)
+        ASSERT_EQ(st.pMask[k], cls == 3 ? 0 : mask.bytes[k]);
+      EXPECT_TRUE(inside(st.pWork, 0));
+      const bool tables = cls == 0 || (m.border && cls == 1);
+      ASSERT_EQ(st.pSelectLow != nullptr, tables);
+      ASSERT_EQ(st.pSelectHigh != nullptr, tables);
+      if (tables) {
+        EXPECT_TRUE(inside(st.pSelectLow, 16 * elements));
+        EXPECT_EQ(st.pSelectHigh, st.pSelectLow + 16 * elements);
+        EXPECT_GE(st.pWork, st.pSelectHigh + 16 * elements);
+        for (long long k = 0; k < elements; ++k) {
+          const bool on = mask.bytes[k] != 0;
+          for (int q = 0; q < 4; ++q) {
+            uint32_t lo, hi;
+            std::memcpy(&lo, st.pSelectLow + 16 * k + 4 * q, 4);
+            std::memcpy(&hi, st.pSelectHigh + 16 * k + 4 * q, 4);
+            if (m.real) {
+              ASSERT_EQ(lo, on ? 0xff7fffffu : 0x7f7fffffu);
+              ASSERT_EQ(hi, on ? 0x7f7fffffu : 0xff7fffffu);
+            } else {
+              ASSERT_EQ(lo, on ? 0u : 0xffffffffu);
+              ASSERT_EQ(hi, on ? 0xffffffffu : 0u);
+            }
+          }
+        }
+      }
+      ASSERT_EQ(st.pMaskInfo != nullptr, cls == 1 || cls == 2);
+      if (st.pMaskInfo == nullptr) continue;
+      const KvliMorphMaskInfo& r = *st.pMaskInfo;
+      EXPECT_TRUE(inside(&r, sizeof r));
+      EXPECT_EQ(r.width, info.width);
+      EXPECT_EQ(r.height, info.height);
+      EXPECT_EQ(r.anchorX, info.anchorX);
+      EXPECT_EQ(r.anchorY, info.anchorY);
+      if (cls != 2) continue;
+      EXPECT_EQ(r.rowCount, info.rowCount);
+      EXPECT_EQ(r.lengthCount, info.lengthCount);
+      EXPECT_TRUE(inside(kvl::morph::infoRows(&r), 8LL * (r.rowCount + r.lengthCount)));
+      for (int k = 0; k < r.rowCount; ++k) {
+        EXPECT_EQ(kvl::morph::infoRows(&r)[k], arrays[k]);
+        EXPECT_EQ(kvl::morph::infoRowLengthIndex(&r)[k], arrays[mask.h + k]);
+      }
+      for (int k = 0; k < r.lengthCount; ++k) {
+        EXPECT_EQ(kvl::morph::infoLengths(&r)[k], arrays[2 * mask.h + k]);
+        EXPECT_EQ(kvl::morph::infoLengthAnchors(&r)[k], arrays[3 * mask.h + k]);
+      }
+    }
+}
+
+// ---- Validation ----
+
+// One call of a member with every argument in reach of a mutation.
+struct Call {
+  const void* src;
+  int srcStep;
+  void* dst;
+  int dstStep;
+  KvliSize roi;
+  int borderType;
+  const KvliMorphState* state;
+  Kvl8u* buffer;
+};
+
+struct RunCase {
+  const char* what;
+  void (*mutate)(Call&, int rowBytes);
+  KvlStatus border, older;  // expected of each interface
+};
+
+TEST_P(MorphMembers, RunValidation) {
+  const MorphMember& m = GetParam();
+  constexpr KvlStatus kNull = kvlStatusNullPointer, kSize = kvlStatusBadSize,
+                      kStep = kvlStatusBadStep, kBorder = kvlStatusBadBorderType,
+                      kArg = kvlStatusBadArgument, kOk = kvlStatusOk;
+  const RunCase cases[] = {
+      {"valid", [](Call&, int) {}, kOk, kOk},
+      {"null src", [](Call& c, int) { c.src = nullptr; }, kNull, kNull},
+      {"null dst", [](Call& c, int) { c.dst = nullptr; }, kNull, kNull},
+      {"null state", [](Call& c, int) { c.state = nullptr; }, kNull, kNull},
+      {"null buffer", [](Call& c, int) { c.buffer = nullptr; }, kNull, kOk},
+      {"null and no width", [](Call& c, int) { c.src = nullptr, c.roi.width = 0; }, kNull, kNull},
+      {"no width", [](Call& c, int) { c.roi.width = 0; }, kSize, kSize},
+      {"no height", [](Call& c, int) { c.roi.height = -1; }, kSize, kSize},
+      {"no height, short step", [](Call& c, int r) { c.roi.height = 0, c.srcStep = r - 1; },
+       kSize, kSize},
+      {"short src step", [](Call& c, int r) { c.srcStep = r - 1; }, kStep, kStep},
+      {"short dst step", [](Call& c, int r) { c.dstStep = r - 1; }, kStep, kStep},
+      {"short step, border 0", [](Call& c, int r) { c.dstStep = r - 1, c.borderType = 0; },
+       kStep, kStep},
+      {"border 0", [](Call& c, int) { c.borderType = 0; }, kBorder, kArg},
+      {"border 2", [](Call& c, int) { c.borderType = 2; }, kBorder, kArg},
+      {"border 5", [](Call& c, int) { c.borderType = 5; }, kBorder, kArg},
+      {"border 16+5", [](Call& c, int) { c.borderType = 16 + 5; }, kBorder, kArg},
+      {"border 256+1", [](Call& c, int) { c.borderType = 256 + 1; }, kBorder, kArg},
+      {"border 6", [](Call& c, int) { c.borderType = 6; }, kOk, kArg},
+      {"border 1+64", [](Call& c, int) { c.borderType = 1 + 64; }, kOk, kArg},
+      {"border 0, too wide", [](Call& c, int) { c.borderType = 0, c.roi.width += 1; }, kBorder,
+       kArg},
+      {"one wider than the state", [](Call& c, int) { c.roi.width += 1; }, kSize, kSize},
+  };
+  withType(m, [&]<class T, int C>() {
+    const int w = 9, h = 4;
+    const Mask mask = masks()[9];  // an ellipse: general or row runs
+    const auto st = build(m, w, mask);
+    ASSERT_EQ(st->status, kvlStatusOk);
+    Image<T, C> src(w + 1, h, 4, 3);  // one column more than the state, for the wide case
+    Image<T, C> dst(w + 1, h, 4, 4);
+    for (const RunCase& rc : cases) {
+      Call c{src.roi(), src.step(), dst.roi(), dst.step(), {w, h}, kvlBorderRepl, st->state,
+             st->buffer ? st->buffer->data() : nullptr};
+      rc.mutate(c, static_cast<int>(w * C * sizeof(T)));
+      const KvlStatus want = m.border ? rc.border : rc.older;
+      EXPECT_EQ(m.run(true, c.src, c.srcStep, c.dst, c.dstStep, c.roi, c.borderType, c.state,
+                      c.buffer),
+                want)
+          << m.name << ": " << rc.what;
+      if (want != kOk) {
+        EXPECT_TRUE(dst.unchanged()) << m.name << ": " << rc.what;
+      }
+      dst.snapshot();
+    }
+    if (m.dataType == kvl16s) {  // in place is refused last
+      EXPECT_EQ(m.run(false, src.roi(), src.step(), src.roi(), src.step(), {w, h}, kvlBorderRepl,
+                      st->state, st->buffer->data()),
+                kvlStatusInPlaceNotSupported);
+      EXPECT_EQ(m.run(false, src.roi(), src.step(), src.roi(), src.step(), {w + 1, h},
+                      kvlBorderRepl, st->state, st->buffer->data()),
+                kvlStatusBadSize);
+      EXPECT_TRUE(src.unchanged());
+    }
+  });
+}
+
+// The size queries and builders: pointers, sizes, then the anchor.
+TEST_P(MorphMembers, BuildValidation) {
+  const MorphMember& m = GetParam();
+  const Kvl8u mask[6] = {1, 1, 1, 0, 1, 0};
+  const KvliSize k{3, 2};
+  int spec = 0, buffer = 0;
+  ASSERT_EQ(m.getSize(20, mask, k, &spec, &buffer), kvlStatusOk);
+  std::vector<uint64_t> block((spec + 7) / 8, 0x5a5a5a5a5a5a5a5aull);
+  const std::vector<uint64_t> untouched = block;
+  std::vector<Kvl8u> buf(std::max(buffer, 1));
+  auto* st = reinterpret_cast<KvliMorphState*>(block.data());
+  int* const none = nullptr;
+  EXPECT_EQ(m.getSize(20, mask, k, none, &buffer), kvlStatusNullPointer);
+  if (m.border) {
+    EXPECT_EQ(m.getSize(20, mask, k, &spec, none), kvlStatusNullPointer);
+  } else {
+    EXPECT_EQ(m.getSize(20, nullptr, k, &spec, &buffer), kvlStatusNullPointer);
+  }
+  EXPECT_EQ(m.getSize(0, mask, k, &spec, &buffer), kvlStatusBadSize);
+  EXPECT_EQ(m.getSize(20, mask, {0, 2}, &spec, &buffer), kvlStatusBadSize);
+  EXPECT_EQ(m.getSize(20, mask, {3, -1}, &spec, &buffer), kvlStatusBadSize);
+  struct {
+    const char* what;
+    int roiWidth;
+    const Kvl8u* mask;
+    KvliSize size;
+    KvliPoint anchor;
+    KvliMorphState* state;
+    Kvl8u* buffer;
+    KvlStatus border, older;
+  } const cases[] = {
+      {"null mask", 20, nullptr, k, {1, 1}, st, buf.data(), kvlStatusNullPointer,
+       kvlStatusNullPointer},
+      {"null state", 20, mask, k, {1, 1}, nullptr, buf.data(), kvlStatusNullPointer,
+       kvlStatusNullPointer},
+      {"null buffer", 0, mask, k, {1, 1}, st, nullptr, kvlStatusNullPointer, kvlStatusBadSize},
+      {"no roi", 0, mask, k, {5, 1}, st, buf.data(), kvlStatusBadSize, kvlStatusBadSize},
+      {"no mask width", 20, mask, {0, 2}, {1, 1}, st, buf.data(), kvlStatusBadSize,
+       kvlStatusBadSize},
+      {"anchor x = width", 20, mask, k, {3, 0}, st, buf.data(), kvlStatusOk,
+       kvlStatusBadAnchor},
+      {"anchor y < 0", 20, mask, k, {0, -1}, st, buf.data(), kvlStatusOk, kvlStatusBadAnchor},
+  };
+  for (const auto& c : cases) {
+    const KvlStatus want = m.border ? c.border : c.older;
+    EXPECT_EQ(m.init(c.roiWidth, c.mask, c.size, c.anchor, c.state, c.buffer), want)
+        << m.name << ": " << c.what;
+    if (want != kvlStatusOk) {
+      EXPECT_TRUE(block == untouched) << m.name << ": " << c.what;
+    }
+    block = untouched;
+    if (m.initAlloc == nullptr || c.state == nullptr) continue;
+    KvliMorphState* made = reinterpret_cast<KvliMorphState*>(&block);
+    EXPECT_EQ(m.initAlloc(c.roiWidth, c.mask, c.size, c.anchor, &made), want) << c.what;
+    if (want == kvlStatusOk) kvliMorphologyFree(made);
+  }
+  if (m.initAlloc != nullptr) {
+    EXPECT_EQ(m.initAlloc(20, mask, k, {0, 0}, nullptr), kvlStatusNullPointer);
+  }
+}
+
+// InitAlloc reports an allocation failure of its analysis scratch or of the state, and leaves
+// nothing allocated (the sanitizer build checks the leak) and the caller's pointer alone.
+TEST_P(MorphMembers, InitAllocNoMemory) {
+  const MorphMember& m = GetParam();
+  if (m.initAlloc == nullptr) GTEST_SKIP() << "the border interface does not allocate";
+  const Kvl8u mask[9] = {0, 1, 0, 1, 1, 1, 0, 1, 0};
+  for (int failing : {1, 2}) {
+    KvliMorphState* st = reinterpret_cast<KvliMorphState*>(&gFailAt);
+    gFailAt = failing;
+    EXPECT_EQ(m.initAlloc(40, mask, {3, 3}, {1, 1}, &st), kvlStatusNoMemory) << failing;
+    gFailAt = 0;
+    EXPECT_EQ(st, reinterpret_cast<KvliMorphState*>(&gFailAt));
+  }
+  KvliMorphState* st = nullptr;
+  ASSERT_EQ(m.initAlloc(40, mask, {3, 3}, {1, 1}, &st), kvlStatusOk);
+  EXPECT_EQ(kvliMorphologyFree(st), kvlStatusOk);
+  EXPECT_EQ(kvliMorphologyFree(nullptr), kvlStatusNullPointer);
 }
 
 }  // namespace
