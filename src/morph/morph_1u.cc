@@ -33,7 +33,7 @@ void fillBits(uint64_t* w, long long t0, long long t1, int v) {
 // its flag is set and repeats its edge pixel otherwise. Only the bytes holding pixels that the
 // rule reads from memory are touched. Writes (x1 - x0 + 63) / 64 words.
 void extractRow(const Kvl8u* row, int off, int W, int x0, int x1, bool memL, bool memR,
-                uint64_t* out) {
+                uint64_t* out, LoadBitsFn load) {
   const int n = (x1 - x0 + 63) >> 6;
   const int mx0 = memL ? x0 : std::max(x0, 0);
   const int mx1 = memR ? x1 : std::min(x1, W);
@@ -42,59 +42,67 @@ void extractRow(const Kvl8u* row, int off, int W, int x0, int x1, bool memL, boo
     lo = (static_cast<long long>(off) + mx0) >> 3;
     hi = (static_cast<long long>(off) + mx1 - 1) >> 3;
   }
-  for (int k = 0; k < n; ++k) {
-    const long long b = static_cast<long long>(off) + x0 + 64ll * k;
-    const long long q = b >> 3;
-    const int s = static_cast<int>(b & 7);
+  const long long b0 = static_cast<long long>(off) + x0, q0 = b0 >> 3;
+  const int s = static_cast<int>(b0 & 7);
+  // Word k takes bytes q0 + 8k .. q0 + 8k + 8: the words whose bytes all may be read go to the
+  // kernel, the others (at most a few at each end) byte by byte.
+  long long kA = 0, kB = 0;
+  if (lo <= hi) {
+    kA = std::max<long long>(0, -((q0 - lo) >> 3));
+    kB = std::min<long long>(n, ((hi - 8 - q0) >> 3) + 1);
+    kB = std::max(kA, kB);
+  }
+  auto slow = [&](long long k) {
+    const long long q = q0 + 8 * k;
     uint64_t w = 0, top = 0;
-    if (q >= lo && q + 8 <= hi) {
-      std::memcpy(&w, row + q, 8);  // little-endian: byte i holds pixels 8i .. 8i + 7
-      top = row[q + 8];
-    } else {
-      for (int i = 0; i <= 8; ++i) {
-        if (q + i < lo || q + i > hi) continue;
-        if (i < 8)
-          w |= static_cast<uint64_t>(row[q + i]) << (8 * i);
-        else
-          top = row[q + i];
-      }
+    for (int i = 0; i <= 8; ++i) {
+      if (q + i < lo || q + i > hi) continue;
+      if (i < 8)
+        w |= static_cast<uint64_t>(row[q + i]) << (8 * i);
+      else
+        top = row[q + i];
     }
     out[k] = s ? (w >> s) | (top << (64 - s)) : w;
-  }
+  };
+  for (long long k = 0; k < kA; ++k) slow(k);
+  if (kB > kA) load(out + kA, row + q0 + 8 * kA, s, static_cast<int>(kB - kA));
+  for (long long k = kB; k < n; ++k) slow(k);
   const long long len = static_cast<long long>(x1) - x0;
   if (x0 < mx0) fillBits(out, 0, std::min<long long>(mx0 - x0, len), bitAt(row, off));
   if (mx1 < x1)
-    fillBits(out, std::max<long long>(mx1 - x0, 0), len, bitAt(row, static_cast<long long>(off) + W - 1));
+    fillBits(out, std::max<long long>(mx1 - x0, 0), len,
+             bitAt(row, static_cast<long long>(off) + W - 1));
 }
 
 // Writes `count` pixels from words (bit t of bits is pixel x0 + t) into a destination row at bit
 // offset `off`; the other bits of the first and last bytes keep their values.
-void storeRow(Kvl8u* row, int off, int x0, int count, const uint64_t* bits) {
+void storeRow(Kvl8u* row, int off, int x0, int count, const uint64_t* bits, StoreBitsFn store) {
   const long long b0 = static_cast<long long>(off) + x0;
   Kvl8u* p = row + (b0 >> 3);
   const int sh = static_cast<int>(b0 & 7);
   const long long total = sh + static_cast<long long>(count);
   const long long nbytes = (total + 7) >> 3;
   const long long nw = (static_cast<long long>(count) + 63) >> 6;
-  const long long chunks = (total + 63) >> 6;
-  for (long long c = 0; c < chunks; ++c) {
+  // Chunks of 8 bytes: [cA, cB) are whole, chunk 0 (when shifted) and cB (when the row ends
+  // inside it) are merged with the bits they keep.
+  const long long cA = sh ? 1 : 0, cB = total >> 6;
+  if (cB > cA) store(p, bits, sh, static_cast<int>(cA), static_cast<int>(cB));
+  auto partial = [&](long long c) {
     uint64_t v = c < nw ? bits[c] << sh : 0;
     if (sh != 0 && c > 0) v |= bits[c - 1] >> (64 - sh);
     const long long first = c << 6;
     const int lo = static_cast<int>(std::max<long long>(first, sh) - first);
     const int hi = static_cast<int>(std::min<long long>(first + 64, total) - first);
-    Kvl8u* at = p + (c << 3);
-    if (lo == 0 && hi == 64) {
-      std::memcpy(at, &v, 8);
-      continue;
-    }
     const uint64_t m = (hi == 64 ? ~0ull : (1ull << hi) - 1) & ~((1ull << lo) - 1);
     const size_t bytes = static_cast<size_t>(std::min<long long>(8, nbytes - (c << 3)));
+    Kvl8u* at = p + (c << 3);
     uint64_t old = 0;
     std::memcpy(&old, at, bytes);
     old = (old & ~m) | (v & m);
     std::memcpy(at, &old, bytes);
-  }
+  };
+  if (sh != 0) partial(0);
+  if ((total & 63) != 0 && !(sh != 0 && cB == 0)) partial(cB);
 }
 
 inline int floorLog2(int v) { return 31 - __builtin_clz(static_cast<unsigned>(v)); }
@@ -129,13 +137,15 @@ void copyBits(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int d
               int dstBitOffset, KvliSize roi) {
   constexpr int kChunk = 64 * 64;
   uint64_t words[kChunk / 64];
+  const LoadBitsFn load = kLoadBits.pick();
+  const StoreBitsFn store = kStoreBits.pick();
   for (int y = 0; y < roi.height; ++y) {
     const Kvl8u* s = rowPtr(src, srcStep, y);
     Kvl8u* d = rowPtr(dst, dstStep, y);
     for (int x = 0; x < roi.width; x += kChunk) {
       const int c = std::min(kChunk, roi.width - x);
-      extractRow(s, srcBitOffset, roi.width, x, x + c, false, false, words);
-      storeRow(d, dstBitOffset, x, c, words);
+      extractRow(s, srcBitOffset, roi.width, x, x + c, false, false, words, load);
+      storeRow(d, dstBitOffset, x, c, words, store);
     }
   }
 }
@@ -233,6 +243,8 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
 
   const Combine2Fn combine2 = kCombine2.pick();
   const ReduceFn reduce = kReduce.pick();
+  const LoadBitsFn load = kLoadBits.pick();
+  const StoreBitsFn store = kStoreBits.pick();
   const int rFirst = j0 - ay;  // the source row of output row 0 and the first mask row
 
   for (int tx0 = 0; tx0 < W; tx0 += strip) {
@@ -244,7 +256,7 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
     auto prepare = [&](int rr) {
       const int slot = (rr - rFirst) % K;
       const int sy = rr < 0 ? (memT ? rr : 0) : rr >= H ? (memB ? rr : H - 1) : rr;
-      extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR, level);
+      extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR, level, load);
       for (int p = 1; p < levels; ++p)
         combine2(level + p * stride, level + (p - 1) * stride, 0, 1 << (p - 1), nIn, erode);
       for (int li = 0; li < lengthCount; ++li) {
@@ -261,7 +273,7 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
       }
       for (int u = 0; u < runCount; ++u) terms[u] = ringRow((y + runs[u].row) % K, runs[u].lengthIndex);
       reduce(acc, terms, shifts, runCount, nOut, erode);
-      storeRow(rowPtr(dst, dstStep, y), dstBitOffset, tx0, wt, acc);
+      storeRow(rowPtr(dst, dstStep, y), dstBitOffset, tx0, wt, acc, store);
     }
   }
   return true;

@@ -74,6 +74,38 @@ void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int c
   erode ? reduceT<true>(out, rows, shifts, count, n) : reduceT<false>(out, rows, shifts, count, n);
 }
 
+void loadBits(uint64_t* out, const Kvl8u* p, int s, int n) {
+  const DW d;
+  const hn::Repartition<uint8_t, DW> d8;
+  const size_t N = hn::Lanes(d);
+  size_t k = 0;
+  // A vector reads N words and, when shifted, the byte after them: stop one word early.
+  const size_t end = static_cast<size_t>(n) > N ? static_cast<size_t>(n) - (s ? 1 : 0) : 0;
+  for (; k + N <= end; k += N) {
+    const VW lo = hn::BitCast(d, hn::LoadU(d8, p + 8 * k));
+    if (s == 0) {
+      hn::StoreU(lo, d, out + k);
+      continue;
+    }
+    const VW hi = hn::BitCast(d, hn::LoadU(d8, p + 8 * k + 8));
+    hn::StoreU(hn::Or(hn::ShiftRightSame(lo, s), hn::ShiftLeftSame(hi, 64 - s)), d, out + k);
+  }
+  ref::loadBits(out + k, p + 8 * k, s, n - static_cast<int>(k));
+}
+
+void storeBits(Kvl8u* p, const uint64_t* bits, int sh, int c0, int c1) {
+  const DW d;
+  const hn::Repartition<uint8_t, DW> d8;
+  const size_t N = hn::Lanes(d);
+  size_t c = static_cast<size_t>(c0);
+  for (; c + N <= static_cast<size_t>(c1); c += N) {
+    VW v = hn::LoadU(d, bits + c);
+    if (sh) v = hn::Or(hn::ShiftLeftSame(v, sh), hn::ShiftRightSame(hn::LoadU(d, bits + c - 1), 64 - sh));
+    hn::StoreU(hn::BitCast(d8, v), d8, p + 8 * c);
+  }
+  ref::storeBits(p, bits, sh, static_cast<int>(c), c1);
+}
+
 #endif  // KVL_SIMD_TARGET
 }  // namespace HWY_NAMESPACE
 }  // namespace kvl::morph
@@ -84,6 +116,8 @@ namespace kvl::morph {
 
 const simd::Kernel<Combine2Fn> kCombine2{KVL_TARGETS(combine2), &ref::combine2};
 const simd::Kernel<ReduceFn> kReduce{KVL_TARGETS(reduce), &ref::reduce};
+const simd::Kernel<LoadBitsFn> kLoadBits{KVL_TARGETS(loadBits), &ref::loadBits};
+const simd::Kernel<StoreBitsFn> kStoreBits{KVL_TARGETS(storeBits), &ref::storeBits};
 
 }  // namespace kvl::morph
 #endif  // HWY_ONCE
