@@ -52,15 +52,15 @@ void extractRow(const Kvl8u* row, int off, int W, int x0, int x1, bool memL, boo
     kB = std::min<long long>(n, ((hi - 8 - q0) >> 3) + 1);
     kB = std::max(kA, kB);
   }
-  auto slow = [&](long long k) {
+  auto slow = [&](long long k) {  // the bytes of word k that may be read, the others as 0
     const long long q = q0 + 8 * k;
+    const long long from = std::max(q, lo), to = std::min(q + 8, hi);
     uint64_t w = 0, top = 0;
-    for (int i = 0; i <= 8; ++i) {
-      if (q + i < lo || q + i > hi) continue;
-      if (i < 8)
-        w |= static_cast<uint64_t>(row[q + i]) << (8 * i);
+    for (long long i = from; i <= to; ++i) {  // in registers: no store to reload
+      if (i - q < 8)
+        w |= static_cast<uint64_t>(row[i]) << (8 * (i - q));
       else
-        top = row[q + i];
+        top = row[i];
     }
     out[k] = s ? (w >> s) | (top << (64 - s)) : w;
   };
@@ -221,7 +221,12 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   // Rows of words: the ring (K source rows x one row per distinct length), the doubling levels
   // of the row being prepared, and the output row.
   const int K = j1 - j0 + 1;
-  const int levels = floorLog2(maxLen) + 1;
+  // Runs of up to kDirect pixels combine their shifted copies in one pass; longer ones double
+  // (pixel runs of 1, 2, 4, ... at the levels) and join two copies of the top level they need.
+  constexpr int kDirect = 4;
+  int levels = 1;
+  for (int li = 0; li < lengthCount; ++li)
+    if (lengths[li] > kDirect) levels = std::max(levels, floorLog2(lengths[li]) + 1);
   const long long rowCount = static_cast<long long>(K) * lengthCount + levels + 1;
   const int span = i1 - i0;  // the columns a run reaches, from the leftmost one
   const int pad = (span >> 6) + 2 + kPadWords;
@@ -261,8 +266,14 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
         combine2(level + p * stride, level + (p - 1) * stride, 0, 1 << (p - 1), nIn, erode);
       for (int li = 0; li < lengthCount; ++li) {
         const int len = lengths[li], p = floorLog2(len);
-        combine2(ringRow(slot, li), level + p * stride, homes[li], homes[li] + len - (1 << p),
-                 nIn, erode);
+        if (len <= kDirect) {
+          const uint64_t* copies[kDirect] = {level, level, level, level};
+          const int at[kDirect] = {homes[li], homes[li] + 1, homes[li] + 2, homes[li] + 3};
+          reduce(ringRow(slot, li), copies, at, len, nIn, erode);
+        } else {
+          combine2(ringRow(slot, li), level + p * stride, homes[li], homes[li] + len - (1 << p),
+                   nIn, erode);
+        }
       }
     };
     for (int y = 0; y < H; ++y) {

@@ -74,21 +74,28 @@ void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int c
   erode ? reduceT<true>(out, rows, shifts, count, n) : reduceT<false>(out, rows, shifts, count, n);
 }
 
+// The last vector of a row overlaps the one before it instead of leaving a scalar tail: its
+// words (or bytes) are computed again from the same input, so they come out the same.
 void loadBits(uint64_t* out, const Kvl8u* p, int s, int n) {
   const DW d;
   const hn::Repartition<uint8_t, DW> d8;
   const size_t N = hn::Lanes(d);
-  size_t k = 0;
-  // A vector reads N words and, when shifted, the byte after them: stop one word early.
-  const size_t end = static_cast<size_t>(n) > N ? static_cast<size_t>(n) - (s ? 1 : 0) : 0;
-  for (; k + N <= end; k += N) {
+  auto at = [&](size_t k) KVL_INLINE_LAMBDA {
     const VW lo = hn::BitCast(d, hn::LoadU(d8, p + 8 * k));
     if (s == 0) {
       hn::StoreU(lo, d, out + k);
-      continue;
+      return;
     }
     const VW hi = hn::BitCast(d, hn::LoadU(d8, p + 8 * k + 8));
     hn::StoreU(hn::Or(hn::ShiftRightSame(lo, s), hn::ShiftLeftSame(hi, 64 - s)), d, out + k);
+  };
+  // A shifted vector at k reads through byte 8(k + N) + 7: the last word then goes alone.
+  const size_t vecEnd = static_cast<size_t>(n) - (s ? 1 : 0);
+  size_t k = 0;
+  if (static_cast<size_t>(n) >= N + (s ? 1 : 0)) {
+    for (; k + N <= vecEnd; k += N) at(k);
+    if (k < vecEnd) at(vecEnd - N);
+    k = vecEnd;
   }
   ref::loadBits(out + k, p + 8 * k, s, n - static_cast<int>(k));
 }
@@ -97,11 +104,17 @@ void storeBits(Kvl8u* p, const uint64_t* bits, int sh, int c0, int c1) {
   const DW d;
   const hn::Repartition<uint8_t, DW> d8;
   const size_t N = hn::Lanes(d);
-  size_t c = static_cast<size_t>(c0);
-  for (; c + N <= static_cast<size_t>(c1); c += N) {
+  auto at = [&](size_t c) KVL_INLINE_LAMBDA {
     VW v = hn::LoadU(d, bits + c);
     if (sh) v = hn::Or(hn::ShiftLeftSame(v, sh), hn::ShiftRightSame(hn::LoadU(d, bits + c - 1), 64 - sh));
     hn::StoreU(hn::BitCast(d8, v), d8, p + 8 * c);
+  };
+  size_t c = static_cast<size_t>(c0);
+  const size_t end = static_cast<size_t>(c1);
+  if (end > c && end - c >= N) {
+    for (; c + N <= end; c += N) at(c);
+    if (c < end) at(end - N);
+    c = end;
   }
   ref::storeBits(p, bits, sh, static_cast<int>(c), c1);
 }
