@@ -216,10 +216,13 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
       runs[r++] = {j - j0, s - i0, lengthSlot[len]};
     }
   }
-  for (int u = 0; u < runCount; ++u) shifts[u] = runs[u].start - homes[runs[u].lengthIndex];
+  // A run of one pixel reads the source row itself, from the leftmost column.
+  for (int u = 0; u < runCount; ++u)
+    shifts[u] = lengths[runs[u].lengthIndex] == 1 ? runs[u].start
+                                                   : runs[u].start - homes[runs[u].lengthIndex];
 
-  // Rows of words: the ring (K source rows x one row per distinct length), the doubling levels
-  // of the row being prepared, and the output row.
+  // Rows of words: the ring (K source rows, each with its copy and one row per distinct length
+  // above 1), the doubling levels above the copy of the row being prepared, and the output row.
   const int K = j1 - j0 + 1;
   // Runs of up to kDirect pixels combine their shifted copies in one pass; longer ones double
   // (pixel runs of 1, 2, 4, ... at the levels) and join two copies of the top level they need.
@@ -227,7 +230,8 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   int levels = 1;
   for (int li = 0; li < lengthCount; ++li)
     if (lengths[li] > kDirect) levels = std::max(levels, floorLog2(lengths[li]) + 1);
-  const long long rowCount = static_cast<long long>(K) * lengthCount + levels + 1;
+  const int perSlot = 1 + lengthCount;
+  const long long rowCount = static_cast<long long>(K) * perSlot + levels;
   const int span = i1 - i0;  // the columns a run reaches, from the leftmost one
   const int pad = (span >> 6) + 2 + kPadWords;
   Kvl8u* rows = alignUp(carve.p, 64);
@@ -242,9 +246,10 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
       roundUp((static_cast<long long>(strip) + span - 1 + 63) / 64 + pad, 8);
   uint64_t* words = reinterpret_cast<uint64_t*>(rows);
   std::memset(words, 0, static_cast<size_t>(stride * rowCount * 8));
-  auto ringRow = [&](int slot, int li) { return words + (slot * lengthCount + li) * stride; };
-  uint64_t* level = words + static_cast<long long>(K) * lengthCount * stride;
-  uint64_t* acc = level + levels * stride;
+  // Row 0 of a slot is the source row's copy, row 1 + li the runs of length li.
+  auto ringRow = [&](int slot, int row) { return words + (slot * perSlot + row) * stride; };
+  uint64_t* upper = words + static_cast<long long>(K) * perSlot * stride;  // levels 1, 2, ...
+  uint64_t* acc = upper + (levels - 1) * stride;
 
   const Combine2Fn combine2 = kCombine2.pick();
   const ReduceFn reduce = kReduce.pick();
@@ -261,18 +266,21 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
     auto prepare = [&](int rr) {
       const int slot = (rr - rFirst) % K;
       const int sy = rr < 0 ? (memT ? rr : 0) : rr >= H ? (memB ? rr : H - 1) : rr;
-      extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR, level, load);
+      uint64_t* copy = ringRow(slot, 0);
+      extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR, copy, load);
+      auto level = [&](int p) { return p == 0 ? copy : upper + (p - 1) * stride; };
       for (int p = 1; p < levels; ++p)
-        combine2(level + p * stride, level + (p - 1) * stride, 0, 1 << (p - 1), nIn, erode);
+        combine2(level(p), level(p - 1), 0, 1 << (p - 1), nIn, erode);
       for (int li = 0; li < lengthCount; ++li) {
         const int len = lengths[li], p = floorLog2(len);
+        if (len == 1) continue;
         if (len <= kDirect) {
-          const uint64_t* copies[kDirect] = {level, level, level, level};
+          const uint64_t* copies[kDirect] = {copy, copy, copy, copy};
           const int at[kDirect] = {homes[li], homes[li] + 1, homes[li] + 2, homes[li] + 3};
-          reduce(ringRow(slot, li), copies, at, len, nIn, erode);
+          reduce(ringRow(slot, 1 + li), copies, at, len, nIn, erode);
         } else {
-          combine2(ringRow(slot, li), level + p * stride, homes[li], homes[li] + len - (1 << p),
-                   nIn, erode);
+          combine2(ringRow(slot, 1 + li), level(p), homes[li], homes[li] + len - (1 << p), nIn,
+                   erode);
         }
       }
     };
@@ -282,7 +290,10 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
       } else {
         prepare(rFirst + y + K - 1);
       }
-      for (int u = 0; u < runCount; ++u) terms[u] = ringRow((y + runs[u].row) % K, runs[u].lengthIndex);
+      for (int u = 0; u < runCount; ++u) {
+        const int li = runs[u].lengthIndex;
+        terms[u] = ringRow((y + runs[u].row) % K, lengths[li] == 1 ? 0 : 1 + li);
+      }
       reduce(acc, terms, shifts, runCount, nOut, erode);
       storeRow(rowPtr(dst, dstStep, y), dstBitOffset, tx0, wt, acc, store);
     }

@@ -24,7 +24,7 @@ namespace kvl::morph {
 
 // Words of vector slack after every row the engine keeps: the kernels may write up to this many
 // words past a row's end and read this many past the shifts they are given.
-constexpr int kPadWords = 8;
+constexpr int kPadWords = 16;
 
 // Word t of a row shifted right by s pixels (s >= 0): bit b of the result is pixel b + s of the
 // row, taken across the word boundary.

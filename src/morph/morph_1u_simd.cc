@@ -69,8 +69,31 @@ void reduceT(uint64_t* out, const uint64_t* const* rows, const int* shifts, int 
   }
 }
 
+// Rows taken as they are (every shift 0): plain loads, two vectors per pass (up to 16 words,
+// kPadWords, past n).
+template <bool kErode>
+void reduceAlignedT(uint64_t* out, const uint64_t* const* rows, int count, int n) {
+  const DW d;
+  const size_t N = hn::Lanes(d);
+  for (size_t t = 0; t < static_cast<size_t>(n); t += 2 * N) {
+    VW v0 = hn::LoadU(d, rows[0] + t), v1 = hn::LoadU(d, rows[0] + t + N);
+    for (int i = 1; i < count; ++i) {
+      v0 = op<kErode>(v0, hn::LoadU(d, rows[i] + t));
+      v1 = op<kErode>(v1, hn::LoadU(d, rows[i] + t + N));
+    }
+    hn::StoreU(v0, d, out + t);
+    hn::StoreU(v1, d, out + t + N);
+  }
+}
+
 void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int count, int n,
             bool erode) {
+  bool aligned = true;
+  for (int i = 0; i < count; ++i) aligned = aligned && shifts[i] == 0;
+  if (aligned) {
+    erode ? reduceAlignedT<true>(out, rows, count, n) : reduceAlignedT<false>(out, rows, count, n);
+    return;
+  }
   erode ? reduceT<true>(out, rows, shifts, count, n) : reduceT<false>(out, rows, shifts, count, n);
 }
 
