@@ -33,7 +33,7 @@ void fillBits(uint64_t* w, long long t0, long long t1, int v) {
 // its flag is set and repeats its edge pixel otherwise. Only the bytes holding pixels that the
 // rule reads from memory are touched. Writes (x1 - x0 + 63) / 64 words.
 void extractRow(const Kvl8u* row, int off, int W, int x0, int x1, bool memL, bool memR,
-                uint64_t* out) {
+                uint64_t* out, LoadBitsFn load) {
   const int n = (x1 - x0 + 63) >> 6;
   const int mx0 = memL ? x0 : std::max(x0, 0);
   const int mx1 = memR ? x1 : std::min(x1, W);
@@ -42,59 +42,67 @@ void extractRow(const Kvl8u* row, int off, int W, int x0, int x1, bool memL, boo
     lo = (static_cast<long long>(off) + mx0) >> 3;
     hi = (static_cast<long long>(off) + mx1 - 1) >> 3;
   }
-  for (int k = 0; k < n; ++k) {
-    const long long b = static_cast<long long>(off) + x0 + 64ll * k;
-    const long long q = b >> 3;
-    const int s = static_cast<int>(b & 7);
+  const long long b0 = static_cast<long long>(off) + x0, q0 = b0 >> 3;
+  const int s = static_cast<int>(b0 & 7);
+  // Word k takes bytes q0 + 8k .. q0 + 8k + 8: the words whose bytes all may be read go to the
+  // kernel, the others (at most a few at each end) byte by byte.
+  long long kA = 0, kB = 0;
+  if (lo <= hi) {
+    kA = std::max<long long>(0, -((q0 - lo) >> 3));
+    kB = std::min<long long>(n, ((hi - 8 - q0) >> 3) + 1);
+    kB = std::max(kA, kB);
+  }
+  auto slow = [&](long long k) {  // the bytes of word k that may be read, the others as 0
+    const long long q = q0 + 8 * k;
+    const long long from = std::max(q, lo), to = std::min(q + 8, hi);
     uint64_t w = 0, top = 0;
-    if (q >= lo && q + 8 <= hi) {
-      std::memcpy(&w, row + q, 8);  // little-endian: byte i holds pixels 8i .. 8i + 7
-      top = row[q + 8];
-    } else {
-      for (int i = 0; i <= 8; ++i) {
-        if (q + i < lo || q + i > hi) continue;
-        if (i < 8)
-          w |= static_cast<uint64_t>(row[q + i]) << (8 * i);
-        else
-          top = row[q + i];
-      }
+    for (long long i = from; i <= to; ++i) {  // in registers: no store to reload
+      if (i - q < 8)
+        w |= static_cast<uint64_t>(row[i]) << (8 * (i - q));
+      else
+        top = row[i];
     }
     out[k] = s ? (w >> s) | (top << (64 - s)) : w;
-  }
+  };
+  for (long long k = 0; k < kA; ++k) slow(k);
+  if (kB > kA) load(out + kA, row + q0 + 8 * kA, s, static_cast<int>(kB - kA));
+  for (long long k = kB; k < n; ++k) slow(k);
   const long long len = static_cast<long long>(x1) - x0;
   if (x0 < mx0) fillBits(out, 0, std::min<long long>(mx0 - x0, len), bitAt(row, off));
   if (mx1 < x1)
-    fillBits(out, std::max<long long>(mx1 - x0, 0), len, bitAt(row, static_cast<long long>(off) + W - 1));
+    fillBits(out, std::max<long long>(mx1 - x0, 0), len,
+             bitAt(row, static_cast<long long>(off) + W - 1));
 }
 
 // Writes `count` pixels from words (bit t of bits is pixel x0 + t) into a destination row at bit
 // offset `off`; the other bits of the first and last bytes keep their values.
-void storeRow(Kvl8u* row, int off, int x0, int count, const uint64_t* bits) {
+void storeRow(Kvl8u* row, int off, int x0, int count, const uint64_t* bits, StoreBitsFn store) {
   const long long b0 = static_cast<long long>(off) + x0;
   Kvl8u* p = row + (b0 >> 3);
   const int sh = static_cast<int>(b0 & 7);
   const long long total = sh + static_cast<long long>(count);
   const long long nbytes = (total + 7) >> 3;
   const long long nw = (static_cast<long long>(count) + 63) >> 6;
-  const long long chunks = (total + 63) >> 6;
-  for (long long c = 0; c < chunks; ++c) {
+  // Chunks of 8 bytes: [cA, cB) are whole, chunk 0 (when shifted) and cB (when the row ends
+  // inside it) are merged with the bits they keep.
+  const long long cA = sh ? 1 : 0, cB = total >> 6;
+  if (cB > cA) store(p, bits, sh, static_cast<int>(cA), static_cast<int>(cB));
+  auto partial = [&](long long c) {
     uint64_t v = c < nw ? bits[c] << sh : 0;
     if (sh != 0 && c > 0) v |= bits[c - 1] >> (64 - sh);
     const long long first = c << 6;
     const int lo = static_cast<int>(std::max<long long>(first, sh) - first);
     const int hi = static_cast<int>(std::min<long long>(first + 64, total) - first);
-    Kvl8u* at = p + (c << 3);
-    if (lo == 0 && hi == 64) {
-      std::memcpy(at, &v, 8);
-      continue;
-    }
     const uint64_t m = (hi == 64 ? ~0ull : (1ull << hi) - 1) & ~((1ull << lo) - 1);
     const size_t bytes = static_cast<size_t>(std::min<long long>(8, nbytes - (c << 3)));
+    Kvl8u* at = p + (c << 3);
     uint64_t old = 0;
     std::memcpy(&old, at, bytes);
     old = (old & ~m) | (v & m);
     std::memcpy(at, &old, bytes);
-  }
+  };
+  if (sh != 0) partial(0);
+  if ((total & 63) != 0 && !(sh != 0 && cB == 0)) partial(cB);
 }
 
 inline int floorLog2(int v) { return 31 - __builtin_clz(static_cast<unsigned>(v)); }
@@ -129,13 +137,15 @@ void copyBits(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int d
               int dstBitOffset, KvliSize roi) {
   constexpr int kChunk = 64 * 64;
   uint64_t words[kChunk / 64];
+  const LoadBitsFn load = kLoadBits.pick();
+  const StoreBitsFn store = kStoreBits.pick();
   for (int y = 0; y < roi.height; ++y) {
     const Kvl8u* s = rowPtr(src, srcStep, y);
     Kvl8u* d = rowPtr(dst, dstStep, y);
     for (int x = 0; x < roi.width; x += kChunk) {
       const int c = std::min(kChunk, roi.width - x);
-      extractRow(s, srcBitOffset, roi.width, x, x + c, false, false, words);
-      storeRow(d, dstBitOffset, x, c, words);
+      extractRow(s, srcBitOffset, roi.width, x, x + c, false, false, words, load);
+      storeRow(d, dstBitOffset, x, c, words, store);
     }
   }
 }
@@ -206,13 +216,22 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
       runs[r++] = {j - j0, s - i0, lengthSlot[len]};
     }
   }
-  for (int u = 0; u < runCount; ++u) shifts[u] = runs[u].start - homes[runs[u].lengthIndex];
+  // A run of one pixel reads the source row itself, from the leftmost column.
+  for (int u = 0; u < runCount; ++u)
+    shifts[u] = lengths[runs[u].lengthIndex] == 1 ? runs[u].start
+                                                   : runs[u].start - homes[runs[u].lengthIndex];
 
-  // Rows of words: the ring (K source rows x one row per distinct length), the doubling levels
-  // of the row being prepared, and the output row.
+  // Rows of words: the ring (K source rows, each with its copy and one row per distinct length
+  // above 1), the doubling levels above the copy of the row being prepared, and the output row.
   const int K = j1 - j0 + 1;
-  const int levels = floorLog2(maxLen) + 1;
-  const long long rowCount = static_cast<long long>(K) * lengthCount + levels + 1;
+  // Runs of up to kDirect pixels combine their shifted copies in one pass; longer ones double
+  // (pixel runs of 1, 2, 4, ... at the levels) and join two copies of the top level they need.
+  constexpr int kDirect = 4;
+  int levels = 1;
+  for (int li = 0; li < lengthCount; ++li)
+    if (lengths[li] > kDirect) levels = std::max(levels, floorLog2(lengths[li]) + 1);
+  const int perSlot = 1 + lengthCount;
+  const long long rowCount = static_cast<long long>(K) * perSlot + levels;
   const int span = i1 - i0;  // the columns a run reaches, from the leftmost one
   const int pad = (span >> 6) + 2 + kPadWords;
   Kvl8u* rows = alignUp(carve.p, 64);
@@ -227,12 +246,15 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
       roundUp((static_cast<long long>(strip) + span - 1 + 63) / 64 + pad, 8);
   uint64_t* words = reinterpret_cast<uint64_t*>(rows);
   std::memset(words, 0, static_cast<size_t>(stride * rowCount * 8));
-  auto ringRow = [&](int slot, int li) { return words + (slot * lengthCount + li) * stride; };
-  uint64_t* level = words + static_cast<long long>(K) * lengthCount * stride;
-  uint64_t* acc = level + levels * stride;
+  // Row 0 of a slot is the source row's copy, row 1 + li the runs of length li.
+  auto ringRow = [&](int slot, int row) { return words + (slot * perSlot + row) * stride; };
+  uint64_t* upper = words + static_cast<long long>(K) * perSlot * stride;  // levels 1, 2, ...
+  uint64_t* acc = upper + (levels - 1) * stride;
 
   const Combine2Fn combine2 = kCombine2.pick();
   const ReduceFn reduce = kReduce.pick();
+  const LoadBitsFn load = kLoadBits.pick();
+  const StoreBitsFn store = kStoreBits.pick();
   const int rFirst = j0 - ay;  // the source row of output row 0 and the first mask row
 
   for (int tx0 = 0; tx0 < W; tx0 += strip) {
@@ -244,13 +266,22 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
     auto prepare = [&](int rr) {
       const int slot = (rr - rFirst) % K;
       const int sy = rr < 0 ? (memT ? rr : 0) : rr >= H ? (memB ? rr : H - 1) : rr;
-      extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR, level);
+      uint64_t* copy = ringRow(slot, 0);
+      extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR, copy, load);
+      auto level = [&](int p) { return p == 0 ? copy : upper + (p - 1) * stride; };
       for (int p = 1; p < levels; ++p)
-        combine2(level + p * stride, level + (p - 1) * stride, 0, 1 << (p - 1), nIn, erode);
+        combine2(level(p), level(p - 1), 0, 1 << (p - 1), nIn, erode);
       for (int li = 0; li < lengthCount; ++li) {
         const int len = lengths[li], p = floorLog2(len);
-        combine2(ringRow(slot, li), level + p * stride, homes[li], homes[li] + len - (1 << p),
-                 nIn, erode);
+        if (len == 1) continue;
+        if (len <= kDirect) {
+          const uint64_t* copies[kDirect] = {copy, copy, copy, copy};
+          const int at[kDirect] = {homes[li], homes[li] + 1, homes[li] + 2, homes[li] + 3};
+          reduce(ringRow(slot, 1 + li), copies, at, len, nIn, erode);
+        } else {
+          combine2(ringRow(slot, 1 + li), level(p), homes[li], homes[li] + len - (1 << p), nIn,
+                   erode);
+        }
       }
     };
     for (int y = 0; y < H; ++y) {
@@ -259,9 +290,12 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
       } else {
         prepare(rFirst + y + K - 1);
       }
-      for (int u = 0; u < runCount; ++u) terms[u] = ringRow((y + runs[u].row) % K, runs[u].lengthIndex);
+      for (int u = 0; u < runCount; ++u) {
+        const int li = runs[u].lengthIndex;
+        terms[u] = ringRow((y + runs[u].row) % K, lengths[li] == 1 ? 0 : 1 + li);
+      }
       reduce(acc, terms, shifts, runCount, nOut, erode);
-      storeRow(rowPtr(dst, dstStep, y), dstBitOffset, tx0, wt, acc);
+      storeRow(rowPtr(dst, dstStep, y), dstBitOffset, tx0, wt, acc, store);
     }
   }
   return true;

@@ -24,7 +24,7 @@ namespace kvl::morph {
 
 // Words of vector slack after every row the engine keeps: the kernels may write up to this many
 // words past a row's end and read this many past the shifts they are given.
-constexpr int kPadWords = 8;
+constexpr int kPadWords = 16;
 
 // Word t of a row shifted right by s pixels (s >= 0): bit b of the result is pixel b + s of the
 // row, taken across the word boundary.
@@ -44,13 +44,26 @@ using Combine2Fn = void (*)(uint64_t* out, const uint64_t* row, int a, int b, in
 using ReduceFn = void (*)(uint64_t* out, const uint64_t* const* rows, const int* shifts,
                           int count, int n, bool erode);
 
+// Words from bytes: out[k] = the 64 bits that start at bit s (0..7) of byte p + 8k, for k in
+// [0, n). Reads bytes p .. p + 8n - 1, and p + 8n when s > 0.
+using LoadBitsFn = void (*)(uint64_t* out, const Kvl8u* p, int s, int n);
+
+// Bytes from words: writes bytes p + 8c .. p + 8c + 7 for c in [c0, c1) with the words shifted
+// left by sh (0..7) bits: chunk c is bits[c] << sh with the top sh bits of bits[c - 1] below
+// (c0 >= 1 when sh > 0).
+using StoreBitsFn = void (*)(Kvl8u* p, const uint64_t* bits, int sh, int c0, int c1);
+
 extern const simd::Kernel<Combine2Fn> kCombine2;
+extern const simd::Kernel<LoadBitsFn> kLoadBits;
+extern const simd::Kernel<StoreBitsFn> kStoreBits;
 extern const simd::Kernel<ReduceFn> kReduce;
 
 namespace ref {
 void combine2(uint64_t* out, const uint64_t* row, int a, int b, int n, bool erode);
 void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int count, int n,
             bool erode);
+void loadBits(uint64_t* out, const Kvl8u* p, int s, int n);
+void storeBits(Kvl8u* p, const uint64_t* bits, int sh, int c0, int c1);
 
 // The plain model: each destination bit is the AND (erode) or OR of the source bits at the
 // mask's non-zero positions, read through the border rule (mode 1 with side flags, or 6); an

@@ -1,4 +1,6 @@
 // Scalar reference of the bit-image morphology: the word kernels and the plain per-bit model.
+#include <cstring>
+
 #include "core/check.h"
 #include "core/pixel.h"
 #include "morph/morph_1u.h"
@@ -21,6 +23,21 @@ void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int c
       v = erode ? (v & w) : (v | w);
     }
     out[t] = v;
+  }
+}
+
+void loadBits(uint64_t* out, const Kvl8u* p, int s, int n) {
+  for (int k = 0; k < n; ++k) {
+    uint64_t w;
+    std::memcpy(&w, p + 8 * k, 8);  // little-endian: byte i holds bits 8i .. 8i + 7
+    out[k] = s ? (w >> s) | (static_cast<uint64_t>(p[8 * k + 8]) << (64 - s)) : w;
+  }
+}
+
+void storeBits(Kvl8u* p, const uint64_t* bits, int sh, int c0, int c1) {
+  for (int c = c0; c < c1; ++c) {
+    const uint64_t v = sh ? (bits[c] << sh) | (bits[c - 1] >> (64 - sh)) : bits[c];
+    std::memcpy(p + 8 * c, &v, 8);
   }
 }
 

@@ -69,9 +69,77 @@ void reduceT(uint64_t* out, const uint64_t* const* rows, const int* shifts, int 
   }
 }
 
+// Rows taken as they are (every shift 0): plain loads, two vectors per pass (up to 16 words,
+// kPadWords, past n).
+template <bool kErode>
+void reduceAlignedT(uint64_t* out, const uint64_t* const* rows, int count, int n) {
+  const DW d;
+  const size_t N = hn::Lanes(d);
+  for (size_t t = 0; t < static_cast<size_t>(n); t += 2 * N) {
+    VW v0 = hn::LoadU(d, rows[0] + t), v1 = hn::LoadU(d, rows[0] + t + N);
+    for (int i = 1; i < count; ++i) {
+      v0 = op<kErode>(v0, hn::LoadU(d, rows[i] + t));
+      v1 = op<kErode>(v1, hn::LoadU(d, rows[i] + t + N));
+    }
+    hn::StoreU(v0, d, out + t);
+    hn::StoreU(v1, d, out + t + N);
+  }
+}
+
 void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int count, int n,
             bool erode) {
+  bool aligned = true;
+  for (int i = 0; i < count; ++i) aligned = aligned && shifts[i] == 0;
+  if (aligned) {
+    erode ? reduceAlignedT<true>(out, rows, count, n) : reduceAlignedT<false>(out, rows, count, n);
+    return;
+  }
   erode ? reduceT<true>(out, rows, shifts, count, n) : reduceT<false>(out, rows, shifts, count, n);
+}
+
+// The last vector of a row overlaps the one before it instead of leaving a scalar tail: its
+// words (or bytes) are computed again from the same input, so they come out the same.
+void loadBits(uint64_t* out, const Kvl8u* p, int s, int n) {
+  const DW d;
+  const hn::Repartition<uint8_t, DW> d8;
+  const size_t N = hn::Lanes(d);
+  auto at = [&](size_t k) KVL_INLINE_LAMBDA {
+    const VW lo = hn::BitCast(d, hn::LoadU(d8, p + 8 * k));
+    if (s == 0) {
+      hn::StoreU(lo, d, out + k);
+      return;
+    }
+    const VW hi = hn::BitCast(d, hn::LoadU(d8, p + 8 * k + 8));
+    hn::StoreU(hn::Or(hn::ShiftRightSame(lo, s), hn::ShiftLeftSame(hi, 64 - s)), d, out + k);
+  };
+  // A shifted vector at k reads through byte 8(k + N) + 7: the last word then goes alone.
+  const size_t vecEnd = static_cast<size_t>(n) - (s ? 1 : 0);
+  size_t k = 0;
+  if (static_cast<size_t>(n) >= N + (s ? 1 : 0)) {
+    for (; k + N <= vecEnd; k += N) at(k);
+    if (k < vecEnd) at(vecEnd - N);
+    k = vecEnd;
+  }
+  ref::loadBits(out + k, p + 8 * k, s, n - static_cast<int>(k));
+}
+
+void storeBits(Kvl8u* p, const uint64_t* bits, int sh, int c0, int c1) {
+  const DW d;
+  const hn::Repartition<uint8_t, DW> d8;
+  const size_t N = hn::Lanes(d);
+  auto at = [&](size_t c) KVL_INLINE_LAMBDA {
+    VW v = hn::LoadU(d, bits + c);
+    if (sh) v = hn::Or(hn::ShiftLeftSame(v, sh), hn::ShiftRightSame(hn::LoadU(d, bits + c - 1), 64 - sh));
+    hn::StoreU(hn::BitCast(d8, v), d8, p + 8 * c);
+  };
+  size_t c = static_cast<size_t>(c0);
+  const size_t end = static_cast<size_t>(c1);
+  if (end > c && end - c >= N) {
+    for (; c + N <= end; c += N) at(c);
+    if (c < end) at(end - N);
+    c = end;
+  }
+  ref::storeBits(p, bits, sh, static_cast<int>(c), c1);
 }
 
 #endif  // KVL_SIMD_TARGET
@@ -84,6 +152,8 @@ namespace kvl::morph {
 
 const simd::Kernel<Combine2Fn> kCombine2{KVL_TARGETS(combine2), &ref::combine2};
 const simd::Kernel<ReduceFn> kReduce{KVL_TARGETS(reduce), &ref::reduce};
+const simd::Kernel<LoadBitsFn> kLoadBits{KVL_TARGETS(loadBits), &ref::loadBits};
+const simd::Kernel<StoreBitsFn> kStoreBits{KVL_TARGETS(storeBits), &ref::storeBits};
 
 }  // namespace kvl::morph
 #endif  // HWY_ONCE

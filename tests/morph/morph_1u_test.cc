@@ -160,7 +160,7 @@ TEST_P(Morph1u, EveryBorderTypeAndFlag) {
 // of the rows at a time.
 TEST_P(Morph1u, WiderThanTheStateInStrips) {
   const std::vector<Mask> ms = masks();
-  check(GetParam(), ms[5], {700, 6}, 3, 5, 1 + 64, 7, 60);
+  check(GetParam(), ms[5], {7000, 6}, 3, 5, 1 + 64, 7, 400);
   check(GetParam(), ms[8], {3000, 3}, 1, 6, 6, 8, 1000);
   check(GetParam(), ms[10], {4000, 9}, 0, 2, 1 + 128, 9, 200);
 }
