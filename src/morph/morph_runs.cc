@@ -77,12 +77,15 @@ struct MaskRuns {
   }
 };
 
+constexpr int kMaxFold = 16;  // loads of one fused pass
+
 // Which lengths keep a ring of horizontal minima and where the rows lie. Every source row enters
 // the ring of extended rows (P); a kept length L has its own ring, computed from the longest kept
 // length below it (or P) by pairwise passes; a run of a length not kept reads its L pixels from P.
 // A length is kept when the loads it saves the output rows outweigh the passes that make it.
 struct Plan {
   bool kept[kMaxLengths];
+  bool fused[kMaxLengths];  // a kept length made in one pass of several loads
   int depth[kMaxLengths];  // ring rows of a kept length
   int slot[kMaxLengths];   // its first ring row
   int extDepth = 0;        // ring rows of P
@@ -94,15 +97,20 @@ struct Plan {
   void make(const MaskRuns& m, bool direct, bool twoRows) {
     pairs = twoRows;
     int curLen = 1, firstDirect = m.lastRow;
-    bool anyKept = false;
+    bool anyDoubled = false;
     for (int li = 0; li < m.lengthCount; ++li) {
+      // From the kept length A below (or 1): one pass folding ceil(L / A) shifted loads, or
+      // doubling passes of two loads each; a store counts as two loads.
       const int L = m.lengths[li];
       int passes = 1, len = curLen;
       while (2 * len < L) len *= 2, ++passes;
-      kept[li] = !direct && L > 1 && (L - 1) * m.uses[li] > 2 * passes;
+      const int loads = (L + curLen - 1) / curLen;
+      fused[li] = loads <= kMaxFold && loads + 2 <= 4 * passes;
+      const int cost = fused[li] ? loads + 2 : 4 * passes;
+      kept[li] = !direct && L > 1 && (L - 1) * m.uses[li] > cost;
       if (kept[li]) {
         curLen = L;
-        anyKept = true;
+        anyDoubled |= !fused[li];
       } else {
         firstDirect = std::min(firstDirect, m.firstUse[li]);
       }
@@ -115,7 +123,7 @@ struct Plan {
       slot[li] = rows;
       rows += depth[li];
     }
-    work = anyKept ? rows++ : -1;
+    work = anyDoubled ? rows++ : -1;
   }
 };
 
@@ -221,6 +229,7 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
   if (paired) tapList.make(m, plan);
 
   const auto pair = RunKernels<T, kMin>::pair.pick();
+  const auto fold = RunKernels<T, kMin>::fold.pick();
   const auto combine = RunKernels<T, kMin>::combine.pick();
   const auto combine2 = RunKernels<T, kMin>::combine2.pick();
   const auto keys = RunKernels<T, kMin>::keys.pick();
@@ -278,12 +287,23 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
       for (int li = 0; li < m.lengthCount; ++li) {
         if (!plan.kept[li]) continue;
         const int L = m.lengths[li];
+        U* out = ringRow(plan.slot[li], plan.depth[li], r);
+        if (plan.fused[li]) {
+          // Loads at 0, A, 2A, ... and L - A cover the L pixels from each position.
+          const U* rows[kMaxFold];
+          int c = 0;
+          for (int o = 0; o < L - curLen; o += curLen) rows[c++] = cur + o * kC;
+          rows[c++] = cur + (L - curLen) * kC;
+          fold(rows, c, out, (pn - L + 1) * kC);
+          cur = out;
+          curLen = L;
+          continue;
+        }
         while (2 * curLen < L) {
           pair(cur, cur + curLen * kC, work, (pn - 2 * curLen + 1) * kC);
           cur = work;
           curLen *= 2;
         }
-        U* out = ringRow(plan.slot[li], plan.depth[li], r);
         pair(cur, cur + (L - curLen) * kC, out, (pn - L + 1) * kC);
         cur = out;
         curLen = L;
