@@ -66,8 +66,8 @@ namespace kvl::morph {
 // ROI width) is at least min(256, ROI width) is used, else the one with the widest tile. When
 // that tile is the whole ROI it is used as one tile. Otherwise the columns whose loads reach a
 // replicated side (widened to 64 columns) are cut into equal tiles of that width, and the
-// columns between them, which read the image in place and so need no extended rows, into equal
-// tiles as wide as the rings without the extended rows allow. The engine returns false when not
+// columns between them into equal tiles as wide as the rings without the extended rows allow
+// (integer types read those columns in place; 32f uses the first tile width throughout). The engine returns false when not
 // even a tile of one pixel fits the last plan, or when the mask has more than kMaxRuns runs or
 // kMaxLengths distinct lengths.
 template <class T, int kC>

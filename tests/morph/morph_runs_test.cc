@@ -193,3 +193,78 @@ TYPED_TEST(MorphRuns, TilesAndRefusal) {
 }
 
 }  // namespace
+
+namespace {
+
+// Rows at odd byte addresses (steps that are no multiple of the element size) give the same
+// bytes as the aligned image.
+TYPED_TEST(MorphRuns, ImagesAtAnyAddress) {
+  using T = typename TypeParam::Type;
+  constexpr int C = TypeParam::kC;
+  std::mt19937 rng(3);
+  const Mask k = makeMask(1, 5, 5, rng);
+  const int w = 45, h = 6, row = w * C * static_cast<int>(sizeof(T)), step = row + 3;
+  Image<T, C> src(w, h, 0, 9), want(w, h, 0, 10);
+  std::vector<Kvl8u> buffer(kvl::morph::morphRunsBytes(k.m.data(), {k.w, k.h}, C, sizeof(T), w, 0) + 15);
+  for (bool erode : {true, false}) {
+    ASSERT_TRUE((kvl::morph::morphRuns<T, C>(src.roi(), src.step(), want.roi(), want.step(), {w, h},
+                                            k.m.data(), {k.w, k.h}, {k.ax, k.ay}, 1, erode,
+                                            buffer.data(), buffer.size())));
+    std::vector<Kvl8u> in(static_cast<size_t>(step) * h + 1), out(in.size());
+    for (int y = 0; y < h; ++y) std::memcpy(&in[1 + y * step], src.at(0, y), row);
+    kvl::test::forEachTarget([&](int) {
+      ASSERT_TRUE((kvl::morph::morphRuns<T, C>(
+          reinterpret_cast<const T*>(&in[1]), step, reinterpret_cast<T*>(&out[1]), step, {w, h},
+          k.m.data(), {k.w, k.h}, {k.ax, k.ay}, 1, erode, buffer.data(), buffer.size())));
+      for (int y = 0; y < h; ++y)
+        ASSERT_EQ(std::memcmp(&out[1 + y * step], want.at(0, y), row), 0) << "row " << y;
+    });
+  }
+}
+
+// Hand-computed rows: a lone element off the anchor shifts the image (replicating the edge),
+// ties between -0 and +0 resolve by sign, and a plus takes the minimum of five pixels.
+TEST(MorphRunsGolden, ShiftsSignedZerosAndPlus) {
+  const Kvl8u corner[9] = {0, 0, 0, 0, 0, 0, 0, 0, 1};  // bottom-right element, anchor at the centre
+  const Kvl8u src8[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};  // 4 x 3
+  Kvl8u out8[12];
+  Kvl8u buf[4096];
+  ASSERT_TRUE((kvl::morph::morphRuns<Kvl8u, 1>(src8, 4, out8, 4, {4, 3}, corner, {3, 3}, {1, 1}, 1,
+                                              true, buf, sizeof buf)));
+  const Kvl8u shifted[12] = {6, 7, 8, 8, 10, 11, 12, 12, 10, 11, 12, 12};
+  EXPECT_EQ(std::memcmp(out8, shifted, 12), 0);
+
+  const Kvl8u row3[3] = {1, 1, 1};
+  const Kvl32f zeros[4] = {0.0f, -0.0f, 0.0f, 0.0f};
+  Kvl32f outF[4];
+  for (bool erode : {true, false}) {
+    ASSERT_TRUE((kvl::morph::morphRuns<Kvl32f, 1>(zeros, 16, outF, 16, {4, 1}, row3, {3, 1}, {1, 0},
+                                                 1, erode, buf, sizeof buf)));
+    // Windows: {+0,+0,-0}, {+0,-0,+0}, {-0,+0,+0}, {+0,+0,+0}.
+    for (int x = 0; x < 4; ++x)
+      EXPECT_EQ(std::signbit(outF[x]), erode && x < 3) << "x " << x << (erode ? " erode" : " dilate");
+  }
+
+  const Kvl8u plus[9] = {0, 1, 0, 1, 1, 1, 0, 1, 0};
+  const Kvl16u src16[9] = {9, 8, 7, 6, 50, 4, 3, 2, 1};
+  Kvl16u out16[9];
+  ASSERT_TRUE((kvl::morph::morphRuns<Kvl16u, 1>(src16, 6, out16, 6, {3, 3}, plus, {3, 3}, {1, 1}, 1,
+                                               false, buf, sizeof buf)));
+  const Kvl16u maxima[9] = {9, 50, 8, 50, 50, 50, 6, 50, 4};
+  EXPECT_EQ(std::memcmp(out16, maxima, sizeof out16), 0);
+}
+
+// Masks beyond the engine's limits are refused before anything is written.
+TEST(MorphRunsGolden, RefusesMasksBeyondTheLimits) {
+  std::vector<Kvl8u> comb(2 * (kvl::morph::kMaxRuns + 1), 0);
+  for (size_t i = 0; i < comb.size(); i += 2) comb[i] = 1;
+  Image<Kvl8u> src(8, 2, 0, 1), dst(8, 2, 0, 2);
+  std::vector<Kvl8u> buf(1 << 20);
+  EXPECT_FALSE((kvl::morph::morphRuns<Kvl8u, 1>(src.roi(), src.step(), dst.roi(), dst.step(), {8, 2},
+                                               comb.data(), {static_cast<int>(comb.size()), 1},
+                                               {0, 0}, kvlBorderInMem, true, buf.data(), buf.size())));
+  EXPECT_TRUE(dst.unchanged());
+  EXPECT_EQ(kvl::morph::morphRunsBytes(comb.data(), {static_cast<int>(comb.size()), 1}, 1, 1, 8, 0), 0u);
+}
+
+}  // namespace
