@@ -211,15 +211,15 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
   Kvl8u* base = alignUp(buffer, kAlign);
   const std::size_t slack = static_cast<std::size_t>(base - buffer);
   if (bytes <= slack) return false;
-  // Plans from the fastest to the smallest: kept lengths and paired rows, paired rows alone,
-  // neither. The first whose tile is not narrow wins, else the one with the widest tile.
+  // Plans from the fastest to the smallest: kept lengths and paired rows, kept lengths alone,
+  // paired rows alone, neither. The first whose tile is not narrow wins, else the one with the widest tile.
   Plan plan;
   TapList tapList;
   int maxTile = 0;
   bool paired = false;
-  for (int c = 0; c < 3; ++c) {
+  for (int c = 0; c < 4; ++c) {
     Plan p;
-    p.make(m, c > 0, c < 2);
+    p.make(m, c >= 2, c % 2 == 0);
     if (p.pairs && !tapList.make(m, p)) continue;
     const int t = fitTile(m, p.rows, bytes - slack, kC, sizeof(U), W);
     if (t > maxTile) plan = p, maxTile = t, paired = p.pairs;
@@ -416,9 +416,9 @@ std::size_t morphRunsBytes(const Kvl8u* mask, KvliSize maskSize, int channels, i
   MaskRuns m;
   if (!m.build(mask, maskSize.width, maskSize.height)) return 0;
   Plan p;
-  p.make(m, plan > 0, plan < 2);
+  p.make(m, plan >= 2, plan % 2 == 0);
   TapList taps;
-  if (p.pairs && !taps.make(m, p)) p.make(m, plan > 0, false);
+  if (p.pairs && !taps.make(m, p)) p.make(m, plan >= 2, false);
   return p.rows * rowBytesFor(tile, m.width, channels, keySize);
 }
 

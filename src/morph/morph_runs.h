@@ -50,26 +50,25 @@ namespace kvl::morph {
 // source and destination must not overlap. The mask is never empty when it is called.
 //
 // Memory rule. Let rows jmin .. jmax of the mask hold runs, Wb be the width from the first run
-// start to the last run end, and jminL be the first row with a run of length L. A plan may keep
-// a length L > 1, made from the kept length A below it (or A = 1) either in one pass of
-// c = ceil(L / A) loads (when c <= 16 and c + 2 <= 4p) or in p doubling passes (p: the passes
-// that double A while it is below L / 2, plus one); the full plan keeps it when
-// (L - 1) * (runs of length L) exceeds that cost (c + 2, or 4p). A plan may also pair the output
-// rows (when the loads of two rows number at most 256 and the rings name at most 1024 rows per
-// pair), which makes every ring one row deeper (e = 1, else 0). The rings hold:
-// jmax - jminD + 1 + e extended rows (jminD: the first row with a run of a length not kept;
-// 1 + e rows when every length is kept), jmax - jminL + 1 + e rows for each kept L, and one work
-// row when a kept length is made by doubling. Each row holds (tile + Wb - 1) pixels of kC
-// elements of the comparison type (8u: 1 byte, 16u/16s: 2, 32f: 4), rounded up to 16 bytes; the
-// rows start at the buffer's first 16-byte boundary. The plans, in order: full and paired, plain
-// (nothing kept) and paired, plain and single. The first whose widest fitting tile (at most the
-// ROI width) is at least min(256, ROI width) is used, else the one with the widest tile. When
-// that tile is the whole ROI it is used as one tile. Otherwise the columns whose loads reach a
-// replicated side (widened to 64 columns) are cut into equal tiles of that width, and the
-// columns between them into equal tiles as wide as the rings without the extended rows allow
-// (integer types read those columns in place; 32f uses the first tile width throughout). The engine returns false when not
-// even a tile of one pixel fits the last plan, or when the mask has more than kMaxRuns runs or
-// kMaxLengths distinct lengths.
+// start to the last run end, and jminL be the first row with a run of length L. A plan may keep a
+// length L > 1, made from the kept length A below it (or A = 1) either in one pass of c = ceil(L/A)
+// loads (when c <= 16 and c + 2 <= 4p) or in p doubling passes (p: the passes that double A while
+// it is below L / 2, plus one); the full plan keeps it when (L - 1) x (runs of length L) exceeds
+// that cost (c + 2, or 4p). A plan may also pair the output rows (when the loads of two rows number
+// at most 256 and the rings name at most 1024 rows per pair), which makes every ring one row deeper
+// (e = 1, else 0). The rings hold: (jmax - jminD + 1 + e) extended rows (jminD: the first row with
+// a run of a length not kept; 1 + e rows when every length is kept), (jmax - jminL + 1 + e) rows
+// for each kept L, and one work row when a kept length is made by doubling. Each row holds (tile +
+// Wb - 1) pixels of kC elements of the comparison type (8u: 1 byte, 16u/16s: 2, 32f: 4), rounded up
+// to 16 bytes; the rows start at the buffer's first 16-byte boundary. The plans, in order: full and
+// paired, full and single, plain (nothing kept) and paired, plain and single. The first whose
+// widest fitting tile (at most the ROI width) is at least min(256, ROI width) is used, else the one
+// with the widest tile. When that tile is the whole ROI it is used as one tile. Otherwise the
+// columns whose loads reach a replicated side (widened to 64 columns) are cut into equal tiles of
+// that width, and the columns between them into equal tiles as wide as the rings without the
+// extended rows allow (integer types read those columns in place; 32f uses the first tile width
+// throughout). The engine returns false when not even a tile of one pixel fits the last plan, or
+// when the mask has more than kMaxRuns runs or kMaxLengths distinct lengths.
 template <class T, int kC>
 bool morphRuns(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, const Kvl8u* mask,
                KvliSize maskSize, KvliPoint anchor, int borderType, bool erode, Kvl8u* buffer,
@@ -78,10 +77,10 @@ bool morphRuns(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
 constexpr int kMaxRuns = 1024;
 constexpr int kMaxLengths = 256;
 
-// Bytes the rings take for a tile of `tile` pixels from a 16-byte boundary on, by plan (0 full
-// and paired, 1 plain and paired, 2 plain and single; the rule above); 0 when the mask is beyond
-// the limits. keySize: the comparison type's size. Tests and callers that size their own buffers
-// use it.
+// Bytes the rings take for a tile of `tile` pixels from a 16-byte boundary on, by plan (0 full and
+// paired, 1 full and single, 2 plain and paired, 3 plain and single; the rule above); 0 when the
+// mask is beyond the limits. keySize: the comparison type's size. Tests and callers that size their
+// own buffers use it.
 std::size_t morphRunsBytes(const Kvl8u* mask, KvliSize maskSize, int channels, int keySize,
                            int tile, int plan);
 

@@ -181,12 +181,12 @@ TYPED_TEST(MorphRuns, TilesAndRefusal) {
     for (int kind = 0; kind < 7; ++kind) {
       const Mask k = makeMask(kind, 2 + kind, 1 + kind % 5, rng);
       const int bt = kBorders[kind];
-      for (int plan = 0; plan < 3; ++plan) {
+      for (int plan = 0; plan < 4; ++plan) {
         for (int tile : {1, 3, 17, 40})
           runCase<T, C>(61, 4, k, bt, kind % 2, tile, tile == 17 ? 1 : 0, 100 + tile, plan);
         runCase<T, C>(600, 3, k, bt, kind % 2, 260, 0, 4, plan);  // wide tiles, each plan
       }
-      runCase<T, C>(61, 4, k, bt, kind % 2, 1, 1, 3, 2, false);
+      runCase<T, C>(61, 4, k, bt, kind % 2, 1, 1, 3, 3, false);
       if (::testing::Test::HasFatalFailure()) return;
     }
   });
