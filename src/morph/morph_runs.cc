@@ -86,13 +86,13 @@ constexpr int kMaxFold = 16;  // loads of one fused pass
 struct Plan {
   bool kept[kMaxLengths];
   bool fused[kMaxLengths];  // a kept length made in one pass of several loads
-  int depth[kMaxLengths];  // ring rows of a kept length
-  int slot[kMaxLengths];   // its first ring row
-  int extDepth = 0;        // ring rows of P
-  int work = -1;           // the work row of the doubling passes, or -1
-  int rows = 0;            // all rows
+  int depth[kMaxLengths];   // ring rows of a kept length
+  int slot[kMaxLengths];    // its first ring row
+  int extDepth = 0;         // ring rows of P
+  int work = -1;            // the work row of the doubling passes, or -1
+  int rows = 0;             // all rows
 
-  bool pairs = false;       // output rows in pairs: every ring one row deeper
+  bool pairs = false;  // output rows in pairs: every ring one row deeper
 
   void make(const MaskRuns& m, bool direct, bool twoRows) {
     pairs = twoRows;
@@ -186,12 +186,10 @@ std::size_t rowBytesFor(int tile, int width, int channels, int keySize) {
 }
 
 // The widest tile (at most maxW) whose plan fits into `bytes` from a 16-byte boundary; 0 if none.
-int fitTile(const MaskRuns& m, int rows, std::size_t bytes, int channels, int keySize,
-            int maxW) {
+int fitTile(const MaskRuns& m, int rows, std::size_t bytes, int channels, int keySize, int maxW) {
   if (rows == 0) return maxW;
   const std::size_t perRow = bytes / static_cast<std::size_t>(rows) / kAlign * kAlign;
-  const long long fit =
-      static_cast<long long>(perRow / (channels * keySize)) - (m.width - 1);
+  const long long fit = static_cast<long long>(perRow / (channels * keySize)) - (m.width - 1);
   return fit < 1 ? 0 : static_cast<int>(std::min<long long>(fit, maxW));
 }
 
@@ -212,7 +210,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
   const std::size_t slack = static_cast<std::size_t>(base - buffer);
   if (bytes <= slack) return false;
   // Plans from the fastest to the smallest: kept lengths and paired rows, kept lengths alone,
-  // paired rows alone, neither. The first whose tile is not narrow wins, else the one with the widest tile.
+  // paired rows alone, neither. The first whose tile is not narrow wins, else the one with the
+  // widest tile.
   Plan plan;
   TapList tapList;
   int maxTile = 0;
@@ -262,7 +261,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     U* work = plan.work < 0 ? nullptr : reinterpret_cast<U*>(base + (plan.work - skip) * rowBytes);
     auto extRow = [&](int r) -> const U* {
       if (inPlace)
-        return reinterpret_cast<const U*>(rowPtr(src, srcStep, border::sourceRow(r, H, bt))) + c0 * kC;
+        return reinterpret_cast<const U*>(rowPtr(src, srcStep, border::sourceRow(r, H, bt))) +
+               c0 * kC;
       return ringRow(0, plan.extDepth, r);
     };
 
@@ -279,7 +279,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     };
     auto ingest = [&](int r) {
       U* p = nullptr;
-      if (!inPlace) fill(rowPtr(src, srcStep, border::sourceRow(r, H, bt)), p = ringRow(0, plan.extDepth, r));
+      if (!inPlace)
+        fill(rowPtr(src, srcStep, border::sourceRow(r, H, bt)), p = ringRow(0, plan.extDepth, r));
       // Each kept length from the longest kept one below it, doubling in the work row first
       // while that is below half the length; a row of length L holds pn - L + 1 valid pixels.
       const U* cur = inPlace ? extRow(r) : p;
@@ -353,7 +354,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
         ringRows(table, 0, plan.extDepth);
       }
       for (int li = 0; li < m.lengthCount; ++li)
-        if (plan.kept[li]) ringRows(table + tapList.ringOf[li] * span, plan.slot[li], plan.depth[li]);
+        if (plan.kept[li])
+          ringRows(table + tapList.ringOf[li] * span, plan.slot[li], plan.depth[li]);
       int ns = 0, na = tapList.shared, nb = tapList.count;
       for (int i = 0; i < tapList.count; ++i) {
         const Tap& t = tapList.taps[i];
@@ -365,8 +367,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
         }
         if (!t.inNext) pairTaps[nb++] = table[t.entry + 1] + t.col * kC;
       }
-      combine2(pairTaps, ns, tapList.count - ns, tapList.onlyNext, rowPtr(dst, dstStep, y) + x0 * kC,
-               rowPtr(dst, dstStep, y + 1) + x0 * kC, tw * kC);
+      combine2(pairTaps, ns, tapList.count - ns, tapList.onlyNext,
+               rowPtr(dst, dstStep, y) + x0 * kC, rowPtr(dst, dstStep, y + 1) + x0 * kC, tw * kC);
     };
 
     int next = m.firstRow - shiftY;  // next source row to enter the rings
@@ -395,8 +397,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
       (eL + eR == 0 || W >= eL + eR + 4 * kEdge)) {
     cuts[1] = eL ? std::max(eL, kEdge) : 0;
     cuts[2] = W - (eR ? std::max(eR, kEdge) : 0);
-    widest[1] = std::max(maxTile, fitTile(m, plan.rows - plan.extDepth, bytes - slack, kC,
-                                          sizeof(U), W));
+    widest[1] =
+        std::max(maxTile, fitTile(m, plan.rows - plan.extDepth, bytes - slack, kC, sizeof(U), W));
   }
   for (int g = 0; g < 3; ++g) {
     const int len = cuts[g + 1] - cuts[g];
@@ -432,8 +434,8 @@ bool morphRuns(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
                                          borderType, buffer, bufferBytes);
 }
 
-#define KVL_INSTANTIATE(sfx, T, C)                                                             \
-  template bool morphRuns<T, C>(const T*, int, T*, int, KvliSize, const Kvl8u*, KvliSize,      \
+#define KVL_INSTANTIATE(sfx, T, C)                                                        \
+  template bool morphRuns<T, C>(const T*, int, T*, int, KvliSize, const Kvl8u*, KvliSize, \
                                 KvliPoint, int, bool, Kvl8u*, std::size_t);
 KVL_MORPH_RUNS_MEMBERS(KVL_INSTANTIATE)
 #undef KVL_INSTANTIATE

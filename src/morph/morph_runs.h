@@ -184,8 +184,8 @@ void combineRange(const KeyOf<T>* const* rows, int count, T* out, int from, int 
   }
 }
 template <class T, bool kMin>
-void combine2Range(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1,
-                   int from, int n) {
+void combine2Range(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1, int from,
+                   int n) {
   using U = KeyOf<T>;
   auto fold = [&](const KeyOf<T>* const* t, int count, int i, U v) {
     for (int r = 0; r < count; ++r) v = pick<U, kMin>(v, loadAny(t[r] + i));
@@ -218,8 +218,9 @@ void keyRow(const T* in, KeyOf<T>* out, int n) {
 }
 }  // namespace ref
 
-#define KVL_MORPH_RUNS_EXTERN(T) \
-  extern template struct RunKernels<T, true>; extern template struct RunKernels<T, false>;
+#define KVL_MORPH_RUNS_EXTERN(T)              \
+  extern template struct RunKernels<T, true>; \
+  extern template struct RunKernels<T, false>;
 KVL_MORPH_RUNS_TYPES(KVL_MORPH_RUNS_EXTERN)
 #undef KVL_MORPH_RUNS_EXTERN
 

@@ -242,16 +242,17 @@ template <class T, bool kMin>
 const simd::Kernel<FoldRowFn<KeyOf<T>>> RunKernels<T, kMin>::fold{
     KVL_TARGETS(foldRow<KeyOf<T>, kMin>), &ref::foldRow<KeyOf<T>, kMin>};
 template <class T, bool kMin>
-const simd::Kernel<CombineRowFn<T>> RunKernels<T, kMin>::combine{
-    KVL_TARGETS(combineRow<T, kMin>), &ref::combineRow<T, kMin>};
+const simd::Kernel<CombineRowFn<T>> RunKernels<T, kMin>::combine{KVL_TARGETS(combineRow<T, kMin>),
+                                                                 &ref::combineRow<T, kMin>};
 template <class T, bool kMin>
 const simd::Kernel<Combine2RowFn<T>> RunKernels<T, kMin>::combine2{
     KVL_TARGETS(combine2Row<T, kMin>), &ref::combine2Row<T, kMin>};
 template <class T, bool kMin>
-const simd::Kernel<KeyRowFn<T>> RunKernels<T, kMin>::keys{KVL_TARGETS(keyRow<T>),
-                                                           &ref::keyRow<T>};
+const simd::Kernel<KeyRowFn<T>> RunKernels<T, kMin>::keys{KVL_TARGETS(keyRow<T>), &ref::keyRow<T>};
 
-#define KVL_INSTANTIATE(T) template struct RunKernels<T, true>; template struct RunKernels<T, false>;
+#define KVL_INSTANTIATE(T)             \
+  template struct RunKernels<T, true>; \
+  template struct RunKernels<T, false>;
 KVL_MORPH_RUNS_TYPES(KVL_INSTANTIATE)
 #undef KVL_INSTANTIATE
 
