@@ -10,8 +10,8 @@
 // rings do not fit into the buffer the ROI is processed in column tiles.
 //
 // Exactness: only comparisons, so every target gives the same bytes. 32f values are compared as
-// a total order in which -0 lies below +0 (erosion of {-0, +0} gives -0, dilation gives +0);
-// NaN gives an unspecified value.
+// a total order in which -0 lies below +0 (erosion of {-0, +0} gives -0, dilation gives +0) and
+// NaNs order by their bits, positive ones above +inf and negative ones below -inf.
 #pragma once
 
 #include <cstddef>
