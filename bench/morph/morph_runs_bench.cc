@@ -14,8 +14,9 @@ struct Shape {
   int kind;  // 0 rectangle, 1 cross, 2 ellipse (the peer's codes)
   int w, h;
 };
-const Shape kShapes[] = {{"Ellipse5x5", 2, 5, 5}, {"Ellipse11x11", 2, 11, 11}, {"Cross3x3", 1, 3, 3},
-                         {"Cross5x5", 1, 5, 5},   {"Cross9x9", 1, 9, 9},       {"Rect3x3", 0, 3, 3},
+const Shape kShapes[] = {{"Ellipse5x5", 2, 5, 5}, {"Ellipse11x11", 2, 11, 11},
+                         {"Cross3x3", 1, 3, 3},   {"Cross5x5", 1, 5, 5},
+                         {"Cross9x9", 1, 9, 9},   {"Rect3x3", 0, 3, 3},
                          {"Rect15x15", 0, 15, 15}};
 
 // The same shapes the peer builds: rectangle, cross through the centre, and the ellipse
@@ -68,26 +69,26 @@ void registerType(const char* typeName, int cvType) {
           static_cast<size_t>(shape.h * shape.h + 1) * rowBytes + 40 * shape.h + 40);
       for (int threads : {1, 2}) {
         (void)cvType;
-        pair(std::string("MorphRuns_") + typeName + "/" + shape.name + "/" + sz.name(), threads,
-             1LL * sz.width * sz.height,
-             [=](benchmark::State& st) {
-               Images<T, kC>& m = get();
-               for (auto _ : st) {
-                 const bool ok = morph::morphRuns<T, kC>(
-                     m.src.data(), m.step, m.dst.data(), m.step, {sz.width, sz.height},
-                     mask->data(), {shape.w, shape.h}, {(shape.w - 1) / 2, (shape.h - 1) / 2},
-                     kvlBorderRepl, true, buffer->data(), buffer->size());
-                 if (!ok) st.SkipWithError("buffer refused");
-               }
-             },
-             KVL_PEER([=](benchmark::State& st) {
-               Images<T, kC>& m = get();
-               cv::Mat src(sz.height, sz.width, CV_MAKETYPE(cvType, kC), m.src.data(), m.step);
-               cv::Mat dst(sz.height, sz.width, CV_MAKETYPE(cvType, kC), m.dst.data(), m.step);
-               cv::Mat k(shape.h, shape.w, CV_8U, mask->data());
-               for (auto _ : st)
-                 cv::erode(src, dst, k, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
-             }));
+        pair(
+            std::string("MorphRuns_") + typeName + "/" + shape.name + "/" + sz.name(), threads,
+            1LL * sz.width * sz.height,
+            [=](benchmark::State& st) {
+              Images<T, kC>& m = get();
+              for (auto _ : st) {
+                const bool ok = morph::morphRuns<T, kC>(
+                    m.src.data(), m.step, m.dst.data(), m.step, {sz.width, sz.height}, mask->data(),
+                    {shape.w, shape.h}, {(shape.w - 1) / 2, (shape.h - 1) / 2}, kvlBorderRepl, true,
+                    buffer->data(), buffer->size());
+                if (!ok) st.SkipWithError("buffer refused");
+              }
+            },
+            KVL_PEER([=](benchmark::State& st) {
+              Images<T, kC>& m = get();
+              cv::Mat src(sz.height, sz.width, CV_MAKETYPE(cvType, kC), m.src.data(), m.step);
+              cv::Mat dst(sz.height, sz.width, CV_MAKETYPE(cvType, kC), m.dst.data(), m.step);
+              cv::Mat k(shape.h, shape.w, CV_8U, mask->data());
+              for (auto _ : st) cv::erode(src, dst, k, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+            }));
       }
     }
   }

@@ -77,32 +77,40 @@ struct MaskRuns {
   }
 };
 
+constexpr int kMaxFold = 16;  // loads of one fused pass
+
 // Which lengths keep a ring of horizontal minima and where the rows lie. Every source row enters
 // the ring of extended rows (P); a kept length L has its own ring, computed from the longest kept
 // length below it (or P) by pairwise passes; a run of a length not kept reads its L pixels from P.
 // A length is kept when the loads it saves the output rows outweigh the passes that make it.
 struct Plan {
   bool kept[kMaxLengths];
-  int depth[kMaxLengths];  // ring rows of a kept length
-  int slot[kMaxLengths];   // its first ring row
-  int extDepth = 0;        // ring rows of P
-  int work = -1;           // the work row of the doubling passes, or -1
-  int rows = 0;            // all rows
+  bool fused[kMaxLengths];  // a kept length made in one pass of several loads
+  int depth[kMaxLengths];   // ring rows of a kept length
+  int slot[kMaxLengths];    // its first ring row
+  int extDepth = 0;         // ring rows of P
+  int work = -1;            // the work row of the doubling passes, or -1
+  int rows = 0;             // all rows
 
-  bool pairs = false;       // output rows in pairs: every ring one row deeper
+  bool pairs = false;  // output rows in pairs: every ring one row deeper
 
   void make(const MaskRuns& m, bool direct, bool twoRows) {
     pairs = twoRows;
     int curLen = 1, firstDirect = m.lastRow;
-    bool anyKept = false;
+    bool anyDoubled = false;
     for (int li = 0; li < m.lengthCount; ++li) {
+      // From the kept length A below (or 1): one pass folding ceil(L / A) shifted loads, or
+      // doubling passes of two loads each; a store counts as two loads.
       const int L = m.lengths[li];
       int passes = 1, len = curLen;
       while (2 * len < L) len *= 2, ++passes;
-      kept[li] = !direct && L > 1 && (L - 1) * m.uses[li] > 2 * passes;
+      const int loads = (L + curLen - 1) / curLen;
+      fused[li] = loads <= kMaxFold && loads + 2 <= 4 * passes;
+      const int cost = fused[li] ? loads + 2 : 4 * passes;
+      kept[li] = !direct && L > 1 && (L - 1) * m.uses[li] > cost;
       if (kept[li]) {
         curLen = L;
-        anyKept = true;
+        anyDoubled |= !fused[li];
       } else {
         firstDirect = std::min(firstDirect, m.firstUse[li]);
       }
@@ -115,7 +123,7 @@ struct Plan {
       slot[li] = rows;
       rows += depth[li];
     }
-    work = anyKept ? rows++ : -1;
+    work = anyDoubled ? rows++ : -1;
   }
 };
 
@@ -178,12 +186,10 @@ std::size_t rowBytesFor(int tile, int width, int channels, int keySize) {
 }
 
 // The widest tile (at most maxW) whose plan fits into `bytes` from a 16-byte boundary; 0 if none.
-int fitTile(const MaskRuns& m, int rows, std::size_t bytes, int channels, int keySize,
-            int maxW) {
+int fitTile(const MaskRuns& m, int rows, std::size_t bytes, int channels, int keySize, int maxW) {
   if (rows == 0) return maxW;
   const std::size_t perRow = bytes / static_cast<std::size_t>(rows) / kAlign * kAlign;
-  const long long fit =
-      static_cast<long long>(perRow / (channels * keySize)) - (m.width - 1);
+  const long long fit = static_cast<long long>(perRow / (channels * keySize)) - (m.width - 1);
   return fit < 1 ? 0 : static_cast<int>(std::min<long long>(fit, maxW));
 }
 
@@ -203,15 +209,16 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
   Kvl8u* base = alignUp(buffer, kAlign);
   const std::size_t slack = static_cast<std::size_t>(base - buffer);
   if (bytes <= slack) return false;
-  // Plans from the fastest to the smallest: kept lengths and paired rows, paired rows alone,
-  // neither. The first whose tile is not narrow wins, else the one with the widest tile.
+  // Plans from the fastest to the smallest: kept lengths and paired rows, kept lengths alone,
+  // paired rows alone, neither. The first whose tile is not narrow wins, else the one with the
+  // widest tile.
   Plan plan;
   TapList tapList;
   int maxTile = 0;
   bool paired = false;
-  for (int c = 0; c < 3; ++c) {
+  for (int c = 0; c < 4; ++c) {
     Plan p;
-    p.make(m, c > 0, c < 2);
+    p.make(m, c >= 2, c % 2 == 0);
     if (p.pairs && !tapList.make(m, p)) continue;
     const int t = fitTile(m, p.rows, bytes - slack, kC, sizeof(U), W);
     if (t > maxTile) plan = p, maxTile = t, paired = p.pairs;
@@ -221,6 +228,7 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
   if (paired) tapList.make(m, plan);
 
   const auto pair = RunKernels<T, kMin>::pair.pick();
+  const auto fold = RunKernels<T, kMin>::fold.pick();
   const auto combine = RunKernels<T, kMin>::combine.pick();
   const auto combine2 = RunKernels<T, kMin>::combine2.pick();
   const auto keys = RunKernels<T, kMin>::keys.pick();
@@ -253,7 +261,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     U* work = plan.work < 0 ? nullptr : reinterpret_cast<U*>(base + (plan.work - skip) * rowBytes);
     auto extRow = [&](int r) -> const U* {
       if (inPlace)
-        return reinterpret_cast<const U*>(rowPtr(src, srcStep, border::sourceRow(r, H, bt))) + c0 * kC;
+        return reinterpret_cast<const U*>(rowPtr(src, srcStep, border::sourceRow(r, H, bt))) +
+               c0 * kC;
       return ringRow(0, plan.extDepth, r);
     };
 
@@ -270,7 +279,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     };
     auto ingest = [&](int r) {
       U* p = nullptr;
-      if (!inPlace) fill(rowPtr(src, srcStep, border::sourceRow(r, H, bt)), p = ringRow(0, plan.extDepth, r));
+      if (!inPlace)
+        fill(rowPtr(src, srcStep, border::sourceRow(r, H, bt)), p = ringRow(0, plan.extDepth, r));
       // Each kept length from the longest kept one below it, doubling in the work row first
       // while that is below half the length; a row of length L holds pn - L + 1 valid pixels.
       const U* cur = inPlace ? extRow(r) : p;
@@ -278,12 +288,23 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
       for (int li = 0; li < m.lengthCount; ++li) {
         if (!plan.kept[li]) continue;
         const int L = m.lengths[li];
+        U* out = ringRow(plan.slot[li], plan.depth[li], r);
+        if (plan.fused[li]) {
+          // Loads at 0, A, 2A, ... and L - A cover the L pixels from each position.
+          const U* rows[kMaxFold];
+          int c = 0;
+          for (int o = 0; o < L - curLen; o += curLen) rows[c++] = cur + o * kC;
+          rows[c++] = cur + (L - curLen) * kC;
+          fold(rows, c, out, (pn - L + 1) * kC);
+          cur = out;
+          curLen = L;
+          continue;
+        }
         while (2 * curLen < L) {
           pair(cur, cur + curLen * kC, work, (pn - 2 * curLen + 1) * kC);
           cur = work;
           curLen *= 2;
         }
-        U* out = ringRow(plan.slot[li], plan.depth[li], r);
         pair(cur, cur + (L - curLen) * kC, out, (pn - L + 1) * kC);
         cur = out;
         curLen = L;
@@ -333,7 +354,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
         ringRows(table, 0, plan.extDepth);
       }
       for (int li = 0; li < m.lengthCount; ++li)
-        if (plan.kept[li]) ringRows(table + tapList.ringOf[li] * span, plan.slot[li], plan.depth[li]);
+        if (plan.kept[li])
+          ringRows(table + tapList.ringOf[li] * span, plan.slot[li], plan.depth[li]);
       int ns = 0, na = tapList.shared, nb = tapList.count;
       for (int i = 0; i < tapList.count; ++i) {
         const Tap& t = tapList.taps[i];
@@ -345,8 +367,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
         }
         if (!t.inNext) pairTaps[nb++] = table[t.entry + 1] + t.col * kC;
       }
-      combine2(pairTaps, ns, tapList.count - ns, tapList.onlyNext, rowPtr(dst, dstStep, y) + x0 * kC,
-               rowPtr(dst, dstStep, y + 1) + x0 * kC, tw * kC);
+      combine2(pairTaps, ns, tapList.count - ns, tapList.onlyNext,
+               rowPtr(dst, dstStep, y) + x0 * kC, rowPtr(dst, dstStep, y + 1) + x0 * kC, tw * kC);
     };
 
     int next = m.firstRow - shiftY;  // next source row to enter the rings
@@ -375,8 +397,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
       (eL + eR == 0 || W >= eL + eR + 4 * kEdge)) {
     cuts[1] = eL ? std::max(eL, kEdge) : 0;
     cuts[2] = W - (eR ? std::max(eR, kEdge) : 0);
-    widest[1] = std::max(maxTile, fitTile(m, plan.rows - plan.extDepth, bytes - slack, kC,
-                                          sizeof(U), W));
+    widest[1] =
+        std::max(maxTile, fitTile(m, plan.rows - plan.extDepth, bytes - slack, kC, sizeof(U), W));
   }
   for (int g = 0; g < 3; ++g) {
     const int len = cuts[g + 1] - cuts[g];
@@ -396,9 +418,9 @@ std::size_t morphRunsBytes(const Kvl8u* mask, KvliSize maskSize, int channels, i
   MaskRuns m;
   if (!m.build(mask, maskSize.width, maskSize.height)) return 0;
   Plan p;
-  p.make(m, plan > 0, plan < 2);
+  p.make(m, plan >= 2, plan % 2 == 0);
   TapList taps;
-  if (p.pairs && !taps.make(m, p)) p.make(m, plan > 0, false);
+  if (p.pairs && !taps.make(m, p)) p.make(m, plan >= 2, false);
   return p.rows * rowBytesFor(tile, m.width, channels, keySize);
 }
 
@@ -412,8 +434,8 @@ bool morphRuns(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
                                          borderType, buffer, bufferBytes);
 }
 
-#define KVL_INSTANTIATE(sfx, T, C)                                                             \
-  template bool morphRuns<T, C>(const T*, int, T*, int, KvliSize, const Kvl8u*, KvliSize,      \
+#define KVL_INSTANTIATE(sfx, T, C)                                                        \
+  template bool morphRuns<T, C>(const T*, int, T*, int, KvliSize, const Kvl8u*, KvliSize, \
                                 KvliPoint, int, bool, Kvl8u*, std::size_t);
 KVL_MORPH_RUNS_MEMBERS(KVL_INSTANTIATE)
 #undef KVL_INSTANTIATE

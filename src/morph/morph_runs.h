@@ -10,8 +10,8 @@
 // rings do not fit into the buffer the ROI is processed in column tiles.
 //
 // Exactness: only comparisons, so every target gives the same bytes. 32f values are compared as
-// a total order in which -0 lies below +0 (erosion of {-0, +0} gives -0, dilation gives +0);
-// NaN gives an unspecified value.
+// a total order in which -0 lies below +0 (erosion of {-0, +0} gives -0, dilation gives +0) and
+// NaNs order by their bits, positive ones above +inf and negative ones below -inf.
 #pragma once
 
 #include <cstddef>
@@ -50,20 +50,25 @@ namespace kvl::morph {
 // source and destination must not overlap. The mask is never empty when it is called.
 //
 // Memory rule. Let rows jmin .. jmax of the mask hold runs, Wb be the width from the first run
-// start to the last run end, and jminL be the first row with a run of length L. A plan may keep
-// a length L > 1 (made in p passes from the kept length below it, or from 1); the full plan
-// keeps it when (L - 1) * (runs of length L) > 2 * p. A plan may also pair the output rows
-// (when the loads of two rows number at most 256), which makes every ring one row deeper
-// (e = 1, else 0). The rings hold: jmax - jminD + 1 + e extended rows (jminD: the first row with
-// a run of a length not kept; 1 + e rows when every length is kept), jmax - jminL + 1 + e rows
-// for each kept L, and one work row when any length is kept. Each row holds (tile + Wb - 1)
-// pixels of kC elements of the comparison type (8u: 1 byte, 16u/16s: 2, 32f: 4), rounded up to
-// 16 bytes; the rows start at the buffer's first 16-byte boundary. The plans, in order: full
-// and paired, plain (nothing kept) and paired, plain and single. The first whose widest fitting
-// tile (at most the ROI width) is at least min(256, ROI width) is used, else the one with the
-// widest tile; the ROI is cut into equal tiles. The engine returns false when not even a tile
-// of one pixel fits the last plan, or when the mask has more than kMaxRuns runs or kMaxLengths
-// distinct lengths.
+// start to the last run end, and jminL be the first row with a run of length L. A plan may keep a
+// length L > 1, made from the kept length A below it (or A = 1) either in one pass of c = ceil(L/A)
+// loads (when c <= 16 and c + 2 <= 4p) or in p doubling passes (p: the passes that double A while
+// it is below L / 2, plus one); the full plan keeps it when (L - 1) x (runs of length L) exceeds
+// that cost (c + 2, or 4p). A plan may also pair the output rows (when the loads of two rows number
+// at most 256 and the rings name at most 1024 rows per pair), which makes every ring one row deeper
+// (e = 1, else 0). The rings hold: (jmax - jminD + 1 + e) extended rows (jminD: the first row with
+// a run of a length not kept; 1 + e rows when every length is kept), (jmax - jminL + 1 + e) rows
+// for each kept L, and one work row when a kept length is made by doubling. Each row holds (tile +
+// Wb - 1) pixels of kC elements of the comparison type (8u: 1 byte, 16u/16s: 2, 32f: 4), rounded up
+// to 16 bytes; the rows start at the buffer's first 16-byte boundary. The plans, in order: full and
+// paired, full and single, plain (nothing kept) and paired, plain and single. The first whose
+// widest fitting tile (at most the ROI width) is at least min(256, ROI width) is used, else the one
+// with the widest tile. When that tile is the whole ROI it is used as one tile. Otherwise the
+// columns whose loads reach a replicated side (widened to 64 columns) are cut into equal tiles of
+// that width, and the columns between them into equal tiles as wide as the rings without the
+// extended rows allow (integer types read those columns in place; 32f uses the first tile width
+// throughout). The engine returns false when not even a tile of one pixel fits the last plan, or
+// when the mask has more than kMaxRuns runs or kMaxLengths distinct lengths.
 template <class T, int kC>
 bool morphRuns(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, const Kvl8u* mask,
                KvliSize maskSize, KvliPoint anchor, int borderType, bool erode, Kvl8u* buffer,
@@ -72,10 +77,10 @@ bool morphRuns(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
 constexpr int kMaxRuns = 1024;
 constexpr int kMaxLengths = 256;
 
-// Bytes the rings take for a tile of `tile` pixels from a 16-byte boundary on, by plan (0 full
-// and paired, 1 plain and paired, 2 plain and single; the rule above); 0 when the mask is beyond
-// the limits. keySize: the comparison type's size. Tests and callers that size their own buffers
-// use it.
+// Bytes the rings take for a tile of `tile` pixels from a 16-byte boundary on, by plan (0 full and
+// paired, 1 full and single, 2 plain and paired, 3 plain and single; the rule above); 0 when the
+// mask is beyond the limits. keySize: the comparison type's size. Tests and callers that size their
+// own buffers use it.
 std::size_t morphRunsBytes(const Kvl8u* mask, KvliSize maskSize, int channels, int keySize,
                            int tile, int plan);
 
@@ -122,6 +127,9 @@ inline U pick(U a, U b) {
 // address.
 template <class U>
 using PairRowFn = void (*)(const U* a, const U* b, U* out, int n);
+// out[i] = min (max) of rows[r][i] over r < count (count >= 1); out never aliases the rows.
+template <class U>
+using FoldRowFn = void (*)(const U* const* rows, int count, U* out, int n);
 // out[i] = min (max) of rows[r][i] over r < count (and of out[i] itself when accumulate), back
 // from keys to T; out is the caller's image, at any address.
 template <class T>
@@ -140,6 +148,7 @@ using KeyRowFn = void (*)(const T* in, KeyOf<T>* out, int n);
 template <class T, bool kMin>
 struct RunKernels {
   static const simd::Kernel<PairRowFn<KeyOf<T>>> pair;
+  static const simd::Kernel<FoldRowFn<KeyOf<T>>> fold;
   static const simd::Kernel<CombineRowFn<T>> combine;
   static const simd::Kernel<Combine2RowFn<T>> combine2;
   static const simd::Kernel<KeyRowFn<T>> keys;
@@ -149,6 +158,18 @@ namespace ref {
 template <class U, bool kMin>
 void pairRow(const U* a, const U* b, U* out, int n) {
   for (int i = 0; i < n; ++i) out[i] = pick<U, kMin>(loadAny(a + i), loadAny(b + i));
+}
+template <class U, bool kMin>
+void foldRange(const U* const* rows, int count, U* out, int from, int n) {
+  for (int i = from; i < n; ++i) {
+    U v = loadAny(rows[0] + i);
+    for (int r = 1; r < count; ++r) v = pick<U, kMin>(v, loadAny(rows[r] + i));
+    out[i] = v;
+  }
+}
+template <class U, bool kMin>
+void foldRow(const U* const* rows, int count, U* out, int n) {
+  foldRange<U, kMin>(rows, count, out, 0, n);
 }
 // Elements [from, n) of the kernels below (the vector kernels finish their rows with these).
 template <class T, bool kMin>
@@ -163,8 +184,8 @@ void combineRange(const KeyOf<T>* const* rows, int count, T* out, int from, int 
   }
 }
 template <class T, bool kMin>
-void combine2Range(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1,
-                   int from, int n) {
+void combine2Range(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1, int from,
+                   int n) {
   using U = KeyOf<T>;
   auto fold = [&](const KeyOf<T>* const* t, int count, int i, U v) {
     for (int r = 0; r < count; ++r) v = pick<U, kMin>(v, loadAny(t[r] + i));
@@ -197,8 +218,9 @@ void keyRow(const T* in, KeyOf<T>* out, int n) {
 }
 }  // namespace ref
 
-#define KVL_MORPH_RUNS_EXTERN(T) \
-  extern template struct RunKernels<T, true>; extern template struct RunKernels<T, false>;
+#define KVL_MORPH_RUNS_EXTERN(T)              \
+  extern template struct RunKernels<T, true>; \
+  extern template struct RunKernels<T, false>;
 KVL_MORPH_RUNS_TYPES(KVL_MORPH_RUNS_EXTERN)
 #undef KVL_MORPH_RUNS_EXTERN
 

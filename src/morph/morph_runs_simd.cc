@@ -70,6 +70,33 @@ void pairRow(const U* a, const U* b, U* out, int n) {
   ref::pairRow<U, kMin>(a + i, b + i, out + i, n - i);
 }
 
+template <class U, bool kMin>
+void foldRow(const U* const* rows, int count, U* out, int n) {
+  const Tag<U> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  int i = 0;
+  for (; i + 2 * N <= n; i += 2 * N) {
+    auto v0 = hn::LoadU(d, rows[0] + i), v1 = hn::LoadU(d, rows[0] + i + N);
+    for (int r = 1; r < count; ++r) {
+      v0 = pickV<kMin>(v0, hn::LoadU(d, rows[r] + i));
+      v1 = pickV<kMin>(v1, hn::LoadU(d, rows[r] + i + N));
+    }
+    hn::StoreU(v0, d, out + i);
+    hn::StoreU(v1, d, out + i + N);
+  }
+  auto one = [&](int k) KVL_INLINE_LAMBDA {
+    auto v = hn::LoadU(d, rows[0] + k);
+    for (int r = 1; r < count; ++r) v = pickV<kMin>(v, hn::LoadU(d, rows[r] + k));
+    hn::StoreU(v, d, out + k);
+  };
+  for (; i + N <= n; i += N) one(i);
+  if (i < n && n >= N) {
+    one(n - N);
+    i = n;
+  }
+  ref::foldRange<U, kMin>(rows, count, out, i, n);
+}
+
 template <class T, bool kMin>
 void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accumulate) {
   using U = KeyOf<T>;
@@ -212,16 +239,20 @@ template <class T, bool kMin>
 const simd::Kernel<PairRowFn<KeyOf<T>>> RunKernels<T, kMin>::pair{
     KVL_TARGETS(pairRow<KeyOf<T>, kMin>), &ref::pairRow<KeyOf<T>, kMin>};
 template <class T, bool kMin>
-const simd::Kernel<CombineRowFn<T>> RunKernels<T, kMin>::combine{
-    KVL_TARGETS(combineRow<T, kMin>), &ref::combineRow<T, kMin>};
+const simd::Kernel<FoldRowFn<KeyOf<T>>> RunKernels<T, kMin>::fold{
+    KVL_TARGETS(foldRow<KeyOf<T>, kMin>), &ref::foldRow<KeyOf<T>, kMin>};
+template <class T, bool kMin>
+const simd::Kernel<CombineRowFn<T>> RunKernels<T, kMin>::combine{KVL_TARGETS(combineRow<T, kMin>),
+                                                                 &ref::combineRow<T, kMin>};
 template <class T, bool kMin>
 const simd::Kernel<Combine2RowFn<T>> RunKernels<T, kMin>::combine2{
     KVL_TARGETS(combine2Row<T, kMin>), &ref::combine2Row<T, kMin>};
 template <class T, bool kMin>
-const simd::Kernel<KeyRowFn<T>> RunKernels<T, kMin>::keys{KVL_TARGETS(keyRow<T>),
-                                                           &ref::keyRow<T>};
+const simd::Kernel<KeyRowFn<T>> RunKernels<T, kMin>::keys{KVL_TARGETS(keyRow<T>), &ref::keyRow<T>};
 
-#define KVL_INSTANTIATE(T) template struct RunKernels<T, true>; template struct RunKernels<T, false>;
+#define KVL_INSTANTIATE(T)             \
+  template struct RunKernels<T, true>; \
+  template struct RunKernels<T, false>;
 KVL_MORPH_RUNS_TYPES(KVL_INSTANTIATE)
 #undef KVL_INSTANTIATE
 
