@@ -146,6 +146,16 @@ void rowPass(const In* in, Out* out, int w, int left, int right, K* scratch, boo
   const int N = static_cast<int>(hn::Lanes(d));
   const int n = w * kC;
   const int width = left + right + 1;
+  if constexpr (std::is_same_v<In, Kvl32f>) {
+    // A float row is converted to keys once, rather than at each of the shifted loads.
+    if (width > 1 && width <= kDirectWidth) {
+      int j = 0;
+      for (; j + N <= n; j += N) hn::StoreU(load(d, in + j), d, scratch + j);
+      for (; j < n; ++j) scratch[j] = loadOne<K>(in + j);
+      return rowPass<kMax, kC, K>(static_cast<const K*>(scratch), out, w, left, right, scratch,
+                                  stream);
+    }
+  }
   // The pixels whose window lies inside the row: [left, w - right).
   const int x0 = left, x1 = std::max(left, w - right);
   const int j0 = x0 * kC, j1 = x1 * kC;
