@@ -37,6 +37,11 @@ namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 #if KVL_SIMD_TARGET
 
+// The vectors of every pass: at most 256 bits. The passes are bound by the loads, most of which
+// are unaligned (shifted windows); a 512-bit unaligned load always spans two cache lines.
+template <class K>
+using Tag = hn::CappedTag<K, 32 / sizeof(K)>;
+
 // Widest mask reduced by shifted loads; wider ones double their window.
 constexpr int kDirectWidth = 5;
 // Tallest mask reduced from a ring of rows; taller ones take the block scheme.
@@ -116,7 +121,7 @@ HWY_INLINE V pick(V a, V b) {
 template <bool kMax, int kC, int kW, class K, class In, class Out>
 void direct(const In* s, Out* out, int j0, int j1, bool stream) {
   static_assert(kW <= kDirectWidth);
-  const hn::ScalableTag<K> d;
+  const Tag<K> d;
   const int N = static_cast<int>(hn::Lanes(d));
   auto one = [&](int j) KVL_INLINE_LAMBDA {
     K v = loadOne<K>(s + j);
@@ -137,10 +142,20 @@ void direct(const In* s, Out* out, int j0, int j1, bool stream) {
 // right] (clamped to the row). `scratch` holds w*kC keys for the doubling windows.
 template <bool kMax, int kC, class K, class In, class Out>
 void rowPass(const In* in, Out* out, int w, int left, int right, K* scratch, bool stream) {
-  const hn::ScalableTag<K> d;
+  const Tag<K> d;
   const int N = static_cast<int>(hn::Lanes(d));
   const int n = w * kC;
   const int width = left + right + 1;
+  if constexpr (std::is_same_v<In, Kvl32f>) {
+    // A float row is converted to keys once, rather than at each of the shifted loads.
+    if (width > 1 && width <= kDirectWidth) {
+      int j = 0;
+      for (; j + N <= n; j += N) hn::StoreU(load(d, in + j), d, scratch + j);
+      for (; j < n; ++j) scratch[j] = loadOne<K>(in + j);
+      return rowPass<kMax, kC, K>(static_cast<const K*>(scratch), out, w, left, right, scratch,
+                                  stream);
+    }
+  }
   // The pixels whose window lies inside the row: [left, w - right).
   const int x0 = left, x1 = std::max(left, w - right);
   const int j0 = x0 * kC, j1 = x1 * kC;
@@ -205,7 +220,7 @@ void rowPass(const In* in, Out* out, int w, int left, int right, K* scratch, boo
 template <bool kMax, int kCount, class K, class Out>
 void columnPass(const K* const* rows, const K* first, Out* out0, const K* last, Out* out1, int n,
                 bool stream) {
-  const hn::ScalableTag<K> d;
+  const Tag<K> d;
   const int N = static_cast<int>(hn::Lanes(d));
   const K* r[kCount];
   for (int i = 0; i < kCount; ++i) r[i] = rows[i];
@@ -253,7 +268,7 @@ void columnPass(int count, const K* const* rows, const K* first, Out* out0, cons
 // (v alone when c is null).
 template <bool kMax, class K, class Out>
 void combine(const K* a, const K* b, K* keep, const K* c, Out* out, int n, bool stream = false) {
-  const hn::ScalableTag<K> d;
+  const Tag<K> d;
   const int N = static_cast<int>(hn::Lanes(d));
   auto one = [&](int j) KVL_INLINE_LAMBDA {
     K v = better<kMax>(a[j], b[j]);
