@@ -52,15 +52,29 @@ void extractRow(const Kvl8u* row, int off, int W, int x0, int x1, bool memL, boo
     kB = std::min<long long>(n, ((hi - 8 - q0) >> 3) + 1);
     kB = std::max(kA, kB);
   }
+  auto load64 = [&](long long at) {
+    uint64_t v;
+    std::memcpy(&v, row + at, 8);  // little-endian: byte i holds pixels 8i .. 8i + 7
+    return v;
+  };
   auto slow = [&](long long k) {  // the bytes of word k that may be read, the others as 0
     const long long q = q0 + 8 * k;
     const long long from = std::max(q, lo), to = std::min(q + 8, hi);
     uint64_t w = 0, top = 0;
-    for (long long i = from; i <= to; ++i) {  // in registers: no store to reload
-      if (i - q < 8)
-        w |= static_cast<uint64_t>(row[i]) << (8 * (i - q));
-      else
-        top = row[i];
+    if (from > q && from <= q + 7 && to >= q + 7 && from + 7 <= hi) {
+      // The row's first bytes: eight readable bytes from `from` on, moved up into place.
+      w = load64(from) << (8 * (from - q));
+      top = to >= q + 8 ? row[q + 8] : 0;
+    } else if (from == q && to <= q + 7 && to - 7 >= lo) {
+      // The row's last bytes: eight readable bytes ending at `to`, moved down into place.
+      w = load64(to - 7) >> (8 * (q + 7 - to));
+    } else {
+      for (long long i = from; i <= to; ++i) {  // in registers: no store to reload
+        if (i - q < 8)
+          w |= static_cast<uint64_t>(row[i]) << (8 * (i - q));
+        else
+          top = row[i];
+      }
     }
     out[k] = s ? (w >> s) | (top << (64 - s)) : w;
   };
@@ -290,9 +304,11 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
       } else {
         prepare(rFirst + y + K - 1);
       }
+      const int base = y % K;  // the slot of mask row j0 for this output row
       for (int u = 0; u < runCount; ++u) {
         const int li = runs[u].lengthIndex;
-        terms[u] = ringRow((y + runs[u].row) % K, lengths[li] == 1 ? 0 : 1 + li);
+        const int slot = base + runs[u].row < K ? base + runs[u].row : base + runs[u].row - K;
+        terms[u] = ringRow(slot, lengths[li] == 1 ? 0 : 1 + li);
       }
       reduce(acc, terms, shifts, runCount, nOut, erode);
       storeRow(rowPtr(dst, dstStep, y), dstBitOffset, tx0, wt, acc, store);
