@@ -165,7 +165,8 @@ TEST_P(Morph1u, WiderThanTheStateInStrips) {
   check(GetParam(), ms[10], {4000, 9}, 0, 2, 1 + 128, 9, 200);
 }
 
-INSTANTIATE_TEST_SUITE_P(Members, Morph1u, testing::ValuesIn(kMembers));
+INSTANTIATE_TEST_SUITE_P(Members, Morph1u, testing::ValuesIn(kMembers),
+                         [](const testing::TestParamInfo<Member>& p) { return std::string(p.param.name); });
 
 // Validation order; every row also checks that the destination stayed as it was.
 TEST(Morph1uCalls, ValidationOrder) {
