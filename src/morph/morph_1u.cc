@@ -235,22 +235,34 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
     shifts[u] = lengths[runs[u].lengthIndex] == 1 ? runs[u].start
                                                    : runs[u].start - homes[runs[u].lengthIndex];
 
-  // Rows of words: the ring (K source rows, each with its copy and one row per distinct length
-  // above 1), the doubling levels above the copy of the row being prepared, and the output row.
+  // Rows of words, in batches of G output rows: every plane holds the G + K - 1 source rows a
+  // batch reads, one after the other at `stride` words, and a kernel runs over a whole plane as
+  // one long row (a row's slack after its words absorbs what its shifts carry in from the next).
+  // Planes: the source rows' copies, one per distinct run length above 1, the doubling levels
+  // above the copy; then the batch's output rows.
   const int K = j1 - j0 + 1;
   // Runs of up to kDirect pixels combine their shifted copies in one pass; longer ones double
   // (pixel runs of 1, 2, 4, ... at the levels) and join two copies of the top level they need.
   constexpr int kDirect = 4;
-  int levels = 1;
-  for (int li = 0; li < lengthCount; ++li)
+  constexpr int kBatch = 32;
+  int levels = 1, longer = 0;
+  for (int li = 0; li < lengthCount; ++li) {
+    if (lengths[li] > 1) ++longer;
     if (lengths[li] > kDirect) levels = std::max(levels, floorLog2(lengths[li]) + 1);
-  const int perSlot = 1 + lengthCount;
-  const long long rowCount = static_cast<long long>(K) * perSlot + levels;
+  }
+  const int planes = 1 + longer + (levels - 1);
   const int span = i1 - i0;  // the columns a run reaches, from the leftmost one
   const int pad = (span >> 6) + 2 + kPadWords;
-  Kvl8u* rows = alignUp(carve.p, 64);
-  if (rows >= carve.end) return false;
-  const long long strideMax = ((carve.end - rows) / 8 / rowCount) & ~7ll;
+  Kvl8u* base = alignUp(carve.p, 64);
+  if (base >= carve.end) return false;
+  const long long avail = (carve.end - base) / 8;  // words
+  // Words for batches of g rows of `stride` words.
+  auto need = [&](long long g, long long stride) {
+    return ((g + K - 1) * stride + pad) * planes + g * stride + pad;
+  };
+  // The widest strip whose single-row batches fit, then as many rows per batch as fit.
+  const long long perRow = static_cast<long long>(K) * planes + 1;
+  const long long strideMax = ((avail - pad * (planes + 1)) / perRow) & ~7ll;
   const long long wordsMax = strideMax - pad;
   if (wordsMax < 1) return false;
   const long long stripMax = 64 * wordsMax - span + 1;
@@ -258,12 +270,17 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   const int strip = static_cast<int>(std::min<long long>(W, stripMax));
   const long long stride =
       roundUp((static_cast<long long>(strip) + span - 1 + 63) / 64 + pad, 8);
-  uint64_t* words = reinterpret_cast<uint64_t*>(rows);
-  std::memset(words, 0, static_cast<size_t>(stride * rowCount * 8));
-  // Row 0 of a slot is the source row's copy, row 1 + li the runs of length li.
-  auto ringRow = [&](int slot, int row) { return words + (slot * perSlot + row) * stride; };
-  uint64_t* upper = words + static_cast<long long>(K) * perSlot * stride;  // levels 1, 2, ...
-  uint64_t* acc = upper + (levels - 1) * stride;
+  int G = std::min(H, kBatch);
+  while (G > 1 && need(G, stride) > avail) --G;
+  if (need(G, stride) > avail) return false;
+  const long long planeWords = (static_cast<long long>(G) + K - 1) * stride + pad;
+  uint64_t* words = reinterpret_cast<uint64_t*>(base);
+  std::memset(words, 0, static_cast<size_t>(need(G, stride) * 8));
+  auto plane = [&](int i) { return words + i * planeWords; };  // 0: copies, 1..: lengths
+  int* planeOf = lengthSlot;  // reused: length index -> its plane (0 for length 1)
+  for (int li = 0, next = 1; li < lengthCount; ++li) planeOf[li] = lengths[li] == 1 ? 0 : next++;
+  auto level = [&](int p) { return plane(p == 0 ? 0 : longer + p); };
+  uint64_t* acc = plane(planes);
 
   const Combine2Fn combine2 = kCombine2.pick();
   const ReduceFn reduce = kReduce.pick();
@@ -274,44 +291,35 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   for (int tx0 = 0; tx0 < W; tx0 += strip) {
     const int wt = std::min(strip, W - tx0);
     const int nIn = (wt + span - 1 + 63) >> 6;
-    const int nOut = (wt + 63) >> 6;
     const int x0 = tx0 + i0 - ax, x1 = tx0 + wt + i1 - 1 - ax;
-    // Source row y0 + (row of the ring) into its ring slot, each length's run combination.
-    auto prepare = [&](int rr) {
-      const int slot = (rr - rFirst) % K;
-      const int sy = rr < 0 ? (memT ? rr : 0) : rr >= H ? (memB ? rr : H - 1) : rr;
-      uint64_t* copy = ringRow(slot, 0);
-      extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR, copy, load);
-      auto level = [&](int p) { return p == 0 ? copy : upper + (p - 1) * stride; };
-      for (int p = 1; p < levels; ++p)
-        combine2(level(p), level(p - 1), 0, 1 << (p - 1), nIn, erode);
+    for (int y0 = 0; y0 < H; y0 += G) {
+      const int g = std::min(G, H - y0);
+      const int rowsIn = g + K - 1;
+      for (int i = 0; i < rowsIn; ++i) {
+        const int rr = rFirst + y0 + i;
+        const int sy = rr < 0 ? (memT ? rr : 0) : rr >= H ? (memB ? rr : H - 1) : rr;
+        extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR,
+                   plane(0) + i * stride, load);
+      }
+      // Whole planes at once: the last row needs only its nIn words.
+      const int n = static_cast<int>((rowsIn - 1) * stride + nIn);
+      for (int p = 1; p < levels; ++p) combine2(level(p), level(p - 1), 0, 1 << (p - 1), n, erode);
       for (int li = 0; li < lengthCount; ++li) {
         const int len = lengths[li], p = floorLog2(len);
         if (len == 1) continue;
         if (len <= kDirect) {
-          const uint64_t* copies[kDirect] = {copy, copy, copy, copy};
+          const uint64_t* copies[kDirect] = {plane(0), plane(0), plane(0), plane(0)};
           const int at[kDirect] = {homes[li], homes[li] + 1, homes[li] + 2, homes[li] + 3};
-          reduce(ringRow(slot, 1 + li), copies, at, len, nIn, erode);
+          reduce(plane(planeOf[li]), copies, at, len, n, erode);
         } else {
-          combine2(ringRow(slot, 1 + li), level(p), homes[li], homes[li] + len - (1 << p), nIn,
-                   erode);
+          combine2(plane(planeOf[li]), level(p), homes[li], homes[li] + len - (1 << p), n, erode);
         }
       }
-    };
-    for (int y = 0; y < H; ++y) {
-      if (y == 0) {
-        for (int k = 0; k < K; ++k) prepare(rFirst + k);
-      } else {
-        prepare(rFirst + y + K - 1);
-      }
-      const int base = y % K;  // the slot of mask row j0 for this output row
-      for (int u = 0; u < runCount; ++u) {
-        const int li = runs[u].lengthIndex;
-        const int slot = base + runs[u].row < K ? base + runs[u].row : base + runs[u].row - K;
-        terms[u] = ringRow(slot, lengths[li] == 1 ? 0 : 1 + li);
-      }
-      reduce(acc, terms, shifts, runCount, nOut, erode);
-      storeRow(rowPtr(dst, dstStep, y), dstBitOffset, tx0, wt, acc, store);
+      for (int u = 0; u < runCount; ++u)
+        terms[u] = plane(planeOf[runs[u].lengthIndex]) + runs[u].row * stride;
+      reduce(acc, terms, shifts, runCount, static_cast<int>((g - 1) * stride + nIn), erode);
+      for (int i = 0; i < g; ++i)
+        storeRow(rowPtr(dst, dstStep, y0 + i), dstBitOffset, tx0, wt, acc + i * stride, store);
     }
   }
   return true;
