@@ -250,7 +250,13 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
     if (lengths[li] > 1) ++longer;
     if (lengths[li] > kDirect) levels = std::max(levels, floorLog2(lengths[li]) + 1);
   }
-  const int planes = 1 + longer + (levels - 1);
+  // A rectangle (one run per row, the same in every row) ANDs its rows by doubling too: row
+  // shifts are word shifts of a whole stride inside a plane, into two planes of its own.
+  bool rect = runCount == K && K > kDirect;
+  for (int u = 0; u < runCount && rect; ++u)
+    rect = runs[u].row == u && runs[u].start == runs[0].start &&
+           runs[u].lengthIndex == runs[0].lengthIndex;
+  const int planes = 1 + longer + (levels - 1) + (rect ? 2 : 0);
   const int span = i1 - i0;  // the columns a run reaches, from the leftmost one
   const int pad = (span >> 6) + 2 + kPadWords;
   Kvl8u* base = alignUp(carve.p, 64);
@@ -270,7 +276,11 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   const int strip = static_cast<int>(std::min<long long>(W, stripMax));
   const long long stride =
       roundUp((static_cast<long long>(strip) + span - 1 + 63) / 64 + pad, 8);
-  int G = std::min(H, kBatch);
+  // Each batch reads its first K - 1 rows again: tall masks take taller batches, within about
+  // half a megabyte of work rows (a core's second-level cache) where the buffer allows.
+  constexpr long long kBatchWords = (512 << 10) / 8;
+  int G = std::min(H, std::max(kBatch, 8 * K));
+  while (G > kBatch && need(G, stride) > std::min(avail, kBatchWords)) --G;
   while (G > 1 && need(G, stride) > avail) --G;
   if (need(G, stride) > avail) return false;
   const long long planeWords = (static_cast<long long>(G) + K - 1) * stride + pad;
@@ -281,6 +291,7 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   for (int li = 0, next = 1; li < lengthCount; ++li) planeOf[li] = lengths[li] == 1 ? 0 : next++;
   auto level = [&](int p) { return plane(p == 0 ? 0 : longer + p); };
   uint64_t* acc = plane(planes);
+  rect = rect && 64ll * stride * K <= INT_MAX;  // bit shifts of whole rows must fit an int
 
   const Combine2Fn combine2 = kCombine2.pick();
   const ReduceFn reduce = kReduce.pick();
@@ -315,9 +326,24 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
           combine2(plane(planeOf[li]), level(p), homes[li], homes[li] + len - (1 << p), n, erode);
         }
       }
-      for (int u = 0; u < runCount; ++u)
-        terms[u] = plane(planeOf[runs[u].lengthIndex]) + runs[u].row * stride;
-      reduce(acc, terms, shifts, runCount, static_cast<int>((g - 1) * stride + nIn), erode);
+      const int nOut = static_cast<int>((g - 1) * stride + nIn);
+      if (rect) {
+        // Rows 0 .. rowsIn - q of level q are the runs of q rows down from each.
+        const uint64_t* cur = plane(planeOf[runs[0].lengthIndex]);
+        int q = 1;
+        for (int w = 0; 2 * q <= K; q *= 2, w ^= 1) {
+          uint64_t* next = plane(planes - 2 + w);
+          combine2(next, cur, 0, static_cast<int>(64 * stride * q),
+                   static_cast<int>((rowsIn - 2 * q) * stride + nIn), erode);
+          cur = next;
+        }
+        combine2(acc, cur, shifts[0], shifts[0] + static_cast<int>(64 * stride * (K - q)), nOut,
+                 erode);
+      } else {
+        for (int u = 0; u < runCount; ++u)
+          terms[u] = plane(planeOf[runs[u].lengthIndex]) + runs[u].row * stride;
+        reduce(acc, terms, shifts, runCount, nOut, erode);
+      }
       for (int i = 0; i < g; ++i)
         storeRow(rowPtr(dst, dstStep, y0 + i), dstBitOffset, tx0, wt, acc + i * stride, store);
     }
