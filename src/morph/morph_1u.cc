@@ -243,7 +243,7 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   const int K = j1 - j0 + 1;
   // Runs of up to kDirect pixels combine their shifted copies in one pass; longer ones double
   // (pixel runs of 1, 2, 4, ... at the levels) and join two copies of the top level they need.
-  constexpr int kDirect = 4;
+  constexpr int kDirect = 5;
   constexpr int kBatch = 32;
   int levels = 1, longer = 0;
   for (int li = 0; li < lengthCount; ++li) {
@@ -252,7 +252,7 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   }
   // A rectangle (one run per row, the same in every row) ANDs its rows by doubling too: row
   // shifts are word shifts of a whole stride inside a plane, into two planes of its own.
-  bool rect = runCount == K && K > kDirect;
+  bool rect = runCount == K && K > 4;
   for (int u = 0; u < runCount && rect; ++u)
     rect = runs[u].row == u && runs[u].start == runs[0].start &&
            runs[u].lengthIndex == runs[0].lengthIndex;
@@ -319,8 +319,12 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
         const int len = lengths[li], p = floorLog2(len);
         if (len == 1) continue;
         if (len <= kDirect) {
-          const uint64_t* copies[kDirect] = {plane(0), plane(0), plane(0), plane(0)};
-          const int at[kDirect] = {homes[li], homes[li] + 1, homes[li] + 2, homes[li] + 3};
+          const uint64_t* copies[kDirect];
+          int at[kDirect];
+          for (int i = 0; i < len; ++i) {
+            copies[i] = plane(0);
+            at[i] = homes[li] + i;
+          }
           reduce(plane(planeOf[li]), copies, at, len, n, erode);
         } else {
           combine2(plane(planeOf[li]), level(p), homes[li], homes[li] + len - (1 << p), n, erode);
