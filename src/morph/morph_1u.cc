@@ -237,7 +237,7 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
 
   // Rows of words, in batches of G output rows: every plane holds the G + K - 1 source rows a
   // batch reads, one after the other at `stride` words, and a kernel runs over a whole plane as
-  // one long row (a row's slack after its words absorbs what its shifts carry in from the next).
+  // one long row; each plane ends with `pad` words of slack for the kernels' reach.
   // Planes: the source rows' copies, one per distinct run length above 1, the doubling levels
   // above the copy; then the batch's output rows.
   const int K = j1 - j0 + 1;
@@ -268,14 +268,14 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   };
   // The widest strip whose single-row batches fit, then as many rows per batch as fit.
   const long long perRow = static_cast<long long>(K) * planes + 1;
-  const long long strideMax = ((avail - pad * (planes + 1)) / perRow) & ~7ll;
-  const long long wordsMax = strideMax - pad;
+  const long long wordsMax = (avail - pad * (planes + 1)) / perRow;
   if (wordsMax < 1) return false;
   const long long stripMax = 64 * wordsMax - span + 1;
   if (stripMax < 1) return false;
   const int strip = static_cast<int>(std::min<long long>(W, stripMax));
-  const long long stride =
-      roundUp((static_cast<long long>(strip) + span - 1 + 63) / 64 + pad, 8);
+  // Rows follow each other without gaps: what a row's shifts read past its end is the next
+  // row's start, which only ever reaches bits past the row's last valid one.
+  const long long stride = (static_cast<long long>(strip) + span - 1 + 63) / 64;
   // Each batch reads its first K - 1 rows again: tall masks take taller batches, within about
   // half a megabyte of work rows (a core's second-level cache) where the buffer allows.
   constexpr long long kBatchWords = (512 << 10) / 8;
