@@ -61,7 +61,9 @@ void extractRow(const Kvl8u* row, int off, int W, int x0, int x1, bool memL, boo
     const long long q = q0 + 8 * k;
     const long long from = std::max(q, lo), to = std::min(q + 8, hi);
     uint64_t w = 0, top = 0;
-    if (from > q && from <= q + 7 && to >= q + 7 && from + 7 <= hi) {
+    if (from > to) {
+      // Nothing readable: the border rule fills these bits, or they lie past the row.
+    } else if (from > q && from <= q + 7 && to >= q + 7 && from + 7 <= hi) {
       // The row's first bytes: eight readable bytes from `from` on, moved up into place.
       w = load64(from) << (8 * (from - q));
       top = to >= q + 8 ? row[q + 8] : 0;
