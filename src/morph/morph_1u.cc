@@ -388,8 +388,8 @@ KvlStatus getSize(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferS
 // The state: the 96 bytes of fields, the mask copy right after them (A bytes), and for a
 // rectangle the analysis record after the copy. Fields are written through a local copy, so the
 // block needs no particular alignment.
-KvlStatus init(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec,
-               Kvl8u* pBuffer) {
+KvlStatus ownMorphologyBorderInit_1u(int roiWidth, const Kvl8u* pMask, KvliSize maskSize,
+                                     KvliMorphState* pSpec, Kvl8u* pBuffer) {
   KVL_TRY(check::nonNull(pMask, pSpec, pBuffer));
   KVL_TRY(check::positive(roiWidth, maskSize.width, maskSize.height));
   if (specSize1u(maskSize) < 0 || bufferSize1u(roiWidth, maskSize) < 0) return kvlStatusBadSize;
@@ -483,7 +483,7 @@ extern "C" KvlStatus impl_kvliMorphologyBorderGetSize_1u_C1R(int roiWidth, KvliS
 extern "C" KvlStatus impl_kvliMorphologyBorderInit_1u_C1R(int roiWidth, const Kvl8u* pMask,
                                                           KvliSize maskSize, KvliMorphState* pSpec,
                                                           Kvl8u* pBuffer) {
-  return kvl::morph::init(roiWidth, pMask, maskSize, pSpec, pBuffer);
+  return kvl::morph::ownMorphologyBorderInit_1u(roiWidth, pMask, maskSize, pSpec, pBuffer);
 }
 
 #define KVL_MORPH_1U(Op, erode)                                                                 \
