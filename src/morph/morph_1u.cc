@@ -52,15 +52,31 @@ void extractRow(const Kvl8u* row, int off, int W, int x0, int x1, bool memL, boo
     kB = std::min<long long>(n, ((hi - 8 - q0) >> 3) + 1);
     kB = std::max(kA, kB);
   }
+  auto load64 = [&](long long at) {
+    uint64_t v;
+    std::memcpy(&v, row + at, 8);  // little-endian: byte i holds pixels 8i .. 8i + 7
+    return v;
+  };
   auto slow = [&](long long k) {  // the bytes of word k that may be read, the others as 0
     const long long q = q0 + 8 * k;
     const long long from = std::max(q, lo), to = std::min(q + 8, hi);
     uint64_t w = 0, top = 0;
-    for (long long i = from; i <= to; ++i) {  // in registers: no store to reload
-      if (i - q < 8)
-        w |= static_cast<uint64_t>(row[i]) << (8 * (i - q));
-      else
-        top = row[i];
+    if (from > to) {
+      // Nothing readable: the border rule fills these bits, or they lie past the row.
+    } else if (from > q && from <= q + 7 && to >= q + 7 && from + 7 <= hi) {
+      // The row's first bytes: eight readable bytes from `from` on, moved up into place.
+      w = load64(from) << (8 * (from - q));
+      top = to >= q + 8 ? row[q + 8] : 0;
+    } else if (from == q && to <= q + 7 && to - 7 >= lo) {
+      // The row's last bytes: eight readable bytes ending at `to`, moved down into place.
+      w = load64(to - 7) >> (8 * (q + 7 - to));
+    } else {
+      for (long long i = from; i <= to; ++i) {  // in registers: no store to reload
+        if (i - q < 8)
+          w |= static_cast<uint64_t>(row[i]) << (8 * (i - q));
+        else
+          top = row[i];
+      }
     }
     out[k] = s ? (w >> s) | (top << (64 - s)) : w;
   };
@@ -221,35 +237,63 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
     shifts[u] = lengths[runs[u].lengthIndex] == 1 ? runs[u].start
                                                    : runs[u].start - homes[runs[u].lengthIndex];
 
-  // Rows of words: the ring (K source rows, each with its copy and one row per distinct length
-  // above 1), the doubling levels above the copy of the row being prepared, and the output row.
+  // Rows of words, in batches of G output rows: every plane holds the G + K - 1 source rows a
+  // batch reads, one after the other at `stride` words, and a kernel runs over a whole plane as
+  // one long row; each plane ends with `pad` words of slack for the kernels' reach.
+  // Planes: the source rows' copies, one per distinct run length above 1, the doubling levels
+  // above the copy; then the batch's output rows.
   const int K = j1 - j0 + 1;
   // Runs of up to kDirect pixels combine their shifted copies in one pass; longer ones double
   // (pixel runs of 1, 2, 4, ... at the levels) and join two copies of the top level they need.
-  constexpr int kDirect = 4;
-  int levels = 1;
-  for (int li = 0; li < lengthCount; ++li)
+  constexpr int kDirect = 5;
+  constexpr int kBatch = 32;
+  int levels = 1, longer = 0;
+  for (int li = 0; li < lengthCount; ++li) {
+    if (lengths[li] > 1) ++longer;
     if (lengths[li] > kDirect) levels = std::max(levels, floorLog2(lengths[li]) + 1);
-  const int perSlot = 1 + lengthCount;
-  const long long rowCount = static_cast<long long>(K) * perSlot + levels;
+  }
+  // A rectangle (one run per row, the same in every row) ANDs its rows by doubling too: row
+  // shifts are word shifts of a whole stride inside a plane, into two planes of its own.
+  bool rect = runCount == K && K > 4;
+  for (int u = 0; u < runCount && rect; ++u)
+    rect = runs[u].row == u && runs[u].start == runs[0].start &&
+           runs[u].lengthIndex == runs[0].lengthIndex;
+  const int planes = 1 + longer + (levels - 1) + (rect ? 2 : 0);
   const int span = i1 - i0;  // the columns a run reaches, from the leftmost one
   const int pad = (span >> 6) + 2 + kPadWords;
-  Kvl8u* rows = alignUp(carve.p, 64);
-  if (rows >= carve.end) return false;
-  const long long strideMax = ((carve.end - rows) / 8 / rowCount) & ~7ll;
-  const long long wordsMax = strideMax - pad;
+  Kvl8u* base = alignUp(carve.p, 64);
+  if (base >= carve.end) return false;
+  const long long avail = (carve.end - base) / 8;  // words
+  // Words for batches of g rows of `stride` words.
+  auto need = [&](long long g, long long stride) {
+    return ((g + K - 1) * stride + pad) * planes + g * stride + pad;
+  };
+  // The widest strip whose single-row batches fit, then as many rows per batch as fit.
+  const long long perRow = static_cast<long long>(K) * planes + 1;
+  const long long wordsMax = (avail - pad * (planes + 1)) / perRow;
   if (wordsMax < 1) return false;
   const long long stripMax = 64 * wordsMax - span + 1;
   if (stripMax < 1) return false;
   const int strip = static_cast<int>(std::min<long long>(W, stripMax));
-  const long long stride =
-      roundUp((static_cast<long long>(strip) + span - 1 + 63) / 64 + pad, 8);
-  uint64_t* words = reinterpret_cast<uint64_t*>(rows);
-  std::memset(words, 0, static_cast<size_t>(stride * rowCount * 8));
-  // Row 0 of a slot is the source row's copy, row 1 + li the runs of length li.
-  auto ringRow = [&](int slot, int row) { return words + (slot * perSlot + row) * stride; };
-  uint64_t* upper = words + static_cast<long long>(K) * perSlot * stride;  // levels 1, 2, ...
-  uint64_t* acc = upper + (levels - 1) * stride;
+  // Rows follow each other without gaps: what a row's shifts read past its end is the next
+  // row's start, which only ever reaches bits past the row's last valid one.
+  const long long stride = (static_cast<long long>(strip) + span - 1 + 63) / 64;
+  // Each batch reads its first K - 1 rows again: tall masks take taller batches, within about
+  // half a megabyte of work rows (a core's second-level cache) where the buffer allows.
+  constexpr long long kBatchWords = (512 << 10) / 8;
+  int G = std::min(H, std::max(kBatch, 8 * K));
+  while (G > kBatch && need(G, stride) > std::min(avail, kBatchWords)) --G;
+  while (G > 1 && need(G, stride) > avail) --G;
+  if (need(G, stride) > avail) return false;
+  const long long planeWords = (static_cast<long long>(G) + K - 1) * stride + pad;
+  uint64_t* words = reinterpret_cast<uint64_t*>(base);
+  std::memset(words, 0, static_cast<size_t>(need(G, stride) * 8));
+  auto plane = [&](int i) { return words + i * planeWords; };  // 0: copies, 1..: lengths
+  int* planeOf = lengthSlot;  // reused: length index -> its plane (0 for length 1)
+  for (int li = 0, next = 1; li < lengthCount; ++li) planeOf[li] = lengths[li] == 1 ? 0 : next++;
+  auto level = [&](int p) { return plane(p == 0 ? 0 : longer + p); };
+  uint64_t* acc = plane(planes);
+  rect = rect && 64ll * stride * K <= INT_MAX;  // bit shifts of whole rows must fit an int
 
   const Combine2Fn combine2 = kCombine2.pick();
   const ReduceFn reduce = kReduce.pick();
@@ -260,42 +304,54 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   for (int tx0 = 0; tx0 < W; tx0 += strip) {
     const int wt = std::min(strip, W - tx0);
     const int nIn = (wt + span - 1 + 63) >> 6;
-    const int nOut = (wt + 63) >> 6;
     const int x0 = tx0 + i0 - ax, x1 = tx0 + wt + i1 - 1 - ax;
-    // Source row y0 + (row of the ring) into its ring slot, each length's run combination.
-    auto prepare = [&](int rr) {
-      const int slot = (rr - rFirst) % K;
-      const int sy = rr < 0 ? (memT ? rr : 0) : rr >= H ? (memB ? rr : H - 1) : rr;
-      uint64_t* copy = ringRow(slot, 0);
-      extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR, copy, load);
-      auto level = [&](int p) { return p == 0 ? copy : upper + (p - 1) * stride; };
-      for (int p = 1; p < levels; ++p)
-        combine2(level(p), level(p - 1), 0, 1 << (p - 1), nIn, erode);
+    for (int y0 = 0; y0 < H; y0 += G) {
+      const int g = std::min(G, H - y0);
+      const int rowsIn = g + K - 1;
+      for (int i = 0; i < rowsIn; ++i) {
+        const int rr = rFirst + y0 + i;
+        const int sy = rr < 0 ? (memT ? rr : 0) : rr >= H ? (memB ? rr : H - 1) : rr;
+        extractRow(rowPtr(src, srcStep, sy), srcBitOffset, W, x0, x1, memL, memR,
+                   plane(0) + i * stride, load);
+      }
+      // Whole planes at once: the last row needs only its nIn words.
+      const int n = static_cast<int>((rowsIn - 1) * stride + nIn);
+      for (int p = 1; p < levels; ++p) combine2(level(p), level(p - 1), 0, 1 << (p - 1), n, erode);
       for (int li = 0; li < lengthCount; ++li) {
         const int len = lengths[li], p = floorLog2(len);
         if (len == 1) continue;
         if (len <= kDirect) {
-          const uint64_t* copies[kDirect] = {copy, copy, copy, copy};
-          const int at[kDirect] = {homes[li], homes[li] + 1, homes[li] + 2, homes[li] + 3};
-          reduce(ringRow(slot, 1 + li), copies, at, len, nIn, erode);
+          const uint64_t* copies[kDirect];
+          int at[kDirect];
+          for (int i = 0; i < len; ++i) {
+            copies[i] = plane(0);
+            at[i] = homes[li] + i;
+          }
+          reduce(plane(planeOf[li]), copies, at, len, n, erode);
         } else {
-          combine2(ringRow(slot, 1 + li), level(p), homes[li], homes[li] + len - (1 << p), nIn,
-                   erode);
+          combine2(plane(planeOf[li]), level(p), homes[li], homes[li] + len - (1 << p), n, erode);
         }
       }
-    };
-    for (int y = 0; y < H; ++y) {
-      if (y == 0) {
-        for (int k = 0; k < K; ++k) prepare(rFirst + k);
+      const int nOut = static_cast<int>((g - 1) * stride + nIn);
+      if (rect) {
+        // Rows 0 .. rowsIn - q of level q are the runs of q rows down from each.
+        const uint64_t* cur = plane(planeOf[runs[0].lengthIndex]);
+        int q = 1;
+        for (int w = 0; 2 * q <= K; q *= 2, w ^= 1) {
+          uint64_t* next = plane(planes - 2 + w);
+          combine2(next, cur, 0, static_cast<int>(64 * stride * q),
+                   static_cast<int>((rowsIn - 2 * q) * stride + nIn), erode);
+          cur = next;
+        }
+        combine2(acc, cur, shifts[0], shifts[0] + static_cast<int>(64 * stride * (K - q)), nOut,
+                 erode);
       } else {
-        prepare(rFirst + y + K - 1);
+        for (int u = 0; u < runCount; ++u)
+          terms[u] = plane(planeOf[runs[u].lengthIndex]) + runs[u].row * stride;
+        reduce(acc, terms, shifts, runCount, nOut, erode);
       }
-      for (int u = 0; u < runCount; ++u) {
-        const int li = runs[u].lengthIndex;
-        terms[u] = ringRow((y + runs[u].row) % K, lengths[li] == 1 ? 0 : 1 + li);
-      }
-      reduce(acc, terms, shifts, runCount, nOut, erode);
-      storeRow(rowPtr(dst, dstStep, y), dstBitOffset, tx0, wt, acc, store);
+      for (int i = 0; i < g; ++i)
+        storeRow(rowPtr(dst, dstStep, y0 + i), dstBitOffset, tx0, wt, acc + i * stride, store);
     }
   }
   return true;
@@ -332,8 +388,8 @@ KvlStatus getSize(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferS
 // The state: the 96 bytes of fields, the mask copy right after them (A bytes), and for a
 // rectangle the analysis record after the copy. Fields are written through a local copy, so the
 // block needs no particular alignment.
-KvlStatus init(int roiWidth, const Kvl8u* pMask, KvliSize maskSize, KvliMorphState* pSpec,
-               Kvl8u* pBuffer) {
+KvlStatus ownMorphologyBorderInit_1u(int roiWidth, const Kvl8u* pMask, KvliSize maskSize,
+                                     KvliMorphState* pSpec, Kvl8u* pBuffer) {
   KVL_TRY(check::nonNull(pMask, pSpec, pBuffer));
   KVL_TRY(check::positive(roiWidth, maskSize.width, maskSize.height));
   if (specSize1u(maskSize) < 0 || bufferSize1u(roiWidth, maskSize) < 0) return kvlStatusBadSize;
@@ -427,7 +483,7 @@ extern "C" KvlStatus impl_kvliMorphologyBorderGetSize_1u_C1R(int roiWidth, KvliS
 extern "C" KvlStatus impl_kvliMorphologyBorderInit_1u_C1R(int roiWidth, const Kvl8u* pMask,
                                                           KvliSize maskSize, KvliMorphState* pSpec,
                                                           Kvl8u* pBuffer) {
-  return kvl::morph::init(roiWidth, pMask, maskSize, pSpec, pBuffer);
+  return kvl::morph::ownMorphologyBorderInit_1u(roiWidth, pMask, maskSize, pSpec, pBuffer);
 }
 
 #define KVL_MORPH_1U(Op, erode)                                                                 \

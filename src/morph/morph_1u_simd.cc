@@ -86,8 +86,30 @@ void reduceAlignedT(uint64_t* out, const uint64_t* const* rows, int count, int n
   }
 }
 
+// One row shifted by s, s + 1, ..., s + count - 1 pixels, all inside one word pair: each vector
+// loads its two words once.
+template <bool kErode>
+void runT(uint64_t* out, const uint64_t* row, int s, int count, int n) {
+  const DW d;
+  const size_t N = hn::Lanes(d);
+  const int q = s >> 6, r = s & 63;
+  for (size_t t = 0; t < static_cast<size_t>(n); t += N) {
+    const VW lo = hn::LoadU(d, row + t + q), hi = hn::LoadU(d, row + t + q + 1);
+    VW v = r == 0 ? lo : hn::Or(hn::ShiftRightSame(lo, r), hn::ShiftLeftSame(hi, 64 - r));
+    for (int i = 1; i < count; ++i)
+      v = op<kErode>(v, hn::Or(hn::ShiftRightSame(lo, r + i), hn::ShiftLeftSame(hi, 64 - r - i)));
+    hn::StoreU(v, d, out + t);
+  }
+}
+
 void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int count, int n,
             bool erode) {
+  bool run = (shifts[0] & 63) + count - 1 < 64;
+  for (int i = 1; i < count && run; ++i) run = rows[i] == rows[0] && shifts[i] == shifts[0] + i;
+  if (run) {
+    erode ? runT<true>(out, rows[0], shifts[0], count, n) : runT<false>(out, rows[0], shifts[0], count, n);
+    return;
+  }
   bool aligned = true;
   for (int i = 0; i < count; ++i) aligned = aligned && shifts[i] == 0;
   if (aligned) {

@@ -163,9 +163,21 @@ TEST_P(Morph1u, WiderThanTheStateInStrips) {
   check(GetParam(), ms[5], {7000, 6}, 3, 5, 1 + 64, 7, 400);
   check(GetParam(), ms[8], {3000, 3}, 1, 6, 6, 8, 1000);
   check(GetParam(), ms[10], {4000, 9}, 0, 2, 1 + 128, 9, 200);
+  check(GetParam(), ms[8], {12000, 2}, 5, 0, 1 + 64, 10, 3000);
 }
 
-INSTANTIATE_TEST_SUITE_P(Members, Morph1u, testing::ValuesIn(kMembers));
+// Images taller than a batch of rows: the rows a batch shares with the next are read again.
+TEST_P(Morph1u, TallImagesInBatches) {
+  const std::vector<Mask> ms = masks();
+  uint32_t seed = 300;
+  for (size_t k : {0, 3, 5, 7, 10})
+    for (int bt : {1, 6, 1 + 32})
+      check(GetParam(), ms[k], {45 + static_cast<int>(k), 33 + 13 * static_cast<int>(k)}, 2, 3, bt,
+            ++seed);
+}
+
+INSTANTIATE_TEST_SUITE_P(Members, Morph1u, testing::ValuesIn(kMembers),
+                         [](const testing::TestParamInfo<Member>& p) { return std::string(p.param.name); });
 
 // Validation order; every row also checks that the destination stayed as it was.
 TEST(Morph1uCalls, ValidationOrder) {
