@@ -912,7 +912,8 @@ typedef struct KvliMorphState KvliMorphState;
  * gives kvlStatusBadArgument for anything but 1), kvlStatusBadSize (ROI wider than the state's
  * roiWidth); 16s finally refuses pSrc == pDst with kvlStatusInPlaceNotSupported. The source and
  * destination must not overlap (other than being the same ROI for an all-zero mask).
- * Floats: NaN handling is not defined, nor which of -0 and +0 an extreme over both returns.
+ * Floats compare as a total order with -0 just below +0 (the minimum of -0 and +0 is -0);
+ * what NaN inputs give is not defined.
  * Threading: always on the calling thread. */
 KVL_API KvlStatus kvliMorphologyBorderGetSize_8u_C1R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
 KVL_API KvlStatus kvliMorphologyBorderGetSize_8u_C3R(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize);
