@@ -2,12 +2,12 @@
 // elements in, and the kernel of every member of KVL_MINMAX_MEMBERS.
 #pragma once
 
-#include <bit>
 #include <cstdint>
 #include <type_traits>
 
 #include "core/simd.h"
 #include "morph/minmax_filter_members.h"
+#include "morph/order.h"
 #include "kvlcv.h"
 
 namespace kvl::morph {
@@ -19,36 +19,6 @@ namespace kvl::morph {
 inline long long minMaxBufferBytes(int roiWidth, KvliSize mask, int elemBytes, int channels) {
   const long long mh = mask.height;
   return static_cast<long long>(elemBytes) * channels * (2 * mh * (roiWidth + 32LL) + 32 * mh + 32);
-}
-
-// The key an element is compared by. Integers compare as themselves. A float compares by its
-// bits mapped to a signed integer that orders all of them: negative values have their magnitude
-// bits inverted, so -0.0 sorts just below +0.0 and every float has exactly one place. The minimum
-// of {-0.0, +0.0} is therefore -0.0 and the maximum +0.0 whatever the order of the elements, and
-// every target, whatever order it combines elements in, gives the same bits. (NaNs sort beyond
-// the infinities by their bits; the results they give are not part of the contract.)
-template <class T>
-struct Order {
-  using Key = T;
-  static Key key(T v) { return v; }
-  static T value(Key k) { return k; }
-};
-template <>
-struct Order<Kvl32f> {
-  using Key = int32_t;
-  static Key flip(Key i) { return i ^ static_cast<Key>(static_cast<uint32_t>(i >> 31) >> 1); }
-  static Key key(Kvl32f v) { return flip(std::bit_cast<Key>(v)); }
-  static Kvl32f value(Key k) { return std::bit_cast<Kvl32f>(flip(k)); }
-};
-
-// The lesser (kMax: greater) of two keys.
-template <bool kMax, class K>
-inline K better(K a, K b) {
-  if constexpr (kMax) {
-    return a < b ? b : a;
-  } else {
-    return b < a ? b : a;
-  }
 }
 
 // The whole filter on one ROI of w x h pixels, with the mask (mw x mh, anchor ax, ay) already

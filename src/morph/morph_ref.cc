@@ -6,21 +6,15 @@
 
 #include "core/border.h"
 #include "core/pixel.h"
+#include "morph/order.h"
 
 namespace kvl::morph::ref {
 namespace {
 
-// The order of the comparisons: plain for integers; floats by their bits read as a signed
-// magnitude, so -0 lies below +0 (and a NaN above the infinity of its sign).
+// The comparisons follow the shared key order (-0 below +0).
 template <class T>
 bool below(T a, T b) {
-  if constexpr (std::is_floating_point_v<T>) {
-    Kvl32s u, v;
-    std::memcpy(&u, &a, 4);
-    std::memcpy(&v, &b, 4);
-    return (u ^ ((u >> 31) & 0x7fffffff)) < (v ^ ((v >> 31) & 0x7fffffff));
-  }
-  return a < b;
+  return Order<T>::key(a) < Order<T>::key(b);
 }
 
 }  // namespace

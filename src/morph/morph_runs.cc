@@ -269,12 +269,12 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     auto fill = [&](const T* s, U* p) {
       for (int k = 0; k < a; ++k) {
         const int c = border::sourceIndex(c0 + k, W, bt, kvlBorderInMemLeft, kvlBorderInMemRight);
-        for (int ch = 0; ch < kC; ++ch) p[k * kC + ch] = toKey<T>(loadAny(s + c * kC + ch));
+        for (int ch = 0; ch < kC; ++ch) p[k * kC + ch] = Order<T>::key(loadAny(s + c * kC + ch));
       }
       if (b > a) keys(s + (c0 + a) * kC, p + a * kC, (b - a) * kC);
       for (int k = b; k < pn; ++k) {
         const int c = border::sourceIndex(c0 + k, W, bt, kvlBorderInMemLeft, kvlBorderInMemRight);
-        for (int ch = 0; ch < kC; ++ch) p[k * kC + ch] = toKey<T>(loadAny(s + c * kC + ch));
+        for (int ch = 0; ch < kC; ++ch) p[k * kC + ch] = Order<T>::key(loadAny(s + c * kC + ch));
       }
     };
     auto ingest = [&](int r) {

@@ -22,6 +22,7 @@
 #include "core/pixel.h"
 #include "core/simd.h"
 #include "kvlcv.h"
+#include "morph/order.h"
 
 namespace kvl::morph {
 
@@ -84,43 +85,9 @@ constexpr int kMaxLengths = 256;
 std::size_t morphRunsBytes(const Kvl8u* mask, KvliSize maskSize, int channels, int keySize,
                            int tile, int plan);
 
-// ---- Kernels. The ring holds comparison keys: the element itself for the integer types, and
-// for 32f the bits as a signed integer with the magnitude bits of negative values inverted, so
-// that integer order is the float order with -0 below +0. ----
-template <class T>
-using KeyOf = std::conditional_t<std::is_same_v<T, Kvl32f>, int32_t, T>;
-
-inline int32_t floatKey(int32_t bits) { return bits ^ ((bits >> 31) & 0x7fffffff); }
-
-template <class T>
-inline KeyOf<T> toKey(T v) {
-  if constexpr (std::is_same_v<T, Kvl32f>) {
-    int32_t b;
-    std::memcpy(&b, &v, 4);
-    return floatKey(b);
-  } else {
-    return v;
-  }
-}
-template <class T>
-inline T fromKey(KeyOf<T> k) {
-  if constexpr (std::is_same_v<T, Kvl32f>) {
-    const int32_t b = floatKey(k);
-    T v;
-    std::memcpy(&v, &b, 4);
-    return v;
-  } else {
-    return k;
-  }
-}
-template <class U, bool kMin>
-inline U pick(U a, U b) {
-  if constexpr (kMin) {
-    return b < a ? b : a;
-  } else {
-    return b > a ? b : a;
-  }
-}
+// ---- Kernels. The ring holds comparison keys (Order<T>, morph/order.h): the element itself for
+// the integer types, and for 32f the bits as a signed integer with the magnitude bits of negative
+// values inverted, so that integer order is the float order with -0 below +0. ----
 
 // out[i] = min (max) of a[i] and b[i], i < n; out may equal a when b lies after a (the pass
 // runs forward). The rows the kernels read may be the caller's integer image rows, at any
@@ -157,13 +124,13 @@ struct RunKernels {
 namespace ref {
 template <class U, bool kMin>
 void pairRow(const U* a, const U* b, U* out, int n) {
-  for (int i = 0; i < n; ++i) out[i] = pick<U, kMin>(loadAny(a + i), loadAny(b + i));
+  for (int i = 0; i < n; ++i) out[i] = better<!kMin>(loadAny(a + i), loadAny(b + i));
 }
 template <class U, bool kMin>
 void foldRange(const U* const* rows, int count, U* out, int from, int n) {
   for (int i = from; i < n; ++i) {
     U v = loadAny(rows[0] + i);
-    for (int r = 1; r < count; ++r) v = pick<U, kMin>(v, loadAny(rows[r] + i));
+    for (int r = 1; r < count; ++r) v = better<!kMin>(v, loadAny(rows[r] + i));
     out[i] = v;
   }
 }
@@ -178,9 +145,9 @@ void combineRange(const KeyOf<T>* const* rows, int count, T* out, int from, int 
   using U = KeyOf<T>;
   for (int i = from; i < n; ++i) {
     U v = loadAny(rows[0] + i);
-    if (accumulate) v = pick<U, kMin>(toKey<T>(loadAny(out + i)), v);
-    for (int r = 1; r < count; ++r) v = pick<U, kMin>(v, loadAny(rows[r] + i));
-    storeAny(out + i, fromKey<T>(v));
+    if (accumulate) v = better<!kMin>(Order<T>::key(loadAny(out + i)), v);
+    for (int r = 1; r < count; ++r) v = better<!kMin>(v, loadAny(rows[r] + i));
+    storeAny(out + i, Order<T>::value(v));
   }
 }
 template <class T, bool kMin>
@@ -188,7 +155,7 @@ void combine2Range(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0,
                    int n) {
   using U = KeyOf<T>;
   auto fold = [&](const KeyOf<T>* const* t, int count, int i, U v) {
-    for (int r = 0; r < count; ++r) v = pick<U, kMin>(v, loadAny(t[r] + i));
+    for (int r = 0; r < count; ++r) v = better<!kMin>(v, loadAny(t[r] + i));
     return v;
   };
   for (int i = from; i < n; ++i) {
@@ -196,8 +163,8 @@ void combine2Range(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0,
     const U v0 = ns ? fold(taps + ns, na, i, s) : fold(taps + 1, na - 1, i, loadAny(taps[0] + i));
     const KeyOf<T>* const* b = taps + ns + na;
     const U v1 = ns ? fold(b, nb, i, s) : fold(b + 1, nb - 1, i, loadAny(b[0] + i));
-    storeAny(out0 + i, fromKey<T>(v0));
-    storeAny(out1 + i, fromKey<T>(v1));
+    storeAny(out0 + i, Order<T>::value(v0));
+    storeAny(out1 + i, Order<T>::value(v1));
   }
 }
 template <class T, bool kMin>
@@ -213,7 +180,7 @@ void keyRow(const T* in, KeyOf<T>* out, int n) {
   for (int i = 0; i < n; ++i) {
     T v;
     std::memcpy(&v, in + i, sizeof v);
-    out[i] = toKey<T>(v);
+    out[i] = Order<T>::key(v);
   }
 }
 }  // namespace ref
