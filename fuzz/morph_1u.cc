@@ -73,23 +73,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                        1, readable, false);
   Image& dst = s.image("dst", Role::kOut, typeOf<Kvl8u>(),
                        {rowBytes(doff > 0 ? doff : 0, roi.width), roi.height}, 1, {}, false);
-  int specSize = 0, bufSize = 0;
-  if (kvliMorphologyBorderGetSize_1u_C1R(stateWidth, {mw, mh}, &specSize, &bufSize) != kvlStatusOk)
+  int stateBlockSize = 0, bufSize = 0;
+  if (kvliMorphologyBorderGetSize_1u_C1R(stateWidth, {mw, mh}, &stateBlockSize, &bufSize) != kvlStatusOk)
     return 0;
-  Kvl8u* spec = s.scratch("spec", static_cast<size_t>(specSize));
+  Kvl8u* stateBlock = s.scratch("state", static_cast<size_t>(stateBlockSize));
   Kvl8u* buffer = s.scratch("buffer", static_cast<size_t>(bufSize));
   // Now and then a source step below the ROI's (roiWidth + 7) / 8 bytes: a BadStep path.
   const bool shortStep = in.oneIn(30);
   const int badStep = static_cast<int>(in.range(-3, ((sw + 7) >> 3) - 1));
   s.run(m.name, [&] {
     const KvlStatus st = kvliMorphologyBorderInit_1u_C1R(stateWidth, mask.data(), {mw, mh},
-                                                         reinterpret_cast<KvliMorphState*>(spec),
+                                                         reinterpret_cast<KvliMorphState*>(stateBlock),
                                                          buffer);
     if (st != kvlStatusOk) return st;
     const Kvl8u* sp = src.ptr<Kvl8u>();
     Kvl8u* dp = inPlace ? const_cast<Kvl8u*>(sp) : dst.ptr<Kvl8u>();
     return m.call(sp, shortStep ? badStep : src.step(), soff, dp, dst.step(), doff, roi,
-                  bt, 0, reinterpret_cast<const KvliMorphState*>(spec), buffer);
+                  bt, 0, reinterpret_cast<const KvliMorphState*>(stateBlock), buffer);
   });
   return 0;
 }

@@ -122,9 +122,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
          roi.width, roi.height, roiWidth, borderType);
 
   // The state, built outside the comparison (the older interface's also serves as its scratch).
-  int specBytes = 0, bufferBytes = 0;
-  if (m.getSize(roiWidth, mask.data(), maskSize, &specBytes, &bufferBytes) != kvlStatusOk) return 0;
-  std::vector<uint64_t> block((static_cast<size_t>(specBytes) + 7) / 8);
+  int stateBlockBytes = 0, bufferBytes = 0;
+  if (m.getSize(roiWidth, mask.data(), maskSize, &stateBlockBytes, &bufferBytes) != kvlStatusOk) return 0;
+  std::vector<uint64_t> block((static_cast<size_t>(stateBlockBytes) + 7) / 8);
   KvliMorphState* state = reinterpret_cast<KvliMorphState*>(block.data());
   Kvl8u* buffer = m.border ? s.scratch("buffer", static_cast<size_t>(bufferBytes)) : nullptr;
   if (m.init(roiWidth, mask.data(), maskSize, anchor, state, buffer) != kvlStatusOk) abort();

@@ -61,15 +61,15 @@ struct Frames {
 };
 
 // A state and work buffer for the shape at a width.
-struct Spec1u {
-  std::vector<Kvl8u> spec, buffer;
-  Spec1u(int w, const std::vector<Kvl8u>& mask, const Shape& sh) {
-    int specSize = 0, bufSize = 0;
-    kvliMorphologyBorderGetSize_1u_C1R(w, {sh.w, sh.h}, &specSize, &bufSize);
-    spec.resize(specSize);
+struct State1u {
+  std::vector<Kvl8u> stateBlock, buffer;
+  State1u(int w, const std::vector<Kvl8u>& mask, const Shape& sh) {
+    int stateBlockSize = 0, bufSize = 0;
+    kvliMorphologyBorderGetSize_1u_C1R(w, {sh.w, sh.h}, &stateBlockSize, &bufSize);
+    stateBlock.resize(stateBlockSize);
     buffer.resize(bufSize);
     kvliMorphologyBorderInit_1u_C1R(w, mask.data(), {sh.w, sh.h},
-                                    reinterpret_cast<KvliMorphState*>(spec.data()), buffer.data());
+                                    reinterpret_cast<KvliMorphState*>(stateBlock.data()), buffer.data());
   }
 };
 
@@ -99,10 +99,10 @@ const bool registered = [] {
         // The peer is the 8u member on the same picture with the same mask and border.
         Body peer = [=](benchmark::State& st) {
           Frames& f = get();
-          int specSize = 0, bufSize = 0;
-          kvliMorphologyBorderGetSize_8u_C1R(s.width, {sh.w, sh.h}, &specSize, &bufSize);
-          std::vector<Kvl8u> spec(specSize), buffer(bufSize);
-          auto* state = reinterpret_cast<KvliMorphState*>(spec.data());
+          int stateBlockSize = 0, bufSize = 0;
+          kvliMorphologyBorderGetSize_8u_C1R(s.width, {sh.w, sh.h}, &stateBlockSize, &bufSize);
+          std::vector<Kvl8u> stateBlock(stateBlockSize), buffer(bufSize);
+          auto* state = reinterpret_cast<KvliMorphState*>(stateBlock.data());
           kvliMorphologyBorderInit_8u_C1R(s.width, mask.data(), {sh.w, sh.h}, state, buffer.data());
           for (auto _ : st)
             (mb.erode ? kvliErodeBorder_8u_C1R : kvliDilateBorder_8u_C1R)(
@@ -113,11 +113,11 @@ const bool registered = [] {
              1LL * s.width * s.height,
              [=](benchmark::State& st) {
                Frames& f = get();
-               Spec1u spec(s.width, mask, sh);
+               State1u stateBlock(s.width, mask, sh);
                for (auto _ : st)
                  mb.fn(f.src1.data(), f.step1, 0, f.dst1.data(), f.step1, 0, roi, kvlBorderRepl,
-                       0, reinterpret_cast<const KvliMorphState*>(spec.spec.data()),
-                       spec.buffer.data());
+                       0, reinterpret_cast<const KvliMorphState*>(stateBlock.stateBlock.data()),
+                       stateBlock.buffer.data());
              },
              peer);
       }

@@ -83,9 +83,9 @@ const bool registered = [] {
                     s.name(),
                 threads, 1LL * s.width * s.height,
                 [=, &m](benchmark::State& st) {
-                  int spec = 0, bytes = 0;
-                  m.getSize(s.width, mask->data(), msize, &spec, &bytes);
-                  std::vector<uint64_t> block((spec + 7) / 8);
+                  int stateBlock = 0, bytes = 0;
+                  m.getSize(s.width, mask->data(), msize, &stateBlock, &bytes);
+                  std::vector<uint64_t> block((stateBlock + 7) / 8);
                   std::vector<Kvl8u> buf(bytes > 0 ? bytes : 1);
                   auto* state = reinterpret_cast<KvliMorphState*>(block.data());
                   m.init(s.width, mask->data(), msize, {sh.size / 2, sh.size / 2}, state,

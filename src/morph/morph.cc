@@ -79,7 +79,7 @@ KvlStatus filterBytes(int roiWidth, KvliSize m, long long* bytes) {
   return kvlStatusOk;
 }
 
-// The border interface's work buffer B (also a term of the spec size).
+// The border interface's work buffer B (also a term of the state block size).
 template <class T, int kC>
 KvlStatus bufferBytes(int roiWidth, KvliSize m, long long* bytes) {
   long long f = 0;
@@ -92,17 +92,17 @@ KvlStatus bufferBytes(int roiWidth, KvliSize m, long long* bytes) {
 
 // The state bytes every member reports before the work buffer: the record, the analysis record,
 // the mask copy and its two select tables.
-long long specBytes(KvliSize m) { return 33 * maskBytes(m) + 16LL * m.height + 160; }
+long long stateOwnBytes(KvliSize m) { return 33 * maskBytes(m) + 16LL * m.height + 160; }
 
 // The border interface's *pSpecSize and *pBufferSize; the older interface's size is the same
-// spec size (8u and 32f add the buffer to it).
+// state block size (8u and 32f add the buffer to it).
 template <class T, int kC>
-KvlStatus sizes(int roiWidth, KvliSize m, long long* spec, long long* buffer) {
+KvlStatus sizes(int roiWidth, KvliSize m, long long* blockSize, long long* buffer) {
   if (roiWidth < 1 || m.width < 1 || m.height < 1) return kvlStatusBadSize;
   KVL_TRY((bufferBytes<T, kC>(roiWidth, m, buffer)));
   constexpr bool kLean = std::is_same_v<T, Kvl16u> || std::is_same_v<T, Kvl16s>;
-  *spec = specBytes(m) + (kLean ? 0 : *buffer);
-  return (*spec > INT_MAX || *buffer > INT_MAX) ? kvlStatusBadSize : kvlStatusOk;
+  *blockSize = stateOwnBytes(m) + (kLean ? 0 : *buffer);
+  return (*blockSize > INT_MAX || *buffer > INT_MAX) ? kvlStatusBadSize : kvlStatusOk;
 }
 
 // The bytes a state of the class needs (what InitAlloc allocates).
@@ -222,10 +222,10 @@ void buildState(KvliMorphState* st, bool border, int roiWidth, const Kvl8u* mask
 template <class T, int kC>
 KvlStatus borderGetSize(int roiWidth, KvliSize m, int* pSpecSize, int* pBufferSize) {
   KVL_TRY(check::nonNull(pSpecSize, pBufferSize));
-  long long spec = 0, buffer = 0;
-  KVL_TRY((sizes<T, kC>(roiWidth, m, &spec, &buffer)));
+  long long blockSize = 0, buffer = 0;
+  KVL_TRY((sizes<T, kC>(roiWidth, m, &blockSize, &buffer)));
   // 16u and 16s check the centre anchor here; it always lies in a mask of valid size.
-  *pSpecSize = static_cast<int>(spec);
+  *pSpecSize = static_cast<int>(blockSize);
   *pBufferSize = static_cast<int>(buffer);
   return kvlStatusOk;
 }
@@ -234,8 +234,8 @@ template <class T, int kC>
 KvlStatus borderInit(int roiWidth, const Kvl8u* pMask, KvliSize m, KvliMorphState* pSpec,
                      Kvl8u* pBuffer) {
   KVL_TRY(check::nonNull(pMask, pSpec, pBuffer));
-  long long spec = 0, buffer = 0;
-  KVL_TRY((sizes<T, kC>(roiWidth, m, &spec, &buffer)));
+  long long blockSize = 0, buffer = 0;
+  KVL_TRY((sizes<T, kC>(roiWidth, m, &blockSize, &buffer)));
   const KvliPoint a{(m.width - 1) >> 1, (m.height - 1) >> 1};
   KvliMorphMaskInfo info;
   Kvl32s* arrays = alignUp(reinterpret_cast<Kvl32s*>(pBuffer), alignof(Kvl32s));
@@ -256,10 +256,10 @@ KvlStatus ownMorphologyInitAlloc(int mode, int roiWidth, const Kvl8u* pMask, Kvl
     KVL_TRY(check::nonNull(pMask, ppState));
     if (mode == 1) KVL_TRY(check::nonNull(*ppState));
   }
-  long long spec = 0, buffer = 0;
-  KVL_TRY((sizes<T, kC>(roiWidth, m, &spec, &buffer)));
+  long long blockSize = 0, buffer = 0;
+  KVL_TRY((sizes<T, kC>(roiWidth, m, &blockSize, &buffer)));
   if (mode == 0) {
-    *pSize = static_cast<int>(spec);
+    *pSize = static_cast<int>(blockSize);
     return kvlStatusOk;
   }
   if (a.x < 0 || a.x >= m.width || a.y < 0 || a.y >= m.height) return kvlStatusBadAnchor;
@@ -370,8 +370,8 @@ KvlStatus morphology(bool erode, const T* pSrc, int srcStep, T* pDst, int dstSte
   Kvl8u* scratch = pBuffer;
   long long bytes = 0;
   if constexpr (kBorder) {
-    long long spec = 0;
-    sizes<T, kC>(st->roiWidth, m, &spec, &bytes);
+    long long blockSize = 0;
+    sizes<T, kC>(st->roiWidth, m, &blockSize, &bytes);
   } else {
     scratch = st->pWork;
     bytes = st->stateSize - (st->pWork - reinterpret_cast<const Kvl8u*>(st));

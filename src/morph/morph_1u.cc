@@ -367,7 +367,7 @@ long long bufferSize1u(int roiWidth, KvliSize maskSize) {
   return b > INT_MAX ? -1 : b;
 }
 
-long long specSize1u(KvliSize maskSize) {
+long long stateBlockSize1u(KvliSize maskSize) {
   const long long s =
       3 * roundUp(static_cast<long long>(maskSize.width) * maskSize.height, 16) + 96;
   return s > INT_MAX ? -1 : s;
@@ -378,9 +378,9 @@ namespace {
 KvlStatus getSize(int roiWidth, KvliSize maskSize, int* pSpecSize, int* pBufferSize) {
   KVL_TRY(check::nonNull(pSpecSize, pBufferSize));
   KVL_TRY(check::positive(roiWidth, maskSize.width, maskSize.height));
-  const long long spec = specSize1u(maskSize), buf = bufferSize1u(roiWidth, maskSize);
-  if (spec < 0 || buf < 0) return kvlStatusBadSize;
-  *pSpecSize = static_cast<int>(spec);
+  const long long stateBlock = stateBlockSize1u(maskSize), buf = bufferSize1u(roiWidth, maskSize);
+  if (stateBlock < 0 || buf < 0) return kvlStatusBadSize;
+  *pSpecSize = static_cast<int>(stateBlock);
   *pBufferSize = static_cast<int>(buf);
   return kvlStatusOk;
 }
@@ -392,7 +392,7 @@ KvlStatus ownMorphologyBorderInit_1u(int roiWidth, const Kvl8u* pMask, KvliSize 
                                      KvliMorphState* pSpec, Kvl8u* pBuffer) {
   KVL_TRY(check::nonNull(pMask, pSpec, pBuffer));
   KVL_TRY(check::positive(roiWidth, maskSize.width, maskSize.height));
-  if (specSize1u(maskSize) < 0 || bufferSize1u(roiWidth, maskSize) < 0) return kvlStatusBadSize;
+  if (stateBlockSize1u(maskSize) < 0 || bufferSize1u(roiWidth, maskSize) < 0) return kvlStatusBadSize;
   const int mw = maskSize.width, mh = maskSize.height;
   const int ax = (mw - 1) >> 1, ay = (mh - 1) >> 1;
   const long long area = static_cast<long long>(mw) * mh, a = roundUp(area, 16);

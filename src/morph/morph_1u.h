@@ -89,6 +89,6 @@ void copyBits(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int d
 // Bytes of the work buffer and of the state for a state built for roiWidth pixels and a mask of
 // maskSize (the buffer takes the 8u one-channel terms); -1 when a size exceeds INT_MAX.
 long long bufferSize1u(int roiWidth, KvliSize maskSize);
-long long specSize1u(KvliSize maskSize);
+long long stateBlockSize1u(KvliSize maskSize);
 
 }  // namespace kvl::morph

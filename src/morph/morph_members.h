@@ -38,7 +38,7 @@
 namespace kvl::morph {
 
 // A member of either interface called through one signature. getSize: the border interface
-// writes *spec and *buffer and ignores the mask; the older one writes its size to *spec and
+// writes *stateBlock and *buffer and ignores the mask; the older one writes its size to *stateBlock and
 // leaves *buffer alone. init: the border interface ignores the anchor (it takes the centre), the
 // older one ignores the buffer. run: erosion or dilation; the older interface ignores the buffer,
 // the border one passes a zero border value.
@@ -49,7 +49,7 @@ struct MorphMember {
   int elemBytes;
   bool real;
   int dataType;
-  KvlStatus (*getSize)(int roiWidth, const Kvl8u* mask, KvliSize maskSize, int* spec,
+  KvlStatus (*getSize)(int roiWidth, const Kvl8u* mask, KvliSize maskSize, int* stateBlock,
                        int* buffer);
   KvlStatus (*init)(int roiWidth, const Kvl8u* mask, KvliSize maskSize, KvliPoint anchor,
                     KvliMorphState* state, Kvl8u* buffer);

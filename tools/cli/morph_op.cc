@@ -121,12 +121,12 @@ RunResult sequence(const std::string& opName, const km::MorphMember& m, const El
                    std::vector<Kvl8u>* img, int width, int height, int step, Minus minus) {
   RunResult r;
   const KvliSize roi{width, height}, ms{e.w, e.h};
-  int specBytes = 0, bufBytes = 0;
-  if ((r.status = m.getSize(width, e.mask.data(), ms, &specBytes, &bufBytes))) return r;
-  std::vector<Kvl8u> spec(static_cast<size_t>(specBytes) + 64), buffer(static_cast<size_t>(bufBytes));
+  int stateBlockBytes = 0, bufBytes = 0;
+  if ((r.status = m.getSize(width, e.mask.data(), ms, &stateBlockBytes, &bufBytes))) return r;
+  std::vector<Kvl8u> stateBlock(static_cast<size_t>(stateBlockBytes) + 64), buffer(static_cast<size_t>(bufBytes));
   // The state starts at a 64-byte boundary of its block.
   auto* state = reinterpret_cast<KvliMorphState*>(
-      spec.data() + (64 - reinterpret_cast<uintptr_t>(spec.data()) % 64) % 64);
+      stateBlock.data() + (64 - reinterpret_cast<uintptr_t>(stateBlock.data()) % 64) % 64);
   if ((r.status = m.init(width, e.mask.data(), ms, {0, 0}, state, buffer.data()))) return r;
   std::vector<Kvl8u> tmp(img->size());
   const auto t0 = std::chrono::steady_clock::now();
