@@ -1013,6 +1013,21 @@ KVL_API KvlStatus kvliErodeBorder_1u_C1R(const Kvl8u* pSrc, int srcStep, int src
 KVL_API KvlStatus kvliDilateBorder_1u_C1R(const Kvl8u* pSrc, int srcStep, int srcBitOffset, Kvl8u* pDst, int dstStep, int dstBitOffset, KvliSize roiSize, int borderType, int borderValue, const KvliMorphState* pSpec, Kvl8u* pBuffer);
 /* @@END MORPHOLOGY 1U@@ */
 
+/* ---- Distance transforms: mask query and chamfer transforms ---- */
+
+/* @@BEGIN DISTANCE CHAMFER@@ */
+/* @@END DISTANCE CHAMFER@@ */
+
+/* ---- Distance transforms: exact Euclidean transform and fast marching ---- */
+
+/* @@BEGIN DISTANCE EXACT@@ */
+/* @@END DISTANCE EXACT@@ */
+
+/* ---- Background models: Gaussian mixture and histogram foreground models ---- */
+
+/* @@BEGIN FOREGROUND MODELS@@ */
+/* @@END FOREGROUND MODELS@@ */
+
 
 #ifdef __cplusplus
 }
