@@ -32,13 +32,27 @@ struct MinMaxKernel {
   static const simd::Kernel<MinMaxFn<T, kC>> kernel;
 };
 
+// The centred 3x3 plus (the middle row and the middle column of a 3x3 mask) on a w x h ROI with
+// every side replicated; the morphology's fast path for that element. It needs no buffer.
+template <class T, int kC>
+using PlusFn = void (*)(const T* src, int srcStep, T* dst, int dstStep, int w, int h, bool isMax);
+
+template <class T, int kC>
+struct PlusKernel {
+  static const simd::Kernel<PlusFn<T, kC>> kernel;
+};
+
 namespace ref {
+template <class T, int kC>
+void plus(const T* src, int srcStep, T* dst, int dstStep, int w, int h, bool isMax);
 template <class T, int kC>
 void minMax(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw, int mh, int ax,
             int ay, bool isMax, Kvl8u* buffer);
 }  // namespace ref
 
-#define KVL_MINMAX_EXTERN(types, layout, T, ch) extern template struct MinMaxKernel<T, ch>;
+#define KVL_MINMAX_EXTERN(types, layout, T, ch) \
+  extern template struct MinMaxKernel<T, ch>;   \
+  extern template struct PlusKernel<T, ch>;
 KVL_MINMAX_MEMBERS(KVL_MINMAX_EXTERN)
 #undef KVL_MINMAX_EXTERN
 

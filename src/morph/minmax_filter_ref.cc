@@ -1,6 +1,7 @@
-// Scalar reference of the rectangle minimum and maximum filters: every output element compares
-// the whole rectangle, read through the replicated border.
+// Scalar reference of the rectangle minimum and maximum filters and of the 3x3 plus: every output
+// element compares the whole element, read through the replicated border.
 #include <algorithm>
+#include <utility>
 
 #include "core/pixel.h"
 #include "morph/minmax_filter.h"
@@ -33,7 +34,33 @@ void filter(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw
   }
 }
 
+template <bool kMax, class T, int kC>
+void plusFilter(const T* src, int srcStep, T* dst, int dstStep, int w, int h) {
+  using O = Order<T>;
+  auto at = [&](int x, int y, int c) {
+    return O::key(loadAny(rowPtr(src, srcStep, std::clamp(y, 0, h - 1)) +
+                          std::clamp(x, 0, w - 1) * kC + c));
+  };
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      for (int c = 0; c < kC; ++c) {
+        typename O::Key best = at(x, y, c);
+        for (const auto& [dx, dy] : {std::pair{-1, 0}, {1, 0}, {0, -1}, {0, 1}})
+          best = better<kMax>(best, at(x + dx, y + dy, c));
+        storeAny(rowPtr(dst, dstStep, y) + x * kC + c, O::value(best));
+      }
+}
+
 }  // namespace
+
+template <class T, int kC>
+void plus(const T* src, int srcStep, T* dst, int dstStep, int w, int h, bool isMax) {
+  if (isMax) {
+    plusFilter<true, T, kC>(src, srcStep, dst, dstStep, w, h);
+  } else {
+    plusFilter<false, T, kC>(src, srcStep, dst, dstStep, w, h);
+  }
+}
 
 template <class T, int kC>
 void minMax(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw, int mh, int ax,
@@ -45,8 +72,9 @@ void minMax(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw
   }
 }
 
-#define KVL_INSTANTIATE(types, layout, T, ch) \
-  template void minMax<T, ch>(const T*, int, T*, int, int, int, int, int, int, int, bool, Kvl8u*);
+#define KVL_INSTANTIATE(types, layout, T, ch)                                                     \
+  template void minMax<T, ch>(const T*, int, T*, int, int, int, int, int, int, int, bool, Kvl8u*); \
+  template void plus<T, ch>(const T*, int, T*, int, int, int, bool);
 KVL_MINMAX_MEMBERS(KVL_INSTANTIATE)
 #undef KVL_INSTANTIATE
 

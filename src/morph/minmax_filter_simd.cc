@@ -13,6 +13,9 @@
 //    reduction of the rows both of them read; tall masks: the rows are cut into blocks of the
 //    mask's height, each block's suffix reductions are kept, the next block's prefix reduction
 //    runs alongside, and an output row is one suffix combined with one prefix.
+// Masks at most three wide and eight tall (the 3x3 above all) skip both intermediate rows: the
+// vertical reduction stays in registers and the horizontal neighbours come from the vectors on
+// either side by shuffles (narrow()); the morphology's centred 3x3 plus does the same (plus()).
 // Pixels whose window leaves the row on the left or right are made from running prefix and
 // suffix reductions of the row, which is what replication gives. Rows above and below the ROI
 // are the first and last rows. Floats are carried as order keys (Order<Kvl32f>) from the load to
@@ -24,6 +27,8 @@
 #include <hwy/highway.h>
 
 #include <algorithm>
+#include <cstring>
+#include <limits>
 #include <utility>
 
 #include "core/pixel.h"
@@ -287,6 +292,212 @@ void combine(const K* a, const K* b, K* keep, const K* c, Out* out, int n, bool 
   for (; j < n; ++j) one(j);
 }
 
+// The vector of the elements kS elements left (right) of `cur`, taken from `cur` and the vector
+// before (after) it: two shuffles instead of a shifted load. kS elements span at most 16 bytes.
+template <int kS, class D>
+HWY_INLINE hn::Vec<D> fromLeft(D d, hn::Vec<D> prev, hn::Vec<D> cur) {
+  constexpr int kB = kS * static_cast<int>(sizeof(hn::TFromD<D>));
+  static_assert(kB <= 16);
+  if constexpr (hn::MaxLanes(D()) * sizeof(hn::TFromD<D>) == 16) {
+    if constexpr (kB == 16) {
+      return prev;
+    } else {
+      return hn::CombineShiftRightBytes<16 - kB>(d, cur, prev);
+    }
+  } else {
+    const auto t = hn::ConcatLowerUpper(d, cur, prev);  // prev's upper half, cur's lower half
+    if constexpr (kB == 16) {
+      return t;
+    } else {
+      return hn::CombineShiftRightBytes<16 - kB>(d, cur, t);
+    }
+  }
+}
+template <int kS, class D>
+HWY_INLINE hn::Vec<D> fromRight(D d, hn::Vec<D> cur, hn::Vec<D> next) {
+  constexpr int kB = kS * static_cast<int>(sizeof(hn::TFromD<D>));
+  static_assert(kB <= 16);
+  if constexpr (hn::MaxLanes(D()) * sizeof(hn::TFromD<D>) == 16) {
+    if constexpr (kB == 16) {
+      return next;
+    } else {
+      return hn::CombineShiftRightBytes<kB>(d, next, cur);
+    }
+  } else {
+    const auto t = hn::ConcatLowerUpper(d, next, cur);  // cur's upper half, next's lower half
+    if constexpr (kB == 16) {
+      return t;
+    } else {
+      return hn::CombineShiftRightBytes<kB>(d, t, cur);
+    }
+  }
+}
+
+// The register passes read two new source rows per pair of output rows; asking for them 2 KiB
+// ahead keeps the reads of large images from waiting on memory. The address is formed as an
+// integer: it may lie beyond the row, and a prefetch never faults.
+template <class T>
+HWY_INLINE void prefetchAhead(const T* p) {
+  hwy::Prefetch(reinterpret_cast<const T*>(reinterpret_cast<uintptr_t>(p) + 2048));
+}
+
+// Masks at most three wide (one element each side) and at most kRingHeight tall, both passes in
+// registers: two output rows at a time reduce the source rows they share once, each output
+// vector's horizontal neighbours come from the vertical reductions on either side of it by
+// shuffles, and nothing goes through intermediate rows. Beyond the row's ends the neighbour
+// vectors hold the reduction's identity, which is what replication gives (an edge pixel's
+// outer neighbour is itself). The last partial vector goes through a small stack row.
+// kFixed: 0 takes the shape from the arguments; 1 and 2 are the centred 3x3 rectangle with
+// ordinary (1) or streamed (2) stores, compiled with that shape so the loop has no tests.
+template <bool kMax, int kC, class T, int kFixed>
+void narrow(const T* src, int srcStep, T* dst, int dstStep, int w, int h, bool leftArg,
+            bool rightArg, int up, int down, bool streamArg) {
+  using K = typename Order<T>::Key;
+  const bool left = kFixed ? true : leftArg, right = kFixed ? true : rightArg;
+  const bool stream = kFixed ? kFixed == 2 : streamArg;
+  const Tag<K> d;
+  using V = hn::Vec<decltype(d)>;
+  constexpr int kMaxN = 32 / sizeof(K);
+  const int N = static_cast<int>(hn::Lanes(d));
+  const int n = w * kC, rows = kFixed ? 3 : up + down + 1;
+  const V identity = hn::Set(d, kMax ? std::numeric_limits<K>::lowest() : std::numeric_limits<K>::max());
+  const T* in[kRingHeight + 1];
+  auto horizontal = [&](V p, V c, V x) KVL_INLINE_LAMBDA {
+    if (left) c = pick<kMax>(c, fromLeft<kC>(d, p, c));
+    if (right) c = pick<kMax>(c, fromRight<kC>(d, c, x));
+    return c;
+  };
+  // Output y reads rows in[0 .. rows - 1], output y + 1 rows in[1 .. rows].
+  auto vertical = [&](int j, V& v0, V& v1) KVL_INLINE_LAMBDA {
+    if (rows == 1) {
+      v0 = load(d, in[0] + j);
+      v1 = load(d, in[1] + j);
+      return;
+    }
+    V s = load(d, in[1] + j);
+    for (int i = 2; i < rows; ++i) s = pick<kMax>(s, load(d, in[i] + j));
+    v0 = pick<kMax>(s, load(d, in[0] + j));
+    v1 = pick<kMax>(s, load(d, in[rows] + j));
+  };
+  HWY_ALIGN K tail0[kMaxN], tail1[kMaxN];
+  HWY_ALIGN T part[kMaxN];
+  for (int y = 0; y < h; y += 2) {
+    const bool two = y + 1 < h;
+    for (int i = 0; i <= rows; ++i) in[i] = rowPtr(src, srcStep, std::clamp(y - up + i, 0, h - 1));
+    T* out0 = rowPtr(dst, dstStep, y);
+    T* out1 = two ? rowPtr(dst, dstStep, y + 1) : nullptr;
+    V p0 = identity, p1 = identity, c0, c1, x0, x1;
+    vertical(0, c0, c1);
+    int j = 0;
+    for (; j + 2 * N <= n; j += N) {
+      vertical(j + N, x0, x1);
+      prefetchAhead(in[rows - 1] + j);
+      prefetchAhead(in[rows] + j);
+      put(d, horizontal(p0, c0, x0), out0 + j, stream);
+      if (two) put(d, horizontal(p1, c1, x1), out1 + j, stream);
+      p0 = c0, p1 = c1, c0 = x0, c1 = x1;
+    }
+    // [j, j + N) is the last full vector; q elements follow it.
+    const int q = n - j - N;
+    for (int e = 0; e < N; ++e) {
+      K v0 = std::numeric_limits<K>::max(), v1 = v0;
+      if (kMax) v0 = v1 = std::numeric_limits<K>::lowest();
+      if (e < q) {
+        const int at = j + N + e;
+        K s = loadOne<K>(in[1] + at);
+        for (int i = 2; i < rows; ++i) s = better<kMax>(s, loadOne<K>(in[i] + at));
+        v0 = rows == 1 ? loadOne<K>(in[0] + at) : better<kMax>(s, loadOne<K>(in[0] + at));
+        v1 = rows == 1 ? s : better<kMax>(s, loadOne<K>(in[rows] + at));
+      }
+      tail0[e] = v0;
+      tail1[e] = v1;
+    }
+    x0 = hn::Load(d, tail0);
+    x1 = hn::Load(d, tail1);
+    put(d, horizontal(p0, c0, x0), out0 + j, stream);
+    if (two) put(d, horizontal(p1, c1, x1), out1 + j, stream);
+    if (q > 0) {
+      put(d, horizontal(c0, x0, identity), part, false);
+      std::memcpy(out0 + j + N, part, sizeof(T) * static_cast<std::size_t>(q));
+      if (two) {
+        put(d, horizontal(c1, x1, identity), part, false);
+        std::memcpy(out1 + j + N, part, sizeof(T) * static_cast<std::size_t>(q));
+      }
+    }
+  }
+}
+
+// The centred 3x3 plus, in registers as narrow() does: two output rows share the minimum of the
+// two middle source rows, and the horizontal neighbours of each output row's own source row come
+// from the vectors on either side by shuffles.
+template <bool kMax, int kC, class T, bool kStream>
+void plus(const T* src, int srcStep, T* dst, int dstStep, int w, int h) {
+  using K = typename Order<T>::Key;
+  const Tag<K> d;
+  using V = hn::Vec<decltype(d)>;
+  constexpr int kMaxN = 32 / sizeof(K);
+  const int N = static_cast<int>(hn::Lanes(d));
+  const int n = w * kC;
+  const K none = kMax ? std::numeric_limits<K>::lowest() : std::numeric_limits<K>::max();
+  const V identity = hn::Set(d, none);
+  // Output y: its row r1 with its neighbours, the rows above (r0) and below (r2).
+  auto out = [&](V above, V below, V p, V c, V x) KVL_INLINE_LAMBDA {
+    return pick<kMax>(pick<kMax>(above, below),
+                      pick<kMax>(c, pick<kMax>(fromLeft<kC>(d, p, c), fromRight<kC>(d, c, x))));
+  };
+  HWY_ALIGN K tail[4][kMaxN];
+  HWY_ALIGN T part[kMaxN];
+  for (int y = 0; y < h; y += 2) {
+    const bool two = y + 1 < h;
+    const T* in[4];
+    for (int i = 0; i < 4; ++i) in[i] = rowPtr(src, srcStep, std::clamp(y - 1 + i, 0, h - 1));
+    T* out0 = rowPtr(dst, dstStep, y);
+    T* out1 = two ? rowPtr(dst, dstStep, y + 1) : nullptr;
+    V p1 = identity, p2 = identity, c1 = load(d, in[1]), c2 = load(d, in[2]);
+    int j = 0;
+    for (; j + 2 * N <= n; j += N) {
+      const V x1 = load(d, in[1] + j + N), x2 = load(d, in[2] + j + N);
+      prefetchAhead(in[2] + j);
+      prefetchAhead(in[3] + j);
+      put(d, out(load(d, in[0] + j), c2, p1, c1, x1), out0 + j, kStream);
+      if (two) put(d, out(c1, load(d, in[3] + j), p2, c2, x2), out1 + j, kStream);
+      p1 = c1, c1 = x1, p2 = c2, c2 = x2;
+    }
+    // [j, j + N) is the last full vector; q elements follow it, staged with the identity after.
+    const int q = n - j - N;
+    for (int i = 0; i < 4; ++i)
+      for (int e = 0; e < N; ++e) tail[i][e] = e < q ? loadOne<K>(in[i] + j + N + e) : none;
+    const V x1 = hn::Load(d, tail[1]), x2 = hn::Load(d, tail[2]);
+    put(d, out(load(d, in[0] + j), c2, p1, c1, x1), out0 + j, kStream);
+    if (two) put(d, out(c1, load(d, in[3] + j), p2, c2, x2), out1 + j, kStream);
+    if (q > 0) {
+      put(d, out(hn::Load(d, tail[0]), x2, c1, x1, identity), part, false);
+      std::memcpy(out0 + j + N, part, sizeof(T) * static_cast<std::size_t>(q));
+      if (two) {
+        put(d, out(x1, hn::Load(d, tail[3]), c2, x2, identity), part, false);
+        std::memcpy(out1 + j + N, part, sizeof(T) * static_cast<std::size_t>(q));
+      }
+    }
+  }
+}
+
+template <class T, int kC>
+void plusFilter(const T* src, int srcStep, T* dst, int dstStep, int w, int h, bool isMax) {
+  using K = typename Order<T>::Key;
+  if (w * kC < 2 * static_cast<int>(hn::Lanes(Tag<K>()))) {
+    ref::plus<T, kC>(src, srcStep, dst, dstStep, w, h, isMax);
+    return;
+  }
+  const bool stream = streamDestination(2LL * w * h * kC * static_cast<long long>(sizeof(T)));
+  if (isMax) {
+    (stream ? plus<true, kC, T, true> : plus<true, kC, T, false>)(src, srcStep, dst, dstStep, w, h);
+  } else {
+    (stream ? plus<false, kC, T, true> : plus<false, kC, T, false>)(src, srcStep, dst, dstStep, w,
+                                                                    h);
+  }
+  if (stream) hwy::FlushStream();
+}
+
 template <bool kMax, class T, int kC>
 void filter(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw, int mh, int ax,
             int ay, Kvl8u* buffer, bool stream) {
@@ -304,6 +515,19 @@ void filter(const T* src, int srcStep, T* dst, int dstStep, int w, int h, int mw
   auto horizontal = [&](int r, auto* out, K* scratch, bool toDst = false) {
     rowPass<kMax, kC, K>(srcRow(r), out, w, left, right, scratch, toDst && stream);
   };
+
+  // Narrow masks on rows of at least a few vectors: everything in registers.
+  if (left <= 1 && right <= 1 && rows <= kRingHeight &&
+      n >= 2 * static_cast<int>(hn::Lanes(Tag<K>()))) {
+    if (left == 1 && right == 1 && up == 1 && down == 1) {
+      (stream ? narrow<kMax, kC, T, 2> : narrow<kMax, kC, T, 1>)(src, srcStep, dst, dstStep, w, h,
+                                                                 true, true, 1, 1, stream);
+    } else {
+      narrow<kMax, kC, T, 0>(src, srcStep, dst, dstStep, w, h, left == 1, right == 1, up, down,
+                             stream);
+    }
+    return;
+  }
 
   if (rows == 1) {
     for (int y = 0; y < h; ++y) horizontal(y, dstRow(y), slot(0), true);
@@ -388,8 +612,13 @@ namespace kvl::morph {
 template <class T, int kC>
 const simd::Kernel<MinMaxFn<T, kC>> MinMaxKernel<T, kC>::kernel{KVL_TARGETS(minMax<T, kC>),
                                                                &ref::minMax<T, kC>};
+template <class T, int kC>
+const simd::Kernel<PlusFn<T, kC>> PlusKernel<T, kC>::kernel{KVL_TARGETS(plusFilter<T, kC>),
+                                                           &ref::plus<T, kC>};
 
-#define KVL_INSTANTIATE(types, layout, T, ch) template struct MinMaxKernel<T, ch>;
+#define KVL_INSTANTIATE(types, layout, T, ch) \
+  template struct MinMaxKernel<T, ch>;        \
+  template struct PlusKernel<T, ch>;
 KVL_MINMAX_MEMBERS(KVL_INSTANTIATE)
 #undef KVL_INSTANTIATE
 

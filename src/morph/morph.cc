@@ -14,6 +14,7 @@
 #include "core/services.h"
 #include "core/simd.h"
 #include "impl_decls.h"
+#include "morph/minmax_filter.h"
 #include "morph/morph_members.h"
 #include "morph/morph_ref.h"
 #include "morph/morph_runs.h"
@@ -331,6 +332,14 @@ KvlStatus rectPath(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi,
   return kvlStatusOk;
 }
 
+// The 3x3 plus with its anchor in the middle: its own kernel when the border is replicated.
+inline bool isCentredPlus(const Kvl8u* mask, KvliSize m, KvliPoint a) {
+  if (m.width != 3 || m.height != 3 || a.x != 1 || a.y != 1) return false;
+  for (int i = 0; i < 9; ++i)
+    if ((mask[i] != 0) != (i % 2 == 1 || i == 4)) return false;
+  return true;
+}
+
 template <class T, int kC, bool kBorder>
 KvlStatus morphology(bool erode, const T* pSrc, int srcStep, T* pDst, int dstStep, KvliSize roi,
                      int borderType, const KvliMorphState* st, Kvl8u* pBuffer) {
@@ -375,6 +384,10 @@ KvlStatus morphology(bool erode, const T* pSrc, int srcStep, T* pDst, int dstSte
   } else {
     scratch = st->pWork;
     bytes = st->stateSize - (st->pWork - reinterpret_cast<const Kvl8u*>(st));
+  }
+  if (bt == kvlBorderRepl && isCentredPlus(st->pMask, m, a)) {
+    PlusKernel<T, kC>::kernel.pick()(pSrc, srcStep, pDst, dstStep, roi.width, roi.height, !erode);
+    return kvlStatusOk;
   }
   if (cls == kvlMorphMaskRect && bt == kvlBorderRepl) {
     long long f = 0;

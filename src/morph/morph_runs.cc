@@ -5,6 +5,9 @@
 
 #include "core/border.h"
 #include "core/pixel.h"
+#include "core/services.h"
+
+#include <hwy/cache_control.h>
 
 namespace kvl::morph {
 namespace {
@@ -233,6 +236,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
   const auto combine2 = RunKernels<T, kMin>::combine2.pick();
   const auto keys = RunKernels<T, kMin>::keys.pick();
 
+  // Images that cannot stay in the cache together take cache-bypassing stores for the output.
+  const bool stream = streamDestination(2LL * W * H * kC * static_cast<long long>(sizeof(T)));
   const bool memLeft = (bt & 15) == kvlBorderInMem || (bt & kvlBorderInMemLeft);
   const bool memRight = (bt & 15) == kvlBorderInMem || (bt & kvlBorderInMemRight);
   const int shiftY = anchor.y;  // output row y reads source row y - ay + j for mask row j
@@ -319,7 +324,7 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
       auto tap = [&](const U* t) {
         taps[n++] = t;
         if (n == kTaps) {
-          combine(taps, n, out, tw * kC, acc);
+          combine(taps, n, out, tw * kC, acc, stream);
           acc = true;
           n = 0;
         }
@@ -334,7 +339,7 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
           for (int t = 0; t < m.lengths[li]; ++t) tap(e + t * kC);
         }
       }
-      if (n) combine(taps, n, out, tw * kC, acc);
+      if (n) combine(taps, n, out, tw * kC, acc, stream);
     };
     // Rows y and y + 1 together: shared taps, then those of y only, then those of y + 1 only.
     auto twoRows = [&](int y) {
@@ -368,7 +373,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
         if (!t.inNext) pairTaps[nb++] = table[t.entry + 1] + t.col * kC;
       }
       combine2(pairTaps, ns, tapList.count - ns, tapList.onlyNext,
-               rowPtr(dst, dstStep, y) + x0 * kC, rowPtr(dst, dstStep, y + 1) + x0 * kC, tw * kC);
+               rowPtr(dst, dstStep, y) + x0 * kC, rowPtr(dst, dstStep, y + 1) + x0 * kC, tw * kC,
+               stream);
     };
 
     int next = m.firstRow - shiftY;  // next source row to enter the rings
@@ -408,6 +414,7 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
     for (int x0 = cuts[g]; x0 < cuts[g + 1]; x0 += tileW)
       runTile(x0, std::min(tileW, cuts[g + 1] - x0));
   }
+  if (stream) hwy::FlushStream();
   return true;
 }
 

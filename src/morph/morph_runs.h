@@ -98,16 +98,17 @@ using PairRowFn = void (*)(const U* a, const U* b, U* out, int n);
 template <class U>
 using FoldRowFn = void (*)(const U* const* rows, int count, U* out, int n);
 // out[i] = min (max) of rows[r][i] over r < count (and of out[i] itself when accumulate), back
-// from keys to T; out is the caller's image, at any address.
+// from keys to T; out is the caller's image, at any address. With `stream`, the vector stores
+// that are aligned bypass the cache (the caller fences once after its last row).
 template <class T>
 using CombineRowFn = void (*)(const KeyOf<T>* const* rows, int count, T* out, int n,
-                              bool accumulate);
+                              bool accumulate, bool stream);
 // Two output rows at once from taps = [shared (ns) | first row only (na) | second only (nb)]:
 // out0[i] = min over the shared and first-row taps, out1[i] over the shared and second-row taps.
-// ns + na >= 1 and ns + nb >= 1.
+// ns + na >= 1 and ns + nb >= 1. `stream` as for CombineRowFn.
 template <class T>
 using Combine2RowFn = void (*)(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0,
-                               T* out1, int n);
+                               T* out1, int n, bool stream);
 // out[i] = the key of in[i] (in: the caller's image, at any address).
 template <class T>
 using KeyRowFn = void (*)(const T* in, KeyOf<T>* out, int n);
@@ -168,11 +169,12 @@ void combine2Range(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0,
   }
 }
 template <class T, bool kMin>
-void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accumulate) {
+void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accumulate, bool) {
   combineRange<T, kMin>(rows, count, out, 0, n, accumulate);
 }
 template <class T, bool kMin>
-void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1, int n) {
+void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1, int n,
+                 bool) {
   combine2Range<T, kMin>(taps, ns, na, nb, out0, out1, 0, n);
 }
 template <class T>

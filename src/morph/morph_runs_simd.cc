@@ -3,6 +3,7 @@
 #define HWY_TARGET_INCLUDE "morph/morph_runs_simd.cc"
 #include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
+#include <hwy/cache_control.h>
 
 #include "core/simd.h"
 #include "morph/morph_runs.h"
@@ -52,6 +53,23 @@ HWY_INLINE void storeKeys(D d, hn::Vec<D> v, T* p) {
     hn::StoreU(v, d, p);
   }
 }
+// storeKeys(), bypassing the cache when `stream` is set and p is aligned to the vector.
+template <class T, class D>
+HWY_INLINE void putKeys(D d, hn::Vec<D> v, T* p, bool stream) {
+  if (!stream || reinterpret_cast<uintptr_t>(p) % (hn::Lanes(d) * sizeof(T)) != 0) {
+    storeKeys<T>(d, v, p);
+  } else if constexpr (std::is_same_v<T, Kvl32f>) {
+    const hn::Rebind<float, D> df;
+    hn::Stream(hn::BitCast(df, keyV(d, v)), df, p);
+  } else {
+    hn::Stream(v, d, p);
+  }
+}
+// Elements before `out` reaches a vector boundary when the stores stream (else 0).
+template <class D, class T>
+HWY_INLINE int streamHead(D d, const T* out, bool stream, int n) {
+  return stream ? alignedHead(out, static_cast<int>(hn::Lanes(d) * sizeof(T)), n) : 0;
+}
 
 template <class U, bool kMin>
 void pairRow(const U* a, const U* b, U* out, int n) {
@@ -98,11 +116,13 @@ void foldRow(const U* const* rows, int count, U* out, int n) {
 }
 
 template <class T, bool kMin>
-void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accumulate) {
+void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accumulate,
+                bool stream) {
   using U = KeyOf<T>;
   const Tag<U> d;
   const int N = static_cast<int>(hn::Lanes(d));
-  int i = 0;
+  int i = streamHead(d, out, stream, n);
+  ref::combineRange<T, kMin>(rows, count, out, 0, i, accumulate);
   for (; i + 2 * N <= n; i += 2 * N) {
     auto v0 = hn::LoadU(d, rows[0] + i), v1 = hn::LoadU(d, rows[0] + i + N);
     if (accumulate) {
@@ -114,8 +134,8 @@ void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accu
       v0 = pickV<kMin>(v0, hn::LoadU(d, p));
       v1 = pickV<kMin>(v1, hn::LoadU(d, p + N));
     }
-    storeKeys<T>(d, v0, out + i);
-    storeKeys<T>(d, v1, out + i + N);
+    putKeys<T>(d, v0, out + i, stream);
+    putKeys<T>(d, v1, out + i + N, stream);
   }
   // The last vector ends at n, overlapping stored elements with the same values (the output
   // never aliases the rows); unless accumulating, which reads the output.
@@ -123,7 +143,7 @@ void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accu
     auto v = hn::LoadU(d, rows[0] + k);
     if (accumulate) v = pickV<kMin>(v, loadKeys<T>(d, out + k));
     for (int r = 1; r < count; ++r) v = pickV<kMin>(v, hn::LoadU(d, rows[r] + k));
-    storeKeys<T>(d, v, out + k);
+    putKeys<T>(d, v, out + k, stream);
   };
   for (; i + N <= n; i += N) one(i);
   if (i < n && n >= N && !accumulate) {
@@ -134,7 +154,8 @@ void combineRow(const KeyOf<T>* const* rows, int count, T* out, int n, bool accu
 }
 
 template <class T, bool kMin>
-void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1, int n) {
+void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T* out1, int n,
+                 bool stream) {
   using U = KeyOf<T>;
   const Tag<U> d;
   using V = hn::Vec<decltype(d)>;
@@ -142,7 +163,10 @@ void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T
   const U* const* a = taps + ns;
   const U* const* b = a + na;
   const int a0 = ns ? 0 : 1;
-  int i = 0;
+  // Streamed rows start their vectors at out0's first vector boundary (out1 streams when its
+  // row lies at the same offset from one, as with steps that are multiples of the vector).
+  int i = streamHead(d, out0, stream, n);
+  ref::combine2Range<T, kMin>(taps, ns, na, nb, out0, out1, 0, i);
   // Four vectors of each row per step: the loops over the taps cost as much as their loads.
   for (; i + 4 * N <= n; i += 4 * N) {
     V v0, v1, v2, v3, w0, w1, w2, w3;
@@ -180,14 +204,14 @@ void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T
       w2 = pickV<kMin>(w2, hn::LoadU(d, t + 2 * N));
       w3 = pickV<kMin>(w3, hn::LoadU(d, t + 3 * N));
     }
-    storeKeys<T>(d, v0, out0 + i);
-    storeKeys<T>(d, v1, out0 + i + N);
-    storeKeys<T>(d, v2, out0 + i + 2 * N);
-    storeKeys<T>(d, v3, out0 + i + 3 * N);
-    storeKeys<T>(d, w0, out1 + i);
-    storeKeys<T>(d, w1, out1 + i + N);
-    storeKeys<T>(d, w2, out1 + i + 2 * N);
-    storeKeys<T>(d, w3, out1 + i + 3 * N);
+    putKeys<T>(d, v0, out0 + i, stream);
+    putKeys<T>(d, v1, out0 + i + N, stream);
+    putKeys<T>(d, v2, out0 + i + 2 * N, stream);
+    putKeys<T>(d, v3, out0 + i + 3 * N, stream);
+    putKeys<T>(d, w0, out1 + i, stream);
+    putKeys<T>(d, w1, out1 + i + N, stream);
+    putKeys<T>(d, w2, out1 + i + 2 * N, stream);
+    putKeys<T>(d, w3, out1 + i + 3 * N, stream);
   }
   // Then single vectors, the last one ending at n (it may store some elements again with the
   // same values: the outputs never alias the taps).
@@ -203,8 +227,8 @@ void combine2Row(const KeyOf<T>* const* taps, int ns, int na, int nb, T* out0, T
     }
     for (int r = a0; r < na; ++r) v = pickV<kMin>(v, hn::LoadU(d, a[r] + k));
     for (int r = a0; r < nb; ++r) w = pickV<kMin>(w, hn::LoadU(d, b[r] + k));
-    storeKeys<T>(d, v, out0 + k);
-    storeKeys<T>(d, w, out1 + k);
+    putKeys<T>(d, v, out0 + k, stream);
+    putKeys<T>(d, w, out1 + k, stream);
   };
   for (; i + N <= n; i += N) one(i);
   if (i < n && n >= N) {
