@@ -5,8 +5,9 @@
 // x and are taken a vector at a time into a small buffer; then the in-row term (d(x-1) + a
 // forward, d(x+1) + a backward) is propagated through the buffer, and the chunk is copied out.
 // The propagation either follows the row one pixel at a time (floats in general: each step
-// rounds) or, where k additions of a equal one addition of k x a (see Rule::doubling), takes
-// doubling steps within a vector's reach and then carries a vector at a time:
+// rounds, so k additions of a are not one addition of k x a; several rows then run side by side,
+// see transformBands) or, where they are equal (see Rule::doubling), takes doubling steps within
+// a vector's reach and then carries a vector at a time:
 //   window: t(x) = min over m < N of v(x - m) + m a        (steps 1, 2, 4, .. N/2)
 //   carry:  d(x) = min(t(x), d(x - N) + N a)               (one vector after the other)
 // The buffer keeps N final distances of the previous chunk (or infinities at the row's end)
@@ -28,6 +29,11 @@ namespace kvl::seg {
 // Pixels per chunk, and the buffer's margin on each side (at least the widest vector's lanes).
 constexpr int kChunk = 1024;
 constexpr int kMargin = 64;
+// Float rows that propagate one pixel at a time run kBandRows side by side, in segments of
+// kSegment pixels, each kLag segments behind the row before it.
+constexpr int kBandRows = 4;
+constexpr int kSegment = 128;
+constexpr int kLag = 2;
 }  // namespace kvl::seg
 #endif
 
@@ -151,57 +157,47 @@ HWY_INLINE Out times(Out a, int k) {
   }
 }
 
-// The in-row term over t[0 .. n), arriving from the left (kForward) or the right. The N
-// buffer elements beyond the arriving side hold final distances (or kFar); the N beyond the
-// other side are scratch.
-template <bool kForward, bool kDoubling, class Out>
+// The in-row term over t[0 .. n) by doubling steps, arriving from the left (kForward) or the
+// right. The N buffer elements beyond the arriving side hold final distances (or kFar); the N
+// beyond the other side are scratch.
+template <bool kForward, class Out>
 HWY_INLINE void propagate(Out* t, int n, Out a) {
-  if constexpr (!kDoubling) {
+  const hn::ScalableTag<Out> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  const int cover = (n + N - 1) / N * N;
+  // Vectors start at first and step by N; the last partial one reaches into the scratch side.
+  const int first = kForward ? 0 : n - cover;
+  for (int k = 1; k < N; k *= 2) {
+    const auto ka = hn::Set(d, times(a, k));
+    // Each vector reads k elements towards the arriving side: visit the vectors from the
+    // other side so those still hold the previous step's values.
     if constexpr (kForward) {
-      Out prev = t[-1];
-      for (int i = 0; i < n; ++i) prev = t[i] = lesser(t[i], plus(prev, a));
+      for (int i = first + cover - N; i >= first; i -= N)
+        hn::StoreU(hn::Min(hn::LoadU(d, t + i), plusV(d, hn::LoadU(d, t + i - k), ka)), d,
+                   t + i);
     } else {
-      Out prev = t[n];
-      for (int i = n - 1; i >= 0; --i) prev = t[i] = lesser(t[i], plus(prev, a));
+      for (int i = first; i <= first + cover - N; i += N)
+        hn::StoreU(hn::Min(hn::LoadU(d, t + i), plusV(d, hn::LoadU(d, t + i + k), ka)), d,
+                   t + i);
+    }
+  }
+  const auto na = hn::Set(d, times(a, N));
+  if constexpr (kForward) {
+    auto prev = hn::LoadU(d, t - N);
+    for (int i = 0; i < cover; i += N) {
+      prev = hn::Min(hn::LoadU(d, t + i), plusV(d, prev, na));
+      hn::StoreU(prev, d, t + i);
     }
   } else {
-    const hn::ScalableTag<Out> d;
-    const int N = static_cast<int>(hn::Lanes(d));
-    const int cover = (n + N - 1) / N * N;
-    // Vectors start at first and step by N; the last partial one reaches into the scratch side.
-    const int first = kForward ? 0 : n - cover;
-    for (int k = 1; k < N; k *= 2) {
-      const auto ka = hn::Set(d, times(a, k));
-      // Each vector reads k elements towards the arriving side: visit the vectors from the
-      // other side so those still hold the previous step's values.
-      if constexpr (kForward) {
-        for (int i = first + cover - N; i >= first; i -= N)
-          hn::StoreU(hn::Min(hn::LoadU(d, t + i), plusV(d, hn::LoadU(d, t + i - k), ka)), d,
-                     t + i);
-      } else {
-        for (int i = first; i <= first + cover - N; i += N)
-          hn::StoreU(hn::Min(hn::LoadU(d, t + i), plusV(d, hn::LoadU(d, t + i + k), ka)), d,
-                     t + i);
-      }
-    }
-    const auto na = hn::Set(d, times(a, N));
-    if constexpr (kForward) {
-      auto prev = hn::LoadU(d, t - N);
-      for (int i = 0; i < cover; i += N) {
-        prev = hn::Min(hn::LoadU(d, t + i), plusV(d, prev, na));
-        hn::StoreU(prev, d, t + i);
-      }
-    } else {
-      auto prev = hn::LoadU(d, t + n);
-      for (int i = n - N; i >= first; i -= N) {
-        prev = hn::Min(hn::LoadU(d, t + i), plusV(d, prev, na));
-        hn::StoreU(prev, d, t + i);
-      }
+    auto prev = hn::LoadU(d, t + n);
+    for (int i = n - N; i >= first; i -= N) {
+      prev = hn::Min(hn::LoadU(d, t + i), plusV(d, prev, na));
+      hn::StoreU(prev, d, t + i);
     }
   }
 }
 
-template <class Out, int kTaps, bool kAxis, bool kDoubling>
+template <class Out, int kTaps, bool kAxis>
 void transform(const Kvl8u* src, int srcStep, Out* dst, int dstStep, int w, int h,
                const Rule<Out>& r) {
   const hn::ScalableTag<Out> d;
@@ -226,7 +222,7 @@ void transform(const Kvl8u* src, int srcStep, Out* dst, int dstStep, int w, int 
       }
       fill(t + n, N);
       rowTerms<kTaps, kAxis>(s, cur, r1, r2, x0, n, w, r, t);
-      propagate<true, kDoubling>(t, n, r.a);
+      propagate<true>(t, n, r.a);
       std::memcpy(cur + x0, t, sizeof(Out) * n);
     }
   }
@@ -244,9 +240,77 @@ void transform(const Kvl8u* src, int srcStep, Out* dst, int dstStep, int w, int 
       }
       fill(t - N, N);
       rowTerms<kTaps, kAxis, Out>(nullptr, cur, r1, r2, x0, n, w, r, t);
-      propagate<false, kDoubling>(t, n, r.a);
+      propagate<false>(t, n, r.a);
       std::memcpy(cur + x0, t, sizeof(Out) * n);
       x1 = x0;
+    }
+  }
+}
+
+// Floats that follow the row one pixel at a time: each step waits for the previous one, so
+// kBandRows rows run side by side, each kLag segments of kSegment pixels behind the row above
+// (whose terms it needs up to two pixels past its own segment), and their chains interleave.
+// Rows past the image's end and segments past the row's ends run on stale buffer values and are
+// not copied out.
+template <int kTaps>
+void transformBands(const Kvl8u* src, int srcStep, float* dst, int dstStep, int w, int h,
+                    const Rule<float>& r) {
+  constexpr int R = kBandRows, S = kSegment;
+  float buf[R][S + 2];
+  for (auto& b : buf)
+    for (float& v : b) v = kFar<float>;
+  float* t[R];
+  for (int k = 0; k < R; ++k) t[k] = buf[k] + 1;
+  const float a = r.a;
+  const int segs = (w + S - 1) / S;
+  auto row = [&](int y) KVL_INLINE_LAMBDA { return rowPtr(dst, dstStep, y); };
+  int x0[R], n[R];
+  for (int y0 = 0; y0 < h; y0 += R) {
+    const int rows = h - y0 < R ? h - y0 : R;
+    for (int j = 0; j < segs + kLag * (rows - 1); ++j) {
+      for (int k = 0; k < R; ++k) {
+        const int seg = j - kLag * k, y = y0 + k;
+        n[k] = 0;
+        if (k >= rows || seg < 0 || seg >= segs) continue;
+        x0[k] = seg * S;
+        n[k] = w - x0[k] < S ? w - x0[k] : S;
+        float* cur = row(y);
+        t[k][-1] = x0[k] == 0 ? kFar<float> : loadAny(cur + x0[k] - 1);
+        rowTerms<kTaps, false>(rowPtr(src, srcStep, y), cur, y >= 1 ? row(y - 1) : nullptr,
+                               kTaps == 5 && y >= 2 ? row(y - 2) : nullptr, x0[k], n[k], w, r,
+                               t[k]);
+      }
+      float p[R];
+      for (int k = 0; k < R; ++k) p[k] = t[k][-1];
+      for (int i = 0; i < S; ++i)
+        for (int k = 0; k < R; ++k) p[k] = t[k][i] = lesser(t[k][i], p[k] + a);
+      for (int k = 0; k < R; ++k)
+        if (n[k] > 0) std::memcpy(row(y0 + k) + x0[k], t[k], sizeof(float) * n[k]);
+    }
+  }
+  // Backward: rows upwards, segments from the right, each right-aligned in its buffer.
+  for (int y0 = h - 1; y0 >= 0; y0 -= R) {
+    const int rows = y0 + 1 < R ? y0 + 1 : R;
+    for (int j = 0; j < segs + kLag * (rows - 1); ++j) {
+      for (int k = 0; k < R; ++k) {
+        const int seg = j - kLag * k, y = y0 - k;
+        n[k] = 0;
+        if (k >= rows || seg < 0 || seg >= segs) continue;
+        const int x1 = w - seg * S;
+        n[k] = x1 < S ? x1 : S;
+        x0[k] = x1 - n[k];
+        float* cur = row(y);
+        t[k][S] = x1 == w ? kFar<float> : loadAny(cur + x1);
+        rowTerms<kTaps, false, float>(nullptr, cur, y + 1 < h ? row(y + 1) : nullptr,
+                                      kTaps == 5 && y + 2 < h ? row(y + 2) : nullptr, x0[k],
+                                      n[k], w, r, t[k] + (S - n[k]));
+      }
+      float p[R];
+      for (int k = 0; k < R; ++k) p[k] = t[k][S];
+      for (int i = S - 1; i >= 0; --i)
+        for (int k = 0; k < R; ++k) p[k] = t[k][i] = lesser(t[k][i], p[k] + a);
+      for (int k = 0; k < R; ++k)
+        if (n[k] > 0) std::memcpy(row(y0 - k) + x0[k], t[k] + (S - n[k]), sizeof(float) * n[k]);
     }
   }
 }
@@ -256,11 +320,11 @@ void chamfer(const Kvl8u* src, int srcStep, Out* dst, int dstStep, int w, int h,
              const Rule<Out>& r) {
   if (!r.doubling) {
     if constexpr (std::is_floating_point_v<Out>) {
-      return transform<Out, kTaps, false, false>(src, srcStep, dst, dstStep, w, h, r);
+      return transformBands<kTaps>(src, srcStep, dst, dstStep, w, h, r);
     }
   }
-  if (r.axisOnly) return transform<Out, kTaps, true, true>(src, srcStep, dst, dstStep, w, h, r);
-  transform<Out, kTaps, false, true>(src, srcStep, dst, dstStep, w, h, r);
+  if (r.axisOnly) return transform<Out, kTaps, true>(src, srcStep, dst, dstStep, w, h, r);
+  transform<Out, kTaps, false>(src, srcStep, dst, dstStep, w, h, r);
 }
 
 #endif  // KVL_SIMD_TARGET
