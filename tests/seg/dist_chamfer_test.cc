@@ -74,8 +74,8 @@ std::vector<Out> model(const std::vector<Kvl8u>& src, int w, int h, Weights wt, 
 template <class Out>
 std::vector<Out> runMember(const ChamferMember& m, const std::vector<Kvl8u>& src, int w, int h,
                            Weights wt, uint32_t seed) {
-  Kvl32s wi[3] = {static_cast<Kvl32s>(wt.a), static_cast<Kvl32s>(wt.b),
-                  static_cast<Kvl32s>(wt.c)};
+  auto asInt = [&](double v) { return m.realMetric ? 0 : static_cast<Kvl32s>(v); };
+  Kvl32s wi[3] = {asInt(wt.a), asInt(wt.b), asInt(wt.c)};
   Kvl32f wf[3] = {static_cast<Kvl32f>(wt.a), static_cast<Kvl32f>(wt.b),
                   static_cast<Kvl32f>(wt.c)};
   void* metrics = m.realMetric ? static_cast<void*>(wf) : static_cast<void*>(wi);
