@@ -1016,6 +1016,52 @@ KVL_API KvlStatus kvliDilateBorder_1u_C1R(const Kvl8u* pSrc, int srcStep, int sr
 /* ---- Distance transforms: mask query and chamfer transforms ---- */
 
 /* @@BEGIN DISTANCE CHAMFER@@ */
+/* Chamfer distance transforms of a two-valued Kvl8u image: a zero source pixel is a feature and
+ * gets distance 0, every other pixel the smallest sum of mask weights along the paths the two
+ * passes below can follow.
+ * Mask query: kvliGetDistanceTransformMask_32s / _32f(kerSize, norm, pMetrics) write the weights
+ * of kerSize 3 (a = horizontal/vertical step, b = diagonal step) or 5 (and c = the (2,1) step)
+ * for norm 0 (L-infinity), 1 (L1) or 2 (Euclidean approximation):
+ *   3x3: norm 0 -> 1, 1 (1.0f, 1.0f); norm 1 -> 1, 2 (1.0f, 2.0f); norm 2 -> 2, 3 (0.955f, 1.3693f)
+ *   5x5: norm 0 -> 1, 1, 2 (1.0f, 1.0f, 2.0f); norm 1 -> 1, 2, 3 (1.0f, 2.0f, 3.0f);
+ *        norm 2 -> 5, 7, 11 (1.0f, 1.4f, 2.1969f)
+ * (the float weights are the single-precision literals shown). Statuses, in this order:
+ * kvlStatusNullPointer (pMetrics), kvlStatusBadSize (kerSize not 3 or 5), kvlStatusBadArgument
+ * (norm not 0, 1 or 2); nothing is written on failure. kvliGetDistanceTransformMask(maskType,
+ * pMetrics) takes maskType = 10 x kerSize + norm: kvlStatusBadArgument when maskType % 10 (C
+ * remainder, so negative codes fail here) is not 0, 1 or 2, and otherwise the result of the _32f
+ * query for (maskType / 10, maskType % 10), pMetrics checked there first.
+ * Transforms, 3x3 with weights a, b and 5x5 with a, b, c:
+ *   1. d = 0 where the source is 0, otherwise infinity: 255 (8u), 65535 (16u),
+ *      3.4028235e38f (32f, the largest finite float). Pixels outside the ROI never contribute.
+ *   2. Forward pass, rows top to bottom, each left to right: d(x,y) = min(d(x,y), d(x-1,y)+a,
+ *      d(x-1,y-1)+b, d(x,y-1)+a, d(x+1,y-1)+b); 5x5 also d(x-1,y-2)+c, d(x+1,y-2)+c,
+ *      d(x-2,y-1)+c, d(x+2,y-1)+c.
+ *   3. Backward pass, rows bottom to top, each right to left, with the mirrored neighbours
+ *      (x+1,y):a, (x+1,y+1):b, (x,y+1):a, (x-1,y+1):b and for 5x5 (x+1,y+2), (x-1,y+2),
+ *      (x+2,y+1), (x-2,y+1):c.
+ *   Integer outputs compute every sum saturated at 255 (8u) or 65535 (16u), so a weight above
+ *   the output's maximum acts as that maximum; 32f sums are single precision, each candidate
+ *   one addition of a neighbour and a weight. Every target gives these exact bytes.
+ * The weights of the 8u and 16u forms are Kvl32s, those of the 8u32f forms Kvl32f. The C1IR forms
+ * transform pSrcDst in place; a C1R source and destination must not overlap.
+ * Statuses, in this order: kvlStatusNullPointer (source, destination or pMetrics);
+ * kvlStatusBadSize (width or height < 1); kvlStatusBadStep (source step < width, destination
+ * step < width x 1, 2 or 4 bytes); kvlStatusStepNotMultiple (a 16u destination step odd, a 32f
+ * one not a multiple of 4); kvlStatusBadMetric (an integer weight < 1, or a float weight that
+ * is not > 0, which refuses NaN too), before any pixel is written. No work buffer, nothing
+ * allocated. Threading: always on the calling thread. */
+KVL_API KvlStatus kvliGetDistanceTransformMask_32s(int kerSize, int norm, Kvl32s* pMetrics);
+KVL_API KvlStatus kvliGetDistanceTransformMask_32f(int kerSize, int norm, Kvl32f* pMetrics);
+KVL_API KvlStatus kvliGetDistanceTransformMask(int maskType, Kvl32f* pMetrics);
+KVL_API KvlStatus kvliDistanceTransform_3x3_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, Kvl32s* pMetrics);
+KVL_API KvlStatus kvliDistanceTransform_3x3_8u_C1IR(Kvl8u* pSrcDst, int srcDstStep, KvliSize roiSize, Kvl32s* pMetrics);
+KVL_API KvlStatus kvliDistanceTransform_3x3_8u16u_C1R(const Kvl8u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, Kvl32s* pMetrics);
+KVL_API KvlStatus kvliDistanceTransform_3x3_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f* pMetrics);
+KVL_API KvlStatus kvliDistanceTransform_5x5_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pDst, int dstStep, KvliSize roiSize, Kvl32s* pMetrics);
+KVL_API KvlStatus kvliDistanceTransform_5x5_8u_C1IR(Kvl8u* pSrcDst, int srcDstStep, KvliSize roiSize, Kvl32s* pMetrics);
+KVL_API KvlStatus kvliDistanceTransform_5x5_8u16u_C1R(const Kvl8u* pSrc, int srcStep, Kvl16u* pDst, int dstStep, KvliSize roiSize, Kvl32s* pMetrics);
+KVL_API KvlStatus kvliDistanceTransform_5x5_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f* pMetrics);
 /* @@END DISTANCE CHAMFER@@ */
 
 /* ---- Distance transforms: exact Euclidean transform and fast marching ---- */

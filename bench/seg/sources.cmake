@@ -1,5 +1,9 @@
 # Benchmark sources of this subsystem: target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/<fam>_bench.cc)
 
 # Distance transforms: mask query and chamfer transforms.
+target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/dist_chamfer_bench.cc)
+target_link_libraries(kvlcv_bench PRIVATE kvlcli_io)
+set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/dist_chamfer_bench.cc PROPERTIES
+                            COMPILE_DEFINITIONS "KVL_SOURCE_DIR=\"${CMAKE_SOURCE_DIR}\"")
 
 # Distance transforms: exact Euclidean transform and fast marching.
