@@ -80,6 +80,20 @@ inline int teamRectStdDev(KvliSize roi) {
   return teamRectStdDev(roi, owncvGetMaxNumThreads(), ownGetNumThreads());
 }
 
+// Distance fields (the exact transform's passes and fast marching's sweeps): a team of the
+// permitted thread count T when T >= 2, runomp() != 0 and the image has at least 65536 pixels;
+// smaller images are not worth a region.
+constexpr long long kDistanceMinPixels = 65536;
+inline int teamDistance(KvliSize roi, int maxThreads, int runompResult) {
+  if (maxThreads < 2 || runompResult == 0 ||
+      static_cast<long long>(roi.width) * roi.height < kDistanceMinPixels)
+    return 1;
+  return maxThreads;
+}
+inline int teamDistance(KvliSize roi) {
+  return teamDistance(roi, owncvGetMaxNumThreads(), runomp());
+}
+
 // One thread's share of the rows. Stripe edges inside the image are marked in memory, so a
 // neighbourhood filter reads its neighbours' rows there instead of extending the border.
 struct Stripe {
