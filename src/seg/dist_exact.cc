@@ -1,6 +1,9 @@
-// Exact Euclidean distance transform: validation, the column pass over blocks of columns and the
-// row pass over stripes of rows, each split over the team that the distance rule gives.
+// Exact Euclidean distance transform: validation, then one region in which the team takes blocks
+// of columns for the column pass and, after a barrier, chunks of rows for the row pass. Any
+// thread may take any unit; each works in its own part of the buffer, so the bytes written do not
+// depend on the team.
 #include <climits>
+#include <atomic>
 #include <cstdint>
 
 #include "core/check.h"
@@ -31,24 +34,32 @@ KvlStatus exactTransform(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep
   // The buffer was sized for the permitted thread count, so every thread of a team of at most
   // that many owns bufferSize / team >= exactBytesPerThread bytes of it.
   const long long bufferSize = exactBytesPerThread(roi) * owncvGetMaxNumThreads();
-  const int team = par::teamDistance(roi);
-
-  // Column pass: blocks of columns, each finished while its rows are cached.
   const ColumnPassFn column = kColumnPass.pick();
   const int blocks = (roi.width + kColumnBlock - 1) / kColumnBlock;
-  par::runStripes(team, blocks, [&](const par::Stripe& s) {
-    int32_t* count = reinterpret_cast<int32_t*>(alignUp(buffer + s.bufferOffset(bufferSize), 64));
-    for (int b = s.y0; b < s.y0 + s.rows; ++b) {
+  const int chunks = (roi.height + kRowChunk - 1) / kRowChunk;
+  par::WorkQueue columnWork(blocks), rowWork(chunks);
+  std::atomic<int> columnsDone{0};
+  par::runTeam(par::teamDistance(roi), [&](int t, int n) {
+    Kvl8u* part = buffer + t * (bufferSize / n);
+    // Column pass: blocks of columns, each finished while its rows are cached.
+    int32_t* count = reinterpret_cast<int32_t*>(alignUp(part, 64));
+    int done = 0;
+    for (int b; columnWork.take(&b); ++done) {
       const int x0 = b * kColumnBlock;
-      const int n = roi.width - x0 < kColumnBlock ? roi.width - x0 : kColumnBlock;
-      column(src + x0, srcStep, dst + x0, dstStep, n, roi.height, count);
+      const int cols = roi.width - x0 < kColumnBlock ? roi.width - x0 : kColumnBlock;
+      column(src + x0, srcStep, dst + x0, dstStep, cols, roi.height, count);
     }
-  });
-
-  // Row pass: stripes of rows, each thread with its own tables in its part of the buffer.
-  par::runStripes(team, roi.height, [&](const par::Stripe& s) {
-    const EnvelopeScratch scratch = envelopeScratch(buffer + s.bufferOffset(bufferSize), roi.width);
-    for (int y = s.y0; y < s.y0 + s.rows; ++y) envelopeRow(rowPtr(dst, dstStep, y), roi.width, scratch);
+    // The rows need every column: wait for the blocks other threads are still finishing (not
+    // for threads that have not started, which find no block left).
+    columnsDone.fetch_add(done, std::memory_order_acq_rel);
+    par::waitUntil(columnsDone, blocks);
+    // Row pass: chunks of rows, each thread with its own tables in its part of the buffer.
+    const EnvelopeScratch scratch = envelopeScratch(part, roi.width);
+    for (int c; rowWork.take(&c);) {
+      const int y1 = (c + 1) * kRowChunk < roi.height ? (c + 1) * kRowChunk : roi.height;
+      for (int y = c * kRowChunk; y < y1; ++y)
+        envelopeRow(rowPtr(dst, dstStep, y), roi.width, scratch);
+    }
   });
   return kvlStatusOk;
 }

@@ -7,9 +7,6 @@
 // below when going up) has finished that block. The rows a stripe reads from its neighbour are
 // then already final where the serial order has them final and not yet touched where it has them
 // untouched, so the times are the serial ones for any team.
-#include <immintrin.h>
-#include <sched.h>
-
 #include <climits>
 #include <cstring>
 #include <new>
@@ -75,16 +72,6 @@ KvlStatus marchBufferSize(KvliSize roi, int* bytes) {
   return kvlStatusOk;
 }
 
-void waitFor(const std::atomic<int>& progress, int blocks) {
-  for (int spins = 0; progress.load(std::memory_order_acquire) < blocks; ++spins) {
-    if (spins < 64) {
-      _mm_pause();
-    } else {
-      sched_yield();
-    }
-  }
-}
-
 // One stripe of sweep k.
 void sweepStripe(const MarchField& f, const par::Stripe& s, int k, MarchSlot* slots) {
   const bool down = sweepDown(k), right = sweepRight(k);
@@ -93,7 +80,7 @@ void sweepStripe(const MarchField& f, const par::Stripe& s, int k, MarchSlot* sl
   const bool waits = before >= 0 && before < s.team;
   int changes = 0;
   for (int j = 0; j < blocks; ++j) {
-    if (waits) waitFor(slots[before].progress, j + 1);
+    if (waits) par::waitUntil(slots[before].progress, j + 1);
     const int b = right ? j : blocks - 1 - j;
     const int x0 = b * kMarchBlock;
     const int x1 = f.width - x0 < kMarchBlock ? f.width : x0 + kMarchBlock;
