@@ -35,6 +35,7 @@ KvlStatus exactTransform(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep
   // that many owns bufferSize / team >= exactBytesPerThread bytes of it.
   const long long bufferSize = exactBytesPerThread(roi) * owncvGetMaxNumThreads();
   const ColumnPassFn column = kColumnPass.pick();
+  const SqrtRowFn root = kSqrtRow.pick();
   const int blocks = (roi.width + kColumnBlock - 1) / kColumnBlock;
   const int chunks = (roi.height + kRowChunk - 1) / kRowChunk;
   par::WorkQueue columnWork(blocks), rowWork(chunks);
@@ -57,8 +58,10 @@ KvlStatus exactTransform(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep
     const EnvelopeScratch scratch = envelopeScratch(part, roi.width);
     for (int c; rowWork.take(&c);) {
       const int y1 = (c + 1) * kRowChunk < roi.height ? (c + 1) * kRowChunk : roi.height;
-      for (int y = c * kRowChunk; y < y1; ++y)
+      for (int y = c * kRowChunk; y < y1; ++y) {
         envelopeRow(rowPtr(dst, dstStep, y), roi.width, scratch);
+        root(rowPtr(dst, dstStep, y), roi.width);
+      }
     }
   });
   return kvlStatusOk;

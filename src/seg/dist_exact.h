@@ -56,12 +56,15 @@ struct EnvelopeScratch {
 EnvelopeScratch envelopeScratch(uint8_t* part, int width);
 
 // Row pass of one row in place: the lower envelope of the parabolas over the row's column-pass
-// values, then the square root of each result.
+// values, leaving the squared distances; sqrtRow then takes their square roots.
 void envelopeRow(Kvl32f* row, int width, const EnvelopeScratch& s);
+using SqrtRowFn = void (*)(Kvl32f* row, int width);
+extern const simd::Kernel<SqrtRowFn> kSqrtRow;
 
 namespace ref {
 void columnPass(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep, int n, int height,
                 int32_t* count);
+void sqrtRow(Kvl32f* row, int width);
 }  // namespace ref
 
 }  // namespace kvl::seg

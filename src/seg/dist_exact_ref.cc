@@ -79,13 +79,28 @@ void envelopeRow(Kvl32f* row, int width, const EnvelopeScratch& sc) {
     z[k + 1] = kFarSq;
   }
 
-  // Each position takes the parabola whose interval holds it.
-  k = 0;
-  for (int q = 0; q < width; ++q) {
-    while (z[k + 1] < static_cast<float>(q)) ++k;
-    const int32_t vk = v[k];
-    storeAny(row + q, std::sqrt(sq[std::abs(q - vk)] + f[vk]));
+  // Each position q takes the parabola whose interval holds it: the boundaries increase, so the
+  // k that "advance while z[k + 1] < q" reaches is the one with z[k] < q <= z[k + 1], and each
+  // parabola fills its run of positions. (q - v)^2 as float equals sq[|q - v|].
+  int q = 0;
+  for (int j = 0; j <= k && q < width; ++j) {
+    const float right = z[j + 1];
+    const int end = right >= static_cast<float>(width - 1) ? width
+                    : right < 0.0f                         ? 0
+                                                           : static_cast<int>(right) + 1;
+    const int32_t vj = v[j];
+    const float fv = f[vj];
+    for (; q < end; ++q) {
+      const float dq = static_cast<float>(q - vj);
+      storeAny(row + q, dq * dq + fv);
+    }
   }
 }
+
+namespace ref {
+void sqrtRow(Kvl32f* row, int width) {
+  for (int x = 0; x < width; ++x) storeAny(row + x, std::sqrt(loadAny(row + x)));
+}
+}  // namespace ref
 
 }  // namespace kvl::seg

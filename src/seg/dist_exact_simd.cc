@@ -53,6 +53,15 @@ void columnPass(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep, int n, 
   if (nv < n) ref::columnPass(src + nv, srcStep, dst + nv, dstStep, n - nv, height, count + nv);
 }
 
+// Correctly rounded square roots of a row, in place.
+void sqrtRow(Kvl32f* row, int width) {
+  const hn::ScalableTag<float> df;
+  const int N = static_cast<int>(hn::Lanes(df));
+  int x = 0;
+  for (; x + N <= width; x += N) hn::StoreU(hn::Sqrt(hn::LoadU(df, row + x)), df, row + x);
+  ref::sqrtRow(row + x, width - x);
+}
+
 #endif  // KVL_SIMD_TARGET
 }  // namespace HWY_NAMESPACE
 }  // namespace kvl::seg
@@ -61,5 +70,6 @@ HWY_AFTER_NAMESPACE();
 #if HWY_ONCE
 namespace kvl::seg {
 const simd::Kernel<ColumnPassFn> kColumnPass{KVL_TARGETS(columnPass), &ref::columnPass};
+const simd::Kernel<SqrtRowFn> kSqrtRow{KVL_TARGETS(sqrtRow), &ref::sqrtRow};
 }  // namespace kvl::seg
 #endif  // HWY_ONCE
