@@ -1044,10 +1044,11 @@ KVL_API KvlStatus kvliDilateBorder_1u_C1R(const Kvl8u* pSrc, int srcStep, int sr
  * (width or height < 1); kvlStatusBadStep (srcStep < width or dstStep < 4 * width);
  * kvlStatusStepNotMultiple (dstStep not a multiple of 4). Source and destination must not
  * overlap. Threading: when T >= 2, the die has several cores and the image has at least 65536
- * pixels, the column pass is split over T threads by blocks of 64 columns and the row pass by
- * stripes of height / T rows (the last thread also takes the remaining rows), each thread on
- * its own (bufferSize / team)-byte part of the buffer; the result does not depend on the thread
- * count. */
+ * pixels, one region of T threads runs both passes: the threads take blocks of 64 columns for
+ * the column pass, then, once every block is done, chunks of 16 rows for the row pass, each
+ * unit going to whichever thread asks next (a thread that starts late or is descheduled does
+ * less; none waits for a fixed share), and each thread working in its own
+ * (bufferSize / team)-byte part of the buffer. The result does not depend on the thread count. */
 KVL_API KvlStatus kvliTrueDistanceTransformGetBufferSize_8u32f_C1R(KvliSize roiSize, int* pBufferSize);
 KVL_API KvlStatus kvliTrueDistanceTransform_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
 

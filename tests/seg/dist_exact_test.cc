@@ -23,11 +23,11 @@ const DistanceFieldMember kMarch[] = {KVL_FAST_MARCHING_MEMBERS(KVL_FAST_MARCHIN
 
 constexpr float kFar = 3.4028235e38f;
 
-// Features (zeros) at about one pixel in `oneIn`, the rest random non-zero bytes.
+// Features (zeros) at about one pixel in `oneIn` (none for 0), the rest random non-zero bytes.
 void scatter(Image<Kvl8u>& src, uint32_t seed, int oneIn) {
   std::mt19937 rng(seed);
   src.fill([&](int, int, int) -> Kvl8u {
-    return rng() % oneIn == 0 ? 0 : static_cast<Kvl8u>(1 + rng() % 255);
+    return oneIn > 0 && rng() % oneIn == 0 ? 0 : static_cast<Kvl8u>(1 + rng() % 255);
   });
 }
 
@@ -67,7 +67,7 @@ TEST(TrueDistanceTransform, MatchesBruteForceOnEveryTarget) {
     kvl::test::forEachTarget([&](int target) {
       for (int w = 1; w <= 70; w += (w < 12 ? 1 : 9)) {
         for (int h : {1, 2, 3, 7, 33}) {
-          for (int density : {3, 40, 1000000}) {  // dense, sparse, usually no feature at all
+          for (int density : {3, 40, 0}) {  // dense, sparse, no feature at all
             Image<Kvl8u> src(w, h, 1, w * 31 + h);
             scatter(src, w * 977 + h * 13 + density, density);
             Image<Kvl32f> dst(w, h, 1, w + h);
@@ -136,7 +136,7 @@ TEST(FastMarching, MatchesSerialSweepModel) {
   for (const DistanceFieldMember& m : kMarch) {
     for (int w : {1, 2, 5, 31, 129, 140}) {
       for (int h : {1, 2, 9, 40}) {
-        for (int density : {4, 60, 1000000}) {
+        for (int density : {4, 60, 0}) {
           Image<Kvl8u> src(w, h, 1, w * 7 + h);
           scatter(src, w * 131 + h * 17 + density, density);
           for (float radius : {INFINITY, 3.5f, 0.0f}) {
