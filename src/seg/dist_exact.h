@@ -17,7 +17,7 @@ constexpr float kFarSq = 3.4028235e38f;
 
 // A column count no distance reaches: the column pass counts steps from the last feature pixel
 // and stops counting here, which stands for "no feature pixel on this side".
-constexpr int32_t kNoFeature = 0x40000000;
+constexpr int32_t kNoFeature = 0x7fffffff;
 
 // The column pass works on blocks of this many columns: both of its passes over a block run
 // while the block's destination rows are still in the core's cache.

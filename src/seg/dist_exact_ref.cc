@@ -82,6 +82,15 @@ void envelopeRow(Kvl32f* row, int width, const EnvelopeScratch& sc) {
   // Each position q takes the parabola whose interval holds it: the boundaries increase, so the
   // k that "advance while z[k + 1] < q" reaches is the one with z[k] < q <= z[k + 1], and each
   // parabola fills its run of positions. (q - v)^2 as float equals sq[|q - v|].
+  if (width > (1 << 24)) {  // positions no longer exact as floats: compare them as written
+    k = 0;
+    for (int q = 0; q < width; ++q) {
+      while (z[k + 1] < static_cast<float>(q)) ++k;
+      const int32_t vk = v[k];
+      storeAny(row + q, sq[std::abs(q - vk)] + f[vk]);
+    }
+    return;
+  }
   int q = 0;
   for (int j = 0; j <= k && q < width; ++j) {
     const float right = z[j + 1];

@@ -24,13 +24,15 @@ void columnPass(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep, int n, 
   const int nv = n / N * N;
   const auto one = hn::Set(di, 1);
   const auto none = hn::Set(di, kNoFeature);
+  const auto last = hn::Set(di, kNoFeature - 1);
   const auto far = hn::Set(df, kFarSq);
 
   // One step of a column walk: the lane's count grows by one, restarts at a feature pixel and
   // stops at kNoFeature; returns the squared distance it stands for.
   auto step = [&](const Kvl8u* s, int x) KVL_INLINE_LAMBDA {
     const auto feature = hn::Eq(hn::PromoteTo(di, hn::LoadU(d8, s + x)), hn::Zero(di));
-    const auto c = hn::IfThenZeroElse(feature, hn::Min(hn::Add(hn::Load(di, count + x), one), none));
+    // min(count + 1, kNoFeature) without overflow: count <= kNoFeature - 1 before the step.
+    const auto c = hn::IfThenZeroElse(feature, hn::Add(hn::Min(hn::Load(di, count + x), last), one));
     hn::Store(c, di, count + x);
     const auto cf = hn::ConvertTo(df, c);
     return hn::IfThenElse(hn::RebindMask(df, hn::Eq(c, none)), far, hn::Mul(cf, cf));
