@@ -9,8 +9,8 @@ namespace {
 
 using namespace kvl::fuzz;
 
-const kvl::seg::DistanceFieldMember kMembers[] = {
-    KVL_DIST_EXACT_MEMBERS(KVL_DIST_EXACT_RECORD) KVL_FAST_MARCHING_MEMBERS(KVL_FAST_MARCHING_RECORD)};
+const kvl::seg::DistanceFieldMember kMembers[] = {KVL_DIST_EXACT_MEMBERS(
+    KVL_DIST_EXACT_RECORD) KVL_FAST_MARCHING_MEMBERS(KVL_FAST_MARCHING_RECORD)};
 
 }  // namespace
 

@@ -94,8 +94,8 @@ const bool registered = [] {
             kMarch[0].getBufferSize({s.w, s.h}, &bytes);
             std::vector<Kvl8u> buffer(bytes);
             for (auto _ : st)
-              kMarch[0].run(s.src.data(), s.srcStep, s.dst.data(), s.dstStep, {s.w, s.h},
-                            INFINITY, buffer.data());
+              kMarch[0].run(s.src.data(), s.srcStep, s.dst.data(), s.dstStep, {s.w, s.h}, INFINITY,
+                            buffer.data());
             st.SetItemsProcessed(st.iterations() * pixels);
           }));
     }

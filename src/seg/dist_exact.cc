@@ -1,9 +1,11 @@
 // Exact Euclidean distance transform: validation, then one region in which the team takes blocks
-// of columns for the column pass and, after a barrier, chunks of rows for the row pass. Any
-// thread may take any unit; each works in its own part of the buffer, so the bytes written do not
-// depend on the team.
-#include <climits>
+// of columns for the column pass and, once every block is done, chunks of rows for the row pass.
+// Any thread may take any unit; each works in its own part of the buffer, so the bytes written do
+// not depend on the team.
+#include "seg/dist_exact.h"
+
 #include <atomic>
+#include <climits>
 #include <cstdint>
 
 #include "core/check.h"
@@ -11,7 +13,6 @@
 #include "core/pixel.h"
 #include "core/services.h"
 #include "impl_decls.h"
-#include "seg/dist_exact.h"
 
 namespace kvl::seg {
 namespace {
@@ -70,15 +71,15 @@ KvlStatus exactTransform(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep
 }  // namespace
 }  // namespace kvl::seg
 
-#define KVL_DIST_EXACT(types)                                                                   \
-  extern "C" KvlStatus impl_kvliTrueDistanceTransformGetBufferSize_##types##_C1R(              \
-      KvliSize roiSize, int* pBufferSize) {                                                     \
-    return kvl::seg::exactBufferSize(roiSize, pBufferSize);                                     \
-  }                                                                                             \
-  extern "C" KvlStatus impl_kvliTrueDistanceTransform_##types##_C1R(                           \
-      const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize,              \
-      Kvl8u* pBuffer) {                                                                         \
-    return kvl::seg::exactTransform(pSrc, srcStep, pDst, dstStep, roiSize, pBuffer);           \
+#define KVL_DIST_EXACT(types)                                                        \
+  extern "C" KvlStatus impl_kvliTrueDistanceTransformGetBufferSize_##types##_C1R(    \
+      KvliSize roiSize, int* pBufferSize) {                                          \
+    return kvl::seg::exactBufferSize(roiSize, pBufferSize);                          \
+  }                                                                                  \
+  extern "C" KvlStatus impl_kvliTrueDistanceTransform_##types##_C1R(                 \
+      const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize,   \
+      Kvl8u* pBuffer) {                                                              \
+    return kvl::seg::exactTransform(pSrc, srcStep, pDst, dstStep, roiSize, pBuffer); \
   }
 KVL_DIST_EXACT_MEMBERS(KVL_DIST_EXACT)
 #undef KVL_DIST_EXACT

@@ -25,10 +25,12 @@ struct DistanceFieldMember {
 
 }  // namespace kvl::seg
 
-#define KVL_DIST_EXACT_RECORD(types)                                                        \
-  ::kvl::seg::DistanceFieldMember{                                                          \
-      "TrueDistanceTransform_" #types "_C1R",                                               \
-      [](KvliSize r, int* b) { return kvliTrueDistanceTransformGetBufferSize_##types##_C1R(r, b); }, \
-      [](const Kvl8u* s, int ss, Kvl32f* d, int ds, KvliSize r, Kvl32f, Kvl8u* b) {         \
-        return kvliTrueDistanceTransform_##types##_C1R(s, ss, d, ds, r, b);                 \
+#define KVL_DIST_EXACT_RECORD(types)                                                \
+  ::kvl::seg::DistanceFieldMember{                                                  \
+      "TrueDistanceTransform_" #types "_C1R",                                       \
+      [](KvliSize r, int* b) {                                                      \
+        return kvliTrueDistanceTransformGetBufferSize_##types##_C1R(r, b);          \
+      },                                                                            \
+      [](const Kvl8u* s, int ss, Kvl32f* d, int ds, KvliSize r, Kvl32f, Kvl8u* b) { \
+        return kvliTrueDistanceTransform_##types##_C1R(s, ss, d, ds, r, b);         \
       }},

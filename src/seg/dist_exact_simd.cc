@@ -32,7 +32,8 @@ void columnPass(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep, int n, 
   auto step = [&](const Kvl8u* s, int x) KVL_INLINE_LAMBDA {
     const auto feature = hn::Eq(hn::PromoteTo(di, hn::LoadU(d8, s + x)), hn::Zero(di));
     // min(count + 1, kNoFeature) without overflow: count <= kNoFeature - 1 before the step.
-    const auto c = hn::IfThenZeroElse(feature, hn::Add(hn::Min(hn::Load(di, count + x), last), one));
+    const auto c =
+        hn::IfThenZeroElse(feature, hn::Add(hn::Min(hn::Load(di, count + x), last), one));
     hn::Store(c, di, count + x);
     const auto cf = hn::ConvertTo(df, c);
     return hn::IfThenElse(hn::RebindMask(df, hn::Eq(c, none)), far, hn::Mul(cf, cf));
@@ -49,7 +50,8 @@ void columnPass(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep, int n, 
     for (int y = height - 1; y >= 0; --y) {
       const Kvl8u* s = rowPtr(src, srcStep, y);
       Kvl32f* d = rowPtr(dst, dstStep, y);
-      for (int x = 0; x < nv; x += N) hn::StoreU(hn::Min(hn::LoadU(df, d + x), step(s, x)), df, d + x);
+      for (int x = 0; x < nv; x += N)
+        hn::StoreU(hn::Min(hn::LoadU(df, d + x), step(s, x)), df, d + x);
     }
   }
   if (nv < n) ref::columnPass(src + nv, srcStep, dst + nv, dstStep, n - nv, height, count + nv);

@@ -7,6 +7,8 @@
 // below when going up) has finished that block. The rows a stripe reads from its neighbour are
 // then already final where the serial order has them final and not yet touched where it has them
 // untouched, so the times are the serial ones for any team.
+#include "seg/fast_marching.h"
+
 #include <climits>
 #include <cstring>
 #include <new>
@@ -16,7 +18,6 @@
 #include "core/pixel.h"
 #include "core/services.h"
 #include "impl_decls.h"
-#include "seg/fast_marching.h"
 
 namespace kvl::seg {
 
@@ -102,8 +103,7 @@ KvlStatus fastMarching(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep, 
 
   const int w = roi.width, h = roi.height;
   const MarchField f{dst, dstStep, buffer, w, h};
-  MarchSlot* slots =
-      reinterpret_cast<MarchSlot*>(alignUp(buffer + static_cast<size_t>(w) * h, 64));
+  MarchSlot* slots = reinterpret_cast<MarchSlot*>(alignUp(buffer + static_cast<size_t>(w) * h, 64));
   int team = par::teamDistance(roi);
   if (team > kMarchMaxTeam) team = kMarchMaxTeam;
   if (team > h / kMarchMinRows) team = h / kMarchMinRows;
@@ -144,15 +144,15 @@ KvlStatus fastMarching(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep, 
 }  // namespace
 }  // namespace kvl::seg
 
-#define KVL_FAST_MARCHING(types)                                                                \
-  extern "C" KvlStatus impl_kvliFastMarchingGetBufferSize_##types##_C1R(KvliSize roiSize,      \
-                                                                         int* pBufferSize) {    \
-    return kvl::seg::marchBufferSize(roiSize, pBufferSize);                                     \
-  }                                                                                             \
-  extern "C" KvlStatus impl_kvliFastMarching_##types##_C1R(                                     \
-      const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize,              \
-      Kvl32f radius, Kvl8u* pBuffer) {                                                          \
-    return kvl::seg::fastMarching(pSrc, srcStep, pDst, dstStep, roiSize, radius, pBuffer);     \
+#define KVL_FAST_MARCHING(types)                                                                  \
+  extern "C" KvlStatus impl_kvliFastMarchingGetBufferSize_##types##_C1R(KvliSize roiSize,         \
+                                                                        int* pBufferSize) {       \
+    return kvl::seg::marchBufferSize(roiSize, pBufferSize);                                       \
+  }                                                                                               \
+  extern "C" KvlStatus impl_kvliFastMarching_##types##_C1R(                                       \
+      const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f radius, \
+      Kvl8u* pBuffer) {                                                                           \
+    return kvl::seg::fastMarching(pSrc, srcStep, pDst, dstStep, roiSize, radius, pBuffer);        \
   }
 KVL_FAST_MARCHING_MEMBERS(KVL_FAST_MARCHING)
 #undef KVL_FAST_MARCHING

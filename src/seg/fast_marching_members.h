@@ -17,6 +17,6 @@
   ::kvl::seg::DistanceFieldMember{                                                          \
       "FastMarching_" #types "_C1R",                                                        \
       [](KvliSize r, int* b) { return kvliFastMarchingGetBufferSize_##types##_C1R(r, b); }, \
-      [](const Kvl8u* s, int ss, Kvl32f* d, int ds, KvliSize r, Kvl32f radius, Kvl8u* b) { \
+      [](const Kvl8u* s, int ss, Kvl32f* d, int ds, KvliSize r, Kvl32f radius, Kvl8u* b) {  \
         return kvliFastMarching_##types##_C1R(s, ss, d, ds, r, radius, b);                  \
       }},
