@@ -31,6 +31,15 @@ int sweepSpan(const MarchField& f, int y, int x0, int x1, int k) {
   const uint8_t* mDown = down ? m + w : nullptr;
   const uint8_t cur = sweepMark(k), prev = sweepMark(k - 1);
   auto recent = [cur, prev](uint8_t v) { return v == cur || v == prev; };
+  // Nothing recent in the span's rows (and the pixels either side of it in its own row): no
+  // pixel of it can change.
+  auto anyRecent = [cur, prev](const uint8_t* p, int a, int b) {
+    const size_t n = static_cast<size_t>(b - a);
+    return std::memchr(p + a, cur, n) != nullptr || std::memchr(p + a, prev, n) != nullptr;
+  };
+  if (!anyRecent(m, x0 > 0 ? x0 - 1 : 0, x1 < w ? x1 + 1 : w) &&
+      !(mUp && anyRecent(mUp, x0, x1)) && !(mDown && anyRecent(mDown, x0, x1)))
+    return 0;
   const bool right = sweepRight(k);
   int changes = 0;
   for (int i = 0; i < x1 - x0; ++i) {
