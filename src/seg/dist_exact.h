@@ -44,15 +44,22 @@ using ColumnPassFn = void (*)(const Kvl8u* src, int srcStep, Kvl32f* dst, int ds
                               int height, int32_t* count);
 extern const simd::Kernel<ColumnPassFn> kColumnPass;
 
-// The per-thread scratch of the row pass, laid out in the thread's part of the work buffer.
-struct EnvelopeScratch {
-  float* sq;     // sq[q] = q * q, q < width
-  float* recip;  // recip[d] = 1 / (2 d), 0 < d < width
-  int32_t* v;    // parabola vertices
-  float* z;      // boundaries between them
-  float* f;      // the row's column-pass values
+// A parabola of the lower envelope: its vertex p, the column-pass value f(p) there, sq[p], and
+// the boundary z where it starts.
+struct Parabola {
+  int32_t p;
+  float f;
+  float sq;
+  float z;
 };
-// Lays the scratch out in `part` (at least exactBytesPerThread bytes) and fills the tables.
+// The per-thread scratch of the row pass, laid out in the thread's part of the work buffer.
+// sq[q] = q * q rounded to float is computed where it is needed (the product of two exact
+// floats), so only the reciprocals are a table.
+struct EnvelopeScratch {
+  float* recip;        // recip[d] = 1 / (2 d), 0 < d < width
+  Parabola* envelope;  // width entries
+};
+// Lays the scratch out in `part` (at least exactBytesPerThread bytes) and fills the table.
 EnvelopeScratch envelopeScratch(uint8_t* part, int width);
 
 // Row pass of one row in place: the lower envelope of the parabolas over the row's column-pass

@@ -40,65 +40,58 @@ void columnPass(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep, int n, 
 }  // namespace ref
 
 EnvelopeScratch envelopeScratch(uint8_t* part, int width) {
-  float* base = reinterpret_cast<float*>(alignUp(part, 32));
-  const size_t n = static_cast<size_t>(width);
-  EnvelopeScratch s{base, base + n, reinterpret_cast<int32_t*>(base + 2 * n), base + 3 * n,
-                    base + 4 * n + 1};
-  for (int q = 0; q < width; ++q) s.sq[q] = static_cast<float>(q) * static_cast<float>(q);
-  s.recip[0] = 0.0f;  // never read: a vertex and the parabola after it are never at one place
-  for (int q = 1; q < width; ++q) s.recip[q] = 1.0f / (2.0f * static_cast<float>(q));
-  return s;
+  float* recip = reinterpret_cast<float*>(alignUp(part, 32));
+  Parabola* envelope = reinterpret_cast<Parabola*>(alignUp(recip + width, 16));
+  recip[0] = 0.0f;  // never read: a vertex and the parabola after it are never at one place
+  for (int q = 1; q < width; ++q) recip[q] = 1.0f / (2.0f * static_cast<float>(q));
+  return EnvelopeScratch{recip, envelope};
 }
 
 void envelopeRow(Kvl32f* row, int width, const EnvelopeScratch& sc) {
-  float* const f = sc.f;
-  int32_t* const v = sc.v;
-  float* const z = sc.z;
-  const float* const sq = sc.sq;
   const float* const recip = sc.recip;
-  std::memcpy(f, row, static_cast<size_t>(width) * sizeof(float));
+  Parabola* const e = sc.envelope;
+  auto sq = [](int32_t q) { return static_cast<float>(q) * static_cast<float>(q); };
 
-  // The lower envelope of q -> f(p) + (q - p)^2: each new parabola drops the vertices it hides
-  // (an intersection at or left of a vertex's own boundary) and starts at its intersection.
+  // The lower envelope of q -> f(p) + (q - p)^2: each new parabola drops the ones it hides (an
+  // intersection s at or left of the last one's own boundary) and starts at its intersection,
+  //   s = (f(p) + sq[p] - f(v) - sq[v]) * recip[p - v]
+  // from left to right. Each entry keeps its f and sq, so the loop reads one record per step.
   int k = 0;
-  v[0] = 0;
-  z[0] = -kFarSq;
-  z[1] = kFarSq;
+  e[0] = Parabola{0, loadAny(row), 0.0f, -kFarSq};
   for (int p = 1; p < width; ++p) {
-    const float fp = f[p] + sq[p];
+    const float fp = loadAny(row + p);
+    const float sqp = sq(p);
+    const float gp = fp + sqp;
     float s;
     for (;;) {
-      const int32_t vk = v[k];
-      s = (fp - f[vk] - sq[vk]) * recip[p - vk];
-      if (s > z[k]) break;
+      const Parabola& t = e[k];
+      s = (gp - t.f - t.sq) * recip[p - t.p];
+      if (s > t.z) break;
       --k;
     }
-    ++k;
-    v[k] = p;
-    z[k] = s;
-    z[k + 1] = kFarSq;
+    e[++k] = Parabola{p, fp, sqp, s};
   }
 
   // Each position q takes the parabola whose interval holds it: the boundaries increase, so the
-  // k that "advance while z[k + 1] < q" reaches is the one with z[k] < q <= z[k + 1], and each
-  // parabola fills its run of positions. (q - v)^2 as float equals sq[|q - v|].
+  // k that "advance while z[k + 1] < q" reaches (the last boundary being 3.4028235e38) is the one
+  // with z[k] < q <= z[k + 1], and each parabola fills its run of positions with
+  // sq[|q - v|] + f(v); (q - v)^2 as float is that sq.
   if (width > (1 << 24)) {  // positions no longer exact as floats: compare them as written
-    k = 0;
+    int j = 0;
     for (int q = 0; q < width; ++q) {
-      while (z[k + 1] < static_cast<float>(q)) ++k;
-      const int32_t vk = v[k];
-      storeAny(row + q, sq[std::abs(q - vk)] + f[vk]);
+      while ((j < k ? e[j + 1].z : kFarSq) < static_cast<float>(q)) ++j;
+      storeAny(row + q, sq(std::abs(q - e[j].p)) + e[j].f);
     }
     return;
   }
   int q = 0;
   for (int j = 0; j <= k && q < width; ++j) {
-    const float right = z[j + 1];
+    const float right = j < k ? e[j + 1].z : kFarSq;
     const int end = right >= static_cast<float>(width - 1) ? width
                     : right < 0.0f                         ? 0
                                                            : static_cast<int>(right) + 1;
-    const int32_t vj = v[j];
-    const float fv = f[vj];
+    const int32_t vj = e[j].p;
+    const float fv = e[j].f;
     for (; q < end; ++q) {
       const float dq = static_cast<float>(q - vj);
       storeAny(row + q, dq * dq + fv);
