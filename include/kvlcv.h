@@ -1067,6 +1067,69 @@ KVL_API KvlStatus kvliDistanceTransform_5x5_8u32f_C1R(const Kvl8u* pSrc, int src
 /* ---- Distance transforms: exact Euclidean transform and fast marching ---- */
 
 /* @@BEGIN DISTANCE EXACT@@ */
+/* Exact Euclidean distance transform. pSrc is a two-valued image: 0 marks a feature pixel, any
+ * other value background; pDst receives each pixel's Euclidean distance to the nearest feature
+ * pixel (0 on feature pixels). It is computed separably in single precision: a column pass writes
+ * each pixel's squared vertical distance to the nearest feature pixel of its column
+ * (3.4028235e38 when the column has none); a row pass then takes, per row, the lower envelope of
+ * the parabolas q -> f(p) + (q - p)^2 over those values with the tables sq[q] = q * q and
+ * recip[d] = 1 / (2 d) as floats: starting from v[0] = 0, z[0] = -3.4028235e38,
+ * z[1] = 3.4028235e38, each p = 1 .. width - 1 computes
+ * s = (f(p) + sq[p] - f(v[k]) - sq[v[k]]) * recip[p - v[k]] from left to right, drops the last
+ * vertex while s <= z[k], and appends v[k + 1] = p, z[k + 1] = s, z[k + 2] = 3.4028235e38; each
+ * q = 0 .. width - 1 then advances k while z[k + 1] < q and takes
+ * sqrt(sq[|q - v[k]|] + f(v[k])). Distances whose square is below 2^24 are exact (the square
+ * root of the integer squared distance, correctly rounded); an image without a feature pixel
+ * gives sqrt(3.4028235e38) everywhere. Every vector target gives the same bits.
+ * GetBufferSize: kvlStatusNullPointer, then kvlStatusBadSize (width or height < 1, or a size
+ * above INT_MAX); *pBufferSize = (24 * max(align4(width), align4(height)) + 56) * T, with
+ * align4(n) = (n + 3) rounded down to a multiple of 4 and T the permitted thread count at the
+ * time of the query: size and use the buffer under the same thread setting. The buffer may have
+ * any alignment.
+ * Transform statuses, in this order: kvlStatusNullPointer (pSrc, pDst, pBuffer); kvlStatusBadSize
+ * (width or height < 1); kvlStatusBadStep (srcStep < width or dstStep < 4 * width);
+ * kvlStatusStepNotMultiple (dstStep not a multiple of 4). Source and destination must not
+ * overlap. Threading: when T >= 2, the die has several cores and the image has at least 65536
+ * pixels, one region of T threads runs both passes: the threads take blocks of 64 columns for
+ * the column pass, then, once every block is done, chunks of 16 rows for the row pass, each
+ * unit going to whichever thread asks next (a thread that starts late or is descheduled does
+ * less; none waits for a fixed share), and each thread working in its own
+ * (bufferSize / team)-byte part of the buffer. The result does not depend on the thread count. */
+KVL_API KvlStatus kvliTrueDistanceTransformGetBufferSize_8u32f_C1R(KvliSize roiSize, int* pBufferSize);
+KVL_API KvlStatus kvliTrueDistanceTransform_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
+
+/* Fast marching. pDst receives each pixel's arrival time from the feature pixels (the zero
+ * pixels of pSrc), the solution of the first-order upwind eikonal equation with unit speed on the
+ * unit grid. Feature pixels start at 0, all others at 999999.0. A pixel is updated from
+ * t1 = the smaller time of its left and right neighbours and t2 = the smaller time of the pixels
+ * above and below (a neighbour outside the image counts as 999999.0) to
+ * t = 1 + min(t1, t2) when |t1 - t2| >= 1, else t = 0.5 * (t1 + t2 + sqrt(2 - (t1 - t2)^2)), all
+ * in single precision, and the update is kept only when it lowers the pixel's time.
+ * The updates run in sweeps over the whole image, in place (each pixel reads its neighbours'
+ * current times): sweep 1 goes down the rows, left to right along each; sweep 2 down, right to
+ * left; sweep 3 up, right to left; sweep 4 up, left to right; and again from sweep 1, until a
+ * sweep changes no pixel. A pixel none of whose neighbours (nor itself) changed in the current
+ * or the previous sweep is not evaluated, which cannot change the result. Times saturate at
+ * 999999.0: pixels farther than that from every feature pixel, and all pixels of an image
+ * without one, keep 999999.0 before the bound below is applied.
+ * Bound: after the sweeps, every time above radius + 0.00001f (computed in single precision) is
+ * replaced by that bound, so the output is min(time, radius + 0.00001f); radius = +infinity (or
+ * NaN) keeps every time.
+ * GetBufferSize: kvlStatusNullPointer, then kvlStatusBadSize (width or height < 1, or a size
+ * above INT_MAX); *pBufferSize = (height + 34) * (align32(width) + 5) + 40, with align32(n) =
+ * (n + 31) rounded down to a multiple of 32. The buffer holds one change-mark byte per pixel
+ * (the sweep in which the pixel last changed) and the threads' progress counters; any alignment.
+ * Statuses, in this order: kvlStatusNullPointer (pSrc, pDst, pBuffer); kvlStatusBadSize (width or
+ * height < 1); kvlStatusBadStep (srcStep < width or dstStep < 4 * width);
+ * kvlStatusStepNotMultiple (dstStep not a multiple of 4); kvlStatusBadArgument (radius < 0).
+ * Source and destination must not overlap. Threading: when T >= 2, the die has several cores and
+ * the image has at least 65536 pixels, each sweep runs over min(T, 16, height / 8) stripes of
+ * rows; a stripe works through its rows in blocks of 128 columns and starts a block only when
+ * the stripe before it in the sweep's direction has finished that block, so every pixel reads
+ * exactly the times the serial sweep gives it and the result does not depend on the thread
+ * count. The sweeps run scalar on every target: each update depends on the one before it. */
+KVL_API KvlStatus kvliFastMarchingGetBufferSize_8u32f_C1R(KvliSize roiSize, int* pBufferSize);
+KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f radius, Kvl8u* pBuffer);
 /* @@END DISTANCE EXACT@@ */
 
 /* ---- Background models: Gaussian mixture and histogram foreground models ---- */

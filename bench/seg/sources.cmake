@@ -7,3 +7,4 @@ set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/dist_chamfer_bench.cc PROP
                             COMPILE_DEFINITIONS "KVL_SOURCE_DIR=\"${CMAKE_SOURCE_DIR}\"")
 
 # Distance transforms: exact Euclidean transform and fast marching.
+target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/dist_exact_bench.cc)

@@ -5,7 +5,11 @@
 // serial path, so threaded and serial results are the same bytes.
 #pragma once
 
+#include <immintrin.h>
 #include <omp.h>
+#include <sched.h>
+
+#include <atomic>
 
 #include "kvlcv.h"
 #include "services.h"
@@ -80,6 +84,20 @@ inline int teamRectStdDev(KvliSize roi) {
   return teamRectStdDev(roi, owncvGetMaxNumThreads(), ownGetNumThreads());
 }
 
+// Distance fields (the exact transform's passes and fast marching's sweeps): a team of the
+// permitted thread count T when T >= 2, runomp() != 0 and the image has at least 65536 pixels;
+// smaller images are not worth a region.
+constexpr long long kDistanceMinPixels = 65536;
+inline int teamDistance(KvliSize roi, int maxThreads, int runompResult) {
+  if (maxThreads < 2 || runompResult == 0 ||
+      static_cast<long long>(roi.width) * roi.height < kDistanceMinPixels)
+    return 1;
+  return maxThreads;
+}
+inline int teamDistance(KvliSize roi) {
+  return teamDistance(roi, owncvGetMaxNumThreads(), runomp());
+}
+
 // One thread's share of the rows. Stripe edges inside the image are marked in memory, so a
 // neighbourhood filter reads its neighbours' rows there instead of extending the border.
 struct Stripe {
@@ -136,6 +154,50 @@ void runStripes(int team, int height, Body&& body, Split split = Split::kRestToL
     const Stripe s = split == Split::kEven ? evenStripeOf(t, n, height) : stripeOf(t, n, height);
     if (s.rows >= 1) body(s);
   }
+}
+
+// Work that any thread may do, handed out one unit at a time: threads that start late or are
+// descheduled do less, and no thread waits for a share fixed in advance. Only for work whose
+// result does not depend on which thread does a unit (each thread works in its own scratch).
+class WorkQueue {
+ public:
+  explicit WorkQueue(int units) : units_(units) {}
+  // The next unit not yet taken, or false when all are.
+  bool take(int* unit) {
+    const int u = next_.fetch_add(1, std::memory_order_relaxed);
+    *unit = u;
+    return u < units_;
+  }
+
+ private:
+  std::atomic<int> next_{0};
+  int units_;
+};
+
+// Spins (then yields) until `counter` reaches `target`; its acquire load orders what the threads
+// that raised it wrote before they did.
+inline void waitUntil(const std::atomic<int>& counter, int target) {
+  for (int spins = 0; counter.load(std::memory_order_acquire) < target; ++spins) {
+    if (spins < 64) {
+      _mm_pause();
+    } else {
+      sched_yield();
+    }
+  }
+}
+
+// Runs body(t, n) on each thread t of a team of n <= `team` threads (one region; a team of one,
+// or a region that cannot fork, runs body(0, 1) on the calling thread). The body may use
+// `#pragma omp barrier` between phases (every thread of the team reaches it), or wait on a
+// counter with waitUntil.
+template <class Body>
+void runTeam(int team, Body&& body) {
+  if (team <= 1) {
+    body(0, 1);
+    return;
+  }
+#pragma omp parallel num_threads(team)
+  body(owncvGetIdThreads(), owncvGetNumThreads());
 }
 
 }  // namespace kvl::par
