@@ -1090,11 +1090,10 @@ KVL_API KvlStatus kvliDistanceTransform_5x5_8u32f_C1R(const Kvl8u* pSrc, int src
  * (width or height < 1); kvlStatusBadStep (srcStep < width or dstStep < 4 * width);
  * kvlStatusStepNotMultiple (dstStep not a multiple of 4). Source and destination must not
  * overlap. Threading: when T >= 2, the die has several cores and the image has at least 65536
- * pixels, one region of T threads runs both passes: the threads take blocks of 64 columns for
- * the column pass, then, once every block is done, chunks of 16 rows for the row pass, each
- * unit going to whichever thread asks next (a thread that starts late or is descheduled does
- * less; none waits for a fixed share), and each thread working in its own
- * (bufferSize / team)-byte part of the buffer. The result does not depend on the thread count. */
+ * pixels, both passes run in regions of T threads: the column pass shares the blocks of 64
+ * columns out evenly; the row pass gives each thread height / T rows, the last thread also the
+ * remainder. Each thread works in its own (bufferSize / team)-byte part of the buffer. The result
+ * does not depend on the thread count. */
 KVL_API KvlStatus kvliTrueDistanceTransformGetBufferSize_8u32f_C1R(KvliSize roiSize, int* pBufferSize);
 KVL_API KvlStatus kvliTrueDistanceTransform_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl8u* pBuffer);
 

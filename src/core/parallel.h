@@ -156,24 +156,6 @@ void runStripes(int team, int height, Body&& body, Split split = Split::kRestToL
   }
 }
 
-// Work that any thread may do, handed out one unit at a time: threads that start late or are
-// descheduled do less, and no thread waits for a share fixed in advance. Only for work whose
-// result does not depend on which thread does a unit (each thread works in its own scratch).
-class WorkQueue {
- public:
-  explicit WorkQueue(int units) : units_(units) {}
-  // The next unit not yet taken, or false when all are.
-  bool take(int* unit) {
-    const int u = next_.fetch_add(1, std::memory_order_relaxed);
-    *unit = u;
-    return u < units_;
-  }
-
- private:
-  std::atomic<int> next_{0};
-  int units_;
-};
-
 // Spins (then yields) until `counter` reaches `target`; its acquire load orders what the threads
 // that raised it wrote before they did.
 inline void waitUntil(const std::atomic<int>& counter, int target) {
@@ -184,20 +166,6 @@ inline void waitUntil(const std::atomic<int>& counter, int target) {
       sched_yield();
     }
   }
-}
-
-// Runs body(t, n) on each thread t of a team of n <= `team` threads (one region; a team of one,
-// or a region that cannot fork, runs body(0, 1) on the calling thread). The body may use
-// `#pragma omp barrier` between phases (every thread of the team reaches it), or wait on a
-// counter with waitUntil.
-template <class Body>
-void runTeam(int team, Body&& body) {
-  if (team <= 1) {
-    body(0, 1);
-    return;
-  }
-#pragma omp parallel num_threads(team)
-  body(owncvGetIdThreads(), owncvGetNumThreads());
 }
 
 }  // namespace kvl::par

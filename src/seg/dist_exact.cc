@@ -1,10 +1,8 @@
-// Exact Euclidean distance transform: validation, then one region in which the team takes blocks
-// of columns for the column pass and, once every block is done, chunks of rows for the row pass.
-// Any thread may take any unit; each works in its own part of the buffer, so the bytes written do
-// not depend on the team.
+// Exact Euclidean distance transform: validation, then a region for the column pass (blocks of
+// columns shared out evenly) and one for the row pass (rows / T per thread, the rest to the last).
+// Each thread works in its own part of the buffer, so the bytes written do not depend on the team.
 #include "seg/dist_exact.h"
 
-#include <atomic>
 #include <climits>
 #include <cstdint>
 
@@ -37,32 +35,27 @@ KvlStatus exactTransform(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep
   const long long bufferSize = exactBytesPerThread(roi) * owncvGetMaxNumThreads();
   const ColumnPassFn column = kColumnPass.pick();
   const SqrtRowFn root = kSqrtRow.pick();
+  const int team = par::teamDistance(roi);
+  // Column pass: the blocks of columns shared out evenly, each finished while its rows are cached.
   const int blocks = (roi.width + kColumnBlock - 1) / kColumnBlock;
-  const int chunks = (roi.height + kRowChunk - 1) / kRowChunk;
-  par::WorkQueue columnWork(blocks), rowWork(chunks);
-  std::atomic<int> columnsDone{0};
-  par::runTeam(par::teamDistance(roi), [&](int t, int n) {
-    Kvl8u* part = buffer + t * (bufferSize / n);
-    // Column pass: blocks of columns, each finished while its rows are cached.
-    int32_t* count = reinterpret_cast<int32_t*>(alignUp(part, 64));
-    int done = 0;
-    for (int b; columnWork.take(&b); ++done) {
-      const int x0 = b * kColumnBlock;
-      const int cols = roi.width - x0 < kColumnBlock ? roi.width - x0 : kColumnBlock;
-      column(src + x0, srcStep, dst + x0, dstStep, cols, roi.height, count);
-    }
-    // The rows need every column: wait for the blocks other threads are still finishing (not
-    // for threads that have not started, which find no block left).
-    columnsDone.fetch_add(done, std::memory_order_acq_rel);
-    par::waitUntil(columnsDone, blocks);
-    // Row pass: chunks of rows, each thread with its own tables in its part of the buffer.
-    const EnvelopeScratch scratch = envelopeScratch(part, roi.width);
-    for (int c; rowWork.take(&c);) {
-      const int y1 = (c + 1) * kRowChunk < roi.height ? (c + 1) * kRowChunk : roi.height;
-      for (int y = c * kRowChunk; y < y1; ++y) {
-        envelopeRow(rowPtr(dst, dstStep, y), roi.width, scratch);
-        root(rowPtr(dst, dstStep, y), roi.width);
-      }
+  par::runStripes(
+      team, blocks,
+      [&](const par::Stripe& s) {
+        int32_t* count = reinterpret_cast<int32_t*>(alignUp(buffer + s.bufferOffset(bufferSize), 64));
+        for (int b = s.y0; b < s.y0 + s.rows; ++b) {
+          const int x0 = b * kColumnBlock;
+          const int cols = roi.width - x0 < kColumnBlock ? roi.width - x0 : kColumnBlock;
+          column(src + x0, srcStep, dst + x0, dstStep, cols, roi.height, count);
+        }
+      },
+      par::Split::kEven);
+  // Row pass: rows / T rows per thread, the last thread also the rest, each thread with its own
+  // tables in its part of the buffer.
+  par::runStripes(team, roi.height, [&](const par::Stripe& s) {
+    const EnvelopeScratch scratch = envelopeScratch(buffer + s.bufferOffset(bufferSize), roi.width);
+    for (int y = s.y0; y < s.y0 + s.rows; ++y) {
+      envelopeRow(rowPtr(dst, dstStep, y), roi.width, scratch);
+      root(rowPtr(dst, dstStep, y), roi.width);
     }
   });
   return kvlStatusOk;

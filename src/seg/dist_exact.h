@@ -22,8 +22,6 @@ constexpr int32_t kNoFeature = 0x7fffffff;
 // The column pass works on blocks of this many columns: both of its passes over a block run
 // while the block's destination rows are still in the core's cache.
 constexpr int kColumnBlock = 64;
-// The row pass hands out rows to the team in chunks of this many.
-constexpr int kRowChunk = 16;
 
 // One thread's share of the work buffer: (24 * max(align4(width), align4(height)) + 56) bytes.
 inline long long exactBytesPerThread(KvliSize roi) {

@@ -223,7 +223,9 @@ TEST(Morph1uCalls, ValidationOrder) {
                       c.noState ? nullptr : st.get(), c.noBuf ? nullptr : st.buffer.data()),
                 c.want)
           << mb.name << " case " << (&c - cases);
-      if (c.want != kvlStatusOk) EXPECT_TRUE(dst.img.unchanged() && src.img.unchanged());
+      if (c.want != kvlStatusOk) {
+        EXPECT_TRUE(dst.img.unchanged() && src.img.unchanged());
+      }
     }
 }
 
@@ -266,7 +268,9 @@ TEST(Morph1uCalls, SizesAndState) {
     EXPECT_EQ(s->pMask, block.data() + 96);
     EXPECT_EQ(s->pSelectLow, nullptr);
     EXPECT_EQ(s->pMaskInfo != nullptr, w.info);
-    if (w.info) EXPECT_EQ(s->pMaskInfo->anchorX, -1);
+    if (w.info) {
+      EXPECT_EQ(s->pMaskInfo->anchorX, -1);
+    }
     EXPECT_EQ(s->anchorX, w.cls == 3 ? 0 : 1);
     EXPECT_EQ(std::count(s->pMask, s->pMask + 9, 0), w.cls == 3 ? 9 : 9 - std::count(w.m.bytes.begin(), w.m.bytes.end(), 1));
   }

@@ -292,8 +292,9 @@ TEST(DistanceFields, ThreadInvariance) {
         Image<Kvl32f> dst(roi.width, roi.height, 1, threads);
         results.push_back(runMember(*m, src, dst, 30.0f));
       }
-      if (m == &kExact[0])
+      if (m == &kExact[0]) {
         EXPECT_TRUE(kvl::test::sameBytes(results[0], bruteForce(src), roi.width));
+      }
       EXPECT_TRUE(kvl::test::sameBytes(results[1], results[0], roi.width)) << m->name;
       EXPECT_TRUE(kvl::test::sameBytes(results[2], results[0], roi.width)) << m->name;
     }
