@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <set>
@@ -303,6 +304,8 @@ TEST_F(Cli, ErrorsAreOneActionableLine) {
       {"close --shape $T/missing.png $G $T/o.png", "missing.png", 1},
       {"gradient --iterations 0 $G $T/o.png", "--iterations: 0 is outside 1..1000", 1},
       {"pyrdown --levels 0 $G $T/o.png", "--levels: 0 is outside 1..30", 1},
+      {"distance --metric exact --radius 4 $G $T/o.png", "--radius applies to marching only", 1},
+      {"distance --threshold 0 $G $T/o.png", "--threshold: 0 is outside 1..256", 1},
       {"", "usage:", 2},
   };
   for (ErrorCase c : cases) {
@@ -335,6 +338,7 @@ TEST_F(Cli, HelpVersionAndDemo) {
   EXPECT_TRUE(coins.width == 384 && coins.height == 303 && horse.width == 400 && horse.height == 328);
   const auto outline = std::count(horse.data.begin(), horse.data.end(), 255) * 100 / horse.data.size();
   EXPECT_TRUE(outline >= 1 && outline <= 5) << outline << "%: the outline is a thin line";
+  EXPECT_NE(demo.output.find("largest distance 53.3"), std::string::npos) << demo.output;
 }
 
 // The morphology operations against a plain model of the minimum and maximum under the element
@@ -408,6 +412,54 @@ TEST_F(Cli, MorphologyMatchesAPlainModel) {
   Picture bits = grey_;
   for (uint8_t& v : bits.data) v = v >= 100 ? 255 : 0;
   EXPECT_EQ(read("b.png").data, step(bits, {"", 3, 3, {0, 1, 0, 1, 1, 1, 0, 1, 0}}, false).data);
+}
+
+// The distance metrics as raw 16-bit values (round(16 d)) against brute-force nearest-feature
+// searches: exact Euclidean, the 3x3 l1 mask (city block) and the 5x5 inf mask (chessboard); the
+// marching bound; the false-colour map's feature colour and the black of an image without one.
+TEST_F(Cli, DistanceMatchesBruteForce) {
+  const int w = grey_.width, h = grey_.height;
+  auto nearest = [&](auto norm) {
+    std::vector<uint16_t> want(static_cast<size_t>(w) * h);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        double best = 1e30;
+        for (int v = 0; v < h; ++v)
+          for (int u = 0; u < w; ++u)
+            if (grey_.row(v)[u] < 100) best = std::min(best, norm(std::abs(u - x), std::abs(v - y)));
+        want[static_cast<size_t>(y) * w + x] = static_cast<uint16_t>(std::nearbyint(16.0 * best));
+      }
+    return want;
+  };
+  const std::pair<std::string, std::vector<uint16_t>> cases[] = {
+      {"--metric exact", nearest([](int dx, int dy) {
+         return static_cast<double>(std::sqrt(static_cast<float>(dx * dx + dy * dy)));
+       })},
+      {"--metric chamfer3 --norm l1", nearest([](int dx, int dy) { return double(dx + dy); })},
+      {"--metric chamfer5 --norm inf", nearest([](int dx, int dy) { return double(std::max(dx, dy)); })},
+  };
+  for (const auto& [args, want] : cases) {
+    const std::string cmd = "distance --raw --threshold 100 " + args + " " + path("grey.png") + " " + path("d.png");
+    ASSERT_EQ(run(cmd).exitCode, 0) << cmd;
+    const Picture got = read("d.png");
+    ASSERT_EQ(got.depth, 16);
+    EXPECT_TRUE(std::equal(want.begin(), want.end(), reinterpret_cast<const uint16_t*>(got.data.data())))
+        << cmd;
+  }
+  ASSERT_EQ(run("distance --raw --metric marching --radius 2 --threshold 100 " + path("grey.png") + " " + path("m.png")).exitCode, 0);
+  const Picture m = read("m.png");
+  const auto* mv = reinterpret_cast<const uint16_t*>(m.data.data());
+  EXPECT_EQ(*std::max_element(mv, mv + w * h), 32);  // 16 x (2 + 0.00001), rounded
+  ASSERT_EQ(run("distance --threshold 100 " + path("grey.png") + " " + path("c.png")).exitCode, 0);
+  const Picture c = read("c.png");
+  for (int i = 0; i < w * h; ++i)
+    if (grey_.data[i] < 100) {
+      ASSERT_EQ(c.data[3 * i] + c.data[3 * i + 1] + c.data[3 * i + 2], 96);
+    }
+  const Outcome none = run("distance --threshold 256 --invert " + path("grey.png") + " " + path("n.png"));
+  EXPECT_NE(none.output.find("no feature pixels"), std::string::npos) << none.output;
+  const Picture n = read("n.png");
+  EXPECT_EQ(std::count(n.data.begin(), n.data.end(), 0), static_cast<long>(n.data.size()));
 }
 
 // The face of the sample photograph, as JSON and as lines, drawn on an RGB copy.

@@ -28,40 +28,6 @@ namespace {
 
 // ---- Shared helpers ----------------------------------------------------------------------------
 
-template <class F>
-RunResult timed(F&& call) {
-  RunResult r;
-  const auto t0 = std::chrono::steady_clock::now();
-  r.status = call();
-  r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-  return r;
-}
-
-// A library status before the timed call.
-RunResult failed(KvlStatus status) {
-  RunResult r;
-  r.status = status;
-  return r;
-}
-
-RunResult problem(std::string msg) {
-  RunResult r;
-  r.error = std::move(msg);
-  return r;
-}
-
-double number(const Args& a, const char* name, double fallback) {
-  auto it = a.find(name);
-  return it == a.end() ? fallback : std::strtod(it->second.c_str(), nullptr);
-}
-
-std::string word(const Args& a, const char* name, const char* fallback) {
-  auto it = a.find(name);
-  return it == a.end() ? fallback : it->second;
-}
-
-bool flag(const Args& a, const char* name) { return a.count(name) != 0; }
-
 // An 8-bit grey view of the input: RGB becomes luma (77 R + 150 G + 29 B + 128) >> 8.
 std::string toGrey8(const Picture& in, Picture* grey) {
   if (in.depth != 8) return "needs an 8-bit image; this one has 16-bit samples";
@@ -533,6 +499,8 @@ const std::vector<Operation> kOperations = {
      [](const Args& a, const Picture& in, Picture* out) { return runMorph("close", a, in, out); }},
     {"gradient", "Morphological gradient: dilation minus erosion (outlines)", kMorphDetails,
      morphOptions(), [](const Args& a, const Picture& in, Picture* out) { return runMorph("gradient", a, in, out); }},
+    {"distance", "Distance of every pixel to the nearest feature pixel (a false-colour map)",
+     kDistanceDetails, distanceOptions(), runDistance},
 };
 
 }  // namespace
@@ -723,6 +691,9 @@ int demo(const std::string& dir) {
       {"gradient", {{"binary", ""}, {"shape", "cross"}}, "horse-outline.png", kHorse},
       {"erode", {{"size", "15x15"}}, "erode-15x15.png"},
       {"dilate", {{"shape", "ellipse"}, {"size", "11x11"}}, "dilate-ellipse-11.png"},
+      {"distance", {{"invert", ""}}, "horse-distance.png", kHorse},
+      {"distance", {{"metric", "chamfer5"}}, "horse-distance-outside-chamfer5.png", kHorse},
+      {"distance", {{"metric", "marching"}, {"invert", ""}}, "horse-marching.png", kHorse},
   };
   std::printf("%-16s %-46s %-10s %10s %12s\n", "operation", "options", "size", "time (ms)", "Mpixel/s");
   int failures = 0;

@@ -3,6 +3,8 @@
 
 #include <kvlcv.h>
 
+#include <chrono>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -68,6 +70,42 @@ struct StatusInfo {
   const char* meaning;
 };
 
+// ---- Helpers every operation shares ----
+
+template <class F>
+RunResult timed(F&& call) {
+  RunResult r;
+  const auto t0 = std::chrono::steady_clock::now();
+  r.status = call();
+  r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  return r;
+}
+
+// A library status before the timed call.
+inline RunResult failed(KvlStatus status) {
+  RunResult r;
+  r.status = status;
+  return r;
+}
+
+inline RunResult problem(std::string msg) {
+  RunResult r;
+  r.error = std::move(msg);
+  return r;
+}
+
+inline double number(const Args& a, const char* name, double fallback) {
+  auto it = a.find(name);
+  return it == a.end() ? fallback : std::strtod(it->second.c_str(), nullptr);
+}
+
+inline std::string word(const Args& a, const char* name, const char* fallback) {
+  auto it = a.find(name);
+  return it == a.end() ? fallback : it->second;
+}
+
+inline bool flag(const Args& a, const char* name) { return a.count(name) != 0; }
+
 const std::vector<Operation>& operations();
 // The detect operation (detect_op.cc).
 RunResult runDetect(const Args& args, const Picture& in, Picture* out);
@@ -77,6 +115,10 @@ extern const char* const kDetectDetails;
 RunResult runTrack(const Args& args, const Picture& first, const Picture& second, Picture* out);
 const std::vector<Option>& trackOptions();
 extern const char* const kTrackDetails;
+// The distance operation (distance_op.cc).
+RunResult runDistance(const Args& args, const Picture& in, Picture* out);
+const std::vector<Option>& distanceOptions();
+extern const char* const kDistanceDetails;
 // The morphology operations erode, dilate, open, close and gradient (morph_op.cc).
 RunResult runMorph(const char* op, const Args& args, const Picture& in, Picture* out);
 const std::vector<Option>& morphOptions();
