@@ -1,0 +1,174 @@
+// Vector kernel of the Gaussian foreground model, one source for SSE4, AVX2 and AVX-512.
+//
+// One lane per channel sample: the component records of neighbouring samples (160 bytes apart)
+// are gathered field by field into vectors, every rule runs on whole vectors with masks standing
+// in for the branches, and the records are scattered back. Each lane performs the scalar rules'
+// operations in the same order, so the bytes equal the reference's.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "bg/foreground_gauss_simd.cc"
+#include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/highway.h>
+
+#include "bg/foreground.h"
+#include "core/simd.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace kvl::bg {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+#if KVL_SIMD_TARGET
+
+void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussParams& p,
+              Kvl8u* bg, Kvl8u* fg) {
+  constexpr int K = kComponents;
+  constexpr int64_t kStride = K * sizeof(KvliFGGaussComponent) / sizeof(double);  // 20
+  constexpr int64_t kFields = sizeof(KvliFGGaussComponent) / sizeof(double);      // 4
+  const hn::ScalableTag<double> d;
+  const hn::RebindToSigned<decltype(d)> di;
+  const hn::Rebind<int32_t, decltype(d)> d32;
+  const hn::Rebind<uint8_t, decltype(d)> d8;
+  using V = hn::Vec<decltype(d)>;
+  using M = hn::Mask<decltype(d)>;
+  const int N = static_cast<int>(hn::Lanes(d));
+
+  const V thr2 = hn::Set(d, p.threshold2);
+  const V bgRatio = hn::Set(d, p.bgRatio);
+  const V initVar = hn::Set(d, p.initVariance);
+  const V one = hn::Set(d, 1.0);
+  const V zero = hn::Zero(d);
+  const V half = hn::Set(d, 0.5);
+  const V hist = hn::Set(d, static_cast<double>(p.history));
+  const V rHist = hn::Set(d, 1.0 / p.history);
+  const V keepHist = hn::Sub(one, rHist);
+  const auto lowWord = hn::Set(di, 0xffffffffll);
+  const auto lane = hn::Mul(hn::Iota(di, 0), hn::Set(di, kStride));
+
+  int i = 0;
+  for (; i + N <= n; i += N) {
+    double* base = reinterpret_cast<double*>(recs + static_cast<std::ptrdiff_t>(i) * K);
+    int64_t* ibase = reinterpret_cast<int64_t*>(base);
+    const V x = hn::PromoteTo(d, hn::PromoteTo(d32, hn::LoadU(d8, src + i)));
+
+    V cnt[K], w[K], var[K], mu[K], dev[K];
+    M matched[K];
+    M pending = hn::FirstN(d, N);  // no component matched yet
+    for (int k = 0; k < K; ++k) {
+      const auto idx = hn::Add(lane, hn::Set(di, k * kFields));
+      cnt[k] = hn::ConvertTo(d, hn::And(hn::GatherIndex(di, ibase, idx), lowWord));
+      w[k] = hn::GatherIndex(d, base + 1, idx);
+      var[k] = hn::GatherIndex(d, base + 2, idx);
+      mu[k] = hn::GatherIndex(d, base + 3, idx);
+      dev[k] = hn::Sub(x, mu[k]);
+      matched[k] = hn::And(pending, hn::Gt(hn::Mul(thr2, var[k]), hn::Mul(dev[k], dev[k])));
+      pending = hn::AndNot(matched[k], pending);
+    }
+    const bool anyUnmatched = !hn::AllFalse(d, pending);
+
+    if (!p.atHistory) {
+      V sum = cnt[0];
+      for (int k = 1; k < K; ++k) sum = hn::Add(sum, cnt[k]);
+      const V r = hn::Div(one, hn::Add(one, sum));
+      V cm = one;
+      for (int k = 0; k < K; ++k) {
+        const V mk = hn::IfThenElseZero(matched[k], one);
+        cnt[k] = hn::Add(cnt[k], mk);
+        w[k] = hn::Add(w[k], hn::Mul(r, hn::Sub(mk, w[k])));
+        cm = hn::IfThenElse(matched[k], cnt[k], cm);
+      }
+      const V rho = hn::Div(one, cm);
+      for (int k = 0; k < K; ++k) {
+        mu[k] = hn::IfThenElse(matched[k], hn::Add(mu[k], hn::Mul(rho, dev[k])), mu[k]);
+        var[k] = hn::IfThenElse(
+            matched[k], hn::Add(var[k], hn::Mul(rho, hn::Sub(hn::Mul(dev[k], dev[k]), var[k]))),
+            var[k]);
+      }
+      if (anyUnmatched) {
+        cnt[K - 1] = hn::IfThenElse(pending, one, cnt[K - 1]);
+        var[K - 1] = hn::IfThenElse(pending, initVar, var[K - 1]);
+        mu[K - 1] = hn::IfThenElse(pending, x, mu[K - 1]);
+        V total = cnt[0];
+        for (int k = 1; k < K; ++k) total = hn::Add(total, cnt[k]);
+        for (int k = 0; k < K; ++k) w[k] = hn::IfThenElse(pending, hn::Div(cnt[k], total), w[k]);
+      }
+    } else {
+      V wm = one;
+      for (int k = 0; k < K; ++k) {
+        const V mk = hn::IfThenElseZero(matched[k], one);
+        w[k] = hn::Add(w[k], hn::Mul(rHist, hn::Sub(mk, w[k])));
+        wm = hn::IfThenElse(matched[k], w[k], wm);
+      }
+      const V rho = hn::Div(one, hn::Mul(hist, wm));
+      for (int k = 0; k < K; ++k) {
+        mu[k] = hn::IfThenElse(matched[k], hn::Add(mu[k], hn::Mul(rho, dev[k])), mu[k]);
+        var[k] = hn::IfThenElse(
+            matched[k], hn::Add(var[k], hn::Mul(rho, hn::Sub(hn::Mul(dev[k], dev[k]), var[k]))),
+            var[k]);
+      }
+      if (anyUnmatched) {
+        cnt[K - 1] = hn::IfThenElse(pending, one, cnt[K - 1]);
+        var[K - 1] = hn::IfThenElse(pending, initVar, var[K - 1]);
+        mu[K - 1] = hn::IfThenElse(pending, x, mu[K - 1]);
+        V total = cnt[0];
+        for (int k = 1; k < K; ++k) total = hn::Add(total, cnt[k]);
+        w[K - 1] = hn::IfThenElse(pending, hn::Div(one, total), w[K - 1]);
+        for (int k = 0; k < K - 1; ++k)
+          w[k] = hn::IfThenElse(pending, hn::Mul(w[k], keepHist), w[k]);
+      }
+    }
+
+    // Ranking: insertion sort of the records by key, each lane stopping where the scalar does.
+    V key[K];
+    for (int k = 0; k < K; ++k)
+      key[k] = hn::IfThenZeroElse(hn::Eq(cnt[k], zero), hn::Div(w[k], hn::Sqrt(var[k])));
+    for (int k = 1; k < K; ++k) {
+      M moving = hn::FirstN(d, N);
+      for (int j = k; j > 0; --j) {
+        moving = hn::And(moving, hn::Lt(key[j - 1], key[j]));
+        if (hn::AllFalse(d, moving)) break;
+        auto swap = [&](V* a) KVL_INLINE_LAMBDA {
+          const V lo = a[j - 1], hi = a[j];
+          a[j - 1] = hn::IfThenElse(moving, hi, lo);
+          a[j] = hn::IfThenElse(moving, lo, hi);
+        };
+        swap(key);
+        swap(cnt);
+        swap(w);
+        swap(var);
+        swap(mu);
+      }
+    }
+
+    const auto bg32 = hn::DemoteTo(d32, hn::Add(mu[0], half));
+    hn::StoreU(hn::DemoteTo(d8, bg32), d8, bg + i);
+    M cleared = hn::Lt(zero, zero);  // no lane
+    M done = cleared;
+    V acc = zero;
+    for (int k = 0; k < K; ++k) {
+      acc = hn::Add(acc, w[k]);
+      cleared = hn::Or(cleared, hn::AndNot(done, matched[k]));
+      done = hn::Or(done, hn::Gt(acc, bgRatio));
+    }
+    const auto fg32 = hn::DemoteTo(d32, hn::IfThenZeroElse(cleared, hn::Set(d, 255.0)));
+    hn::StoreU(hn::DemoteTo(d8, fg32), d8, fg + i);
+
+    for (int k = 0; k < K; ++k) {
+      const auto idx = hn::Add(lane, hn::Set(di, k * kFields));
+      hn::ScatterIndex(hn::ConvertTo(di, cnt[k]), di, ibase, idx);
+      hn::ScatterIndex(w[k], d, base + 1, idx);
+      hn::ScatterIndex(var[k], d, base + 2, idx);
+      hn::ScatterIndex(mu[k], d, base + 3, idx);
+    }
+  }
+  ref::gaussRow(src + i, n - i, recs + static_cast<std::ptrdiff_t>(i) * K, p, bg + i, fg + i);
+}
+
+#endif  // KVL_SIMD_TARGET
+}  // namespace HWY_NAMESPACE
+}  // namespace kvl::bg
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace kvl::bg {
+const simd::Kernel<GaussRowFn> kGaussRow{KVL_TARGETS(gaussRow), &ref::gaussRow};
+}  // namespace kvl::bg
+#endif  // HWY_ONCE
