@@ -9,16 +9,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "bg/foreground_members.h"
 #include "core/simd.h"
 #include "kvlcv.h"
-
-// Members: X(layout suffix, channels). Every row has InitAlloc, classification and Free of both
-// models and the histogram model's Update.
-// clang-format off
-#define KVL_FG_MEMBERS(X) \
-  X(C1R, 1)               \
-  X(C3R, 3)
-// clang-format on
 
 // One component of a sample's mixture.
 struct KvliFGGaussComponent {
