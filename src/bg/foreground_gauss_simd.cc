@@ -23,6 +23,7 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
   constexpr int K = kComponents;
   constexpr int64_t kStride = K * sizeof(KvliFGGaussComponent) / sizeof(double);  // 20
   constexpr int64_t kFields = sizeof(KvliFGGaussComponent) / sizeof(double);      // 4
+  constexpr int kAhead = 6;  // groups
   const hn::ScalableTag<double> d;
   const hn::RebindToSigned<decltype(d)> di;
   const hn::Rebind<int32_t, decltype(d)> d32;
@@ -41,6 +42,7 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
   const V rHist = hn::Set(d, 1.0 / p.history);
   const V keepHist = hn::Sub(one, rHist);
   const auto lowWord = hn::Set(di, 0xffffffffll);
+  const V tiny = hn::Set(d, 1e-100), huge = hn::Set(d, 1e100), margin = hn::Set(d, 1e-9);
   const auto lane = hn::Mul(hn::Iota(di, 0), hn::Set(di, kStride));
 
   int i = 0;
@@ -48,6 +50,12 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
     double* base = reinterpret_cast<double*>(recs + static_cast<std::ptrdiff_t>(i) * K);
     int64_t* ibase = reinterpret_cast<int64_t*>(base);
     const V x = hn::PromoteTo(d, hn::PromoteTo(d32, hn::LoadU(d8, src + i)));
+    // The records stream through once per frame: fetch the lines a few groups ahead, which the
+    // gathers alone do not ask for early enough.
+    if (i + (kAhead + 1) * N <= n) {
+      const char* ahead = reinterpret_cast<const char*>(base + kAhead * N * kStride);
+      for (int b = 0; b < N * kStride * 8; b += 64) __builtin_prefetch(ahead + b, 1, 3);
+    }
 
     V cnt[K], w[K], var[K], mu[K], dev[K];
     M matched[K];
@@ -117,24 +125,79 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
     }
 
     // Ranking: insertion sort of the records by key, each lane stopping where the scalar does.
-    V key[K];
-    for (int k = 0; k < K; ++k)
-      key[k] = hn::IfThenZeroElse(hn::Eq(cnt[k], zero), hn::Div(w[k], hn::Sqrt(var[k])));
-    for (int k = 1; k < K; ++k) {
-      M moving = hn::FirstN(d, N);
-      for (int j = k; j > 0; --j) {
-        moving = hn::And(moving, hn::Lt(key[j - 1], key[j]));
-        if (hn::AllFalse(d, moving)) break;
-        auto swap = [&](V* a) KVL_INLINE_LAMBDA {
-          const V lo = a[j - 1], hi = a[j];
-          a[j - 1] = hn::IfThenElse(moving, hi, lo);
-          a[j] = hn::IfThenElse(moving, lo, hi);
-        };
-        swap(key);
-        swap(cnt);
-        swap(w);
-        swap(var);
-        swap(mu);
+    // The keys w / sqrt(v) are compared first through w_a^2 v_b < w_b^2 v_a, which decides the
+    // comparison of the rounded keys whenever the two products are clearly apart; when any
+    // comparison of the group is close (or a value is out of the safe range), the group is
+    // ranked again on the keys themselves, computed as the scalar rules compute them.
+    V c0[K], w0[K], v0[K], m0[K];
+    for (int k = 0; k < K; ++k) c0[k] = cnt[k], w0[k] = w[k], v0[k] = var[k], m0[k] = mu[k];
+    M moved = hn::Lt(zero, zero);
+    bool exact = false;
+    {
+      // Components a product can stand for: count 0 (key 0), or weight and variance in range.
+      M unsafe = hn::Lt(zero, zero);
+      for (int k = 0; k < K; ++k) {
+        const M inRange = hn::And(hn::And(hn::Ge(w[k], tiny), hn::Le(w[k], huge)),
+                                  hn::And(hn::Ge(var[k], tiny), hn::Le(var[k], huge)));
+        unsafe = hn::Or(unsafe, hn::AndNot(hn::Eq(cnt[k], zero), hn::Not(inRange)));
+      }
+      exact = !hn::AllFalse(d, unsafe);
+    }
+    if (!exact) {
+      V w2[K];
+      for (int k = 0; k < K; ++k) w2[k] = hn::Mul(w[k], w[k]);
+      M doubtful = hn::Lt(zero, zero);
+      for (int k = 1; k < K && !exact; ++k) {
+        M moving = hn::FirstN(d, N);
+        for (int j = k; j > 0; --j) {
+          // key[j-1] < key[j]: 0 < key when only j-1 is empty; never when j is empty.
+          const M emptyA = hn::Eq(cnt[j - 1], zero), emptyB = hn::Eq(cnt[j], zero);
+          const V pa = hn::Mul(w2[j - 1], var[j]), pb = hn::Mul(w2[j], var[j - 1]);
+          const M both = hn::Not(hn::Or(emptyA, emptyB));
+          const M close = hn::Le(hn::Abs(hn::Sub(pa, pb)), hn::Mul(margin, hn::Max(pa, pb)));
+          doubtful = hn::Or(doubtful, hn::And(moving, hn::And(both, close)));
+          const M less = hn::Or(hn::AndNot(emptyB, emptyA), hn::And(both, hn::Lt(pa, pb)));
+          moving = hn::And(moving, less);
+          if (hn::AllFalse(d, moving)) break;
+          moved = hn::Or(moved, moving);
+          auto swap = [&](V* a) KVL_INLINE_LAMBDA {
+            const V lo = a[j - 1], hi = a[j];
+            a[j - 1] = hn::IfThenElse(moving, hi, lo);
+            a[j] = hn::IfThenElse(moving, lo, hi);
+          };
+          swap(w2);
+          swap(cnt);
+          swap(w);
+          swap(var);
+          swap(mu);
+        }
+        exact = !hn::AllFalse(d, doubtful);
+      }
+    }
+    if (exact) {
+      moved = hn::Lt(zero, zero);
+      V key[K];
+      for (int k = 0; k < K; ++k) {
+        cnt[k] = c0[k], w[k] = w0[k], var[k] = v0[k], mu[k] = m0[k];
+        key[k] = hn::IfThenZeroElse(hn::Eq(cnt[k], zero), hn::Div(w[k], hn::Sqrt(var[k])));
+      }
+      for (int k = 1; k < K; ++k) {
+        M moving = hn::FirstN(d, N);
+        for (int j = k; j > 0; --j) {
+          moving = hn::And(moving, hn::Lt(key[j - 1], key[j]));
+          if (hn::AllFalse(d, moving)) break;
+          moved = hn::Or(moved, moving);
+          auto swap = [&](V* a) KVL_INLINE_LAMBDA {
+            const V lo = a[j - 1], hi = a[j];
+            a[j - 1] = hn::IfThenElse(moving, hi, lo);
+            a[j] = hn::IfThenElse(moving, lo, hi);
+          };
+          swap(key);
+          swap(cnt);
+          swap(w);
+          swap(var);
+          swap(mu);
+        }
       }
     }
 
@@ -151,12 +214,17 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
     const auto fg32 = hn::DemoteTo(d32, hn::IfThenZeroElse(cleared, hn::Set(d, 255.0)));
     hn::StoreU(hn::DemoteTo(d8, fg32), d8, fg + i);
 
+    // Weights change everywhere; count, variance and mean only where a component matched, was
+    // replaced or moved.
+    const bool anyMoved = !hn::AllFalse(d, moved);
     for (int k = 0; k < K; ++k) {
       const auto idx = hn::Add(lane, hn::Set(di, k * kFields));
-      hn::ScatterIndex(hn::ConvertTo(di, cnt[k]), di, ibase, idx);
       hn::ScatterIndex(w[k], d, base + 1, idx);
-      hn::ScatterIndex(var[k], d, base + 2, idx);
-      hn::ScatterIndex(mu[k], d, base + 3, idx);
+      if (anyMoved || (k == K - 1 && anyUnmatched) || !hn::AllFalse(d, matched[k])) {
+        hn::ScatterIndex(hn::ConvertTo(di, cnt[k]), di, ibase, idx);
+        hn::ScatterIndex(var[k], d, base + 2, idx);
+        hn::ScatterIndex(mu[k], d, base + 3, idx);
+      }
     }
   }
   ref::gaussRow(src + i, n - i, recs + static_cast<std::ptrdiff_t>(i) * K, p, bg + i, fg + i);
