@@ -81,6 +81,8 @@ const bool registered = [] {
         t = (t + 1) % kFrames;
       }
       m.gaussFree(s);
+      st.counters["frames/s"] = benchmark::Counter(static_cast<double>(st.iterations()),
+                                                   benchmark::Counter::kIsRate);
     };
     for (int peer = 0; peer < 2; ++peer) {
       Body cvBody = nullptr;
@@ -100,6 +102,8 @@ const bool registered = [] {
           sub->apply(cv::Mat(kH, kW, type, const_cast<uint8_t*>(v.frames[t].data())), mask);
           t = (t + 1) % kFrames;
         }
+        st.counters["frames/s"] = benchmark::Counter(static_cast<double>(st.iterations()),
+                                                     benchmark::Counter::kIsRate);
       };
 #endif
       for (int threads : {1, 2})

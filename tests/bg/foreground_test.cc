@@ -281,7 +281,7 @@ TEST(ForegroundGaussian, ConstantVideoThenAJump) {
 }
 
 // Any two non-null model pointers give the same bytes: the pointer is never read.
-TEST(ForegroundGaussian, ModelPointerIsNotRead) {
+TEST(ForegroundModels, ModelPointerIsNotRead) {
   for (const ForegroundMember& m : kMembers) {
     const int w = 16, h = 3, C = m.channels;
     const double someModel[4] = {1, 2, 3, 4};
@@ -289,18 +289,68 @@ TEST(ForegroundGaussian, ModelPointerIsNotRead) {
     const void* models[2] = {&kModelTag, someModel};
     for (int i = 0; i < 2; ++i) {
       KvliFGGaussianState* st = nullptr;
-      std::vector<Kvl8u> f = videoFrame(0, w, h, C);
+      KvliFGHistogramState* hs = nullptr;
+      std::vector<Kvl8u> f = videoFrame(0, w, h, C), prev = f;
       ASSERT_EQ(m.gaussInit(f.data(), w * C, {w, h}, models[i], &st), kvlStatusOk);
+      ASSERT_EQ(m.histInit(f.data(), w * C, {w, h}, models[i], &hs), kvlStatusOk);
       std::vector<Kvl8u> bg(f.size()), fg(static_cast<size_t>(w) * h);
       for (int t = 1; t < 6; ++t) {
         f = videoFrame(t, w, h, C);
         ASSERT_EQ(m.gauss(f.data(), w * C, bg.data(), w * C, fg.data(), w, {w, h}, st), kvlStatusOk);
         outs[i].insert(outs[i].end(), bg.begin(), bg.end());
         outs[i].insert(outs[i].end(), fg.begin(), fg.end());
+        ASSERT_EQ(m.hist(f.data(), w * C, bg.data(), w * C, fg.data(), w, {w, h}, hs), kvlStatusOk);
+        ASSERT_EQ(m.histUpdate(f.data(), w * C, fg.data(), w, prev.data(), w * C, {w, h}, hs),
+                  kvlStatusOk);
+        prev = f;
+        outs[i].insert(outs[i].end(), bg.begin(), bg.end());
+        outs[i].insert(outs[i].end(), fg.begin(), fg.end());
       }
       m.gaussFree(st);
+      m.histFree(hs);
     }
     EXPECT_EQ(outs[0], outs[1]);
+  }
+}
+
+// Near ties in the ranking: two unmatched components whose weights and variances differ by a
+// few units in the last place, so their keys round equal or either way. Every target's kernel
+// ranks them as the reference does, records included.
+TEST(ForegroundGaussian, NearTiesRankAsTheReference) {
+  constexpr int n = 203;  // vector groups and a tail
+  std::mt19937_64 rng(77);
+  std::vector<KvliFGGaussComponent> start(static_cast<size_t>(n) * 5);
+  std::vector<Kvl8u> src(n);
+  auto ulps = [&](double v) {
+    const int steps = static_cast<int>(rng() % 9) - 4;
+    for (int s = 0; s < std::abs(steps); ++s) v = std::nextafter(v, steps > 0 ? 1e300 : 0.0);
+    return v;
+  };
+  for (int i = 0; i < n; ++i) {
+    KvliFGGaussComponent* c = &start[static_cast<size_t>(i) * 5];
+    const double w = 0.05 + 0.2 * static_cast<double>(rng() % 1000) / 1000;
+    const double v = 20.0 + static_cast<double>(rng() % 500);
+    c[0] = {40, 0, 0.5, 9.0, 100.0};
+    c[1] = {3, 0, w, v, 10.0};
+    c[2] = {3, 0, ulps(w), ulps(v), 240.0};
+    c[3] = {i % 3 == 0 ? 0 : 2, 0, ulps(w), ulps(v), 30.0};
+    c[4] = {1, 0, i % 2 ? w : ulps(w), v, 200.0};
+    src[i] = 100;  // matches the first component only
+  }
+  for (bool atHistory : {false, true}) {
+    const kvl::bg::GaussParams p{6.25, 0.7, 900.0, 200, atHistory};
+    std::vector<KvliFGGaussComponent> want = start;
+    std::vector<Kvl8u> wantBg(n), wantFg(n);
+    kvl::bg::ref::gaussRow(src.data(), n, want.data(), p, wantBg.data(), wantFg.data());
+    kvl::test::forEachTarget([&](int target) {
+      std::vector<KvliFGGaussComponent> got = start;
+      std::vector<Kvl8u> bg(n), fg(n);
+      kvl::bg::kGaussRow.at(target)(src.data(), n, got.data(), p, bg.data(), fg.data());
+      EXPECT_EQ(std::memcmp(got.data(), want.data(), got.size() * sizeof got[0]), 0)
+          << kvl::test::targetName(target) << " " << atHistory;
+      EXPECT_EQ(bg, wantBg);
+      EXPECT_EQ(fg, wantFg);
+    });
   }
 }
 
