@@ -211,7 +211,7 @@ TEST(ForegroundGaussian, EveryTargetFollowsTheRulesPastTheHistoryFrame) {
 TEST(ForegroundGaussian, StateAtCreation) {
   for (const ForegroundMember& m : kMembers) {
     const int w = 9, h = 4, C = m.channels;
-    std::vector<Kvl8u> src(static_cast<size_t>(w) * h * C + 5);
+    std::vector<Kvl8u> src(static_cast<size_t>(w * C + 5) * h);
     for (size_t i = 0; i < src.size(); ++i) src[i] = static_cast<Kvl8u>(i * 37);
     KvliFGGaussianState* st = nullptr;
     ASSERT_EQ(m.gaussInit(src.data(), w * C + 5, {w, h}, &kModelTag, &st), kvlStatusOk);
