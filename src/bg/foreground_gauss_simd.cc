@@ -18,6 +18,46 @@ namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 #if KVL_SIMD_TARGET
 
+#if HWY_TARGET == HWY_AVX3
+// AVX-512: the records of eight neighbouring samples are moved between memory and field vectors
+// by a transposition (one 32-byte load or store per sample and component, and shuffles), which
+// costs less than a gather or scatter per field.
+constexpr bool kTransposed = true;
+// The count word, weight, variance and mean of component records at p, p + 20, ..., p + 140
+// (doubles).
+HWY_INLINE void loadFields(const double* p, __m512d& c, __m512d& w, __m512d& v, __m512d& m) {
+  auto pairAt = [p](int a) KVL_INLINE_LAMBDA {
+    return _mm512_insertf64x4(_mm512_castpd256_pd512(_mm256_loadu_pd(p + 20 * a)),
+                              _mm256_loadu_pd(p + 20 * (a + 1)), 1);
+  };
+  const __m512d z01 = pairAt(0), z23 = pairAt(2), z45 = pairAt(4), z67 = pairAt(6);
+  const __m512d t0 = _mm512_unpacklo_pd(z01, z23), t1 = _mm512_unpackhi_pd(z01, z23);
+  const __m512d t2 = _mm512_unpacklo_pd(z45, z67), t3 = _mm512_unpackhi_pd(z45, z67);
+  const __m512i even = _mm512_setr_epi64(0, 4, 1, 5, 8, 12, 9, 13);
+  const __m512i odd = _mm512_setr_epi64(2, 6, 3, 7, 10, 14, 11, 15);
+  c = _mm512_permutex2var_pd(t0, even, t2);
+  v = _mm512_permutex2var_pd(t0, odd, t2);
+  w = _mm512_permutex2var_pd(t1, even, t3);
+  m = _mm512_permutex2var_pd(t1, odd, t3);
+}
+HWY_INLINE void storeFields(double* p, __m512d c, __m512d w, __m512d v, __m512d m) {
+  const __m512i low = _mm512_setr_epi64(0, 2, 8, 10, 1, 3, 9, 11);
+  const __m512i high = _mm512_setr_epi64(4, 6, 12, 14, 5, 7, 13, 15);
+  const __m512d t0 = _mm512_permutex2var_pd(c, low, v), t2 = _mm512_permutex2var_pd(c, high, v);
+  const __m512d t1 = _mm512_permutex2var_pd(w, low, m), t3 = _mm512_permutex2var_pd(w, high, m);
+  auto pairTo = [p](int a, __m512d z) KVL_INLINE_LAMBDA {
+    _mm256_storeu_pd(p + 20 * a, _mm512_castpd512_pd256(z));
+    _mm256_storeu_pd(p + 20 * (a + 1), _mm512_extractf64x4_pd(z, 1));
+  };
+  pairTo(0, _mm512_unpacklo_pd(t0, t1));
+  pairTo(2, _mm512_unpackhi_pd(t0, t1));
+  pairTo(4, _mm512_unpacklo_pd(t2, t3));
+  pairTo(6, _mm512_unpackhi_pd(t2, t3));
+}
+#else
+constexpr bool kTransposed = false;
+#endif
+
 void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussParams& p,
               Kvl8u* bg, Kvl8u* fg) {
   constexpr int K = kComponents;
@@ -62,10 +102,19 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
     M pending = hn::FirstN(d, N);  // no component matched yet
     for (int k = 0; k < K; ++k) {
       const auto idx = hn::Add(lane, hn::Set(di, k * kFields));
+#if HWY_TARGET == HWY_AVX3
+      if constexpr (kTransposed) {
+        (void)idx;
+        __m512d c;
+        loadFields(base + k * kFields, c, w[k].raw, var[k].raw, mu[k].raw);
+        cnt[k] = hn::ConvertTo(d, hn::And(hn::BitCast(di, V{c}), lowWord));
+      }
+#else
       cnt[k] = hn::ConvertTo(d, hn::And(hn::GatherIndex(di, ibase, idx), lowWord));
       w[k] = hn::GatherIndex(d, base + 1, idx);
       var[k] = hn::GatherIndex(d, base + 2, idx);
       mu[k] = hn::GatherIndex(d, base + 3, idx);
+#endif
       dev[k] = hn::Sub(x, mu[k]);
       matched[k] = hn::And(pending, hn::Gt(hn::Mul(thr2, var[k]), hn::Mul(dev[k], dev[k])));
       pending = hn::AndNot(matched[k], pending);
@@ -218,6 +267,13 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
     // replaced or moved.
     const bool anyMoved = !hn::AllFalse(d, moved);
     for (int k = 0; k < K; ++k) {
+#if HWY_TARGET == HWY_AVX3
+      if constexpr (kTransposed) {
+        storeFields(base + k * kFields, hn::BitCast(d, hn::ConvertTo(di, cnt[k])).raw, w[k].raw,
+                    var[k].raw, mu[k].raw);
+        continue;
+      }
+#endif
       const auto idx = hn::Add(lane, hn::Set(di, k * kFields));
       hn::ScatterIndex(w[k], d, base + 1, idx);
       if (anyMoved || (k == K - 1 && anyUnmatched) || !hn::AllFalse(d, matched[k])) {
