@@ -196,7 +196,7 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
       V w2[K];
       for (int k = 0; k < K; ++k) w2[k] = hn::Mul(w[k], w[k]);
       M doubtful = hn::Lt(zero, zero);
-      for (int k = 1; k < K && !exact; ++k) {
+      for (int k = 1; k < K; ++k) {
         M moving = hn::FirstN(d, N);
         for (int j = k; j > 0; --j) {
           // key[j-1] < key[j]: 0 < key when only j-1 is empty; never when j is empty.
@@ -220,8 +220,8 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
           swap(var);
           swap(mu);
         }
-        exact = !hn::AllFalse(d, doubtful);
       }
+      exact = !hn::AllFalse(d, doubtful);
     }
     if (exact) {
       moved = hn::Lt(zero, zero);
