@@ -263,10 +263,13 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
     const auto fg32 = hn::DemoteTo(d32, hn::IfThenZeroElse(cleared, hn::Set(d, 255.0)));
     hn::StoreU(hn::DemoteTo(d8, fg32), d8, fg + i);
 
-    // Weights change everywhere; count, variance and mean only where a component matched, was
-    // replaced or moved.
+    // Count, variance and mean change only where a component matched, was replaced or moved;
+    // a weight may stay (an empty component keeps 0). A component unchanged in every lane is not
+    // written, so the cache lines of unused components stay clean and are not written back.
     const bool anyMoved = !hn::AllFalse(d, moved);
     for (int k = 0; k < K; ++k) {
+      const bool fields = anyMoved || (k == K - 1 && anyUnmatched) || !hn::AllFalse(d, matched[k]);
+      if (!fields && hn::AllTrue(d, hn::Eq(w[k], w0[k]))) continue;
 #if HWY_TARGET == HWY_AVX3
       if constexpr (kTransposed) {
         storeFields(base + k * kFields, hn::BitCast(d, hn::ConvertTo(di, cnt[k])).raw, w[k].raw,
@@ -276,7 +279,7 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
 #endif
       const auto idx = hn::Add(lane, hn::Set(di, k * kFields));
       hn::ScatterIndex(w[k], d, base + 1, idx);
-      if (anyMoved || (k == K - 1 && anyUnmatched) || !hn::AllFalse(d, matched[k])) {
+      if (fields) {
         hn::ScatterIndex(hn::ConvertTo(di, cnt[k]), di, ibase, idx);
         hn::ScatterIndex(var[k], d, base + 2, idx);
         hn::ScatterIndex(mu[k], d, base + 3, idx);
