@@ -97,7 +97,7 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
       for (int b = 0; b < N * kStride * 8; b += 64) __builtin_prefetch(ahead + b, 1, 3);
     }
 
-    V cnt[K], w[K], var[K], mu[K], dev[K];
+    V cnt[K], w[K], var[K], mu[K], dev[K], wIn[K];
     M matched[K];
     M pending = hn::FirstN(d, N);  // no component matched yet
     for (int k = 0; k < K; ++k) {
@@ -115,6 +115,7 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
       var[k] = hn::GatherIndex(d, base + 2, idx);
       mu[k] = hn::GatherIndex(d, base + 3, idx);
 #endif
+      wIn[k] = w[k];
       dev[k] = hn::Sub(x, mu[k]);
       matched[k] = hn::And(pending, hn::Gt(hn::Mul(thr2, var[k]), hn::Mul(dev[k], dev[k])));
       pending = hn::AndNot(matched[k], pending);
@@ -269,7 +270,9 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
     const bool anyMoved = !hn::AllFalse(d, moved);
     for (int k = 0; k < K; ++k) {
       const bool fields = anyMoved || (k == K - 1 && anyUnmatched) || !hn::AllFalse(d, matched[k]);
-      if (!fields && hn::AllTrue(d, hn::Eq(w[k], w0[k]))) continue;
+      const bool weightKept =
+          hn::AllTrue(di, hn::Eq(hn::BitCast(di, w[k]), hn::BitCast(di, wIn[k])));
+      if (!fields && weightKept) continue;
 #if HWY_TARGET == HWY_AVX3
       if constexpr (kTransposed) {
         storeFields(base + k * kFields, hn::BitCast(d, hn::ConvertTo(di, cnt[k])).raw, w[k].raw,
