@@ -1074,8 +1074,8 @@ KVL_API KvlStatus kvliDilateBorder_1u_C1R(const Kvl8u* pSrc, int srcStep, int sr
  * 25 change entries (changed pixel), taking the first that matches: the pixel is
  * background when an entry matches and 2 x P(v|b) x P(b) > P(v), with P(b) the pixel's prior for
  * that kind of feature; otherwise foreground (255). With fillHoles a background pixel whose four
- * neighbours are all foreground becomes foreground, then with cleanMask a foreground pixel with
- * no foreground among its eight neighbours becomes background. The call writes the mask and the
+ * neighbours (those inside the ROI) are all foreground becomes foreground, then with cleanMask a
+ * foreground pixel with no foreground among its eight neighbours becomes background. The call writes the mask and the
  * background estimate, and keeps the frame as the previous one. Update(pSrc, pMask, pRef) learns
  * from the classified frame pSrc, its mask (non-zero = foreground; the caller may edit it) and
  * the frame before it pRef: in the table of the pixel's feature kind every entry decays by
