@@ -1134,6 +1134,100 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
 /* ---- Background models: Gaussian mixture and histogram foreground models ---- */
 
 /* @@BEGIN FOREGROUND MODELS@@ */
+/* Per-pixel background models of a video, each kept in a state the library allocates from a
+ * first frame (InitAlloc) and releases (Free). pModel must be non-null and is never read: every
+ * state starts with the fixed values below. InitAlloc checks pSrc, pModel, ppState (null ->
+ * kvlStatusNullPointer), the ROI (kvlStatusBadSize), srcStep >= width x channels
+ * (kvlStatusBadStep); an allocation that fails gives kvlStatusNoMemory after everything
+ * allocated so far is freed, and *ppState is then left as it was. The other calls check every
+ * image pointer and pState (kvlStatusNullPointer), the ROI (kvlStatusBadSize), every step against
+ * its row (kvlStatusBadStep), then that the ROI is the state's (kvlStatusBadSize) and that the
+ * state was made by the same channel count (kvlStatusBadContext). Free: null ->
+ * kvlStatusNullPointer, otherwise every block and the state are released; the C1 and C3 Free
+ * functions release either kind of state. A state serves one call at a time.
+ *
+ * Gaussian model (kvliForegroundGaussian*): a 96-byte state holding the background and
+ * foreground images (steps width x channels and width), history 200, 5 components per sample,
+ * background share 0.7, match threshold 2.5 standard deviations, initial variance 900, and per
+ * sample 5 component records {count, weight, variance, mean} of 32 bytes, the first made from the
+ * first frame {1, 1.0, 12.5, value} and the others {0, 0.0, 12.5, 0.0}. Each call counts the
+ * frame and, for every sample x, in double precision: matches the first component with
+ * 6.25 x variance > (x - mean)^2; learns (on the 200th call only: rate 1/200 and
+ * rho = 1/(200 x weight); on every other call: rate 1/(1 + sum of counts), count += matched,
+ * rho = 1/count) the weights, and the matched component's mean and variance; when nothing matched
+ * replaces the last component by {1, initial variance, x} (every other call: all weights reset to
+ * count / sum of counts; the 200th call: its weight 1 / sum of counts after the replacement, the
+ * others multiplied by 1 - 1/200); ranks the components by weight / sqrt(variance) (0 for count 0)
+ * in descending order by insertion sort that moves a record only past strictly smaller keys;
+ * writes the background (int)(ranked mean 0 + 0.5) and the foreground 255, cleared to 0 at the
+ * first ranked positions k (up to and including the one at which the accumulated ranked weight
+ * exceeds 0.7) whose pre-ranking component k matched. Three channels: every channel of every
+ * pixel is its own one-channel model (5 records per channel sample); the background has three
+ * channels and the foreground one, 255 where any channel's model gives 255. The state's images are
+ * copied to pBackground and pForeground at the end. Every vector target gives the bytes of these
+ * rules; threading: the rows are split into stripes (images of 262144 pixels or more) and the
+ * result is the same whatever the split.
+ *
+ * Histogram model (kvliForegroundHistogram*): a 136-byte state holding four images (the
+ * background estimate and the previous frame, both first copies of the first frame; the
+ * foreground mask; the change mask), a 32-byte record per pixel, per pixel a run of 25 colour
+ * entries of 12 bytes {P(v), P(v|background), quantised colour} and a run of 40 change entries of
+ * 16 bytes {P(v), P(v|background), quantised previous and current colour}, and the parameter block
+ * KvliFGHistogramParams below. A pixel is "changed" when a channel differs from the previous
+ * frame (classification: the state's copy; update: pRef) by more than one change level (8).
+ * Colours are quantised to levels 256 x 2.0 / 128 = 4 wide (colour entries) and 256 x 2.0 / 64 = 8
+ * wide (change entries); an entry matches a feature whose level numbers are each at most one
+ * level away from its own, so noise across a level boundary makes no new colour. Classification
+ * looks the pixel's feature up among the first 15 colour entries (unchanged pixel) or the first
+ * 25 change entries (changed pixel), taking the first that matches: the pixel is
+ * background when an entry matches and 2 x P(v|b) x P(b) > P(v), with P(b) the pixel's prior for
+ * that kind of feature; otherwise foreground (255). With fillHoles a background pixel whose four
+ * neighbours (those inside the ROI) are all foreground becomes foreground, then with cleanMask a
+ * foreground pixel with no foreground among its eight neighbours becomes background. The call writes the mask and the
+ * background estimate, and keeps the frame as the previous one. Update(pSrc, pMask, pRef) learns
+ * from the classified frame pSrc, its mask (non-zero = foreground; the caller may edit it) and
+ * the frame before it pRef: in the table of the pixel's feature kind every entry decays by
+ * rate 0.005 towards (entry matches) for P(v) and (matches and background) for P(v|b); a feature
+ * with no entry replaces the last one ({0.005, 0.005 or 0}); entries whose P(v) falls below 1e-10
+ * are cleared; the run is re-sorted by P(v) (stable, descending) over all 25 or 40 entries; the
+ * prior moves by 0.005 towards (background); an unchanged colour whose P(v) exceeds 0.9 is taken
+ * as background (its P(v|b) set to P(v)), so a stopped object or a new light level is absorbed
+ * after about 460 frames; background pixels pull the background estimate towards the frame at
+ * rate 0.1 (rounded to nearest). minArea and the first rate are kept, not used. Always on the
+ * calling thread. */
+typedef struct KvliFGGaussianState KvliFGGaussianState;
+typedef struct KvliFGHistogramState KvliFGHistogramState;
+/* The histogram model's fixed parameters, at the end of its state, in this order. */
+typedef struct {
+  int colourLevels;       /* 128: quantisation levels of the colour entries (level 4 wide) */
+  int colourKept;         /* 15: colour entries classification looks at */
+  int colourEntries;      /* 25: colour entries per pixel */
+  int changeLevels;       /* 64: quantisation levels of the change entries (level 8 wide) */
+  int changeKept;         /* 25: change entries classification looks at */
+  int changeEntries;      /* 40: change entries per pixel, all scanned by the update */
+  int fillHoles;          /* 1: close one-pixel holes in the mask */
+  int cleanMask;          /* 1: drop isolated foreground pixels */
+  Kvl32f backgroundRate;  /* 0.1: kept, not used */
+  Kvl32f statRate;        /* 0.005: learning rate of the entries and the priors */
+  Kvl32f referenceRate;   /* 0.1: learning rate of the background estimate */
+  Kvl32f levelScale;      /* 2.0: level width = 256 x levelScale / levels */
+  Kvl32f backgroundShare; /* 0.9: P(v) above which an unchanged colour is background */
+  Kvl32f minArea;         /* 15.0: kept, not used */
+} KvliFGHistogramParams;
+KVL_API KvlStatus kvliForegroundGaussianInitAlloc_8u_C1R(const Kvl8u* pSrc, int srcStep, KvliSize roiSize, const void* pModel, KvliFGGaussianState** ppState);
+KVL_API KvlStatus kvliForegroundGaussianInitAlloc_8u_C3R(const Kvl8u* pSrc, int srcStep, KvliSize roiSize, const void* pModel, KvliFGGaussianState** ppState);
+KVL_API KvlStatus kvliForegroundGaussian_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pBackground, int backgroundStep, Kvl8u* pForeground, int foregroundStep, KvliSize roiSize, KvliFGGaussianState* pState);
+KVL_API KvlStatus kvliForegroundGaussian_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pBackground, int backgroundStep, Kvl8u* pForeground, int foregroundStep, KvliSize roiSize, KvliFGGaussianState* pState);
+KVL_API KvlStatus kvliForegroundGaussianFree_8u_C1R(KvliFGGaussianState* pState);
+KVL_API KvlStatus kvliForegroundGaussianFree_8u_C3R(KvliFGGaussianState* pState);
+KVL_API KvlStatus kvliForegroundHistogramInitAlloc_8u_C1R(const Kvl8u* pSrc, int srcStep, KvliSize roiSize, const void* pModel, KvliFGHistogramState** ppState);
+KVL_API KvlStatus kvliForegroundHistogramInitAlloc_8u_C3R(const Kvl8u* pSrc, int srcStep, KvliSize roiSize, const void* pModel, KvliFGHistogramState** ppState);
+KVL_API KvlStatus kvliForegroundHistogram_8u_C1R(const Kvl8u* pSrc, int srcStep, Kvl8u* pBackground, int backgroundStep, Kvl8u* pForeground, int foregroundStep, KvliSize roiSize, KvliFGHistogramState* pState);
+KVL_API KvlStatus kvliForegroundHistogram_8u_C3R(const Kvl8u* pSrc, int srcStep, Kvl8u* pBackground, int backgroundStep, Kvl8u* pForeground, int foregroundStep, KvliSize roiSize, KvliFGHistogramState* pState);
+KVL_API KvlStatus kvliForegroundHistogramUpdate_8u_C1R(const Kvl8u* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, const Kvl8u* pRef, int refStep, KvliSize roiSize, KvliFGHistogramState* pState);
+KVL_API KvlStatus kvliForegroundHistogramUpdate_8u_C3R(const Kvl8u* pSrc, int srcStep, const Kvl8u* pMask, int maskStep, const Kvl8u* pRef, int refStep, KvliSize roiSize, KvliFGHistogramState* pState);
+KVL_API KvlStatus kvliForegroundHistogramFree_8u_C1R(KvliFGHistogramState* pState);
+KVL_API KvlStatus kvliForegroundHistogramFree_8u_C3R(KvliFGHistogramState* pState);
 /* @@END FOREGROUND MODELS@@ */
 
 

@@ -339,6 +339,11 @@ TEST_F(Cli, HelpVersionAndDemo) {
   const auto outline = std::count(horse.data.begin(), horse.data.end(), 255) * 100 / horse.data.size();
   EXPECT_TRUE(outline >= 1 && outline <= 5) << outline << "%: the outline is a thin line";
   EXPECT_NE(demo.output.find("largest distance 53.3"), std::string::npos) << demo.output;
+  for (const char* model : {"gaussian", "histogram"}) {  // a dozen masks of the moving shapes
+    const Picture mask = read(std::string("demo-out/foreground-") + model + "/mask-0012.png");
+    const auto set = std::count(mask.data.begin(), mask.data.end(), 255) * 100 / mask.data.size();
+    EXPECT_TRUE(mask.width == 512 && set >= 2 && set <= 20) << model << " " << set << "%";
+  }
 }
 
 // The morphology operations against a plain model of the minimum and maximum under the element
@@ -522,3 +527,104 @@ TEST_F(Cli, TrackFollowsAMovedPhotograph) {
 }
 
 }  // namespace
+
+namespace {
+
+// The frames of a short video: a textured background and a bright square moving right.
+Picture videoFrame(int t, int channels) {
+  Picture p;
+  p.allocate(32, 24, channels, 8);
+  for (int y = 0; y < 24; ++y)
+    for (int x = 0; x < 32; ++x)
+      for (int c = 0; c < channels; ++c)
+        p.row(y)[x * channels + c] = (x >= 3 + 4 * t && x < 9 + 4 * t && y >= 8 && y < 14)
+                                         ? 240
+                                         : static_cast<uint8_t>(60 + (x * 5 + y * 3 + c * 11) % 70);
+  return p;
+}
+
+}  // namespace
+
+// The foreground command takes the frames in name order and writes a mask and a background per
+// frame, numbered from 0001, equal to the library's calls in that order (the first frame creates
+// the model and is classified too); frames of different sizes or an unreadable frame stop it with
+// one line.
+TEST_F(Cli, ForegroundFollowsTheFramesInNameOrder) {
+  for (int channels : {1, 3}) {
+    std::vector<Picture> frames;
+    std::string names;
+    for (int t = 0; t < 5; ++t) {
+      frames.push_back(videoFrame(t, channels));
+      const std::string name = "f" + std::to_string(channels) + "-" + std::to_string(t) + ".png";
+      EXPECT_EQ(kvlcli::writeImage(path(name), frames.back()), "");
+      names = path(name) + " " + names;  // given in reverse order
+    }
+    for (const char* model : {"gaussian", "histogram"}) {
+      const std::string out = "out-" + std::to_string(channels) + model;
+      const Outcome o = run(std::string("foreground --model ") + model + " " + names + path(out));
+      ASSERT_EQ(o.exitCode, 0) << o.output;
+      EXPECT_NE(o.output.find("5 frames of 32x24"), std::string::npos) << o.output;
+      EXPECT_NE(o.output.find("frames/s"), std::string::npos) << o.output;
+      const KvliSize roi{32, 24};
+      const int tag = 1;
+      KvliFGGaussianState* gs = nullptr;
+      KvliFGHistogramState* hs = nullptr;
+      const bool gauss = std::string(model) == "gaussian";
+      const Picture& f0 = frames[0];
+      if (channels == 1)
+        ASSERT_EQ(gauss ? kvliForegroundGaussianInitAlloc_8u_C1R(f0.row(0), f0.step(), roi, &tag, &gs)
+                        : kvliForegroundHistogramInitAlloc_8u_C1R(f0.row(0), f0.step(), roi, &tag, &hs),
+                  kvlStatusOk);
+      else
+        ASSERT_EQ(gauss ? kvliForegroundGaussianInitAlloc_8u_C3R(f0.row(0), f0.step(), roi, &tag, &gs)
+                        : kvliForegroundHistogramInitAlloc_8u_C3R(f0.row(0), f0.step(), roi, &tag, &hs),
+                  kvlStatusOk);
+      int foreground = 0;
+      for (int t = 0; t < 5; ++t) {
+        Picture mask, bg;
+        mask.allocate(32, 24, 1, 8);
+        bg.allocate(32, 24, channels, 8);
+        const Picture& f = frames[t];
+        const Picture& prev = frames[t == 0 ? 0 : t - 1];
+        auto classify = channels == 1 ? (gauss ? nullptr : &kvliForegroundHistogram_8u_C1R)
+                                      : (gauss ? nullptr : &kvliForegroundHistogram_8u_C3R);
+        if (gauss) {
+          auto g = channels == 1 ? &kvliForegroundGaussian_8u_C1R : &kvliForegroundGaussian_8u_C3R;
+          ASSERT_EQ(g(f.row(0), f.step(), bg.row(0), bg.step(), mask.row(0), 32, roi, gs), kvlStatusOk);
+        } else {
+          auto u = channels == 1 ? &kvliForegroundHistogramUpdate_8u_C1R
+                                 : &kvliForegroundHistogramUpdate_8u_C3R;
+          ASSERT_EQ(classify(f.row(0), f.step(), bg.row(0), bg.step(), mask.row(0), 32, roi, hs),
+                    kvlStatusOk);
+          ASSERT_EQ(u(f.row(0), f.step(), mask.row(0), 32, prev.row(0), prev.step(), roi, hs),
+                    kvlStatusOk);
+        }
+        char name[64];
+        std::snprintf(name, sizeof name, "%s/mask-%04d.png", out.c_str(), t + 1);
+        EXPECT_EQ(read(name).data, mask.data) << model << " " << name;
+        std::snprintf(name, sizeof name, "%s/background-%04d.png", out.c_str(), t + 1);
+        EXPECT_EQ(read(name).data, bg.data) << model << " " << name;
+        foreground += static_cast<int>(std::count(mask.data.begin(), mask.data.end(), 255));
+      }
+      EXPECT_GT(foreground, 0) << model;
+      if (gs) kvliForegroundGaussianFree_8u_C1R(gs);
+      if (hs) kvliForegroundHistogramFree_8u_C1R(hs);
+    }
+  }
+  const ErrorCase cases[] = {
+      {"foreground $T/f1-0.png $T/rgb.png $T/out", "frames differ: ", 1},
+      {"foreground $T/f1-0.png $T/f3-1.png $T/out", "is 32x24 grey, ", 1},
+      {"foreground $T/f1-0.png $T/missing.png $T/out", "missing.png: cannot open", 1},
+      {"foreground $T/f1-0.png", "needs one or more frames and an output directory", 1},
+      {"foreground --model mog $T/f1-0.png $T/out", "--model takes one of gaussian, histogram", 1},
+      {"foreground $D $T/out", "needs 8-bit frames", 1},
+  };
+  for (ErrorCase c : cases) {
+    for (auto [key, value] : {std::pair<std::string, std::string>{"$D", path("deep.png")}, {"$T", dir_}})
+      for (size_t at; (at = c.args.find(key)) != std::string::npos;) c.args.replace(at, 2, value);
+    const Outcome o = run(c.args);
+    EXPECT_EQ(o.exitCode, c.exitCode) << c.args << "\n" << o.output;
+    EXPECT_NE(o.output.find(c.expect), std::string::npos) << c.args << "\n" << o.output;
+    EXPECT_EQ(std::count(o.output.begin(), o.output.end(), '\n'), 1) << o.output;
+  }
+}

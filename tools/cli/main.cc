@@ -36,6 +36,8 @@ void usage(FILE* out) {
   std::fprintf(out,
                "usage: kvlcv <operation> [options] <input> <output>\n"
                "       kvlcv <operation> --help    the operation's options\n"
+               "       kvlcv foreground [--model gaussian|histogram] <frame>... <outdir>\n"
+               "                                    separate moving objects over a sequence of frames\n"
                "       kvlcv demo [--threads N]     run every operation on the built-in photograph\n"
                "       kvlcv --version              the library's version record\n\n"
                "Images: PNG (8- or 16-bit, grey or RGB), PGM and PPM; the output format follows\n"
@@ -181,6 +183,30 @@ int runDemo(int argc, char** argv) {
   return demo("demo-out");
 }
 
+// The foreground command: options as an operation's, then the frames and the output directory.
+int runForegroundCommand(int argc, char** argv) {
+  const Operation op{"foreground", "separate moving objects over a sequence of frames",
+                     kForegroundDetails, foregroundOptions(), nullptr};
+  CommandLine cl;
+  std::string err = parse(&op, argc, argv, &cl);
+  if (!err.empty()) return fail(err);
+  if (cl.help) {
+    std::printf("usage: kvlcv foreground [options] <frame>... <outdir>\n\n%s\n\noptions:\n"
+                "  --model      gaussian|histogram      the background model (default gaussian)\n"
+                "  --threads N  threads the library may use\n"
+                "  --time       print the wall time and throughput\n",
+                kForegroundDetails);
+    return 0;
+  }
+  if (cl.files.size() < 2)
+    return fail("foreground needs one or more frames and an output directory (kvlcv foreground "
+                "--help)");
+  if (cl.threads) kvlSetNumThreads(cl.threads);
+  const std::string outDir = cl.files.back();
+  cl.files.pop_back();
+  return runForeground(cl.args, cl.files, outDir, cl.maxPixels, cl.time);
+}
+
 int run(int argc, char** argv) {
   if (argc < 2) {
     usage(stderr);
@@ -200,6 +226,7 @@ int run(int argc, char** argv) {
     return 0;
   }
   if (first == "demo") return runDemo(argc, argv);
+  if (first == "foreground") return runForegroundCommand(argc, argv);
   const Operation* op = findOperation(first);
   if (!op) return fail("unknown operation '" + first + "' (kvlcv --help lists them)");
   CommandLine cl;

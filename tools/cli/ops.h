@@ -123,6 +123,21 @@ extern const char* const kDistanceDetails;
 RunResult runMorph(const char* op, const Args& args, const Picture& in, Picture* out);
 const std::vector<Option>& morphOptions();
 extern const char* const kMorphDetails;
+// The foreground operation over a sequence of frames (foreground_op.cc): not in the table of
+// one-image operations; main.cc runs it as `kvlcv foreground [options] <frame>... <outdir>`.
+extern const char* const kForegroundDetails;
+const std::vector<Option>& foregroundOptions();
+// Every frame through the chosen model (the first also creates it): one mask and one background
+// per frame; seconds covers all the library calls.
+RunResult runForegroundFrames(const Args& args, const std::vector<Picture>& frames,
+                              std::vector<Picture>* masks, std::vector<Picture>* backgrounds);
+// The command: reads the frames in name order, checks they agree, writes mask-NNNN.png and
+// background-NNNN.png (NNNN from 0001) into outDir, prints frames per second; returns the exit
+// code.
+int runForeground(const Args& args, std::vector<std::string> files, const std::string& outDir,
+                  uint64_t maxPixels, bool time);
+// `count` frames of the photograph with two shapes moving across it and light noise.
+std::vector<Picture> syntheticVideo(const Picture& photo, int count);
 const Operation* findOperation(const std::string& name);
 StatusInfo statusInfo(KvlStatus status);
 // Empty when `value` is acceptable for `opt`, else a message naming the option, such as
