@@ -282,8 +282,19 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
         for (int ch = 0; ch < kC; ++ch) p[k * kC + ch] = Order<T>::key(loadAny(s + c * kC + ch));
       }
     };
+    // The source row two ahead of the one entering the rings is asked for from memory now, a
+    // cache line at a time, so that large images do not wait on each row's first lines. The
+    // addresses are formed as integers: a prefetch never faults, and the span may pass the row.
+    const std::size_t rowSpan = static_cast<std::size_t>(pn) * kC * sizeof(T);
+    auto prefetchRow = [&](int r) {
+      if (r < 0 || r >= H) return;
+      const uintptr_t q =
+          reinterpret_cast<uintptr_t>(rowPtr(src, srcStep, r)) + std::max(c0, 0) * kC * sizeof(T);
+      for (std::size_t o = 0; o < rowSpan; o += 64) hwy::Prefetch(reinterpret_cast<const T*>(q + o));
+    };
     auto ingest = [&](int r) {
       U* p = nullptr;
+      prefetchRow(r + 2);
       if (!inPlace)
         fill(rowPtr(src, srcStep, border::sourceRow(r, H, bt)), p = ringRow(0, plan.extDepth, r));
       // Each kept length from the longest kept one below it, doubling in the work row first
