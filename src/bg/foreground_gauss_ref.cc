@@ -25,6 +25,22 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
       }
     }
 
+    // The matched component's mean and variance move towards x by rho.
+    auto learn = [&](KvliFGGaussComponent& ck, double rho) {
+      const double d = x - ck.mean;
+      ck.mean += rho * d;
+      ck.variance += rho * (d * d - ck.variance);
+    };
+    // Nothing matched: the last component starts again at x; the sum of the counts after that.
+    auto replaceLast = [&] {
+      c[K - 1].count = 1;
+      c[K - 1].variance = p.initVariance;
+      c[K - 1].mean = x;
+      int total = 0;
+      for (int k = 0; k < K; ++k) total += c[k].count;
+      return total;
+    };
+
     if (!p.atHistory) {
       int sum = 0;
       for (int k = 0; k < K; ++k) sum += c[k].count;
@@ -32,39 +48,20 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
       for (int k = 0; k < K; ++k) {
         c[k].count += matched[k];
         c[k].weight += r * (matched[k] - c[k].weight);
-        if (matched[k] && c[k].count > 0) {
-          const double rho = 1.0 / c[k].count;
-          const double d = x - c[k].mean;
-          c[k].mean += rho * d;
-          c[k].variance += rho * (d * d - c[k].variance);
-        }
+        if (matched[k] && c[k].count > 0) learn(c[k], 1.0 / c[k].count);
       }
       if (m < 0) {
-        c[K - 1].count = 1;
-        c[K - 1].variance = p.initVariance;
-        c[K - 1].mean = x;
-        int total = 0;
-        for (int k = 0; k < K; ++k) total += c[k].count;
+        const int total = replaceLast();
         for (int k = 0; k < K; ++k) c[k].weight = static_cast<double>(c[k].count) / total;
       }
     } else {
       const double r = 1.0 / p.history;
       for (int k = 0; k < K; ++k) {
         c[k].weight += r * (matched[k] - c[k].weight);
-        if (matched[k]) {
-          const double rho = 1.0 / (p.history * c[k].weight);
-          const double d = x - c[k].mean;
-          c[k].mean += rho * d;
-          c[k].variance += rho * (d * d - c[k].variance);
-        }
+        if (matched[k]) learn(c[k], 1.0 / (p.history * c[k].weight));
       }
       if (m < 0) {
-        c[K - 1].count = 1;
-        c[K - 1].variance = p.initVariance;
-        c[K - 1].mean = x;
-        int total = 0;
-        for (int k = 0; k < K; ++k) total += c[k].count;
-        c[K - 1].weight = 1.0 / total;
+        c[K - 1].weight = 1.0 / replaceLast();
         for (int k = 0; k < K - 1; ++k) c[k].weight *= 1.0 - r;
       }
     }

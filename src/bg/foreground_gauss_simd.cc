@@ -122,6 +122,24 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
     }
     const bool anyUnmatched = !hn::AllFalse(d, pending);
 
+    // The matched lanes' means and variances move towards x by rho.
+    auto learn = [&](V rho) KVL_INLINE_LAMBDA {
+      for (int k = 0; k < K; ++k) {
+        mu[k] = hn::IfThenElse(matched[k], hn::Add(mu[k], hn::Mul(rho, dev[k])), mu[k]);
+        var[k] = hn::IfThenElse(
+            matched[k], hn::Add(var[k], hn::Mul(rho, hn::Sub(hn::Mul(dev[k], dev[k]), var[k]))),
+            var[k]);
+      }
+    };
+    // Lanes where nothing matched: the last component starts again at x; the counts' sum after.
+    auto replaceLast = [&]() KVL_INLINE_LAMBDA {
+      cnt[K - 1] = hn::IfThenElse(pending, one, cnt[K - 1]);
+      var[K - 1] = hn::IfThenElse(pending, initVar, var[K - 1]);
+      mu[K - 1] = hn::IfThenElse(pending, x, mu[K - 1]);
+      V total = cnt[0];
+      for (int k = 1; k < K; ++k) total = hn::Add(total, cnt[k]);
+      return total;
+    };
     if (!p.atHistory) {
       V sum = cnt[0];
       for (int k = 1; k < K; ++k) sum = hn::Add(sum, cnt[k]);
@@ -134,18 +152,9 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
         cm = hn::IfThenElse(matched[k], cnt[k], cm);
       }
       const V rho = hn::Div(one, cm);
-      for (int k = 0; k < K; ++k) {
-        mu[k] = hn::IfThenElse(matched[k], hn::Add(mu[k], hn::Mul(rho, dev[k])), mu[k]);
-        var[k] = hn::IfThenElse(
-            matched[k], hn::Add(var[k], hn::Mul(rho, hn::Sub(hn::Mul(dev[k], dev[k]), var[k]))),
-            var[k]);
-      }
+      learn(rho);
       if (anyUnmatched) {
-        cnt[K - 1] = hn::IfThenElse(pending, one, cnt[K - 1]);
-        var[K - 1] = hn::IfThenElse(pending, initVar, var[K - 1]);
-        mu[K - 1] = hn::IfThenElse(pending, x, mu[K - 1]);
-        V total = cnt[0];
-        for (int k = 1; k < K; ++k) total = hn::Add(total, cnt[k]);
+        const V total = replaceLast();
         for (int k = 0; k < K; ++k) w[k] = hn::IfThenElse(pending, hn::Div(cnt[k], total), w[k]);
       }
     } else {
@@ -156,18 +165,9 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
         wm = hn::IfThenElse(matched[k], w[k], wm);
       }
       const V rho = hn::Div(one, hn::Mul(hist, wm));
-      for (int k = 0; k < K; ++k) {
-        mu[k] = hn::IfThenElse(matched[k], hn::Add(mu[k], hn::Mul(rho, dev[k])), mu[k]);
-        var[k] = hn::IfThenElse(
-            matched[k], hn::Add(var[k], hn::Mul(rho, hn::Sub(hn::Mul(dev[k], dev[k]), var[k]))),
-            var[k]);
-      }
+      learn(rho);
       if (anyUnmatched) {
-        cnt[K - 1] = hn::IfThenElse(pending, one, cnt[K - 1]);
-        var[K - 1] = hn::IfThenElse(pending, initVar, var[K - 1]);
-        mu[K - 1] = hn::IfThenElse(pending, x, mu[K - 1]);
-        V total = cnt[0];
-        for (int k = 1; k < K; ++k) total = hn::Add(total, cnt[k]);
+        const V total = replaceLast();
         w[K - 1] = hn::IfThenElse(pending, hn::Div(one, total), w[K - 1]);
         for (int k = 0; k < K - 1; ++k)
           w[k] = hn::IfThenElse(pending, hn::Mul(w[k], keepHist), w[k]);

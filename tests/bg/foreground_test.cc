@@ -2,29 +2,15 @@
 // model of its rules over hundreds of frames, the states' layouts, validation orders, allocation
 // failures, thread invariance, and the histogram model separating moving shapes from a static
 // background.
-#include <dlfcn.h>
-
 #include <array>
-#include <atomic>
 #include <cmath>
 #include <random>
 #include <vector>
 
 #include "bg/foreground.h"
 #include "core/parallel.h"
+#include "support/failing_alloc.h"
 #include "support/support.h"
-
-// Allocation failures on demand: the test binary's kvlMalloc stands in front of the core
-// library's and fails the allocation numbered gFailAt (1 = the next one) of those that follow.
-namespace {
-std::atomic<int> gFailAt{0};
-}
-extern "C" void* kvlMalloc(int length) {
-  using Fn = void* (*)(int);
-  static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "kvlMalloc"));
-  if (gFailAt > 0 && --gFailAt == 0) return nullptr;
-  return real(length);
-}
 
 namespace {
 

@@ -1,28 +1,14 @@
 // Morphology over the member tables: the mask analysis, the state's layout and sizes, the
 // validation orders, and every member against a plain min/max model on every mask class,
 // border mode and side flag, in guarded memory.
-#include <dlfcn.h>
-
 #include <algorithm>
-#include <atomic>
 #include <string>
 #include <vector>
 
 #include "morph/morph_members.h"
 #include "morph/morph_state.h"
+#include "support/failing_alloc.h"
 #include "support/support.h"
-
-// Allocation failures on demand: the test binary's kvlMalloc stands in front of the core
-// library's and fails the allocation numbered gFailAt (1 = the next one) of those that follow.
-namespace {
-std::atomic<int> gFailAt{0};
-}
-extern "C" void* kvlMalloc(int length) {
-  using Fn = void* (*)(int);
-  static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "kvlMalloc"));
-  if (gFailAt > 0 && --gFailAt == 0) return nullptr;
-  return real(length);
-}
 
 namespace {
 
