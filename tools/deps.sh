@@ -8,7 +8,7 @@ need=(cmake g++ make python3 pkg-config libhwy-dev libgtest-dev libbenchmark-dev
   libtinyxml2-dev)
 optional=()
 case "${1:-}" in
-  --bench) optional=(libopencv-dev) ;;
+  --bench) optional=(libopencv-dev libopencv-contrib-dev) ;;
   --fuzz) need+=(clang-14 libclang-rt-14-dev libomp-14-dev llvm-14) ;;
 esac
 missing=()
