@@ -360,7 +360,8 @@ void narrow(const T* src, int srcStep, T* dst, int dstStep, int w, int h, bool l
   constexpr int kMaxN = 32 / sizeof(K);
   const int N = static_cast<int>(hn::Lanes(d));
   const int n = w * kC, rows = kFixed ? 3 : up + down + 1;
-  const V identity = hn::Set(d, kMax ? std::numeric_limits<K>::lowest() : std::numeric_limits<K>::max());
+  const K none = kMax ? std::numeric_limits<K>::lowest() : std::numeric_limits<K>::max();
+  const V identity = hn::Set(d, none);
   const T* in[kRingHeight + 1];
   auto horizontal = [&](V p, V c, V x) KVL_INLINE_LAMBDA {
     if (left) c = pick<kMax>(c, fromLeft<kC>(d, p, c));
@@ -400,8 +401,7 @@ void narrow(const T* src, int srcStep, T* dst, int dstStep, int w, int h, bool l
     // [j, j + N) is the last full vector; q elements follow it.
     const int q = n - j - N;
     for (int e = 0; e < N; ++e) {
-      K v0 = std::numeric_limits<K>::max(), v1 = v0;
-      if (kMax) v0 = v1 = std::numeric_limits<K>::lowest();
+      K v0 = none, v1 = none;
       if (e < q) {
         const int at = j + N + e;
         K s = loadOne<K>(in[1] + at);

@@ -290,7 +290,8 @@ bool runEngine(const T* src, int srcStep, T* dst, int dstStep, KvliSize roi, con
       if (r < 0 || r >= H) return;
       const uintptr_t q =
           reinterpret_cast<uintptr_t>(rowPtr(src, srcStep, r)) + std::max(c0, 0) * kC * sizeof(T);
-      for (std::size_t o = 0; o < rowSpan; o += 64) hwy::Prefetch(reinterpret_cast<const T*>(q + o));
+      for (std::size_t o = 0; o < rowSpan; o += 64)
+        hwy::Prefetch(reinterpret_cast<const T*>(q + o));
     };
     auto ingest = [&](int r) {
       U* p = nullptr;

@@ -41,7 +41,8 @@ KvlStatus exactTransform(const Kvl8u* src, int srcStep, Kvl32f* dst, int dstStep
   par::runStripes(
       team, blocks,
       [&](const par::Stripe& s) {
-        int32_t* count = reinterpret_cast<int32_t*>(alignUp(buffer + s.bufferOffset(bufferSize), 64));
+        Kvl8u* part = buffer + s.bufferOffset(bufferSize);
+        int32_t* count = reinterpret_cast<int32_t*>(alignUp(part, 64));
         for (int b = s.y0; b < s.y0 + s.rows; ++b) {
           const int x0 = b * kColumnBlock;
           const int cols = roi.width - x0 < kColumnBlock ? roi.width - x0 : kColumnBlock;

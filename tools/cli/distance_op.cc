@@ -34,15 +34,15 @@ const std::vector<Option>& distanceOptions() {
 
 const char* const kDistanceDetails =
     "  The grey image (RGB as luma, 16-bit by its high byte) is thresholded first: pixels below\n"
-    "  --threshold are the features (with --invert, the pixels at or above it), so on a dark shape\n"
-    "  over a light ground --invert measures inside the shape. Features are at distance 0.\n"
+    "  --threshold are the features (with --invert, the pixels at or above it), so on a dark\n"
+    "  shape over a light ground --invert measures inside the shape. Features are at distance 0.\n"
     "  chamfer3 and chamfer5 propagate the float weights of the 3x3 or 5x5 mask of --norm (l1:\n"
     "  1, 2 (, 3); inf: 1, 1 (, 2); l2: 0.955, 1.3693 or 1, 1.4, 2.1969); exact is the Euclidean\n"
     "  distance; marching the arrival time of a front that leaves the features at unit speed.\n"
     "  The map colours 0 dark blue through cyan, green and yellow to red at the largest distance\n"
     "  found; pixels no feature reaches (an image without features) are black. --raw writes\n"
-    "  round(16 x distance) as 16-bit grey instead, 65535 for 4095.94 and beyond. The report gives\n"
-    "  the features and the largest distance.";
+    "  round(16 x distance) as 16-bit grey instead, 65535 for 4095.94 and beyond. The report\n"
+    "  gives the features and the largest distance.";
 
 namespace {
 
@@ -72,7 +72,8 @@ void colour(double t, uint8_t* rgb) {
 RunResult runDistance(const Args& a, const Picture& in, Picture* out) {
   const std::string metric = word(a, "metric", "exact");
   const bool chamfer = metric == "chamfer3" || metric == "chamfer5";
-  if (metric != "marching" && a.count("radius")) return problem("--radius applies to marching only");
+  if (metric != "marching" && a.count("radius"))
+    return problem("--radius applies to marching only");
   const int threshold = static_cast<int>(number(a, "threshold", 128));
   const bool invert = flag(a, "invert");
   const int w = in.width, h = in.height;
