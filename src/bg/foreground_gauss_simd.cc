@@ -181,6 +181,14 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
     // ranked again on the keys themselves, computed as the scalar rules compute them.
     V c0[K], w0[K], v0[K], m0[K];
     for (int k = 0; k < K; ++k) c0[k] = cnt[k], w0[k] = w[k], v0[k] = var[k], m0[k] = mu[k];
+    // Where `moving`, the records at j - 1 and j (and their sort keys) change places.
+    auto swapDown = [&](V* keys, int j, M moving) KVL_INLINE_LAMBDA {
+      for (V* a : {keys, cnt, w, var, mu}) {
+        const V lo = a[j - 1], hi = a[j];
+        a[j - 1] = hn::IfThenElse(moving, hi, lo);
+        a[j] = hn::IfThenElse(moving, lo, hi);
+      }
+    };
     M moved = hn::Lt(zero, zero);
     bool exact = false;
     {
@@ -210,16 +218,7 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
           moving = hn::And(moving, less);
           if (hn::AllFalse(d, moving)) break;
           moved = hn::Or(moved, moving);
-          auto swap = [&](V* a) KVL_INLINE_LAMBDA {
-            const V lo = a[j - 1], hi = a[j];
-            a[j - 1] = hn::IfThenElse(moving, hi, lo);
-            a[j] = hn::IfThenElse(moving, lo, hi);
-          };
-          swap(w2);
-          swap(cnt);
-          swap(w);
-          swap(var);
-          swap(mu);
+          swapDown(w2, j, moving);
         }
       }
       exact = !hn::AllFalse(d, doubtful);
@@ -237,16 +236,7 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
           moving = hn::And(moving, hn::Lt(key[j - 1], key[j]));
           if (hn::AllFalse(d, moving)) break;
           moved = hn::Or(moved, moving);
-          auto swap = [&](V* a) KVL_INLINE_LAMBDA {
-            const V lo = a[j - 1], hi = a[j];
-            a[j - 1] = hn::IfThenElse(moving, hi, lo);
-            a[j] = hn::IfThenElse(moving, lo, hi);
-          };
-          swap(key);
-          swap(cnt);
-          swap(w);
-          swap(var);
-          swap(mu);
+          swapDown(key, j, moving);
         }
       }
     }

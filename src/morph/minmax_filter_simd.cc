@@ -341,6 +341,15 @@ HWY_INLINE void prefetchAhead(const T* p) {
   hwy::Prefetch(reinterpret_cast<const T*>(reinterpret_cast<uintptr_t>(p) + 2048));
 }
 
+// The first q (< N) elements of v at out, through a stack vector: the row ends before a whole
+// vector would.
+template <class D, class T>
+HWY_INLINE void putFirst(D d, hn::Vec<D> v, T* out, int q) {
+  HWY_ALIGN T part[hn::MaxLanes(D())];
+  put(d, v, part, false);
+  std::memcpy(out, part, sizeof(T) * static_cast<std::size_t>(q));
+}
+
 // Masks at most three wide (one element each side) and at most kRingHeight tall, both passes in
 // registers: two output rows at a time reduce the source rows they share once, each output
 // vector's horizontal neighbours come from the vertical reductions on either side of it by
@@ -381,7 +390,6 @@ void narrow(const T* src, int srcStep, T* dst, int dstStep, int w, int h, bool l
     v1 = pick<kMax>(s, load(d, in[rows] + j));
   };
   HWY_ALIGN K tail0[kMaxN], tail1[kMaxN];
-  HWY_ALIGN T part[kMaxN];
   for (int y = 0; y < h; y += 2) {
     const bool two = y + 1 < h;
     for (int i = 0; i <= rows; ++i) in[i] = rowPtr(src, srcStep, std::clamp(y - up + i, 0, h - 1));
@@ -417,12 +425,8 @@ void narrow(const T* src, int srcStep, T* dst, int dstStep, int w, int h, bool l
     put(d, horizontal(p0, c0, x0), out0 + j, stream);
     if (two) put(d, horizontal(p1, c1, x1), out1 + j, stream);
     if (q > 0) {
-      put(d, horizontal(c0, x0, identity), part, false);
-      std::memcpy(out0 + j + N, part, sizeof(T) * static_cast<std::size_t>(q));
-      if (two) {
-        put(d, horizontal(c1, x1, identity), part, false);
-        std::memcpy(out1 + j + N, part, sizeof(T) * static_cast<std::size_t>(q));
-      }
+      putFirst(d, horizontal(c0, x0, identity), out0 + j + N, q);
+      if (two) putFirst(d, horizontal(c1, x1, identity), out1 + j + N, q);
     }
   }
 }
@@ -446,7 +450,6 @@ void plus(const T* src, int srcStep, T* dst, int dstStep, int w, int h) {
                       pick<kMax>(c, pick<kMax>(fromLeft<kC>(d, p, c), fromRight<kC>(d, c, x))));
   };
   HWY_ALIGN K tail[4][kMaxN];
-  HWY_ALIGN T part[kMaxN];
   for (int y = 0; y < h; y += 2) {
     const bool two = y + 1 < h;
     const T* in[4];
@@ -471,12 +474,8 @@ void plus(const T* src, int srcStep, T* dst, int dstStep, int w, int h) {
     put(d, out(load(d, in[0] + j), c2, p1, c1, x1), out0 + j, kStream);
     if (two) put(d, out(c1, load(d, in[3] + j), p2, c2, x2), out1 + j, kStream);
     if (q > 0) {
-      put(d, out(hn::Load(d, tail[0]), x2, c1, x1, identity), part, false);
-      std::memcpy(out0 + j + N, part, sizeof(T) * static_cast<std::size_t>(q));
-      if (two) {
-        put(d, out(x1, hn::Load(d, tail[3]), c2, x2, identity), part, false);
-        std::memcpy(out1 + j + N, part, sizeof(T) * static_cast<std::size_t>(q));
-      }
+      putFirst(d, out(hn::Load(d, tail[0]), x2, c1, x1, identity), out0 + j + N, q);
+      if (two) putFirst(d, out(x1, hn::Load(d, tail[3]), c2, x2, identity), out1 + j + N, q);
     }
   }
 }
