@@ -1131,6 +1131,17 @@ KVL_API KvlStatus kvliFastMarchingGetBufferSize_8u32f_C1R(KvliSize roiSize, int*
 KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl32f* pDst, int dstStep, KvliSize roiSize, Kvl32f radius, Kvl8u* pBuffer);
 /* @@END DISTANCE EXACT@@ */
 
+/* ---- Segmentation: flood fill, watershed and gradient segmentation ---- */
+
+/* @@BEGIN FLOOD FILL@@ */
+/* @@END FLOOD FILL@@ */
+
+/* @@BEGIN WATERSHED@@ */
+/* @@END WATERSHED@@ */
+
+/* @@BEGIN GRADIENT SEGMENTATION@@ */
+/* @@END GRADIENT SEGMENTATION@@ */
+
 /* ---- Background models: Gaussian mixture and histogram foreground models ---- */
 
 /* @@BEGIN FOREGROUND MODELS@@ */

@@ -8,3 +8,9 @@ set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/dist_chamfer_bench.cc PROP
 
 # Distance transforms: exact Euclidean transform and fast marching.
 target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/dist_exact_bench.cc)
+
+# Flood fill.
+
+# Watershed.
+
+# Gradient segmentation.
