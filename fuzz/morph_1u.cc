@@ -32,19 +32,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const KvliSize roi = in.roi(400, 20000);
 
   // The mask: mostly small, sometimes one long row or column; dense, sparse or empty.
-  const bool line = in.oneIn(6);
-  const int mw = line && in.flag() ? 1 : static_cast<int>(in.range(1, line ? 90 : 13));
-  const int mh = line && mw != 1 ? 1 : static_cast<int>(in.range(1, line ? 40 : 11));
-  const int density = static_cast<int>(in.range(0, 4));  // 0: empty, 4: full
+  // One in four: the 3x3 rectangle or cross with both offsets 0, which has row passes of its own.
+  const bool small = in.oneIn(4), plus = small && in.flag();
+  const bool line = !small && in.oneIn(6);
+  const int mw = small ? 3 : line && in.flag() ? 1 : static_cast<int>(in.range(1, line ? 90 : 13));
+  const int mh = small ? 3 : line && mw != 1 ? 1 : static_cast<int>(in.range(1, line ? 40 : 11));
+  const int density = small ? 4 : static_cast<int>(in.range(0, 4));  // 0: empty, 4: full
   std::vector<Kvl8u> mask(static_cast<size_t>(mw) * mh);
   for (auto& v : mask)
     v = density == 4 ? static_cast<Kvl8u>(in.range(1, 255))
                      : (density > 0 && static_cast<int>(in.range(0, 3)) < density
                             ? static_cast<Kvl8u>(in.range(1, 255))
                             : 0);
+  if (plus)
+    for (int k : {0, 2, 6, 8}) mask[k] = 0;
 
-  const int soff = in.oneIn(40) ? -1 : static_cast<int>(in.range(0, in.oneIn(4) ? 70 : 7));
-  const int doff = in.oneIn(40) ? -1 : static_cast<int>(in.range(0, in.oneIn(4) ? 70 : 7));
+  const int soff = small ? 0 : in.oneIn(40) ? -1 : static_cast<int>(in.range(0, in.oneIn(4) ? 70 : 7));
+  const int doff = small ? 0 : in.oneIn(40) ? -1 : static_cast<int>(in.range(0, in.oneIn(4) ? 70 : 7));
   int bt = in.pick<int>({1, 6, 1 | 16, 1 | 32, 1 | 64, 1 | 128, 6 | 64});
   if (in.flag()) bt = 1 | (static_cast<int>(in.range(0, 15)) << 4);
   if (in.oneIn(20)) bt = in.pick<int>({0, 2, 3, 4, 5, 7, 256 + 1, 16 + 5});

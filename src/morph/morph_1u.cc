@@ -147,6 +147,63 @@ struct Carver {
   }
 };
 
+// Bytes [0, n) of a row as a word, the others 0.
+inline uint64_t partialWord(const Kvl8u* p, int n) {
+  uint64_t w = 0;
+  std::memcpy(&w, p, static_cast<size_t>(n));
+  return w;
+}
+
+// The 3x3 rectangle (cross false) or centred cross with both bit offsets 0, row by row: the
+// kernel writes the whole words, the edges' outer neighbours and the last partial word (merged
+// into the bytes it shares with what lies past the ROI) are worked out here.
+void morph1u3x3(const Kvl8u* src, int srcStep, Kvl8u* dst, int dstStep, KvliSize roi, bool cross,
+                int bt, bool erode) {
+  const bool memT = bt & kvlBorderInMemTop, memB = bt & kvlBorderInMemBottom;
+  const bool memL = bt & kvlBorderInMemLeft, memR = bt & kvlBorderInMemRight;
+  const int W = roi.width, H = roi.height;
+  const int nF = W >> 6, rem = W & 63;
+  const Row3x3Fn row3x3 = kRow3x3.pick();
+  auto op = [erode](uint64_t a, uint64_t b) { return erode ? (a & b) : (a | b); };
+  auto middle = [&](uint64_t a, uint64_t b, uint64_t c) { return cross ? b : op(op(a, b), c); };
+  // The last partial word's bytes, and one more for pixel W when it starts a byte that the right
+  // side reads from memory.
+  const int tailBytes = (rem + 7) >> 3, tailRead = tailBytes + (memR && (rem & 7) == 0 ? 1 : 0);
+  const size_t at = static_cast<size_t>(nF) * 8;
+  for (int y = 0; y < H; ++y) {
+    const Kvl8u* up = rowPtr(src, srcStep, y > 0 || memT ? y - 1 : 0);
+    const Kvl8u* mid = rowPtr(src, srcStep, y);
+    const Kvl8u* down = rowPtr(src, srcStep, y < H - 1 || memB ? y + 1 : H - 1);
+    auto word = [&](int k) {
+      const size_t b = static_cast<size_t>(k) * 8;
+      return middle(partialWord(up + b, 8), partialWord(mid + b, 8), partialWord(down + b, 8));
+    };
+    // The middle terms of the last partial word (pixel W in place when it is read from
+    // memory, a copy of pixel W - 1 otherwise) and of the pixels just outside the edges.
+    uint64_t a = 0, c = 0, tail = 0;
+    if (rem) {
+      a = partialWord(up + at, tailRead);
+      c = partialWord(down + at, tailRead);
+      tail = middle(a, partialWord(mid + at, tailRead), c);
+      if (!memR) tail = (tail & ~(1ull << rem)) | (((tail >> (rem - 1)) & 1) << rem);
+    }
+    const uint64_t first = nF ? word(0) : tail, last = nF ? word(nF - 1) : 0;
+    const uint64_t right = rem    ? tail
+                           : memR ? middle(up[at], mid[at], down[at])
+                                  : last >> 63;
+    const uint64_t left = memL ? middle(up[-1], mid[-1], down[-1]) << 56 : first << 63;
+    Kvl8u* out = rowPtr(dst, dstStep, y);
+    if (nF) row3x3(out, up, mid, down, nF, left, right, erode, cross);
+    if (rem) {
+      uint64_t v = horizontalWord3(nF ? last : left, tail, 0, erode);
+      if (cross) v = op(v, op(a, c));
+      const uint64_t keep = ~0ull << rem;
+      const uint64_t merged = (partialWord(out + at, tailBytes) & keep) | (v & ~keep);
+      std::memcpy(out + at, &merged, static_cast<size_t>(tailBytes));
+    }
+  }
+}
+
 }  // namespace
 
 void copyBits(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int dstStep,
@@ -196,6 +253,18 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   if (runCount == 0) {
     copyBits(src, srcStep, srcBitOffset, dst, dstStep, dstBitOffset, roi);
     return true;
+  }
+  if (mw == 3 && mh == 3 && ax == 1 && ay == 1 && srcBitOffset == 0 && dstBitOffset == 0) {
+    int set = 0, corners = 0;
+    for (int k = 0; k < 9; ++k) {
+      set += mask[k] != 0;
+      corners += (k == 0 || k == 2 || k == 6 || k == 8) && mask[k] != 0;
+    }
+    const bool plus = set == 5 && corners == 0 && mask[4] != 0;
+    if (set == 9 || plus) {
+      morph1u3x3(src, srcStep, dst, dstStep, roi, plus, bt, erode);
+      return true;
+    }
   }
 
   Carver carve{buffer, buffer + bufferBytes};

@@ -53,6 +53,23 @@ using LoadBitsFn = void (*)(uint64_t* out, const Kvl8u* p, int s, int n);
 // (c0 >= 1 when sh > 0).
 using StoreBitsFn = void (*)(Kvl8u* p, const uint64_t* bits, int sh, int c0, int c1);
 
+// The 3x3 rectangle and the centred 3x3 cross at bit offset 0 run row by row, straight from the
+// source rows to the destination row. The middle term of word k is the AND (erode) or OR of word
+// k of the rows above, at and below (rectangle), or word k of the row itself (cross); output word
+// k is the middle term op its left and right neighbours (op words k of the rows above and below
+// for a cross). Computes the n whole words of one row: the top bit of `left` is the middle term
+// of pixel -1 and bit 0 of `right` that of pixel 64n. Reads bytes [0, 8n) of each row, writes
+// exactly bytes [0, 8n) of out.
+using Row3x3Fn = void (*)(Kvl8u* out, const Kvl8u* up, const Kvl8u* mid, const Kvl8u* down, int n,
+                          uint64_t left, uint64_t right, bool erode, bool cross);
+
+// Word `mid` op its pixels' left and right neighbours, the outer ones from the words beside it.
+inline uint64_t horizontalWord3(uint64_t left, uint64_t mid, uint64_t right, bool erode) {
+  const uint64_t l = (mid << 1) | (left >> 63), r = (mid >> 1) | (right << 63);
+  return erode ? (mid & l & r) : (mid | l | r);
+}
+
+extern const simd::Kernel<Row3x3Fn> kRow3x3;
 extern const simd::Kernel<Combine2Fn> kCombine2;
 extern const simd::Kernel<LoadBitsFn> kLoadBits;
 extern const simd::Kernel<StoreBitsFn> kStoreBits;
@@ -64,6 +81,8 @@ void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int c
             bool erode);
 void loadBits(uint64_t* out, const Kvl8u* p, int s, int n);
 void storeBits(Kvl8u* p, const uint64_t* bits, int sh, int c0, int c1);
+void row3x3(Kvl8u* out, const Kvl8u* up, const Kvl8u* mid, const Kvl8u* down, int n,
+            uint64_t left, uint64_t right, bool erode, bool cross);
 
 // The plain model: each destination bit is the AND (erode) or OR of the source bits at the
 // mask's non-zero positions, read through the border rule (mode 1 with side flags, or 6); an

@@ -34,6 +34,26 @@ void loadBits(uint64_t* out, const Kvl8u* p, int s, int n) {
   }
 }
 
+void row3x3(Kvl8u* out, const Kvl8u* up, const Kvl8u* mid, const Kvl8u* down, int n,
+            uint64_t left, uint64_t right, bool erode, bool cross) {
+  auto op = [erode](uint64_t a, uint64_t b) { return erode ? (a & b) : (a | b); };
+  auto word = [](const Kvl8u* row, int k) {
+    uint64_t w;
+    std::memcpy(&w, row + 8 * k, 8);
+    return w;
+  };
+  auto middle = [&](int k) {
+    if (k < 0) return left;
+    if (k >= n) return right;
+    return cross ? word(mid, k) : op(op(word(up, k), word(mid, k)), word(down, k));
+  };
+  for (int k = 0; k < n; ++k) {
+    uint64_t v = horizontalWord3(middle(k - 1), middle(k), middle(k + 1), erode);
+    if (cross) v = op(v, op(word(up, k), word(down, k)));
+    std::memcpy(out + 8 * k, &v, 8);
+  }
+}
+
 void storeBits(Kvl8u* p, const uint64_t* bits, int sh, int c0, int c1) {
   for (int c = c0; c < c1; ++c) {
     const uint64_t v = sh ? (bits[c] << sh) | (bits[c - 1] >> (64 - sh)) : bits[c];

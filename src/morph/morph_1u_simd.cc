@@ -4,6 +4,8 @@
 #include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
 
+#include <cstring>
+
 #include "core/simd.h"
 #include "morph/morph_1u.h"
 
@@ -119,6 +121,86 @@ void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int c
   erode ? reduceT<true>(out, rows, shifts, count, n) : reduceT<false>(out, rows, shifts, count, n);
 }
 
+// [a[N - 1], b[0], ..., b[N - 2]] and [a[1], ..., a[N - 1], b[0]]: the words beside each lane.
+HWY_INLINE VW slideUp1(VW a, VW b) {
+#if HWY_TARGET == HWY_AVX3
+  return VW{_mm512_alignr_epi64(b.raw, a.raw, 7)};
+#elif HWY_TARGET == HWY_AVX2
+  return VW{_mm256_alignr_epi8(b.raw, _mm256_permute2x128_si256(a.raw, b.raw, 0x21), 8)};
+#else
+  return VW{_mm_alignr_epi8(b.raw, a.raw, 8)};
+#endif
+}
+HWY_INLINE VW slideDown1(VW a, VW b) {
+#if HWY_TARGET == HWY_AVX3
+  return VW{_mm512_alignr_epi64(b.raw, a.raw, 1)};
+#elif HWY_TARGET == HWY_AVX2
+  return VW{_mm256_alignr_epi8(_mm256_permute2x128_si256(a.raw, b.raw, 0x21), a.raw, 8)};
+#else
+  return VW{_mm_alignr_epi8(b.raw, a.raw, 8)};
+#endif
+}
+
+// The middle terms stay in registers: each vector takes its outer neighbours' bits from the
+// vectors before and after it. A row that is not a whole number of vectors ends with a vector
+// overlapping the one before it, its left neighbour word computed on its own.
+template <bool kErode, bool kCross>
+void row3x3T(Kvl8u* out, const Kvl8u* up, const Kvl8u* mid, const Kvl8u* down, size_t n,
+             uint64_t left, uint64_t right) {
+  const DW d;
+  const hn::Repartition<uint8_t, DW> d8;
+  const size_t N = hn::Lanes(d);
+  auto load = [&](const Kvl8u* row, size_t k) KVL_INLINE_LAMBDA {
+    return hn::BitCast(d, hn::LoadU(d8, row + 8 * k));
+  };
+  auto middle = [&](size_t k) KVL_INLINE_LAMBDA {
+    return kCross ? load(mid, k) : op<kErode>(op<kErode>(load(up, k), load(mid, k)), load(down, k));
+  };
+  auto put = [&](size_t k, VW prev, VW cur, VW next) KVL_INLINE_LAMBDA {
+    const VW l = hn::Or(hn::ShiftLeft<1>(cur), hn::ShiftRight<63>(slideUp1(prev, cur)));
+    const VW r = hn::Or(hn::ShiftRight<1>(cur), hn::ShiftLeft<63>(slideDown1(cur, next)));
+    VW v = op<kErode>(op<kErode>(cur, l), r);
+    if (kCross) v = op<kErode>(v, op<kErode>(load(up, k), load(down, k)));
+    hn::StoreU(hn::BitCast(d8, v), d8, out + 8 * k);
+  };
+  auto middleWord = [&](size_t k) KVL_INLINE_LAMBDA {
+    uint64_t a, b, c;
+    std::memcpy(&a, up + 8 * k, 8);
+    std::memcpy(&b, mid + 8 * k, 8);
+    std::memcpy(&c, down + 8 * k, 8);
+    return kCross ? b : (kErode ? (a & b & c) : (a | b | c));
+  };
+  if (n < N) {
+    ref::row3x3(out, up, mid, down, static_cast<int>(n), left, right, kErode, kCross);
+    return;
+  }
+  size_t k = 0;
+  VW prev = hn::Set(d, left), cur = middle(0);
+  for (; k + 2 * N <= n; k += N) {
+    const VW next = middle(k + N);
+    put(k, prev, cur, next);
+    prev = cur;
+    cur = next;
+  }
+  if (k + N == n) {
+    put(k, prev, cur, hn::Set(d, right));
+    return;
+  }
+  put(k, prev, cur, hn::Set(d, middleWord(k + N)));
+  put(n - N, hn::Set(d, middleWord(n - N - 1)), middle(n - N), hn::Set(d, right));
+}
+
+void row3x3(Kvl8u* out, const Kvl8u* up, const Kvl8u* mid, const Kvl8u* down, int n,
+            uint64_t left, uint64_t right, bool erode, bool cross) {
+  const size_t m = static_cast<size_t>(n);
+  if (cross)
+    erode ? row3x3T<true, true>(out, up, mid, down, m, left, right)
+          : row3x3T<false, true>(out, up, mid, down, m, left, right);
+  else
+    erode ? row3x3T<true, false>(out, up, mid, down, m, left, right)
+          : row3x3T<false, false>(out, up, mid, down, m, left, right);
+}
+
 // The last vector of a row overlaps the one before it instead of leaving a scalar tail: its
 // words (or bytes) are computed again from the same input, so they come out the same.
 void loadBits(uint64_t* out, const Kvl8u* p, int s, int n) {
@@ -172,6 +254,7 @@ HWY_AFTER_NAMESPACE();
 #if HWY_ONCE
 namespace kvl::morph {
 
+const simd::Kernel<Row3x3Fn> kRow3x3{KVL_TARGETS(row3x3), &ref::row3x3};
 const simd::Kernel<Combine2Fn> kCombine2{KVL_TARGETS(combine2), &ref::combine2};
 const simd::Kernel<ReduceFn> kReduce{KVL_TARGETS(reduce), &ref::reduce};
 const simd::Kernel<LoadBitsFn> kLoadBits{KVL_TARGETS(loadBits), &ref::loadBits};

@@ -158,6 +158,17 @@ TEST_P(Morph1u, EveryBorderTypeAndFlag) {
       }
 }
 
+// The 3x3 rectangle and cross with both offsets 0 take their own row passes: every word and
+// partial-word tail, every border side.
+TEST_P(Morph1u, ThreeByThreeAtOffsetZero) {
+  const std::vector<Mask> ms = masks();
+  uint32_t seed = 500;
+  for (size_t k : {0, 3})
+    for (int w : {1, 2, 7, 8, 9, 56, 63, 64, 65, 120, 128, 129, 575, 576, 1000})
+      for (int bt : {1, 6, 1 + 64, 1 + 128, 1 + 16 + 32, 6 + 16})
+        check(GetParam(), ms[k], {w, 1 + (w + bt) % 4}, 0, 0, bt, ++seed);
+}
+
 // A ROI much wider than the state was built for: the buffer sized for the state holds a strip
 // of the rows at a time.
 TEST_P(Morph1u, WiderThanTheStateInStrips) {
