@@ -312,14 +312,15 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   // Planes: the source rows' copies, one per distinct run length above 1, the doubling levels
   // above the copy; then the batch's output rows.
   const int K = j1 - j0 + 1;
-  // Runs of up to kDirect pixels combine their shifted copies in one pass; longer ones double
-  // (pixel runs of 1, 2, 4, ... at the levels) and join two copies of the top level they need.
-  constexpr int kDirect = 5;
+  // Runs of up to kDirect pixels combine their shifted copies in one pass, runs of up to kInWords
+  // double inside each word's window in registers; longer ones double through planes (pixel runs
+  // of 1, 2, 4, ... at the levels) and join two copies of the top level they need.
+  constexpr int kDirect = 5, kInWords = 64;
   constexpr int kBatch = 32;
   int levels = 1, longer = 0;
   for (int li = 0; li < lengthCount; ++li) {
     if (lengths[li] > 1) ++longer;
-    if (lengths[li] > kDirect) levels = std::max(levels, floorLog2(lengths[li]) + 1);
+    if (lengths[li] > kInWords) levels = std::max(levels, floorLog2(lengths[li]) + 1);
   }
   // A rectangle (one run per row, the same in every row) ANDs its rows by doubling too: row
   // shifts are word shifts of a whole stride inside a plane, into two planes of its own.
@@ -356,7 +357,8 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   if (need(G, stride) > avail) return false;
   const long long planeWords = (static_cast<long long>(G) + K - 1) * stride + pad;
   uint64_t* words = reinterpret_cast<uint64_t*>(base);
-  std::memset(words, 0, static_cast<size_t>(need(G, stride) * 8));
+  // The words are not cleared: what the kernels read past the rows they wrote only ever reaches
+  // bits past a row's last valid one.
   auto plane = [&](int i) { return words + i * planeWords; };  // 0: copies, 1..: lengths
   int* planeOf = lengthSlot;  // reused: length index -> its plane (0 for length 1)
   for (int li = 0, next = 1; li < lengthCount; ++li) planeOf[li] = lengths[li] == 1 ? 0 : next++;
@@ -366,6 +368,7 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
 
   const Combine2Fn combine2 = kCombine2.pick();
   const ReduceFn reduce = kReduce.pick();
+  const RunFn runInWords = kRunInWords.pick();
   const LoadBitsFn load = kLoadBits.pick();
   const StoreBitsFn store = kStoreBits.pick();
   const int rFirst = j0 - ay;  // the source row of output row 0 and the first mask row
@@ -389,7 +392,9 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
       for (int li = 0; li < lengthCount; ++li) {
         const int len = lengths[li], p = floorLog2(len);
         if (len == 1) continue;
-        if (len <= kDirect) {
+        if (len > kDirect && len <= kInWords) {
+          runInWords(plane(planeOf[li]), plane(0), homes[li], len, n, erode);
+        } else if (len <= kDirect) {
           const uint64_t* copies[kDirect];
           int at[kDirect];
           for (int i = 0; i < len; ++i) {

@@ -69,7 +69,13 @@ inline uint64_t horizontalWord3(uint64_t left, uint64_t mid, uint64_t right, boo
   return erode ? (mid & l & r) : (mid | l | r);
 }
 
+// out[t] = op over i < len of (row shifted by s + i)[t], for t in [0, n), 2 <= len <= 64: the run
+// doubles inside each word's 128-bit window. May write up to kPadWords words past n and reads row
+// up to n + s / 64 + 2 + kPadWords words.
+using RunFn = void (*)(uint64_t* out, const uint64_t* row, int s, int len, int n, bool erode);
+
 extern const simd::Kernel<Row3x3Fn> kRow3x3;
+extern const simd::Kernel<RunFn> kRunInWords;
 extern const simd::Kernel<Combine2Fn> kCombine2;
 extern const simd::Kernel<LoadBitsFn> kLoadBits;
 extern const simd::Kernel<StoreBitsFn> kStoreBits;
@@ -81,6 +87,7 @@ void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int c
             bool erode);
 void loadBits(uint64_t* out, const Kvl8u* p, int s, int n);
 void storeBits(Kvl8u* p, const uint64_t* bits, int sh, int c0, int c1);
+void runInWords(uint64_t* out, const uint64_t* row, int s, int len, int n, bool erode);
 void row3x3(Kvl8u* out, const Kvl8u* up, const Kvl8u* mid, const Kvl8u* down, int n,
             uint64_t left, uint64_t right, bool erode, bool cross);
 

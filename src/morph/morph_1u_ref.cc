@@ -34,6 +34,17 @@ void loadBits(uint64_t* out, const Kvl8u* p, int s, int n) {
   }
 }
 
+void runInWords(uint64_t* out, const uint64_t* row, int s, int len, int n, bool erode) {
+  for (int t = 0; t < n; ++t) {
+    uint64_t v = shiftedWord(row, t, s);
+    for (int i = 1; i < len; ++i) {
+      const uint64_t w = shiftedWord(row, t, s + i);
+      v = erode ? (v & w) : (v | w);
+    }
+    out[t] = v;
+  }
+}
+
 void row3x3(Kvl8u* out, const Kvl8u* up, const Kvl8u* mid, const Kvl8u* down, int n,
             uint64_t left, uint64_t right, bool erode, bool cross) {
   auto op = [erode](uint64_t a, uint64_t b) { return erode ? (a & b) : (a | b); };

@@ -4,6 +4,7 @@
 #include <hwy/foreach_target.h>  // must come before highway.h
 #include <hwy/highway.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "core/simd.h"
@@ -119,6 +120,36 @@ void reduce(uint64_t* out, const uint64_t* const* rows, const int* shifts, int c
     return;
   }
   erode ? reduceT<true>(out, rows, shifts, count, n) : reduceT<false>(out, rows, shifts, count, n);
+}
+
+// The window of each word is its 128 bits from pixel s on (b:a). Each doubling step combines it
+// with itself shifted by the run so far; the zeros a shift brings in at the top only reach bits
+// whose run would end past the window, and the low word's runs end inside it.
+template <bool kErode>
+void runInWordsT(uint64_t* out, const uint64_t* row, int s, int len, int n) {
+  const DW d;
+  const size_t N = hn::Lanes(d);
+  const int q = s >> 6, r = s & 63;
+  int steps[8], count = 0;
+  for (int span = 1; span < len; span += steps[count++]) steps[count] = std::min(span, len - span);
+  for (size_t t = 0; t < static_cast<size_t>(n); t += N) {
+    VW a = hn::LoadU(d, row + t + q), b = hn::LoadU(d, row + t + q + 1);
+    if (r) {
+      const VW c = hn::LoadU(d, row + t + q + 2);
+      a = hn::Or(hn::ShiftRightSame(a, r), hn::ShiftLeftSame(b, 64 - r));
+      b = hn::Or(hn::ShiftRightSame(b, r), hn::ShiftLeftSame(c, 64 - r));
+    }
+    for (int i = 0; i < count; ++i) {
+      const int k = steps[i];
+      a = op<kErode>(a, hn::Or(hn::ShiftRightSame(a, k), hn::ShiftLeftSame(b, 64 - k)));
+      b = op<kErode>(b, hn::ShiftRightSame(b, k));
+    }
+    hn::StoreU(a, d, out + t);
+  }
+}
+
+void runInWords(uint64_t* out, const uint64_t* row, int s, int len, int n, bool erode) {
+  erode ? runInWordsT<true>(out, row, s, len, n) : runInWordsT<false>(out, row, s, len, n);
 }
 
 // [a[N - 1], b[0], ..., b[N - 2]] and [a[1], ..., a[N - 1], b[0]]: the words beside each lane.
@@ -254,6 +285,7 @@ HWY_AFTER_NAMESPACE();
 #if HWY_ONCE
 namespace kvl::morph {
 
+const simd::Kernel<RunFn> kRunInWords{KVL_TARGETS(runInWords), &ref::runInWords};
 const simd::Kernel<Row3x3Fn> kRow3x3{KVL_TARGETS(row3x3), &ref::row3x3};
 const simd::Kernel<Combine2Fn> kCombine2{KVL_TARGETS(combine2), &ref::combine2};
 const simd::Kernel<ReduceFn> kReduce{KVL_TARGETS(reduce), &ref::reduce};

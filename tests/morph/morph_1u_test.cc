@@ -53,6 +53,8 @@ std::vector<Mask> masks() {
   Mask r{9, 7, {}};
   for (int k = 0; k < 63; ++k) r.bytes.push_back(rng() % 3 == 0);
   v.push_back(r);
+  v.push_back({15, 15, std::vector<Kvl8u>(225, 1)});  // runs doubled inside the words
+  v.push_back(draw({"..........##########################################........"}));
   return v;
 }
 
