@@ -38,9 +38,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bg[t] = &s.image("background", Role::kOut, typeOf<Kvl8u>(), roi, C);
     fg[t] = &s.image("foreground", Role::kOut, typeOf<Kvl8u>(), roi, 1);
   }
-  const long long samples =
-      roi.width > 0 && roi.height > 0 ? 1LL * roi.width * roi.height * C : 0;
-  const KvliSize recRoi{static_cast<int>(samples * 160 + 4 * kMaxFrames), 1};
+  const long long pixels = roi.width > 0 && roi.height > 0 ? 1LL * roi.width * roi.height : 0;
+  const KvliSize recRoi{static_cast<int>(pixels * 160 + 4 * kMaxFrames), 1};
   Image& dump = s.image("records", Role::kOut, typeOf<Kvl8u>(), recRoi, 1, {}, false);
   const int model = 0;
   const bool nullModel = in.oneIn(32);
@@ -55,9 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       statuses[t] = m.gauss(src[t + 1]->ptr<Kvl8u>(), src[t + 1]->step(), bg[t]->ptr<Kvl8u>(),
                             bg[t]->step(), fg[t]->ptr<Kvl8u>(), fg[t]->step(), roi, st);
     if (Kvl8u* out = dump.ptr<Kvl8u>()) {
-      for (long long i = 0; i < samples; ++i)
-        std::memcpy(out + i * 160, st->pPixels[i], 160);
-      std::memcpy(out + samples * 160, statuses, sizeof statuses);
+      for (long long i = 0; i < pixels; ++i) std::memcpy(out + i * 160, st->pPixels[i], 160);
+      std::memcpy(out + pixels * 160, statuses, sizeof statuses);
     }
     m.gaussFree(st);
     return kvlStatusOk;

@@ -1158,11 +1158,11 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
  * functions release either kind of state. A state serves one call at a time.
  *
  * Gaussian model (kvliForegroundGaussian*): a 96-byte state holding the background and
- * foreground images (steps width x channels and width), history 200, 5 components per sample,
+ * foreground images (steps width x channels and width), history 200, 5 components per pixel,
  * background share 0.7, match threshold 2.5 standard deviations, initial variance 900, and per
- * sample 5 component records {count, weight, variance, mean} of 32 bytes, the first made from the
+ * pixel 5 component records {count, weight, variance, mean} of 32 bytes, the first made from the
  * first frame {1, 1.0, 12.5, value} and the others {0, 0.0, 12.5, 0.0}. Each call counts the
- * frame and, for every sample x, in double precision: matches the first component with
+ * frame and, for every grey pixel x, in double precision: matches the first component with
  * 6.25 x variance > (x - mean)^2; learns (on the 200th call only: rate 1/200 and
  * rho = 1/(200 x weight); on every other call: rate 1/(1 + sum of counts), count += matched,
  * rho = 1/count) the weights, and the matched component's mean and variance; when nothing matched
@@ -1172,10 +1172,15 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
  * in descending order by insertion sort that moves a record only past strictly smaller keys;
  * writes the background (int)(ranked mean 0 + 0.5) and the foreground 255, cleared to 0 at the
  * first ranked positions k (up to and including the one at which the accumulated ranked weight
- * exceeds 0.7) whose pre-ranking component k matched. Three channels: every channel of every
- * pixel is its own one-channel model (5 records per channel sample); the background has three
- * channels and the foreground one, 255 where any channel's model gives 255. The state's images are
- * copied to pBackground and pForeground at the end. Every vector target gives the bytes of these
+ * exceeds 0.7) whose pre-ranking component k matched. Three channels: each pixel has one joint
+ * mixture of 5 records {count, weight, variance, mean[3]} (32 bytes, single precision, the same
+ * 160 bytes per pixel as one channel), and the rules above run in single precision on it with
+ * the squared colour distance e = ((x0 - mean0)^2 + (x1 - mean1)^2) + (x2 - mean2)^2 taken per
+ * channel: a component matches when (6.25 x variance) x 3 > e, learning moves each mean by
+ * rho x (x_c - mean_c) and the variance by rho x (e / 3 - variance), and a replaced component
+ * takes the pixel's three values. The background has three channels (each ranked mean + 0.5,
+ * truncated) and the foreground one. The state's images are copied to pBackground and
+ * pForeground at the end. Every vector target gives the bytes of these
  * rules; threading: the rows are split into stripes (images of 262144 pixels or more) and the
  * result is the same whatever the split.
  *

@@ -1,9 +1,10 @@
 // Foreground models: the state layouts, the member table and the Gaussian model's row kernel.
 //
 // The states are plain structs so the tests read their fields here. The Gaussian model keeps
-// five 32-byte component records per channel sample, laid out in one block in sample order
-// (pixel by pixel, channel by channel), so the records of neighbouring samples are 160 bytes
-// apart; the per-sample pointer table points at them and the kernels walk the block directly.
+// five 32-byte component records per pixel (grey: one value; colour: a joint mixture of the
+// three channels), laid out in one block in pixel order, so the records of neighbouring pixels
+// are 160 bytes apart; the per-pixel pointer table points at them and the kernels walk the block
+// directly.
 #pragma once
 
 #include <cstddef>
@@ -23,6 +24,16 @@ struct KvliFGGaussComponent {
 };
 static_assert(sizeof(KvliFGGaussComponent) == 32, "a component record is 32 bytes");
 
+// One component of a colour pixel's joint mixture: one variance for the three channels.
+struct KvliFGGaussColourComponent {
+  Kvl32s count;
+  Kvl32f weight;
+  Kvl32f variance;
+  Kvl32f mean[3];
+  Kvl32s reserved[2];  // always 0
+};
+static_assert(sizeof(KvliFGGaussColourComponent) == 32, "a colour record is 32 bytes too");
+
 struct KvliFGGaussianState {
   Kvl8u* pBackground;  // width x height x channels bytes
   int backgroundStep;  // width x channels
@@ -35,7 +46,7 @@ struct KvliFGGaussianState {
   Kvl64f reserved1;    // 15.0
   Kvl64f reserved2;    // 0.05
   Kvl64f initVariance; // 900.0
-  KvliFGGaussComponent** pPixels;  // one pointer per channel sample, into the record block
+  KvliFGGaussComponent** pPixels;  // one per pixel into the record block (colour records in C3)
   int frameCount;
   int height;  // the ROI height (in the padding after frameCount)
 };
@@ -111,15 +122,21 @@ struct GaussParams {
   bool atHistory;        // this call is the history-th
 };
 
-// n consecutive channel samples: their values, their records (kComponents each, contiguous),
-// the background byte and the foreground flag (255 / 0) of each sample.
+// n consecutive grey samples: their values, their records (kComponents each, contiguous), the
+// background byte and the foreground flag (255 / 0) of each sample.
 using GaussRowFn = void (*)(const Kvl8u* src, int n, KvliFGGaussComponent* recs,
                             const GaussParams& p, Kvl8u* bg, Kvl8u* fg);
+// n consecutive colour pixels: 3n values, their records, 3n background bytes and n flags.
+using GaussRow3Fn = void (*)(const Kvl8u* src, int n, KvliFGGaussColourComponent* recs,
+                             const GaussParams& p, Kvl8u* bg, Kvl8u* fg);
 extern const simd::Kernel<GaussRowFn> kGaussRow;
+extern const simd::Kernel<GaussRow3Fn> kGaussRow3;
 
 namespace ref {
 void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussParams& p,
               Kvl8u* bg, Kvl8u* fg);
+void gaussRow3(const Kvl8u* src, int n, KvliFGGaussColourComponent* recs, const GaussParams& p,
+               Kvl8u* bg, Kvl8u* fg);
 }  // namespace ref
 
 }  // namespace kvl::bg

@@ -2,6 +2,7 @@
 // table.
 #include <climits>
 #include <cstring>
+#include <type_traits>
 
 #include "bg/foreground.h"
 #include "core/check.h"
@@ -13,10 +14,10 @@
 namespace kvl::bg {
 namespace {
 
-// The block's base is kept in the pointer table's slack, right after the per-sample pointers.
+// The block's base is kept in the pointer table's slack, right after the per-pixel pointers.
 void** blockBaseCell(KvliFGGaussianState* st) {
-  const long long samples = static_cast<long long>(st->backgroundStep) * st->height;
-  return reinterpret_cast<void**>(st->pPixels + samples);
+  const long long pixels = static_cast<long long>(st->foregroundStep) * st->height;
+  return reinterpret_cast<void**>(st->pPixels + pixels);
 }
 
 void releaseGaussian(KvliFGGaussianState* st) {
@@ -41,7 +42,7 @@ KvlStatus gaussianInitAlloc(const Kvl8u* src, int srcStep, KvliSize roi, const v
   KVL_TRY(check::roi(roi));
   KVL_TRY(check::steps(roi.width, check::Step<Kvl8u, C>{srcStep}));
   const long long rowSamples = static_cast<long long>(roi.width) * C;
-  const long long samples = rowSamples * roi.height;
+  const long long samples = rowSamples * roi.height, pixels = samples / C;
 
   auto* st = reinterpret_cast<KvliFGGaussianState*>(allocBytes(sizeof(KvliFGGaussianState)));
   if (st == nullptr) return kvlStatusNoMemory;
@@ -50,11 +51,11 @@ KvlStatus gaussianInitAlloc(const Kvl8u* src, int srcStep, KvliSize roi, const v
   st->foregroundStep = roi.width;
   st->height = roi.height;
   st->pBackground = allocBytes(samples);
-  st->pForeground = st->pBackground ? allocBytes(samples / C) : nullptr;
+  st->pForeground = st->pBackground ? allocBytes(pixels) : nullptr;
   st->pPixels = st->pForeground ? reinterpret_cast<KvliFGGaussComponent**>(allocBytes(
-                                      samples * static_cast<long long>(sizeof(void*)) + kTableSlack))
+                                      pixels * static_cast<long long>(sizeof(void*)) + kTableSlack))
                                 : nullptr;
-  Kvl8u* block = st->pPixels ? allocBytes(samples * kComponents * 32 + kBlockSlack) : nullptr;
+  Kvl8u* block = st->pPixels ? allocBytes(pixels * kComponents * 32 + kBlockSlack) : nullptr;
   if (block == nullptr) {
     if (st->pPixels) kvlsFree(st->pPixels);
     st->pPixels = nullptr;
@@ -73,49 +74,45 @@ KvlStatus gaussianInitAlloc(const Kvl8u* src, int srcStep, KvliSize roi, const v
   st->frameCount = 0;
 
   const uintptr_t a = reinterpret_cast<uintptr_t>(block);
-  auto* recs = reinterpret_cast<KvliFGGaussComponent*>(
-      block + ((kRecordAlign - a % kRecordAlign) % kRecordAlign));
-  std::memset(recs, 0, static_cast<size_t>(samples) * kComponents * sizeof(KvliFGGaussComponent));
-  std::memset(st->pForeground, 0, static_cast<size_t>(samples / C));
+  Kvl8u* recs = block + ((kRecordAlign - a % kRecordAlign) % kRecordAlign);
+  std::memset(recs, 0, static_cast<size_t>(pixels) * kComponents * 32);
+  std::memset(st->pForeground, 0, static_cast<size_t>(pixels));
   for (int y = 0; y < roi.height; ++y) {
     const Kvl8u* row = rowPtr(src, srcStep, y);
     std::memcpy(st->pBackground + y * rowSamples, row, static_cast<size_t>(rowSamples));
-    for (long long i = 0; i < rowSamples; ++i) {
-      const long long s = y * rowSamples + i;
-      KvliFGGaussComponent* c = recs + s * kComponents;
-      st->pPixels[s] = c;
-      c[0] = {1, 0, 1.0, kFirstVariance, static_cast<double>(row[i])};
-      for (int k = 1; k < kComponents; ++k) c[k] = {0, 0, 0.0, kFirstVariance, 0.0};
+    for (long long i = 0; i < roi.width; ++i) {
+      const long long s = y * static_cast<long long>(roi.width) + i;
+      Kvl8u* at = recs + s * kComponents * 32;
+      st->pPixels[s] = reinterpret_cast<KvliFGGaussComponent*>(at);
+      if constexpr (C == 1) {
+        auto* c = reinterpret_cast<KvliFGGaussComponent*>(at);
+        c[0] = {1, 0, 1.0, kFirstVariance, static_cast<double>(row[i])};
+        for (int k = 1; k < kComponents; ++k) c[k] = {0, 0, 0.0, kFirstVariance, 0.0};
+      } else {
+        auto* c = reinterpret_cast<KvliFGGaussColourComponent*>(at);
+        const float v = static_cast<float>(kFirstVariance);
+        const Kvl8u* px = row + 3 * i;
+        c[0] = {1, 1.0f, v, {float(px[0]), float(px[1]), float(px[2])}, {0, 0}};
+        for (int k = 1; k < kComponents; ++k) c[k] = {0, 0.0f, v, {0, 0, 0}, {0, 0}};
+      }
     }
   }
   *out = st;
   return kvlStatusOk;
 }
 
-// The rows of one stripe: the kernel over each row's samples, then the state's rows out.
-template <int C>
-void gaussianRows(GaussRowFn fn, const GaussParams& p, KvliFGGaussianState* st, const Kvl8u* src,
+// The rows of one stripe: the kernel over each row's pixels, then the state's rows out.
+template <int C, class Fn>
+void gaussianRows(Fn fn, const GaussParams& p, KvliFGGaussianState* st, const Kvl8u* src,
                   int srcStep, Kvl8u* bgOut, int bgStep, Kvl8u* fgOut, int fgStep, int width,
                   int y0, int rows) {
+  using Rec = std::conditional_t<C == 1, KvliFGGaussComponent, KvliFGGaussColourComponent>;
   const long long rowSamples = static_cast<long long>(width) * C;
-  constexpr int kChunk = 256;  // pixels per kernel call of the three-channel form
-  Kvl8u flags[kChunk * C];
   for (int y = y0; y < y0 + rows; ++y) {
     const Kvl8u* s = rowPtr(src, srcStep, y);
     Kvl8u* bg = st->pBackground + y * rowSamples;
     Kvl8u* fg = st->pForeground + static_cast<long long>(y) * width;
-    KvliFGGaussComponent* recs = st->pPixels[y * rowSamples];
-    if constexpr (C == 1) {
-      fn(s, width, recs, p, bg, fg);
-    } else {
-      for (int x = 0; x < width; x += kChunk) {
-        const int n = width - x < kChunk ? width - x : kChunk;
-        fn(s + x * C, n * C, recs + static_cast<long long>(x) * C * kComponents, p, bg + x * C,
-           flags);
-        for (int i = 0; i < n; ++i)
-          fg[x + i] = static_cast<Kvl8u>(flags[i * C] | flags[i * C + 1] | flags[i * C + 2]);
-      }
-    }
+    fn(s, width, reinterpret_cast<Rec*>(st->pPixels[static_cast<long long>(y) * width]), p, bg, fg);
     std::memcpy(rowPtr(bgOut, bgStep, y), bg, static_cast<size_t>(rowSamples));
     std::memcpy(rowPtr(fgOut, fgStep, y), fg, static_cast<size_t>(width));
   }
@@ -134,7 +131,12 @@ KvlStatus gaussianClassify(const Kvl8u* src, int srcStep, Kvl8u* bg, int bgStep,
   st->frameCount += 1;
   const GaussParams p{st->stdThreshold * st->stdThreshold, st->bgRatio, st->initVariance,
                       st->history, st->frameCount == st->history};
-  const GaussRowFn fn = kGaussRow.pick();
+  const auto fn = [] {
+    if constexpr (C == 1)
+      return kGaussRow.pick();
+    else
+      return kGaussRow3.pick();
+  }();
   // Rows are independent: any split gives the serial bytes.
   par::runStripes(par::teamPerPixel(roi), roi.height, [&](const par::Stripe& s) {
     gaussianRows<C>(fn, p, st, src, srcStep, bg, bgStep, fg, fgStep, roi.width, s.y0, s.rows);

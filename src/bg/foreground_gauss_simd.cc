@@ -282,6 +282,265 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
   ref::gaussRow(src + i, n - i, recs + static_cast<std::ptrdiff_t>(i) * K, p, bg + i, fg + i);
 }
 
+// Colour pixels, one lane per pixel in single precision (twice the lanes of the grey kernel):
+// the same steps on a joint mixture, with the records' count, weight, variance and three means
+// moved as 32-bit fields. On AVX-512 two transpositions of eight records each give the qword
+// slots {count, weight}, {variance, mean 0}, {mean 1, mean 2} of sixteen pixels, split into their
+// halves by one permute per field.
+void gaussRow3(const Kvl8u* src, int n, KvliFGGaussColourComponent* recs, const GaussParams& p,
+               Kvl8u* bg, Kvl8u* fg) {
+  constexpr int K = kComponents;
+  constexpr int kFloats = sizeof(KvliFGGaussColourComponent) / sizeof(float);  // 8
+  constexpr int kStride = K * kFloats;                                        // 40
+  constexpr int kAhead = 6;  // groups
+  const hn::ScalableTag<float> d;
+  const hn::RebindToSigned<decltype(d)> di;
+  using V = hn::Vec<decltype(d)>;
+  using VI = hn::Vec<decltype(di)>;
+  using M = hn::Mask<decltype(d)>;
+  const int N = static_cast<int>(hn::Lanes(d));
+
+  const V thr2 = hn::Set(d, static_cast<float>(p.threshold2));
+  const V three = hn::Set(d, 3.0f);
+  const V bgRatio = hn::Set(d, static_cast<float>(p.bgRatio));
+  const V initVar = hn::Set(d, static_cast<float>(p.initVariance));
+  const V one = hn::Set(d, 1.0f), zero = hn::Zero(d), half = hn::Set(d, 0.5f);
+  const VI oneI = hn::Set(di, 1), zeroI = hn::Zero(di);
+  const V hist = hn::Set(d, static_cast<float>(p.history));
+  const V rHist = hn::Div(one, hist);
+  const V keepHist = hn::Sub(one, rHist);
+  const V tiny = hn::Set(d, 1e-6f), huge = hn::Set(d, 1e6f), margin = hn::Set(d, 1e-5f);
+  const VI lane = hn::Mul(hn::Iota(di, 0), hn::Set(di, kStride));
+  HWY_ALIGN float xs[3][HWY_MAX_BYTES / 4];
+  HWY_ALIGN int32_t bgs[3][HWY_MAX_BYTES / 4];
+
+  int i = 0;
+  for (; i + N <= n; i += N) {
+    float* base = reinterpret_cast<float*>(recs + static_cast<std::ptrdiff_t>(i) * K);
+    int32_t* ibase = reinterpret_cast<int32_t*>(base);
+    for (int l = 0; l < N; ++l)
+      for (int ch = 0; ch < 3; ++ch) xs[ch][l] = src[3 * (i + l) + ch];
+    V x[3];
+    for (int ch = 0; ch < 3; ++ch) x[ch] = hn::Load(d, xs[ch]);
+    if (i + (kAhead + 1) * N <= n) {
+      const char* ahead = reinterpret_cast<const char*>(base + kAhead * N * kStride);
+      for (int b = 0; b < N * kStride * 4; b += 64) __builtin_prefetch(ahead + b, 1, 3);
+    }
+
+    VI cnt[K];
+    V w[K], var[K], mu[K][3], wIn[K], dev[3] = {zero, zero, zero}, dist = zero;
+    M matched[K];
+    M pending = hn::FirstN(d, N);
+    for (int k = 0; k < K; ++k) {
+#if HWY_TARGET == HWY_AVX3
+      {
+        __m512d a0, a1, a2, a3, b0, b1, b2, b3;
+        loadFields(reinterpret_cast<const double*>(base) + k * 4, a0, a1, a2, a3);
+        loadFields(reinterpret_cast<const double*>(base) + 8 * 20 + k * 4, b0, b1, b2, b3);
+        (void)a3, (void)b3;
+        const __m512i lo = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+        const __m512i hi = _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+        auto half16 = [](__m512d a, __m512i idx, __m512d b) KVL_INLINE_LAMBDA {
+          return V{_mm512_permutex2var_ps(_mm512_castpd_ps(a), idx, _mm512_castpd_ps(b))};
+        };
+        cnt[k] = hn::BitCast(di, half16(a0, lo, b0));
+        w[k] = half16(a0, hi, b0);
+        var[k] = half16(a1, lo, b1);
+        mu[k][0] = half16(a1, hi, b1);
+        mu[k][1] = half16(a2, lo, b2);
+        mu[k][2] = half16(a2, hi, b2);
+      }
+#else
+      {
+        const VI idx = hn::Add(lane, hn::Set(di, k * kFloats));
+        cnt[k] = hn::GatherIndex(di, ibase, idx);
+        w[k] = hn::GatherIndex(d, base + 1, idx);
+        var[k] = hn::GatherIndex(d, base + 2, idx);
+        for (int ch = 0; ch < 3; ++ch) mu[k][ch] = hn::GatherIndex(d, base + 3 + ch, idx);
+      }
+#endif
+      wIn[k] = w[k];
+      V dk[3];
+      for (int ch = 0; ch < 3; ++ch) dk[ch] = hn::Sub(x[ch], mu[k][ch]);
+      const V e = hn::Add(hn::Add(hn::Mul(dk[0], dk[0]), hn::Mul(dk[1], dk[1])), hn::Mul(dk[2], dk[2]));
+      matched[k] = hn::And(pending, hn::Gt(hn::Mul(hn::Mul(thr2, var[k]), three), e));
+      for (int ch = 0; ch < 3; ++ch) dev[ch] = hn::IfThenElse(matched[k], dk[ch], dev[ch]);
+      dist = hn::IfThenElse(matched[k], e, dist);
+      pending = hn::AndNot(matched[k], pending);
+    }
+    const bool anyUnmatched = !hn::AllFalse(d, pending);
+    auto countOf = [&](const VI& c) KVL_INLINE_LAMBDA { return hn::ConvertTo(d, c); };
+    auto maskI = [&](M m) KVL_INLINE_LAMBDA { return hn::RebindMask(di, m); };
+
+    auto learn = [&](V rho) KVL_INLINE_LAMBDA {
+      const V varStep = hn::Div(dist, three);
+      for (int k = 0; k < K; ++k) {
+        for (int ch = 0; ch < 3; ++ch)
+          mu[k][ch] = hn::IfThenElse(matched[k], hn::Add(mu[k][ch], hn::Mul(rho, dev[ch])), mu[k][ch]);
+        var[k] = hn::IfThenElse(matched[k], hn::Add(var[k], hn::Mul(rho, hn::Sub(varStep, var[k]))),
+                                var[k]);
+      }
+    };
+    auto replaceLast = [&]() KVL_INLINE_LAMBDA {
+      cnt[K - 1] = hn::IfThenElse(maskI(pending), oneI, cnt[K - 1]);
+      var[K - 1] = hn::IfThenElse(pending, initVar, var[K - 1]);
+      for (int ch = 0; ch < 3; ++ch) mu[K - 1][ch] = hn::IfThenElse(pending, x[ch], mu[K - 1][ch]);
+      VI total = cnt[0];
+      for (int k = 1; k < K; ++k) total = hn::Add(total, cnt[k]);
+      return countOf(total);
+    };
+    if (!p.atHistory) {
+      VI sum = cnt[0];
+      for (int k = 1; k < K; ++k) sum = hn::Add(sum, cnt[k]);
+      const V r = hn::Div(one, countOf(hn::Add(oneI, sum)));
+      VI cm = oneI;
+      for (int k = 0; k < K; ++k) {
+        cnt[k] = hn::Add(cnt[k], hn::IfThenElseZero(maskI(matched[k]), oneI));
+        w[k] = hn::Add(w[k], hn::Mul(r, hn::Sub(hn::IfThenElseZero(matched[k], one), w[k])));
+        cm = hn::IfThenElse(maskI(matched[k]), cnt[k], cm);
+      }
+      learn(hn::Div(one, countOf(cm)));
+      if (anyUnmatched) {
+        const V total = replaceLast();
+        for (int k = 0; k < K; ++k)
+          w[k] = hn::IfThenElse(pending, hn::Div(countOf(cnt[k]), total), w[k]);
+      }
+    } else {
+      V wm = one;
+      for (int k = 0; k < K; ++k) {
+        w[k] = hn::Add(w[k], hn::Mul(rHist, hn::Sub(hn::IfThenElseZero(matched[k], one), w[k])));
+        wm = hn::IfThenElse(matched[k], w[k], wm);
+      }
+      learn(hn::Div(one, hn::Mul(hist, wm)));
+      if (anyUnmatched) {
+        const V total = replaceLast();
+        w[K - 1] = hn::IfThenElse(pending, hn::Div(one, total), w[K - 1]);
+        for (int k = 0; k < K - 1; ++k)
+          w[k] = hn::IfThenElse(pending, hn::Mul(w[k], keepHist), w[k]);
+      }
+    }
+
+    // Ranking as in the grey kernel: products first, the keys themselves when any is close.
+    VI c0[K];
+    V w0[K], v0[K], m0[K][3];
+    for (int k = 0; k < K; ++k) {
+      c0[k] = cnt[k], w0[k] = w[k], v0[k] = var[k];
+      for (int ch = 0; ch < 3; ++ch) m0[k][ch] = mu[k][ch];
+    }
+    auto swapDown = [&](V* keys, int j, M moving) KVL_INLINE_LAMBDA {
+      auto swapV = [&](V& lo, V& hi) KVL_INLINE_LAMBDA {
+        const V l = lo, h = hi;
+        lo = hn::IfThenElse(moving, h, l);
+        hi = hn::IfThenElse(moving, l, h);
+      };
+      swapV(keys[j - 1], keys[j]);
+      swapV(w[j - 1], w[j]);
+      swapV(var[j - 1], var[j]);
+      for (int ch = 0; ch < 3; ++ch) swapV(mu[j - 1][ch], mu[j][ch]);
+      const VI l = cnt[j - 1], h = cnt[j];
+      cnt[j - 1] = hn::IfThenElse(maskI(moving), h, l);
+      cnt[j] = hn::IfThenElse(maskI(moving), l, h);
+    };
+    auto empty = [&](int k) KVL_INLINE_LAMBDA { return hn::RebindMask(d, hn::Eq(cnt[k], zeroI)); };
+    M moved = hn::Lt(zero, zero);
+    bool exact = false;
+    {
+      M unsafe = hn::Lt(zero, zero);
+      for (int k = 0; k < K; ++k) {
+        const M inRange = hn::And(hn::And(hn::Ge(w[k], tiny), hn::Le(w[k], huge)),
+                                  hn::And(hn::Ge(var[k], tiny), hn::Le(var[k], huge)));
+        unsafe = hn::Or(unsafe, hn::AndNot(empty(k), hn::Not(inRange)));
+      }
+      exact = !hn::AllFalse(d, unsafe);
+    }
+    if (!exact) {
+      V w2[K];
+      for (int k = 0; k < K; ++k) w2[k] = hn::Mul(w[k], w[k]);
+      M doubtful = hn::Lt(zero, zero);
+      for (int k = 1; k < K; ++k) {
+        M moving = hn::FirstN(d, N);
+        for (int j = k; j > 0; --j) {
+          const M emptyA = empty(j - 1), emptyB = empty(j);
+          const V pa = hn::Mul(w2[j - 1], var[j]), pb = hn::Mul(w2[j], var[j - 1]);
+          const M both = hn::Not(hn::Or(emptyA, emptyB));
+          const M close = hn::Le(hn::Abs(hn::Sub(pa, pb)), hn::Mul(margin, hn::Max(pa, pb)));
+          doubtful = hn::Or(doubtful, hn::And(moving, hn::And(both, close)));
+          const M less = hn::Or(hn::AndNot(emptyB, emptyA), hn::And(both, hn::Lt(pa, pb)));
+          moving = hn::And(moving, less);
+          if (hn::AllFalse(d, moving)) break;
+          moved = hn::Or(moved, moving);
+          swapDown(w2, j, moving);
+        }
+      }
+      exact = !hn::AllFalse(d, doubtful);
+    }
+    if (exact) {
+      moved = hn::Lt(zero, zero);
+      V key[K];
+      for (int k = 0; k < K; ++k) {
+        cnt[k] = c0[k], w[k] = w0[k], var[k] = v0[k];
+        for (int ch = 0; ch < 3; ++ch) mu[k][ch] = m0[k][ch];
+        key[k] = hn::IfThenZeroElse(empty(k), hn::Div(w[k], hn::Sqrt(var[k])));
+      }
+      for (int k = 1; k < K; ++k) {
+        M moving = hn::FirstN(d, N);
+        for (int j = k; j > 0; --j) {
+          moving = hn::And(moving, hn::Lt(key[j - 1], key[j]));
+          if (hn::AllFalse(d, moving)) break;
+          moved = hn::Or(moved, moving);
+          swapDown(key, j, moving);
+        }
+      }
+    }
+
+    for (int ch = 0; ch < 3; ++ch)
+      hn::Store(hn::ConvertTo(di, hn::Add(mu[0][ch], half)), di, bgs[ch]);
+    for (int l = 0; l < N; ++l)
+      for (int ch = 0; ch < 3; ++ch) bg[3 * (i + l) + ch] = static_cast<Kvl8u>(bgs[ch][l]);
+    M cleared = hn::Lt(zero, zero);
+    M done = cleared;
+    V acc = zero;
+    for (int k = 0; k < K; ++k) {
+      acc = hn::Add(acc, w[k]);
+      cleared = hn::Or(cleared, hn::AndNot(done, matched[k]));
+      done = hn::Or(done, hn::Gt(acc, bgRatio));
+    }
+    const VI flag = hn::IfThenZeroElse(maskI(cleared), hn::Set(di, 255));
+    hn::Store(flag, di, bgs[0]);
+    for (int l = 0; l < N; ++l) fg[i + l] = static_cast<Kvl8u>(bgs[0][l]);
+
+    const bool anyMoved = !hn::AllFalse(d, moved);
+    for (int k = 0; k < K; ++k) {
+      const bool fields = anyMoved || (k == K - 1 && anyUnmatched) || !hn::AllFalse(d, matched[k]);
+      const bool weightKept = hn::AllTrue(di, hn::Eq(hn::BitCast(di, w[k]), hn::BitCast(di, wIn[k])));
+      if (!fields && weightKept) continue;
+#if HWY_TARGET == HWY_AVX3
+      const __m512i lo = _mm512_setr_epi32(0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+      const __m512i hi = _mm512_setr_epi32(8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+      auto pairs = [](V a, __m512i idx, V b) KVL_INLINE_LAMBDA {
+        return _mm512_castps_pd(_mm512_permutex2var_ps(a.raw, idx, b.raw));
+      };
+      const V c = hn::BitCast(d, cnt[k]);
+      const __m512d z = _mm512_setzero_pd();
+      storeFields(reinterpret_cast<double*>(base) + k * 4, pairs(c, lo, w[k]),
+                  pairs(var[k], lo, mu[k][0]), pairs(mu[k][1], lo, mu[k][2]), z);
+      storeFields(reinterpret_cast<double*>(base) + 8 * 20 + k * 4, pairs(c, hi, w[k]),
+                  pairs(var[k], hi, mu[k][0]), pairs(mu[k][1], hi, mu[k][2]), z);
+#else
+      const VI idx = hn::Add(lane, hn::Set(di, k * kFloats));
+      hn::ScatterIndex(w[k], d, base + 1, idx);
+      if (fields) {
+        hn::ScatterIndex(cnt[k], di, ibase, idx);
+        hn::ScatterIndex(var[k], d, base + 2, idx);
+        for (int ch = 0; ch < 3; ++ch) hn::ScatterIndex(mu[k][ch], d, base + 3 + ch, idx);
+      }
+#endif
+    }
+  }
+  ref::gaussRow3(src + 3 * i, n - i, recs + static_cast<std::ptrdiff_t>(i) * K, p, bg + 3 * i,
+                 fg + i);
+}
+
 #endif  // KVL_SIMD_TARGET
 }  // namespace HWY_NAMESPACE
 }  // namespace kvl::bg
@@ -290,5 +549,6 @@ HWY_AFTER_NAMESPACE();
 #if HWY_ONCE
 namespace kvl::bg {
 const simd::Kernel<GaussRowFn> kGaussRow{KVL_TARGETS(gaussRow), &ref::gaussRow};
+const simd::Kernel<GaussRow3Fn> kGaussRow3{KVL_TARGETS(gaussRow3), &ref::gaussRow3};
 }  // namespace kvl::bg
 #endif  // HWY_ONCE
