@@ -1,7 +1,7 @@
 // Vector kernel of the Gaussian foreground model, one source for SSE4, AVX2 and AVX-512.
 //
-// One lane per channel sample: the component records of neighbouring samples (160 bytes apart)
-// are gathered field by field into vectors, every rule runs on whole vectors with masks standing
+// One lane per pixel: the component records of neighbouring pixels (160 bytes apart) are
+// gathered field by field into vectors, every rule runs on whole vectors with masks standing
 // in for the branches, and the records are scattered back. Each lane performs the scalar rules'
 // operations in the same order, so the bytes equal the reference's.
 #undef HWY_TARGET_INCLUDE
@@ -57,6 +57,85 @@ HWY_INLINE void storeFields(double* p, __m512d c, __m512d w, __m512d v, __m512d 
 #else
 constexpr bool kTransposed = false;
 #endif
+
+// Ranking: insertion sort of each lane's records by key, each lane stopping where the scalar
+// does. The keys w / sqrt(v) are compared first through w_a^2 v_b < w_b^2 v_a, which decides the
+// comparison of the rounded keys whenever the two products are clearly apart; when any
+// comparison of the group is close (or a value is out of the safe range [tiny, huge]), the group
+// is ranked again on the keys themselves, computed as the scalar rules compute them.
+// empty(k): the lanes where component k has count 0. swapDown(keys, j, moving): where `moving`,
+// records j - 1 and j and their keys change places. restore(): the records as they were before
+// ranking. Returns the lanes where a record moved.
+template <int K, class D, class Empty, class Swap, class Restore>
+HWY_INLINE hn::Mask<D> rankComponents(D d, hn::Vec<D>* w, hn::Vec<D>* var, hn::Vec<D> tiny,
+                                      hn::Vec<D> huge, hn::Vec<D> margin, Empty empty,
+                                      Swap swapDown, Restore restore) {
+  using V = hn::Vec<D>;
+  using M = hn::Mask<D>;
+  const V zero = hn::Zero(d);
+  M moved = hn::Lt(zero, zero);
+  // Components a product can stand for: count 0 (key 0), or weight and variance in range.
+  M unsafe = hn::Lt(zero, zero);
+  for (int k = 0; k < K; ++k) {
+    const M inRange = hn::And(hn::And(hn::Ge(w[k], tiny), hn::Le(w[k], huge)),
+                              hn::And(hn::Ge(var[k], tiny), hn::Le(var[k], huge)));
+    unsafe = hn::Or(unsafe, hn::AndNot(empty(k), hn::Not(inRange)));
+  }
+  bool exact = !hn::AllFalse(d, unsafe);
+  if (!exact) {
+    V w2[K];
+    for (int k = 0; k < K; ++k) w2[k] = hn::Mul(w[k], w[k]);
+    M doubtful = hn::Lt(zero, zero);
+    for (int k = 1; k < K; ++k) {
+      M moving = hn::Eq(zero, zero);
+      for (int j = k; j > 0; --j) {
+        // key[j-1] < key[j]: 0 < key when only j-1 is empty; never when j is empty.
+        const M emptyA = empty(j - 1), emptyB = empty(j);
+        const V pa = hn::Mul(w2[j - 1], var[j]), pb = hn::Mul(w2[j], var[j - 1]);
+        const M both = hn::Not(hn::Or(emptyA, emptyB));
+        const M close = hn::Le(hn::Abs(hn::Sub(pa, pb)), hn::Mul(margin, hn::Max(pa, pb)));
+        doubtful = hn::Or(doubtful, hn::And(moving, hn::And(both, close)));
+        const M less = hn::Or(hn::AndNot(emptyB, emptyA), hn::And(both, hn::Lt(pa, pb)));
+        moving = hn::And(moving, less);
+        if (hn::AllFalse(d, moving)) break;
+        moved = hn::Or(moved, moving);
+        swapDown(w2, j, moving);
+      }
+    }
+    exact = !hn::AllFalse(d, doubtful);
+  }
+  if (exact) {
+    moved = hn::Lt(zero, zero);
+    restore();
+    V key[K];
+    for (int k = 0; k < K; ++k) key[k] = hn::IfThenZeroElse(empty(k), hn::Div(w[k], hn::Sqrt(var[k])));
+    for (int k = 1; k < K; ++k) {
+      M moving = hn::Eq(zero, zero);
+      for (int j = k; j > 0; --j) {
+        moving = hn::And(moving, hn::Lt(key[j - 1], key[j]));
+        if (hn::AllFalse(d, moving)) break;
+        moved = hn::Or(moved, moving);
+        swapDown(key, j, moving);
+      }
+    }
+  }
+  return moved;
+}
+
+// The foreground: cleared where a pre-ranking component matched at a ranked position up to the
+// one whose accumulated weight exceeds bgRatio.
+template <int K, class D>
+HWY_INLINE hn::Mask<D> clearedLanes(D d, const hn::Vec<D>* w, const hn::Mask<D>* matched,
+                                    hn::Vec<D> bgRatio) {
+  hn::Vec<D> acc = hn::Zero(d);
+  hn::Mask<D> cleared = hn::Lt(acc, acc), done = cleared;
+  for (int k = 0; k < K; ++k) {
+    acc = hn::Add(acc, w[k]);
+    cleared = hn::Or(cleared, hn::AndNot(done, matched[k]));
+    done = hn::Or(done, hn::Gt(acc, bgRatio));
+  }
+  return cleared;
+}
 
 void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussParams& p,
               Kvl8u* bg, Kvl8u* fg) {
@@ -174,83 +253,24 @@ void gaussRow(const Kvl8u* src, int n, KvliFGGaussComponent* recs, const GaussPa
       }
     }
 
-    // Ranking: insertion sort of the records by key, each lane stopping where the scalar does.
-    // The keys w / sqrt(v) are compared first through w_a^2 v_b < w_b^2 v_a, which decides the
-    // comparison of the rounded keys whenever the two products are clearly apart; when any
-    // comparison of the group is close (or a value is out of the safe range), the group is
-    // ranked again on the keys themselves, computed as the scalar rules compute them.
     V c0[K], w0[K], v0[K], m0[K];
     for (int k = 0; k < K; ++k) c0[k] = cnt[k], w0[k] = w[k], v0[k] = var[k], m0[k] = mu[k];
-    // Where `moving`, the records at j - 1 and j (and their sort keys) change places.
-    auto swapDown = [&](V* keys, int j, M moving) KVL_INLINE_LAMBDA {
-      for (V* a : {keys, cnt, w, var, mu}) {
-        const V lo = a[j - 1], hi = a[j];
-        a[j - 1] = hn::IfThenElse(moving, hi, lo);
-        a[j] = hn::IfThenElse(moving, lo, hi);
-      }
-    };
-    M moved = hn::Lt(zero, zero);
-    bool exact = false;
-    {
-      // Components a product can stand for: count 0 (key 0), or weight and variance in range.
-      M unsafe = hn::Lt(zero, zero);
-      for (int k = 0; k < K; ++k) {
-        const M inRange = hn::And(hn::And(hn::Ge(w[k], tiny), hn::Le(w[k], huge)),
-                                  hn::And(hn::Ge(var[k], tiny), hn::Le(var[k], huge)));
-        unsafe = hn::Or(unsafe, hn::AndNot(hn::Eq(cnt[k], zero), hn::Not(inRange)));
-      }
-      exact = !hn::AllFalse(d, unsafe);
-    }
-    if (!exact) {
-      V w2[K];
-      for (int k = 0; k < K; ++k) w2[k] = hn::Mul(w[k], w[k]);
-      M doubtful = hn::Lt(zero, zero);
-      for (int k = 1; k < K; ++k) {
-        M moving = hn::FirstN(d, N);
-        for (int j = k; j > 0; --j) {
-          // key[j-1] < key[j]: 0 < key when only j-1 is empty; never when j is empty.
-          const M emptyA = hn::Eq(cnt[j - 1], zero), emptyB = hn::Eq(cnt[j], zero);
-          const V pa = hn::Mul(w2[j - 1], var[j]), pb = hn::Mul(w2[j], var[j - 1]);
-          const M both = hn::Not(hn::Or(emptyA, emptyB));
-          const M close = hn::Le(hn::Abs(hn::Sub(pa, pb)), hn::Mul(margin, hn::Max(pa, pb)));
-          doubtful = hn::Or(doubtful, hn::And(moving, hn::And(both, close)));
-          const M less = hn::Or(hn::AndNot(emptyB, emptyA), hn::And(both, hn::Lt(pa, pb)));
-          moving = hn::And(moving, less);
-          if (hn::AllFalse(d, moving)) break;
-          moved = hn::Or(moved, moving);
-          swapDown(w2, j, moving);
-        }
-      }
-      exact = !hn::AllFalse(d, doubtful);
-    }
-    if (exact) {
-      moved = hn::Lt(zero, zero);
-      V key[K];
-      for (int k = 0; k < K; ++k) {
-        cnt[k] = c0[k], w[k] = w0[k], var[k] = v0[k], mu[k] = m0[k];
-        key[k] = hn::IfThenZeroElse(hn::Eq(cnt[k], zero), hn::Div(w[k], hn::Sqrt(var[k])));
-      }
-      for (int k = 1; k < K; ++k) {
-        M moving = hn::FirstN(d, N);
-        for (int j = k; j > 0; --j) {
-          moving = hn::And(moving, hn::Lt(key[j - 1], key[j]));
-          if (hn::AllFalse(d, moving)) break;
-          moved = hn::Or(moved, moving);
-          swapDown(key, j, moving);
-        }
-      }
-    }
+    const M moved = rankComponents<K>(
+        d, w, var, tiny, huge, margin, [&](int k) KVL_INLINE_LAMBDA { return hn::Eq(cnt[k], zero); },
+        [&](V* keys, int j, M moving) KVL_INLINE_LAMBDA {
+          for (V* a : {keys, cnt, w, var, mu}) {
+            const V lo = a[j - 1], hi = a[j];
+            a[j - 1] = hn::IfThenElse(moving, hi, lo);
+            a[j] = hn::IfThenElse(moving, lo, hi);
+          }
+        },
+        [&]() KVL_INLINE_LAMBDA {
+          for (int k = 0; k < K; ++k) cnt[k] = c0[k], w[k] = w0[k], var[k] = v0[k], mu[k] = m0[k];
+        });
 
     const auto bg32 = hn::DemoteTo(d32, hn::Add(mu[0], half));
     hn::StoreU(hn::DemoteTo(d8, bg32), d8, bg + i);
-    M cleared = hn::Lt(zero, zero);  // no lane
-    M done = cleared;
-    V acc = zero;
-    for (int k = 0; k < K; ++k) {
-      acc = hn::Add(acc, w[k]);
-      cleared = hn::Or(cleared, hn::AndNot(done, matched[k]));
-      done = hn::Or(done, hn::Gt(acc, bgRatio));
-    }
+    const M cleared = clearedLanes<K>(d, w, matched, bgRatio);
     const auto fg32 = hn::DemoteTo(d32, hn::IfThenZeroElse(cleared, hn::Set(d, 255.0)));
     hn::StoreU(hn::DemoteTo(d8, fg32), d8, fg + i);
 
@@ -420,91 +440,41 @@ void gaussRow3(const Kvl8u* src, int n, KvliFGGaussColourComponent* recs, const 
       }
     }
 
-    // Ranking as in the grey kernel: products first, the keys themselves when any is close.
     VI c0[K];
     V w0[K], v0[K], m0[K][3];
     for (int k = 0; k < K; ++k) {
       c0[k] = cnt[k], w0[k] = w[k], v0[k] = var[k];
       for (int ch = 0; ch < 3; ++ch) m0[k][ch] = mu[k][ch];
     }
-    auto swapDown = [&](V* keys, int j, M moving) KVL_INLINE_LAMBDA {
-      auto swapV = [&](V& lo, V& hi) KVL_INLINE_LAMBDA {
-        const V l = lo, h = hi;
-        lo = hn::IfThenElse(moving, h, l);
-        hi = hn::IfThenElse(moving, l, h);
-      };
-      swapV(keys[j - 1], keys[j]);
-      swapV(w[j - 1], w[j]);
-      swapV(var[j - 1], var[j]);
-      for (int ch = 0; ch < 3; ++ch) swapV(mu[j - 1][ch], mu[j][ch]);
-      const VI l = cnt[j - 1], h = cnt[j];
-      cnt[j - 1] = hn::IfThenElse(maskI(moving), h, l);
-      cnt[j] = hn::IfThenElse(maskI(moving), l, h);
+    auto swapV = [](V& lo, V& hi, M moving) KVL_INLINE_LAMBDA {
+      const V l = lo, h = hi;
+      lo = hn::IfThenElse(moving, h, l);
+      hi = hn::IfThenElse(moving, l, h);
     };
-    auto empty = [&](int k) KVL_INLINE_LAMBDA { return hn::RebindMask(d, hn::Eq(cnt[k], zeroI)); };
-    M moved = hn::Lt(zero, zero);
-    bool exact = false;
-    {
-      M unsafe = hn::Lt(zero, zero);
-      for (int k = 0; k < K; ++k) {
-        const M inRange = hn::And(hn::And(hn::Ge(w[k], tiny), hn::Le(w[k], huge)),
-                                  hn::And(hn::Ge(var[k], tiny), hn::Le(var[k], huge)));
-        unsafe = hn::Or(unsafe, hn::AndNot(empty(k), hn::Not(inRange)));
-      }
-      exact = !hn::AllFalse(d, unsafe);
-    }
-    if (!exact) {
-      V w2[K];
-      for (int k = 0; k < K; ++k) w2[k] = hn::Mul(w[k], w[k]);
-      M doubtful = hn::Lt(zero, zero);
-      for (int k = 1; k < K; ++k) {
-        M moving = hn::FirstN(d, N);
-        for (int j = k; j > 0; --j) {
-          const M emptyA = empty(j - 1), emptyB = empty(j);
-          const V pa = hn::Mul(w2[j - 1], var[j]), pb = hn::Mul(w2[j], var[j - 1]);
-          const M both = hn::Not(hn::Or(emptyA, emptyB));
-          const M close = hn::Le(hn::Abs(hn::Sub(pa, pb)), hn::Mul(margin, hn::Max(pa, pb)));
-          doubtful = hn::Or(doubtful, hn::And(moving, hn::And(both, close)));
-          const M less = hn::Or(hn::AndNot(emptyB, emptyA), hn::And(both, hn::Lt(pa, pb)));
-          moving = hn::And(moving, less);
-          if (hn::AllFalse(d, moving)) break;
-          moved = hn::Or(moved, moving);
-          swapDown(w2, j, moving);
-        }
-      }
-      exact = !hn::AllFalse(d, doubtful);
-    }
-    if (exact) {
-      moved = hn::Lt(zero, zero);
-      V key[K];
-      for (int k = 0; k < K; ++k) {
-        cnt[k] = c0[k], w[k] = w0[k], var[k] = v0[k];
-        for (int ch = 0; ch < 3; ++ch) mu[k][ch] = m0[k][ch];
-        key[k] = hn::IfThenZeroElse(empty(k), hn::Div(w[k], hn::Sqrt(var[k])));
-      }
-      for (int k = 1; k < K; ++k) {
-        M moving = hn::FirstN(d, N);
-        for (int j = k; j > 0; --j) {
-          moving = hn::And(moving, hn::Lt(key[j - 1], key[j]));
-          if (hn::AllFalse(d, moving)) break;
-          moved = hn::Or(moved, moving);
-          swapDown(key, j, moving);
-        }
-      }
-    }
+    const M moved = rankComponents<K>(
+        d, w, var, tiny, huge, margin,
+        [&](int k) KVL_INLINE_LAMBDA { return hn::RebindMask(d, hn::Eq(cnt[k], zeroI)); },
+        [&](V* keys, int j, M moving) KVL_INLINE_LAMBDA {
+          swapV(keys[j - 1], keys[j], moving);
+          swapV(w[j - 1], w[j], moving);
+          swapV(var[j - 1], var[j], moving);
+          for (int ch = 0; ch < 3; ++ch) swapV(mu[j - 1][ch], mu[j][ch], moving);
+          const VI l = cnt[j - 1], h = cnt[j];
+          cnt[j - 1] = hn::IfThenElse(maskI(moving), h, l);
+          cnt[j] = hn::IfThenElse(maskI(moving), l, h);
+        },
+        [&]() KVL_INLINE_LAMBDA {
+          for (int k = 0; k < K; ++k) {
+            cnt[k] = c0[k], w[k] = w0[k], var[k] = v0[k];
+            for (int ch = 0; ch < 3; ++ch) mu[k][ch] = m0[k][ch];
+          }
+        });
 
     for (int ch = 0; ch < 3; ++ch)
       hn::Store(hn::ConvertTo(di, hn::Add(mu[0][ch], half)), di, bgs[ch]);
     for (int l = 0; l < N; ++l)
       for (int ch = 0; ch < 3; ++ch) bg[3 * (i + l) + ch] = static_cast<Kvl8u>(bgs[ch][l]);
-    M cleared = hn::Lt(zero, zero);
-    M done = cleared;
-    V acc = zero;
-    for (int k = 0; k < K; ++k) {
-      acc = hn::Add(acc, w[k]);
-      cleared = hn::Or(cleared, hn::AndNot(done, matched[k]));
-      done = hn::Or(done, hn::Gt(acc, bgRatio));
-    }
+    const M cleared = clearedLanes<K>(d, w, matched, bgRatio);
     const VI flag = hn::IfThenZeroElse(maskI(cleared), hn::Set(di, 255));
     hn::Store(flag, di, bgs[0]);
     for (int l = 0; l < N; ++l) fg[i + l] = static_cast<Kvl8u>(bgs[0][l]);
