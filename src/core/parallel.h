@@ -98,6 +98,16 @@ inline int teamDistance(KvliSize roi) {
   return teamDistance(roi, owncvGetMaxNumThreads(), runomp());
 }
 
+// Watershed distance method: the distance-field team, capped at 16 stripes of at least 8 rows.
+constexpr int kWatershedMaxTeam = 16;
+constexpr int kWatershedMinRows = 8;
+inline int teamWatershed(KvliSize roi) {
+  int team = teamDistance(roi);
+  if (team > kWatershedMaxTeam) team = kWatershedMaxTeam;
+  if (team > roi.height / kWatershedMinRows) team = roi.height / kWatershedMinRows;
+  return team > 1 ? team : 1;
+}
+
 // One thread's share of the rows. Stripe edges inside the image are marked in memory, so a
 // neighbourhood filter reads its neighbours' rows there instead of extending the border.
 struct Stripe {
