@@ -1164,14 +1164,15 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
  *   first). Unreached pixels keep the key 0x7FC00000; marker pixels holding B are walls that
  *   neither flood nor are flooded. For norm 3 the cost from t1 (the smaller key left or right)
  *   and t2 (the smaller key above or below) is min(t1, t2) + 16 when |t1 - t2| >= 16, else
- *   floor((t1 + t2 + floor(sqrt(512 - (t1 - t2)^2))) / 2); a reached pixel whose distance passes
+ *   floor((t1 + t2 + floor(sqrt(512 - (t1 - t2)^2))) / 2) but at least max(t1, t2) + 1; a reached pixel whose distance passes
  *   the 23 bits carries into the level bits and stays unreached beyond 0x7FC00000. The keys are
  *   found by passes of a forward sweep (rows top to bottom, left to right) and a backward sweep
  *   until a pass lowers no key. A pixel's parents are the neighbours its cost comes from (those
  *   attaining the minimum; for norm 3 the neighbours giving t1 and/or t2 as used). Its label:
  *   the label of its parents when they agree; B when parents that are not themselves B disagree;
- *   when all its parents are B, the smallest label those parents were reached with. Labels are
- *   found by sweeps too, until nothing changes. Keys and labels are the unique solution of these
+ *   when all its parents are B, the smallest label those parents were reached with. Parents
+ *   always have smaller keys, so labels are given in one single-threaded pass that labels each
+ *   pixel once its last parent is labelled. Keys and labels are the unique solution of these
  *   rules, whatever the sweep order, so the result does not depend on the thread count.
  * Bits 64 and 128 mark boundaries between labels, with 4 or 8 neighbours (128 wins when both are
  * set): in row order and in place, a pixel with a region label becomes B when a neighbour holds
@@ -1192,8 +1193,8 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
  * may lie at any address. pSrc must not overlap pMarker.
  * Threading: the priority-queue method is single-threaded; the distance method, when the
  * permitted thread count T >= 2, the die has several cores and the image has at least 65536
- * pixels, sweeps min(T, 16, height / 8) stripes of rows in parallel, each stripe reading the rows
- * beside it from copies taken at the start of every pass. */
+ * pixels, sweeps the keys over min(T, 16, height / 8) stripes of rows in parallel, each stripe
+ * reading the rows beside it from copies taken at the start of every pass. */
 KVL_API KvlStatus kvliSegmentWatershedGetBufferSize_8u_C1R(KvliSize roiSize, int* pBufSize);
 KVL_API KvlStatus kvliSegmentWatershedGetBufferSize_8u16u_C1R(KvliSize roiSize, int* pBufSize);
 KVL_API KvlStatus kvliSegmentWatershed_8u_C1IR(const Kvl8u* pSrc, int srcStep, Kvl8u* pMarker, int markerStep, KvliSize roiSize, int norm, int flag, Kvl8u* pBuffer);

@@ -12,7 +12,7 @@
 // every sweep order reaches, so they do not depend on the stripes. Labels then follow the keys:
 // a pixel takes the labels of the neighbours its key came from (its parents, all with smaller
 // keys), and parents of different labels make it a boundary pixel. That is a recursion down the
-// keys with one solution, which the label sweeps find whatever their order.
+// keys with one solution, which one pass in a topological order of the parents finds.
 #include "seg/watershed.h"
 
 #include <climits>
@@ -185,30 +185,24 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
 
 // --- Distance method ----------------------------------------------------------------------------
 
-// Three consecutive rows of the framed arrays, each pointing at column 0 of the image.
-template <class T>
-struct Rows {
-  const int32_t* key[3];  // above, this, below
-  const T* label[3];
-  const uint8_t* mixed[3];
-};
-
 template <class T>
 struct Field {
   const Kvl8u* src;
   int srcStep;
   int w, h;
   ptrdiff_t fw;
-  int32_t* key;
-  T* label;
-  uint8_t* mixed;
+  int32_t* key;   // height rows of fw keys, the first and last of each row walls
+  int32_t* wall;  // fw walls: the rows above and below the image
+  T* label;       // the framed label map
   int norm;
   T boundary;
-  int32_t keyAt(int row, int x) const { return key[row * fw + x]; }  // framed row index
+  // Image row y's keys from column 0 (column -1 and width are walls); walls outside the image.
+  int32_t* row(int y) const { return (y < 0 || y >= h ? wall : key + y * fw) + 1; }
 };
 
 // The eikonal update in fixed point from the smaller key along x (t1) and along y (t2):
-// min + unit when |t1 - t2| >= unit, else floor((t1 + t2 + sqrt(2 unit^2 - (t1 - t2)^2)) / 2).
+// min + unit when |t1 - t2| >= unit, else floor((t1 + t2 + floor(sqrt(2 unit^2 - (t1 - t2)^2))) / 2),
+// raised to max(t1, t2) + 1 where the rounding leaves it at max(t1, t2).
 struct MarchTable {
   int32_t root[kMarchUnit];
   MarchTable() {
@@ -245,7 +239,10 @@ inline int32_t arrival(const int32_t* const k[3], int x, int norm, unsigned* par
       useY = !useX;
       best = static_cast<int64_t>(useX ? t1 : t2) + kMarchUnit;
     } else {
+      // At least one above the larger key, so a parent's key is always below its child's.
       best = (static_cast<int64_t>(t1) + t2 + kMarch.root[d]) >> 1;
+      const int64_t above = static_cast<int64_t>(t1 > t2 ? t1 : t2) + 1;
+      if (best < above) best = above;
     }
     if (useX) from |= (nb[0] == t1 ? 1u : 0u) | (nb[1] == t1 ? 2u : 0u);
     if (useY) from |= (nb[2] == t2 ? 4u : 0u) | (nb[3] == t2 ? 8u : 0u);
@@ -294,62 +291,68 @@ int keyRow(const Field<T>& f, int y, const int32_t* const k[3], bool forward) {
   return changes;
 }
 
-// One row of a label sweep: every reached, still unlabelled pixel whose parents all have labels
-// takes theirs. Parents that are not mixed decide (one label: that label; several: mixed, carrying
-// the smallest); a pixel whose parents are all mixed takes the smallest of their labels, unmixed.
+// The parents of pixel (x, y) (bits in offset order).
 template <class T>
-int labelRow(const Field<T>& f, int y, const Rows<T>& r, T* label, uint8_t* mixed) {
-  int changes = 0;
-  for (int x = 0; x < f.w; ++x) {
-    if (label[x] != 0 || r.key[1][x] >= kKeyUnreached) continue;
-    unsigned parents;
-    arrival(r.key, x, f.norm, &parents);
-    T plain = 0, least = 0;
-    bool several = false, known = true;
-    for (int i = 0; i < 8 && known; ++i) {
-      if (!(parents & (1u << i))) continue;
-      const T u = r.label[1 + kDy[i]][x + kDx[i]];
-      if (u == 0) {
-        known = false;
-        break;
-      }
-      if (least == 0 || u < least) least = u;
-      if (r.mixed[1 + kDy[i]][x + kDx[i]]) continue;
-      if (plain == 0) {
-        plain = u;
-      } else if (u != plain) {
-        several = true;
-        if (u < plain) plain = u;
-      }
-    }
-    if (!known || least == 0) continue;
-    label[x] = plain != 0 ? plain : least;
-    mixed[x] = several ? 1 : 0;
-    ++changes;
-  }
-  (void)y;
-  return changes;
+unsigned parentsAt(const Field<T>& f, int x, int y) {
+  const int32_t* k[3] = {f.row(y - 1), f.row(y), f.row(y + 1)};
+  unsigned parents;
+  arrival(k, x, f.norm, &parents);
+  return parents;
 }
 
-// Per-stripe copies of the rows just outside it, taken before each pass so that no stripe reads
-// rows another thread is writing.
+// Labels down the keys, in a topological order of the parent relation: a pixel is labelled once
+// its last parent is. Parents that are not mixed decide (one label: that label; several: mixed,
+// carrying the smallest); a pixel whose parents are all mixed takes the smallest of their
+// labels, unmixed. `waiting` (framed like the labels) holds, for an unlabelled pixel, its parents
+// not yet labelled, and for a labelled one whether it is mixed; `stack` the labelled pixels whose
+// children are still to visit.
 template <class T>
-struct Halo {
-  int32_t* key[2];
-  T* label[2];
-  uint8_t* mixed[2];
-};
-
-template <class T>
-Halo<T> haloAt(uint8_t* part, ptrdiff_t fw) {
-  Halo<T> h;
-  h.key[0] = reinterpret_cast<int32_t*>(part);
-  h.key[1] = h.key[0] + fw;
-  h.label[0] = reinterpret_cast<T*>(h.key[1] + fw);
-  h.label[1] = h.label[0] + fw;
-  h.mixed[0] = reinterpret_cast<uint8_t*>(h.label[1] + fw);
-  h.mixed[1] = h.mixed[0] + fw;
-  return h;
+void labelDown(const Field<T>& f, uint8_t* waiting, int32_t* stack) {
+  const Offsets o(f.fw);
+  static constexpr int kOpposite[8] = {1, 0, 3, 2, 7, 6, 5, 4};
+  size_t top = 0;
+  std::memset(waiting, 0, static_cast<size_t>(f.fw) * (f.h + 2));
+  for (int y = 0; y < f.h; ++y) {
+    const ptrdiff_t row = (y + 1) * f.fw + 1;
+    for (int x = 0; x < f.w; ++x) {
+      const ptrdiff_t i = row + x;
+      if (f.row(y)[x] >= kKeyUnreached) continue;
+      if (f.label[i] != 0) {
+        stack[top++] = static_cast<int32_t>(i);
+      } else {
+        waiting[i] = static_cast<uint8_t>(parentsAt(f, x, y));
+      }
+    }
+  }
+  const int n = f.norm == 1 || f.norm == 3 ? 4 : 8;
+  while (top > 0) {
+    const ptrdiff_t s = stack[--top];
+    for (int k = 0; k < n; ++k) {
+      const ptrdiff_t c = s + o.d[k];
+      const uint8_t bit = static_cast<uint8_t>(1u << kOpposite[k]);
+      if (f.label[c] != 0 || !(waiting[c] & bit)) continue;
+      waiting[c] = static_cast<uint8_t>(waiting[c] & ~bit);
+      if (waiting[c] != 0) continue;
+      const unsigned parents = parentsAt(f, static_cast<int>(c % f.fw) - 1, static_cast<int>(c / f.fw) - 1);
+      T plain = 0, least = 0;
+      bool several = false;
+      for (int j = 0; j < 8; ++j) {
+        if (!(parents & (1u << j))) continue;
+        const T u = f.label[c + o.d[j]];
+        if (least == 0 || u < least) least = u;
+        if (waiting[c + o.d[j]]) continue;
+        if (plain == 0) {
+          plain = u;
+        } else if (u != plain) {
+          several = true;
+          if (u < plain) plain = u;
+        }
+      }
+      f.label[c] = plain != 0 ? plain : least;
+      waiting[c] = several ? 1 : 0;
+      stack[top++] = static_cast<int32_t>(c);
+    }
+  }
 }
 
 template <class T>
@@ -364,79 +367,68 @@ void floodDistance(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kvl
     lay = distanceLayout(roi, sizeof(T), 1);
   }
   uint8_t* base = alignUp(buffer, 8);
-  Field<T> f{src, srcStep, w, h, fw,
-             reinterpret_cast<int32_t*>(base + lay.keys), reinterpret_cast<T*>(base + lay.labels),
-             base + lay.mixed, norm, boundary};
-  const size_t framed = static_cast<size_t>(fw) * (h + 2);
+  int32_t* keys = reinterpret_cast<int32_t*>(base + lay.keys);
+  Field<T> f{src, srcStep, w, h, fw, keys, keys + static_cast<size_t>(fw) * h,
+             reinterpret_cast<T*>(base + lay.labels), norm, boundary};
+  uint8_t* waiting = base + lay.waiting;
 
   copyIn(marker, markerStep, roi, f.label, boundary);
-  std::memset(f.mixed, 0, framed);
-  for (size_t i = 0; i < framed; ++i) {
-    const T v = f.label[i];
-    f.key[i] = v == 0 ? kKeyUnreached : v == boundary ? kKeyWall : 0;
-  }
+  for (ptrdiff_t i = 0; i < fw; ++i) f.wall[i] = kKeyWall;
   for (int y = 0; y < h; ++y) {
-    int32_t* key = f.key + (y + 1) * fw + 1;
+    int32_t* key = f.row(y);
+    const T* label = f.label + (y + 1) * fw + 1;
     const Kvl8u* level = rowPtr(src, srcStep, y);
-    for (int x = 0; x < w; ++x)
-      if (key[x] == 0) key[x] = static_cast<int32_t>(level[x]) << kLevelShift;
+    key[-1] = kKeyWall;
+    key[w] = kKeyWall;
+    for (int x = 0; x < w; ++x) {
+      const T v = label[x];
+      key[x] = v == 0 ? kKeyUnreached
+               : v == boundary ? kKeyWall
+                               : static_cast<int32_t>(level[x]) << kLevelShift;
+    }
   }
 
-  // Passes of a forward and a backward sweep over every stripe until one changes nothing. Each
+  // Passes of a forward and a backward sweep over every stripe until one lowers no key. Each
   // stripe reads the rows beside it from copies taken at the start of the pass.
   int changes[par::kWatershedMaxTeam];
-  auto passes = [&](auto&& rowFn) {
-    for (;;) {
-      if (team > 1) {
-        par::runStripes(team, h, [&](const par::Stripe& s) {
-          const Halo<T> hl = haloAt<T>(base + lay.halos + s.index * lay.haloBytes, fw);
-          const int rows[2] = {s.y0, s.y0 + s.rows + 1};  // framed rows above and below
-          for (int j = 0; j < 2; ++j) {
-            std::memcpy(hl.key[j], f.key + rows[j] * fw, fw * sizeof(int32_t));
-            std::memcpy(hl.label[j], f.label + rows[j] * fw, fw * sizeof(T));
-            std::memcpy(hl.mixed[j], f.mixed + rows[j] * fw, fw);
-          }
-        });
-      }
-      for (int& c : changes) c = 0;
+  for (;;) {
+    if (team > 1) {
       par::runStripes(team, h, [&](const par::Stripe& s) {
-        const Halo<T> hl = haloAt<T>(team > 1 ? base + lay.halos + s.index * lay.haloBytes : base, fw);
-        auto rowsOf = [&](int y) {
-          Rows<T> r;
-          for (int j = 0; j < 3; ++j) {
-            const int fy = y + j;  // framed row of image row y - 1 + j
-            const bool above = fy < s.y0 + 1, below = fy > s.y0 + s.rows;
-            if (team > 1 && (above || below)) {
-              r.key[j] = hl.key[above ? 0 : 1] + 1;
-              r.label[j] = hl.label[above ? 0 : 1] + 1;
-              r.mixed[j] = hl.mixed[above ? 0 : 1] + 1;
-            } else {
-              r.key[j] = f.key + fy * fw + 1;
-              r.label[j] = f.label + fy * fw + 1;
-              r.mixed[j] = f.mixed + fy * fw + 1;
-            }
-          }
-          return r;
-        };
-        int c = 0;
-        for (int i = 0; i < s.rows; ++i) c += rowFn(s.y0 + i, rowsOf(s.y0 + i), true);
-        for (int i = s.rows - 1; i >= 0; --i) c += rowFn(s.y0 + i, rowsOf(s.y0 + i), false);
-        changes[s.index] = c;
+        int32_t* halo = reinterpret_cast<int32_t*>(base + lay.halos + s.index * lay.haloBytes);
+        std::memcpy(halo, f.row(s.y0 - 1) - 1, fw * sizeof(int32_t));
+        std::memcpy(halo + fw, f.row(s.y0 + s.rows) - 1, fw * sizeof(int32_t));
       });
-      int total = 0;
-      for (int c : changes) total += c;
-      if (total == 0) break;
     }
-  };
-  passes([&](int y, const Rows<T>& r, bool forward) { return keyRow(f, y, r.key, forward); });
-  passes([&](int y, const Rows<T>& r, bool) {
-    return labelRow(f, y, r, f.label + (y + 1) * fw + 1, f.mixed + (y + 1) * fw + 1);
-  });
+    for (int& c : changes) c = 0;
+    par::runStripes(team, h, [&](const par::Stripe& s) {
+      const int32_t* halo =
+          team > 1 ? reinterpret_cast<int32_t*>(base + lay.halos + s.index * lay.haloBytes) : nullptr;
+      auto sweep = [&](int y, bool forward) {
+        const int32_t* k[3];
+        for (int j = 0; j < 3; ++j) {
+          const int r = y - 1 + j;
+          k[j] = (halo && r < s.y0)             ? halo + 1
+                 : (halo && r >= s.y0 + s.rows) ? halo + fw + 1
+                                                : f.row(r);
+        }
+        return keyRow(f, y, k, forward);
+      };
+      int c = 0;
+      for (int i = 0; i < s.rows; ++i) c += sweep(s.y0 + i, true);
+      for (int i = s.rows - 1; i >= 0; --i) c += sweep(s.y0 + i, false);
+      changes[s.index] = c;
+    });
+    int total = 0;
+    for (int c : changes) total += c;
+    if (total == 0) break;
+  }
+
+  labelDown(f, waiting, reinterpret_cast<int32_t*>(base + lay.stack));
   for (int y = 0; y < h; ++y) {
     T* label = f.label + (y + 1) * fw + 1;
-    const uint8_t* mixed = f.mixed + (y + 1) * fw + 1;
+    const uint8_t* mixed = waiting + (y + 1) * fw + 1;
     for (int x = 0; x < w; ++x)
-      if (mixed[x]) label[x] = boundary;
+      if (label[x] != 0 && mixed[x]) label[x] = boundary;
   }
   if (const int bn = boundsNeighbours(flag)) markBounds(f.label, roi, boundary, bn);
   copyOut(f.label, roi, marker, markerStep);

@@ -69,23 +69,27 @@ inline int32_t watershedBytes32(KvliSize roi, int markerBytes) {
   return a > b ? a : b;
 }
 
-// The distance method's layout in the buffer (rounded up to 8 bytes first): the framed label map,
-// the framed keys, the framed mixed-label flags and, for a team above one, per stripe the copies
-// of the two rows beside it. Returns the bytes it needs from the buffer's start.
+// The distance method's layout in the buffer (rounded up to 8 bytes first): the framed label map;
+// the keys, height rows of width + 2 (a wall each side) and one row of walls for above and below
+// the image; per framed pixel a byte of parents still unlabelled (the mixed flag once labelled);
+// a stack of width * height pixel indices; and, for a team above one, per stripe copies of the
+// keys of the two rows beside it. `end` is the bytes needed from the aligned start.
 struct DistanceLayout {
-  size_t labels, keys, mixed, halos;  // offsets from the aligned start
-  size_t haloBytes;                   // per stripe
+  size_t labels, keys, waiting, stack, halos;  // offsets from the aligned start
+  size_t haloBytes;                            // per stripe
   size_t end;
 };
 inline DistanceLayout distanceLayout(KvliSize roi, int markerBytes, int team) {
   const size_t fw = static_cast<size_t>(roi.width) + 2, fh = static_cast<size_t>(roi.height) + 2;
+  const size_t n = static_cast<size_t>(roi.width) * roi.height;
   auto up = [](size_t v, size_t a) { return (v + a - 1) / a * a; };
   DistanceLayout l{};
   l.labels = 0;
   l.keys = up(fw * fh * markerBytes, 4);
-  l.mixed = l.keys + fw * fh * 4;
-  l.halos = up(l.mixed + fw * fh, 8);
-  l.haloBytes = team > 1 ? up(2 * fw * (4 + markerBytes + 1), 8) : 0;
+  l.waiting = l.keys + fw * (fh - 1) * 4;
+  l.stack = up(l.waiting + fw * fh, 4);
+  l.halos = up(l.stack + 4 * n, 8);
+  l.haloBytes = team > 1 ? 2 * fw * 4 : 0;
   l.end = l.halos + l.haloBytes * static_cast<size_t>(team > 1 ? team : 0);
   return l;
 }
