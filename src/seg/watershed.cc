@@ -94,26 +94,33 @@ int boundsNeighbours(int flag) {
 
 // --- Priority-queue flooding --------------------------------------------------------------------
 
-template <class T>
-void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi, int norm,
-                int flag, Kvl8u* buffer, T boundary) {
+template <class T, int kNb>
+void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi, int flag,
+                Kvl8u* buffer, T boundary) {
   const int w = roi.width, h = roi.height;
   const ptrdiff_t fw = w + 2;
   const size_t n = static_cast<size_t>(w) * h;
   QueueNode* pool = reinterpret_cast<QueueNode*>(alignUp(buffer, 8));
   T* map = reinterpret_cast<T*>(pool + n);
   const Offsets o(fw);
-  const int nb = norm == 0 ? 8 : 4;
+  ptrdiff_t srcOff[8];
+  for (int k = 0; k < 8; ++k) srcOff[k] = static_cast<ptrdiff_t>(kDy[k]) * srcStep + kDx[k];
 
-  // The free list in address order; every queue empty.
-  for (size_t i = 0; i + 1 < n; ++i) pool[i].next = &pool[i + 1];
-  pool[n - 1].next = nullptr;
-  QueueNode* freeList = pool;
+  // The free list holds the pool in address order, and a popped node goes back to its head. The
+  // nodes never taken yet are the list's tail in address order, so the list is the returned
+  // nodes (most recent first) followed by the pool from `fresh` on; it is chained as it goes.
+  QueueNode* returned = nullptr;
+  QueueNode* fresh = pool;
   LevelQueue queue[kLevels];
   for (LevelQueue& q : queue) q = {nullptr, nullptr};
   auto push = [&](int level, int x, int y) {
-    QueueNode* node = freeList;
-    freeList = node->next;
+    QueueNode* node;
+    if (returned != nullptr) {
+      node = returned;
+      returned = node->next;
+    } else {
+      node = fresh++;
+    }
     node->next = nullptr;
     node->x = x;
     node->y = y;
@@ -133,7 +140,7 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
     const Kvl8u* level = rowPtr(src, srcStep, y);
     for (int x = 0; x < w; ++x) {
       if (row[x] == 0) continue;
-      for (int k = 0; k < nb; ++k) {
+      for (int k = 0; k < kNb; ++k) {
         if (row[x + o.d[k]] == 0) {
           push(level[x], x, y);
           break;
@@ -152,20 +159,32 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
       q.head = node->next;
       if (q.head == nullptr) q.tail = nullptr;
       const int px = node->x, py = node->y;
-      node->next = freeList;
-      freeList = node;
+      node->next = returned;
+      returned = node;
+      // The queue outruns the caches on large plateaus: fetch ahead the third node from here,
+      // and the label and relief of the second one's pixel.
+      if (q.head != nullptr) {
+        if (const QueueNode* ahead = q.head->next) {
+          if (ahead->next != nullptr) __builtin_prefetch(ahead->next);
+          const T* at = map + (ahead->y + 1) * fw + (ahead->x + 1);
+          __builtin_prefetch(at - fw);
+          __builtin_prefetch(at);
+          __builtin_prefetch(at + fw);
+          __builtin_prefetch(src + static_cast<ptrdiff_t>(ahead->y) * srcStep + ahead->x);
+        }
+      }
 
       T* p = map + (py + 1) * fw + (px + 1);
+      const Kvl8u* ps = src + static_cast<ptrdiff_t>(py) * srcStep + px;
       const T lp = *p;
-      for (int k = 0; k < nb; ++k) {
+      for (int k = 0; k < kNb; ++k) {
         T* qp = p + o.d[k];
         if (*qp != 0) continue;
-        const int qx = px + kDx[k], qy = py + kDy[k];
-        const int lq = rowPtr(src, srcStep, qy)[qx];
-        push(lq > level ? lq : level, qx, qy);
+        const int lq = ps[srcOff[k]];
+        push(lq > level ? lq : level, px + kDx[k], py + kDy[k]);
         // The label: lp, unless another region label is beside q.
         T v = lp;
-        for (int j = 0; j < nb; ++j) {
+        for (int j = 0; j < kNb; ++j) {
           const T* r = qp + o.d[j];
           if (r == p) continue;
           const T u = *r;
@@ -459,7 +478,11 @@ KvlStatus watershed(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kv
     return kvlStatusBadArgument;
   }
   if (flag & kWatershedQueue) {
-    floodQueue(src, srcStep, marker, markerStep, roi, norm, flag, buffer, boundary);
+    if (norm == 0) {
+      floodQueue<T, 8>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+    } else {
+      floodQueue<T, 4>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+    }
   } else {
     floodDistance(src, srcStep, marker, markerStep, roi, norm, flag, buffer, boundary);
   }
