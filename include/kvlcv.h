@@ -1194,7 +1194,8 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
  * Threading: the priority-queue method is single-threaded; the distance method, when the
  * permitted thread count T >= 2, the die has several cores and the image has at least 65536
  * pixels, sweeps the keys over min(T, 16, height / 8) stripes of rows in parallel, each stripe
- * reading the rows beside it from copies taken at the start of every pass. */
+ * reading the rows beside it from copies taken at the start of every pass; a row is swept again
+ * only when a key in it or beside it changed since its last sweep. */
 KVL_API KvlStatus kvliSegmentWatershedGetBufferSize_8u_C1R(KvliSize roiSize, int* pBufSize);
 KVL_API KvlStatus kvliSegmentWatershedGetBufferSize_8u16u_C1R(KvliSize roiSize, int* pBufSize);
 KVL_API KvlStatus kvliSegmentWatershed_8u_C1IR(const Kvl8u* pSrc, int srcStep, Kvl8u* pMarker, int markerStep, KvliSize roiSize, int norm, int flag, Kvl8u* pBuffer);

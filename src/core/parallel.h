@@ -166,6 +166,30 @@ void runStripes(int team, int height, Body&& body, Split split = Split::kRestToL
   }
 }
 
+// Runs first(const Stripe&) on every stripe, waits for the whole team, then second(const Stripe&)
+// on the same stripes (the split the master computed once): for a step whose stripes read what
+// the others wrote in the step before.
+template <class First, class Second>
+void runStripesPhased(int team, int height, First&& first, Second&& second) {
+  if (team <= 1) {
+    const Stripe s{0, 1, 0, height, height};
+    first(s);
+    second(s);
+    return;
+  }
+  int n = 1;
+#pragma omp parallel num_threads(team)
+  {
+#pragma omp master
+    n = owncvGetNumThreads();
+#pragma omp barrier
+    const Stripe s = stripeOf(owncvGetIdThreads(), n, height);
+    if (s.rows >= 1) first(s);
+#pragma omp barrier
+    if (s.rows >= 1) second(s);
+  }
+}
+
 // Spins (then yields) until `counter` reaches `target`; its acquire load orders what the threads
 // that raised it wrote before they did.
 inline void waitUntil(const std::atomic<int>& counter, int target) {

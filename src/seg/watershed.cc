@@ -213,7 +213,6 @@ struct Field {
   int32_t* key;   // height rows of fw keys, the first and last of each row walls
   int32_t* wall;  // fw walls: the rows above and below the image
   T* label;       // the framed label map
-  int norm;
   T boundary;
   // Image row y's keys from column 0 (column -1 and width are walls); walls outside the image.
   int32_t* row(int y) const { return (y < 0 || y >= h ? wall : key + y * fw) + 1; }
@@ -238,12 +237,13 @@ const MarchTable kMarch;
 // The least path cost into pixel x of the middle row from its neighbours, before the level:
 // kKeyUnreached when no neighbour is reached. `parents` receives the bit of each neighbour
 // (offset order) the cost comes from.
-inline int32_t arrival(const int32_t* const k[3], int x, int norm, unsigned* parents) {
+template <int kNorm>
+inline int32_t arrival(const int32_t* const k[3], int x, unsigned* parents) {
   const int32_t nb[8] = {k[1][x - 1], k[1][x + 1], k[0][x], k[2][x],
                          k[0][x - 1], k[0][x + 1], k[2][x - 1], k[2][x + 1]};
   unsigned from = 0;
   int64_t best = kKeyUnreached;
-  if (norm == 3) {
+  if constexpr (kNorm == 3) {
     const int32_t t1 = nb[0] < nb[1] ? nb[0] : nb[1];
     const int32_t t2 = nb[2] < nb[3] ? nb[2] : nb[3];
     const bool r1 = t1 < kKeyUnreached, r2 = t2 < kKeyUnreached;
@@ -266,8 +266,8 @@ inline int32_t arrival(const int32_t* const k[3], int x, int norm, unsigned* par
     if (useX) from |= (nb[0] == t1 ? 1u : 0u) | (nb[1] == t1 ? 2u : 0u);
     if (useY) from |= (nb[2] == t2 ? 4u : 0u) | (nb[3] == t2 ? 8u : 0u);
   } else {
-    const StepCost c = kStepCost[norm];
-    const int n = c.diagonal != 0 ? 8 : 4;
+    constexpr StepCost c = kStepCost[kNorm];
+    constexpr int n = c.diagonal != 0 ? 8 : 4;
     for (int i = 0; i < n; ++i) {
       if (nb[i] >= kKeyUnreached) continue;
       const int64_t v = static_cast<int64_t>(nb[i]) + (i < 4 ? c.axis : c.diagonal);
@@ -288,7 +288,7 @@ inline int32_t arrival(const int32_t* const k[3], int x, int norm, unsigned* par
 }
 
 // One row of a key sweep, in place; returns how many keys went down.
-template <class T>
+template <int kNorm, class T>
 int keyRow(const Field<T>& f, int y, const int32_t* const k[3], bool forward) {
   int32_t* key = const_cast<int32_t*>(k[1]);
   const T* label = f.label + (y + 1) * f.fw + 1;
@@ -296,11 +296,12 @@ int keyRow(const Field<T>& f, int y, const int32_t* const k[3], bool forward) {
   int changes = 0;
   for (int i = 0; i < f.w; ++i) {
     const int x = forward ? i : f.w - 1 - i;
-    if (label[x] != 0) continue;  // markers and walls keep their keys
-    unsigned parents;
-    int32_t c = arrival(k, x, f.norm, &parents);
-    if (c >= kKeyUnreached) continue;
     const int32_t floor = static_cast<int32_t>(level[x]) << kLevelShift;
+    // Markers and walls keep their keys; a key at its level's floor cannot go lower.
+    if (label[x] != 0 || key[x] == floor) continue;
+    unsigned parents;
+    int32_t c = arrival<kNorm>(k, x, &parents);
+    if (c >= kKeyUnreached) continue;
     if (c < floor) c = floor;
     if (c < key[x]) {
       key[x] = c;
@@ -311,11 +312,11 @@ int keyRow(const Field<T>& f, int y, const int32_t* const k[3], bool forward) {
 }
 
 // The parents of pixel (x, y) (bits in offset order).
-template <class T>
+template <int kNorm, class T>
 unsigned parentsAt(const Field<T>& f, int x, int y) {
   const int32_t* k[3] = {f.row(y - 1), f.row(y), f.row(y + 1)};
   unsigned parents;
-  arrival(k, x, f.norm, &parents);
+  arrival<kNorm>(k, x, &parents);
   return parents;
 }
 
@@ -325,7 +326,7 @@ unsigned parentsAt(const Field<T>& f, int x, int y) {
 // labels, unmixed. `waiting` (framed like the labels) holds, for an unlabelled pixel, its parents
 // not yet labelled, and for a labelled one whether it is mixed; `stack` the labelled pixels whose
 // children are still to visit.
-template <class T>
+template <int kNorm, class T>
 void labelDown(const Field<T>& f, uint8_t* waiting, int32_t* stack) {
   const Offsets o(f.fw);
   static constexpr int kOpposite[8] = {1, 0, 3, 2, 7, 6, 5, 4};
@@ -339,11 +340,11 @@ void labelDown(const Field<T>& f, uint8_t* waiting, int32_t* stack) {
       if (f.label[i] != 0) {
         stack[top++] = static_cast<int32_t>(i);
       } else {
-        waiting[i] = static_cast<uint8_t>(parentsAt(f, x, y));
+        waiting[i] = static_cast<uint8_t>(parentsAt<kNorm>(f, x, y));
       }
     }
   }
-  const int n = f.norm == 1 || f.norm == 3 ? 4 : 8;
+  constexpr int n = kNorm == 1 || kNorm == 3 ? 4 : 8;
   while (top > 0) {
     const ptrdiff_t s = stack[--top];
     for (int k = 0; k < n; ++k) {
@@ -352,7 +353,7 @@ void labelDown(const Field<T>& f, uint8_t* waiting, int32_t* stack) {
       if (f.label[c] != 0 || !(waiting[c] & bit)) continue;
       waiting[c] = static_cast<uint8_t>(waiting[c] & ~bit);
       if (waiting[c] != 0) continue;
-      const unsigned parents = parentsAt(f, static_cast<int>(c % f.fw) - 1, static_cast<int>(c / f.fw) - 1);
+      const unsigned parents = parentsAt<kNorm>(f, static_cast<int>(c % f.fw) - 1, static_cast<int>(c / f.fw) - 1);
       T plain = 0, least = 0;
       bool several = false;
       for (int j = 0; j < 8; ++j) {
@@ -374,9 +375,9 @@ void labelDown(const Field<T>& f, uint8_t* waiting, int32_t* stack) {
   }
 }
 
-template <class T>
+template <int kNorm, class T>
 void floodDistance(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi,
-                   int norm, int flag, Kvl8u* buffer, T boundary) {
+                   int flag, Kvl8u* buffer, T boundary) {
   const int w = roi.width, h = roi.height;
   const ptrdiff_t fw = w + 2;
   int team = par::teamWatershed(roi);
@@ -388,8 +389,9 @@ void floodDistance(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kvl
   uint8_t* base = alignUp(buffer, 8);
   int32_t* keys = reinterpret_cast<int32_t*>(base + lay.keys);
   Field<T> f{src, srcStep, w, h, fw, keys, keys + static_cast<size_t>(fw) * h,
-             reinterpret_cast<T*>(base + lay.labels), norm, boundary};
+             reinterpret_cast<T*>(base + lay.labels), boundary};
   uint8_t* waiting = base + lay.waiting;
+  uint8_t* dirty = base + lay.dirty;
 
   copyIn(marker, markerStep, roi, f.label, boundary);
   for (ptrdiff_t i = 0; i < fw; ++i) f.wall[i] = kKeyWall;
@@ -406,43 +408,59 @@ void floodDistance(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kvl
                                : static_cast<int32_t>(level[x]) << kLevelShift;
     }
   }
+  std::memset(dirty, 1, static_cast<size_t>(h));
 
-  // Passes of a forward and a backward sweep over every stripe until one lowers no key. Each
-  // stripe reads the rows beside it from copies taken at the start of the pass.
-  int changes[par::kWatershedMaxTeam];
+  // Passes of a forward and a backward sweep over every stripe until one lowers no key. A stripe
+  // reads the rows beside it from copies taken at the start of the pass, and sweeps only the rows
+  // whose neighbourhood changed since they were last swept (`dirty`); the rows beside it that its
+  // changes make dirty are marked between passes.
+  struct Slot {
+    int changes;
+    int dirtyAbove, dirtyBelow;  // rows of other stripes to mark, or -1
+  };
+  Slot slots[par::kWatershedMaxTeam];
   for (;;) {
-    if (team > 1) {
-      par::runStripes(team, h, [&](const par::Stripe& s) {
-        int32_t* halo = reinterpret_cast<int32_t*>(base + lay.halos + s.index * lay.haloBytes);
-        std::memcpy(halo, f.row(s.y0 - 1) - 1, fw * sizeof(int32_t));
-        std::memcpy(halo + fw, f.row(s.y0 + s.rows) - 1, fw * sizeof(int32_t));
-      });
-    }
-    for (int& c : changes) c = 0;
-    par::runStripes(team, h, [&](const par::Stripe& s) {
+    for (Slot& sl : slots) sl = {0, -1, -1};
+    auto copyHalo = [&](const par::Stripe& s) {
+      if (team <= 1) return;
+      int32_t* halo = reinterpret_cast<int32_t*>(base + lay.halos + s.index * lay.haloBytes);
+      std::memcpy(halo, f.row(s.y0 - 1) - 1, fw * sizeof(int32_t));
+      std::memcpy(halo + fw, f.row(s.y0 + s.rows) - 1, fw * sizeof(int32_t));
+    };
+    auto sweepStripe = [&](const par::Stripe& s) {
       const int32_t* halo =
           team > 1 ? reinterpret_cast<int32_t*>(base + lay.halos + s.index * lay.haloBytes) : nullptr;
+      const int y1 = s.y0 + s.rows;
+      Slot& sl = slots[s.index];
       auto sweep = [&](int y, bool forward) {
+        if (!dirty[y]) return;
+        dirty[y] = 0;
         const int32_t* k[3];
         for (int j = 0; j < 3; ++j) {
           const int r = y - 1 + j;
-          k[j] = (halo && r < s.y0)             ? halo + 1
-                 : (halo && r >= s.y0 + s.rows) ? halo + fw + 1
-                                                : f.row(r);
+          k[j] = (halo && r < s.y0) ? halo + 1 : (halo && r >= y1) ? halo + fw + 1 : f.row(r);
         }
-        return keyRow(f, y, k, forward);
+        const int c = keyRow<kNorm>(f, y, k, forward);
+        if (c == 0) return;
+        sl.changes += c;
+        dirty[y] = 1;
+        if (y > s.y0) dirty[y - 1] = 1; else if (y > 0) sl.dirtyAbove = y - 1;
+        if (y + 1 < y1) dirty[y + 1] = 1; else if (y + 1 < h) sl.dirtyBelow = y + 1;
       };
-      int c = 0;
-      for (int i = 0; i < s.rows; ++i) c += sweep(s.y0 + i, true);
-      for (int i = s.rows - 1; i >= 0; --i) c += sweep(s.y0 + i, false);
-      changes[s.index] = c;
-    });
+      for (int y = s.y0; y < y1; ++y) sweep(y, true);
+      for (int y = y1 - 1; y >= s.y0; --y) sweep(y, false);
+    };
+    par::runStripesPhased(team, h, copyHalo, sweepStripe);
     int total = 0;
-    for (int c : changes) total += c;
+    for (const Slot& sl : slots) {
+      total += sl.changes;
+      if (sl.dirtyAbove >= 0) dirty[sl.dirtyAbove] = 1;
+      if (sl.dirtyBelow >= 0) dirty[sl.dirtyBelow] = 1;
+    }
     if (total == 0) break;
   }
 
-  labelDown(f, waiting, reinterpret_cast<int32_t*>(base + lay.stack));
+  labelDown<kNorm>(f, waiting, reinterpret_cast<int32_t*>(base + lay.stack));
   for (int y = 0; y < h; ++y) {
     T* label = f.label + (y + 1) * fw + 1;
     const uint8_t* mixed = waiting + (y + 1) * fw + 1;
@@ -484,7 +502,20 @@ KvlStatus watershed(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kv
       floodQueue<T, 4>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
     }
   } else {
-    floodDistance(src, srcStep, marker, markerStep, roi, norm, flag, buffer, boundary);
+    switch (norm) {
+      case 0:
+        floodDistance<0>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        break;
+      case 1:
+        floodDistance<1>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        break;
+      case 2:
+        floodDistance<2>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        break;
+      default:
+        floodDistance<3>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        break;
+    }
   }
   return kvlStatusOk;
 }

@@ -72,10 +72,11 @@ inline int32_t watershedBytes32(KvliSize roi, int markerBytes) {
 // The distance method's layout in the buffer (rounded up to 8 bytes first): the framed label map;
 // the keys, height rows of width + 2 (a wall each side) and one row of walls for above and below
 // the image; per framed pixel a byte of parents still unlabelled (the mixed flag once labelled);
-// a stack of width * height pixel indices; and, for a team above one, per stripe copies of the
+// a stack of width * height pixel indices; a byte per row saying whether it needs sweeping;
+// and, for a team above one, per stripe copies of the
 // keys of the two rows beside it. `end` is the bytes needed from the aligned start.
 struct DistanceLayout {
-  size_t labels, keys, waiting, stack, halos;  // offsets from the aligned start
+  size_t labels, keys, waiting, stack, dirty, halos;  // offsets from the aligned start
   size_t haloBytes;                            // per stripe
   size_t end;
 };
@@ -88,7 +89,8 @@ inline DistanceLayout distanceLayout(KvliSize roi, int markerBytes, int team) {
   l.keys = up(fw * fh * markerBytes, 4);
   l.waiting = l.keys + fw * (fh - 1) * 4;
   l.stack = up(l.waiting + fw * fh, 4);
-  l.halos = up(l.stack + 4 * n, 8);
+  l.dirty = l.stack + 4 * n;
+  l.halos = up(l.dirty + static_cast<size_t>(roi.height), 8);
   l.haloBytes = team > 1 ? 2 * fw * 4 : 0;
   l.end = l.halos + l.haloBytes * static_cast<size_t>(team > 1 ? team : 0);
   return l;
