@@ -287,6 +287,31 @@ inline int32_t arrival(const int32_t* const k[3], int x, unsigned* parents) {
   return static_cast<int32_t>(best);
 }
 
+// The cost alone, as arrival computes it, for the sweeps: a neighbour not reached (or a wall)
+// contributes at least kKeyUnreached, and the 64-bit sums cannot wrap.
+template <int kNorm>
+inline int64_t cost(const int32_t* const k[3], int x) {
+  if constexpr (kNorm == 3) {
+    const int64_t t1 = k[1][x - 1] < k[1][x + 1] ? k[1][x - 1] : k[1][x + 1];
+    const int64_t t2 = k[0][x] < k[2][x] ? k[0][x] : k[2][x];
+    const int64_t lo = t1 < t2 ? t1 : t2, hi = t1 < t2 ? t2 : t1;
+    if (lo >= kKeyUnreached) return kKeyUnreached;
+    const int64_t d = hi - lo;
+    if (d >= kMarchUnit || hi >= kKeyUnreached) return lo + kMarchUnit;  // one axis decides
+    const int64_t g = (lo + hi + kMarch.root[d]) >> 1;
+    return g > hi ? g : hi + 1;
+  } else {
+    constexpr StepCost c = kStepCost[kNorm];
+    auto low = [](int64_t a, int64_t b) { return a < b ? a : b; };
+    int64_t best = low(low(k[1][x - 1], k[1][x + 1]), low(k[0][x], k[2][x])) + c.axis;
+    if constexpr (c.diagonal != 0) {
+      const int64_t diag = low(low(k[0][x - 1], k[0][x + 1]), low(k[2][x - 1], k[2][x + 1]));
+      best = low(best, diag + c.diagonal);
+    }
+    return best;
+  }
+}
+
 // One row of a key sweep, in place; returns how many keys went down.
 template <int kNorm, class T>
 int keyRow(const Field<T>& f, int y, const int32_t* const k[3], bool forward) {
@@ -299,12 +324,11 @@ int keyRow(const Field<T>& f, int y, const int32_t* const k[3], bool forward) {
     const int32_t floor = static_cast<int32_t>(level[x]) << kLevelShift;
     // Markers and walls keep their keys; a key at its level's floor cannot go lower.
     if (label[x] != 0 || key[x] == floor) continue;
-    unsigned parents;
-    int32_t c = arrival<kNorm>(k, x, &parents);
+    int64_t c = cost<kNorm>(k, x);
     if (c >= kKeyUnreached) continue;
     if (c < floor) c = floor;
     if (c < key[x]) {
-      key[x] = c;
+      key[x] = static_cast<int32_t>(c);
       ++changes;
     }
   }
