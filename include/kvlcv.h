@@ -1163,17 +1163,20 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
  *   where the flood entered that level (inside a plateau, pixels nearer its labelled edge come
  *   first). Unreached pixels keep the key 0x7FC00000; marker pixels holding B are walls that
  *   neither flood nor are flooded. For norm 3 the cost from t1 (the smaller key left or right)
- *   and t2 (the smaller key above or below) is min(t1, t2) + 16 when |t1 - t2| >= 16, else
- *   floor((t1 + t2 + floor(sqrt(512 - (t1 - t2)^2))) / 2) but at least max(t1, t2) + 1; a reached pixel whose distance passes
- *   the 23 bits carries into the level bits and stays unreached beyond 0x7FC00000. The keys are
- *   found by passes of a forward sweep (rows top to bottom, left to right) and a backward sweep
- *   until a pass lowers no key. A pixel's parents are the neighbours its cost comes from (those
- *   attaining the minimum; for norm 3 the neighbours giving t1 and/or t2 as used). Its label:
- *   the label of its parents when they agree; B when parents that are not themselves B disagree;
- *   when all its parents are B, the smallest label those parents were reached with. Parents
- *   always have smaller keys, so labels are given in one single-threaded pass that labels each
- *   pixel once its last parent is labelled. Keys and labels are the unique solution of these
- *   rules, whatever the sweep order, so the result does not depend on the thread count.
+ *   and t2 (the smaller key above or below) is min(t1, t2) + 16 when |t1 - t2| >= 16 or only
+ *   one of them is reached, else floor((t1 + t2 + floor(sqrt(512 - (t1 - t2)^2))) / 2) but at
+ *   least max(t1, t2) + 1. A distance beyond 23 bits carries into the level bits; a cost at or
+ *   above 0x7FC00000 counts as not reaching the pixel. The keys are found by passes of a forward
+ *   sweep (rows top to bottom, left to right) and a backward sweep until a pass lowers no key.
+ *   A pixel's parents are the neighbours its cost comes from (those attaining the minimum; for
+ *   norm 3 the neighbours giving t1 and/or t2 as used). Its label: the label of its parents when
+ *   they agree; B when the parents that are not themselves such B pixels disagree (the B pixel
+ *   still carries the smallest of those labels for the pixels after it); when all its parents
+ *   are such B pixels, the smallest label they carry. Parents always have smaller keys, so
+ *   labels are given in one single-threaded pass that labels each pixel once its last parent is
+ *   labelled. Keys and labels are the unique solution of these rules, whatever the sweep order,
+ *   so the result does not depend on the thread count. Both methods run scalar on every vector
+ *   target: each step depends on the one before it.
  * Bits 64 and 128 mark boundaries between labels, with 4 or 8 neighbours (128 wins when both are
  * set): in row order and in place, a pixel with a region label becomes B when a neighbour holds
  * another region label (so one of two touching pixels is marked). The queue method does this
