@@ -1137,6 +1137,72 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
 /* @@END FLOOD FILL@@ */
 
 /* @@BEGIN WATERSHED@@ */
+/* Marker watershed. pSrc is the relief (8-bit levels); pMarker holds the markers in place: 0 is
+ * unlabelled, 1 .. B - 1 are region labels and B is the boundary (watershed line) value, with
+ * B = 255 for Kvl8u markers and B = 65535 for Kvl16u markers. Every label grows over the relief
+ * in order of increasing level; pixels no marker can reach stay 0, and an image without labels is
+ * left unchanged. The method is chosen by flag:
+ * - bit value 1, priority-queue flooding (norm 0: 8 neighbours, 1: 4 neighbours). The buffer
+ *   holds width * height 16-byte nodes {next, column, row} chained into a free list in address
+ *   order (a popped node goes back to its head) and the markers copied into a map with a one-pixel
+ *   frame of B, which is never flooded; the 256 level queues (first in, first out) live on the
+ *   stack. A scan in row order appends every pixel with a label > 0 (B included) that has an
+ *   unlabelled neighbour to the queue of its own level pSrc(x, y). Flooding takes the lowest
+ *   non-empty level L, pops its front pixel p with label lp and, for each unlabelled neighbour q
+ *   in the order left, right, up, down, up-left, up-right, down-left, down-right (the diagonals
+ *   only for norm 0), appends q to the queue of level max(pSrc(q), L) and labels it: v = lp; for
+ *   each neighbour of q other than p, in the same order, holding a region label different from v,
+ *   v becomes B and the search stops if v was not B, otherwise v takes that label; q gets v.
+ * - bit value 2 without bit value 1, the distance method (norm 0: 8 neighbours, chessboard
+ *   steps; 1: 4 neighbours, city-block steps; 2: 8 neighbours, axis steps 5 and diagonal steps 7;
+ *   3: 4 neighbours with the upwind eikonal (fast-marching) update, 16 units per pixel). Every
+ *   pixel gets a 32-bit key (level << 23) + distance: marker pixels (region labels) have their own
+ *   level and distance 0; an unlabelled pixel gets the least cost of a path from a marker, where
+ *   stepping onto pixel p from a neighbour of key k costs max(pSrc(p) << 23, k + step). So the key
+ *   is the lowest level at which a flood from a marker reaches the pixel, plus its distance from
+ *   where the flood entered that level (inside a plateau, pixels nearer its labelled edge come
+ *   first). Unreached pixels keep the key 0x7FC00000; marker pixels holding B are walls that
+ *   neither flood nor are flooded. For norm 3 the cost from t1 (the smaller key left or right)
+ *   and t2 (the smaller key above or below) is min(t1, t2) + 16 when |t1 - t2| >= 16 or only
+ *   one of them is reached, else floor((t1 + t2 + floor(sqrt(512 - (t1 - t2)^2))) / 2) but at
+ *   least max(t1, t2) + 1. A distance beyond 23 bits carries into the level bits; a cost at or
+ *   above 0x7FC00000 counts as not reaching the pixel. The keys are found by passes of a forward
+ *   sweep (rows top to bottom, left to right) and a backward sweep until a pass lowers no key.
+ *   A pixel's parents are the neighbours its cost comes from (those attaining the minimum; for
+ *   norm 3 the neighbours giving t1 and/or t2 as used). Its label: the label of its parents when
+ *   they agree; B when the parents that are not themselves such B pixels disagree (the B pixel
+ *   still carries the smallest of those labels for the pixels after it); when all its parents
+ *   are such B pixels, the smallest label they carry. Parents always have smaller keys, so
+ *   labels are given in one single-threaded pass that labels each pixel once its last parent is
+ *   labelled. Keys and labels are the unique solution of these rules, whatever the sweep order,
+ *   so the result does not depend on the thread count. Both methods run scalar on every vector
+ *   target: each step depends on the one before it.
+ * Bits 64 and 128 mark boundaries between labels, with 4 or 8 neighbours (128 wins when both are
+ * set): in row order and in place, a pixel with a region label becomes B when a neighbour holds
+ * another region label (so one of two touching pixels is marked). The queue method does this
+ * during its first scan, before flooding (new meeting lines get B from the labelling rule); the
+ * distance method after segmentation.
+ * GetBufferSize: kvlStatusNullPointer, then kvlStatusBadSize (width or height < 1); with
+ * W = width (Kvl8u markers) or 2 * width (Kvl16u) rounded up to a multiple of 32, *pBufSize =
+ * max(A, B) with A = height + 4 height W + 66 + 2 (W + height W) and B = 16 width height +
+ * s (width + 2)(height + 2) + 48 (s = 1 or 2, the marker element size), evaluated in signed
+ * 32-bit arithmetic. The buffer may have any alignment; it serves one call at a time.
+ * Statuses, in this order: kvlStatusNullPointer (pSrc, then pMarker or pBuffer);
+ * kvlStatusBadSize (width < 1, height < 1, or an image whose size formula exceeds INT_MAX);
+ * kvlStatusBadStep (srcStep < width or markerStep < width: Kvl16u markers are checked against
+ * width too, so with a markerStep below 2 * width their rows overlap, and are read first and
+ * written back in row order); kvlStatusBadArgument (flag without bit 1 needs bit 2 and norm 0..3;
+ * flag with bit 1 needs norm 0 or 1; flag = 0 is refused). No step-multiple test: 16-bit markers
+ * may lie at any address. pSrc must not overlap pMarker.
+ * Threading: the priority-queue method is single-threaded; the distance method, when the
+ * permitted thread count T >= 2, the die has several cores and the image has at least 65536
+ * pixels, sweeps the keys over min(T, 16, height / 8) stripes of rows in parallel, each stripe
+ * reading the rows beside it from copies taken at the start of every pass; a row is swept again
+ * only when a key in it or beside it changed since its last sweep. */
+KVL_API KvlStatus kvliSegmentWatershedGetBufferSize_8u_C1R(KvliSize roiSize, int* pBufSize);
+KVL_API KvlStatus kvliSegmentWatershedGetBufferSize_8u16u_C1R(KvliSize roiSize, int* pBufSize);
+KVL_API KvlStatus kvliSegmentWatershed_8u_C1IR(const Kvl8u* pSrc, int srcStep, Kvl8u* pMarker, int markerStep, KvliSize roiSize, int norm, int flag, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliSegmentWatershed_8u16u_C1IR(const Kvl8u* pSrc, int srcStep, Kvl16u* pMarker, int markerStep, KvliSize roiSize, int norm, int flag, Kvl8u* pBuffer);
 /* @@END WATERSHED@@ */
 
 /* @@BEGIN GRADIENT SEGMENTATION@@ */

@@ -12,5 +12,8 @@ target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/dist_exact_bench.cc
 # Flood fill.
 
 # Watershed.
+target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/watershed_bench.cc)
+set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/watershed_bench.cc PROPERTIES
+                            COMPILE_DEFINITIONS "KVL_SOURCE_DIR=\"${CMAKE_SOURCE_DIR}\"")
 
 # Gradient segmentation.

@@ -98,6 +98,16 @@ inline int teamDistance(KvliSize roi) {
   return teamDistance(roi, owncvGetMaxNumThreads(), runomp());
 }
 
+// Watershed distance method: the distance-field team, capped at 16 stripes of at least 8 rows.
+constexpr int kWatershedMaxTeam = 16;
+constexpr int kWatershedMinRows = 8;
+inline int teamWatershed(KvliSize roi) {
+  int team = teamDistance(roi);
+  if (team > kWatershedMaxTeam) team = kWatershedMaxTeam;
+  if (team > roi.height / kWatershedMinRows) team = roi.height / kWatershedMinRows;
+  return team > 1 ? team : 1;
+}
+
 // One thread's share of the rows. Stripe edges inside the image are marked in memory, so a
 // neighbourhood filter reads its neighbours' rows there instead of extending the border.
 struct Stripe {
@@ -153,6 +163,30 @@ void runStripes(int team, int height, Body&& body, Split split = Split::kRestToL
     const int t = owncvGetIdThreads();
     const Stripe s = split == Split::kEven ? evenStripeOf(t, n, height) : stripeOf(t, n, height);
     if (s.rows >= 1) body(s);
+  }
+}
+
+// Runs first(const Stripe&) on every stripe, waits for the whole team, then second(const Stripe&)
+// on the same stripes (the split the master computed once): for a step whose stripes read what
+// the others wrote in the step before.
+template <class First, class Second>
+void runStripesPhased(int team, int height, First&& first, Second&& second) {
+  if (team <= 1) {
+    const Stripe s{0, 1, 0, height, height};
+    first(s);
+    second(s);
+    return;
+  }
+  int n = 1;
+#pragma omp parallel num_threads(team)
+  {
+#pragma omp master
+    n = owncvGetNumThreads();
+#pragma omp barrier
+    const Stripe s = stripeOf(owncvGetIdThreads(), n, height);
+    if (s.rows >= 1) first(s);
+#pragma omp barrier
+    if (s.rows >= 1) second(s);
   }
 }
 

@@ -119,6 +119,10 @@ extern const char* const kTrackDetails;
 RunResult runDistance(const Args& args, const Picture& in, Picture* out);
 const std::vector<Option>& distanceOptions();
 extern const char* const kDistanceDetails;
+// The watershed operation (watershed_op.cc).
+RunResult runWatershed(const Args& args, const Picture& in, Picture* out);
+const std::vector<Option>& watershedOptions();
+extern const char* const kWatershedDetails;
 // The morphology operations erode, dilate, open, close and gradient (morph_op.cc).
 RunResult runMorph(const char* op, const Args& args, const Picture& in, Picture* out);
 const std::vector<Option>& morphOptions();

@@ -1,0 +1,562 @@
+// Marker watershed: validation, the priority-queue flooding and the distance method.
+//
+// Both methods work on a copy of the markers with a one-pixel frame holding the boundary value,
+// so no neighbour test needs a bounds check and the frame is never flooded; the copy goes back
+// to the caller's markers, without its frame, at the end.
+//
+// The distance method computes every pixel's ordering key as the least cost of a path from a
+// marker, where entering pixel p from a neighbour whose key is k costs
+// max(level(p) << 23, k + step): the key of p is the lowest relief level at which a flood from a
+// marker reaches it, plus, in the low 23 bits, how far it is from where the flood entered that
+// level. The keys are the greatest solution of those equations below the starting keys, which
+// every sweep order reaches, so they do not depend on the stripes. Labels then follow the keys:
+// a pixel takes the labels of the neighbours its key came from (its parents, all with smaller
+// keys), and parents of different labels make it a boundary pixel. That is a recursion down the
+// keys with one solution, which one pass in a topological order of the parents finds.
+#include "seg/watershed.h"
+
+#include <climits>
+#include <cstring>
+
+#include "core/check.h"
+#include "core/parallel.h"
+#include "core/pixel.h"
+#include "impl_decls.h"
+
+namespace kvl::seg {
+namespace {
+
+// --- Framed label map ---------------------------------------------------------------------------
+
+// Neighbour offsets in a framed map of row length fw, in the order left, right, up, down, then
+// up-left, up-right, down-left, down-right.
+struct Offsets {
+  ptrdiff_t d[8];
+  explicit Offsets(ptrdiff_t fw) : d{-1, 1, -fw, fw, -fw - 1, -fw + 1, fw - 1, fw + 1} {}
+};
+
+// The same neighbours as column and row steps.
+constexpr int kDx[8] = {-1, 1, 0, 0, -1, 1, -1, 1};
+constexpr int kDy[8] = {0, 0, -1, 1, -1, -1, 1, 1};
+
+// The markers into the framed map, the frame set to the boundary value.
+template <class T>
+void copyIn(const T* marker, int step, KvliSize roi, T* map, T boundary) {
+  const int w = roi.width, h = roi.height;
+  const size_t fw = static_cast<size_t>(w) + 2;
+  for (size_t i = 0; i < fw; ++i) {
+    map[i] = boundary;
+    map[(static_cast<size_t>(h) + 1) * fw + i] = boundary;
+  }
+  for (int y = 0; y < h; ++y) {
+    T* row = map + (static_cast<size_t>(y) + 1) * fw;
+    row[0] = boundary;
+    row[w + 1] = boundary;
+    std::memcpy(row + 1, rowPtr(marker, step, y), static_cast<size_t>(w) * sizeof(T));
+  }
+}
+
+// The framed map's interior back into the markers, row by row.
+template <class T>
+void copyOut(const T* map, KvliSize roi, T* marker, int step) {
+  const size_t fw = static_cast<size_t>(roi.width) + 2;
+  for (int y = 0; y < roi.height; ++y)
+    std::memcpy(rowPtr(marker, step, y), map + (static_cast<size_t>(y) + 1) * fw + 1,
+                static_cast<size_t>(roi.width) * sizeof(T));
+}
+
+// Boundary marking, in row order and in place: a pixel with a region label that has a neighbour
+// (the first `n` of the offsets: 4 or 8) with another region label becomes the boundary value.
+// A pixel marked earlier in the scan therefore no longer counts as a region for the ones after it.
+template <class T>
+void markBounds(T* map, KvliSize roi, T boundary, int n) {
+  const ptrdiff_t fw = roi.width + 2;
+  const Offsets o(fw);
+  for (int y = 0; y < roi.height; ++y) {
+    T* row = map + (y + 1) * fw + 1;
+    for (int x = 0; x < roi.width; ++x) {
+      const T v = row[x];
+      if (v == 0 || v == boundary) continue;
+      for (int k = 0; k < n; ++k) {
+        const T u = row[x + o.d[k]];
+        if (u != 0 && u != boundary && u != v) {
+          row[x] = boundary;
+          break;
+        }
+      }
+    }
+  }
+}
+
+int boundsNeighbours(int flag) {
+  return (flag & kWatershedBounds8) ? 8 : (flag & kWatershedBounds4) ? 4 : 0;
+}
+
+// --- Priority-queue flooding --------------------------------------------------------------------
+
+template <class T, int kNb>
+void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi, int flag,
+                Kvl8u* buffer, T boundary) {
+  const int w = roi.width, h = roi.height;
+  const ptrdiff_t fw = w + 2;
+  const size_t n = static_cast<size_t>(w) * h;
+  QueueNode* pool = reinterpret_cast<QueueNode*>(alignUp(buffer, 8));
+  T* map = reinterpret_cast<T*>(pool + n);
+  const Offsets o(fw);
+  ptrdiff_t srcOff[8];
+  for (int k = 0; k < 8; ++k) srcOff[k] = static_cast<ptrdiff_t>(kDy[k]) * srcStep + kDx[k];
+
+  // The free list holds the pool in address order, and a popped node goes back to its head. The
+  // nodes never taken yet are the list's tail in address order, so the list is the returned
+  // nodes (most recent first) followed by the pool from `fresh` on; it is chained as it goes.
+  QueueNode* returned = nullptr;
+  QueueNode* fresh = pool;
+  LevelQueue queue[kLevels];
+  for (LevelQueue& q : queue) q = {nullptr, nullptr};
+  auto push = [&](int level, int x, int y) {
+    QueueNode* node;
+    if (returned != nullptr) {
+      node = returned;
+      returned = node->next;
+    } else {
+      node = fresh++;
+    }
+    node->next = nullptr;
+    node->x = x;
+    node->y = y;
+    LevelQueue& q = queue[level];
+    if (q.tail != nullptr) {
+      q.tail->next = node;
+    } else {
+      q.head = node;
+    }
+    q.tail = node;
+  };
+
+  copyIn(marker, markerStep, roi, map, boundary);
+  // Labelled pixels beside an unlabelled one join the queue of their own level.
+  for (int y = 0; y < h; ++y) {
+    const T* row = map + (y + 1) * fw + 1;
+    const Kvl8u* level = rowPtr(src, srcStep, y);
+    for (int x = 0; x < w; ++x) {
+      if (row[x] == 0) continue;
+      for (int k = 0; k < kNb; ++k) {
+        if (row[x + o.d[k]] == 0) {
+          push(level[x], x, y);
+          break;
+        }
+      }
+    }
+  }
+  // The boundary marking of the same scan changes labelled pixels only, which the queueing test
+  // above does not tell apart, so it may run as a pass of its own.
+  if (const int bn = boundsNeighbours(flag)) markBounds(map, roi, boundary, bn);
+
+  for (int level = 0; level < kLevels; ++level) {
+    LevelQueue& q = queue[level];
+    while (q.head != nullptr) {
+      QueueNode* node = q.head;
+      q.head = node->next;
+      if (q.head == nullptr) q.tail = nullptr;
+      const int px = node->x, py = node->y;
+      node->next = returned;
+      returned = node;
+      // The queue outruns the caches on large plateaus: fetch ahead the third node from here,
+      // and the label and relief of the second one's pixel.
+      if (q.head != nullptr) {
+        if (const QueueNode* ahead = q.head->next) {
+          if (ahead->next != nullptr) __builtin_prefetch(ahead->next);
+          const T* at = map + (ahead->y + 1) * fw + (ahead->x + 1);
+          __builtin_prefetch(at - fw);
+          __builtin_prefetch(at);
+          __builtin_prefetch(at + fw);
+          __builtin_prefetch(src + static_cast<ptrdiff_t>(ahead->y) * srcStep + ahead->x);
+        }
+      }
+
+      T* p = map + (py + 1) * fw + (px + 1);
+      const Kvl8u* ps = src + static_cast<ptrdiff_t>(py) * srcStep + px;
+      const T lp = *p;
+      for (int k = 0; k < kNb; ++k) {
+        T* qp = p + o.d[k];
+        if (*qp != 0) continue;
+        const int lq = ps[srcOff[k]];
+        push(lq > level ? lq : level, px + kDx[k], py + kDy[k]);
+        // The label: lp, unless another region label is beside q.
+        T v = lp;
+        for (int j = 0; j < kNb; ++j) {
+          const T* r = qp + o.d[j];
+          if (r == p) continue;
+          const T u = *r;
+          if (u == 0 || u == boundary || u == v) continue;
+          if (v != boundary) {
+            v = boundary;
+            break;
+          }
+          v = u;
+        }
+        *qp = v;
+      }
+    }
+  }
+  copyOut(map, roi, marker, markerStep);
+}
+
+// --- Distance method ----------------------------------------------------------------------------
+
+template <class T>
+struct Field {
+  const Kvl8u* src;
+  int srcStep;
+  int w, h;
+  ptrdiff_t fw;
+  int32_t* key;   // height rows of fw keys, the first and last of each row walls
+  int32_t* wall;  // fw walls: the rows above and below the image
+  T* label;       // the framed label map
+  T boundary;
+  // Image row y's keys from column 0 (column -1 and width are walls); walls outside the image.
+  int32_t* row(int y) const { return (y < 0 || y >= h ? wall : key + y * fw) + 1; }
+};
+
+// The eikonal update in fixed point from the smaller key along x (t1) and along y (t2):
+// min + unit when |t1 - t2| >= unit, else floor((t1 + t2 + floor(sqrt(2 unit^2 - (t1 - t2)^2))) / 2),
+// raised to max(t1, t2) + 1 where the rounding leaves it at max(t1, t2).
+struct MarchTable {
+  int32_t root[kMarchUnit];
+  MarchTable() {
+    for (int d = 0; d < kMarchUnit; ++d) {
+      const int v = 2 * kMarchUnit * kMarchUnit - d * d;
+      int r = 0;
+      while ((r + 1) * (r + 1) <= v) ++r;
+      root[d] = r;
+    }
+  }
+};
+const MarchTable kMarch;
+
+// The least path cost into pixel x of the middle row from its neighbours, before the level:
+// kKeyUnreached when no neighbour is reached. `parents` receives the bit of each neighbour
+// (offset order) the cost comes from.
+template <int kNorm>
+inline int32_t arrival(const int32_t* const k[3], int x, unsigned* parents) {
+  const int32_t nb[8] = {k[1][x - 1], k[1][x + 1], k[0][x], k[2][x],
+                         k[0][x - 1], k[0][x + 1], k[2][x - 1], k[2][x + 1]};
+  unsigned from = 0;
+  int64_t best = kKeyUnreached;
+  if constexpr (kNorm == 3) {
+    const int32_t t1 = nb[0] < nb[1] ? nb[0] : nb[1];
+    const int32_t t2 = nb[2] < nb[3] ? nb[2] : nb[3];
+    const bool r1 = t1 < kKeyUnreached, r2 = t2 < kKeyUnreached;
+    if (!r1 && !r2) {
+      *parents = 0;
+      return kKeyUnreached;
+    }
+    const int64_t d = r1 && r2 ? (t1 > t2 ? t1 - t2 : t2 - t1) : kMarchUnit;
+    bool useX = r1, useY = r2;
+    if (d >= kMarchUnit) {
+      useX = r1 && (!r2 || t1 < t2);
+      useY = !useX;
+      best = static_cast<int64_t>(useX ? t1 : t2) + kMarchUnit;
+    } else {
+      // At least one above the larger key, so a parent's key is always below its child's.
+      best = (static_cast<int64_t>(t1) + t2 + kMarch.root[d]) >> 1;
+      const int64_t above = static_cast<int64_t>(t1 > t2 ? t1 : t2) + 1;
+      if (best < above) best = above;
+    }
+    if (useX) from |= (nb[0] == t1 ? 1u : 0u) | (nb[1] == t1 ? 2u : 0u);
+    if (useY) from |= (nb[2] == t2 ? 4u : 0u) | (nb[3] == t2 ? 8u : 0u);
+  } else {
+    constexpr StepCost c = kStepCost[kNorm];
+    constexpr int n = c.diagonal != 0 ? 8 : 4;
+    for (int i = 0; i < n; ++i) {
+      if (nb[i] >= kKeyUnreached) continue;
+      const int64_t v = static_cast<int64_t>(nb[i]) + (i < 4 ? c.axis : c.diagonal);
+      if (v < best) {
+        best = v;
+        from = 1u << i;
+      } else if (v == best) {
+        from |= 1u << i;
+      }
+    }
+  }
+  if (best >= kKeyUnreached) {
+    *parents = 0;
+    return kKeyUnreached;
+  }
+  *parents = from;
+  return static_cast<int32_t>(best);
+}
+
+// The cost alone, as arrival computes it, for the sweeps: a neighbour not reached (or a wall)
+// contributes at least kKeyUnreached, and the 64-bit sums cannot wrap.
+template <int kNorm>
+inline int64_t cost(const int32_t* const k[3], int x) {
+  if constexpr (kNorm == 3) {
+    const int64_t t1 = k[1][x - 1] < k[1][x + 1] ? k[1][x - 1] : k[1][x + 1];
+    const int64_t t2 = k[0][x] < k[2][x] ? k[0][x] : k[2][x];
+    const int64_t lo = t1 < t2 ? t1 : t2, hi = t1 < t2 ? t2 : t1;
+    if (lo >= kKeyUnreached) return kKeyUnreached;
+    const int64_t d = hi - lo;
+    if (d >= kMarchUnit || hi >= kKeyUnreached) return lo + kMarchUnit;  // one axis decides
+    const int64_t g = (lo + hi + kMarch.root[d]) >> 1;
+    return g > hi ? g : hi + 1;
+  } else {
+    constexpr StepCost c = kStepCost[kNorm];
+    auto low = [](int64_t a, int64_t b) { return a < b ? a : b; };
+    int64_t best = low(low(k[1][x - 1], k[1][x + 1]), low(k[0][x], k[2][x])) + c.axis;
+    if constexpr (c.diagonal != 0) {
+      const int64_t diag = low(low(k[0][x - 1], k[0][x + 1]), low(k[2][x - 1], k[2][x + 1]));
+      best = low(best, diag + c.diagonal);
+    }
+    return best;
+  }
+}
+
+// One row of a key sweep, in place; returns how many keys went down.
+template <int kNorm, class T>
+int keyRow(const Field<T>& f, int y, const int32_t* const k[3], bool forward) {
+  int32_t* key = const_cast<int32_t*>(k[1]);
+  const T* label = f.label + (y + 1) * f.fw + 1;
+  const Kvl8u* level = rowPtr(f.src, f.srcStep, y);
+  int changes = 0;
+  for (int i = 0; i < f.w; ++i) {
+    const int x = forward ? i : f.w - 1 - i;
+    const int32_t floor = static_cast<int32_t>(level[x]) << kLevelShift;
+    // Markers and walls keep their keys; a key at its level's floor cannot go lower.
+    if (label[x] != 0 || key[x] == floor) continue;
+    int64_t c = cost<kNorm>(k, x);
+    if (c >= kKeyUnreached) continue;
+    if (c < floor) c = floor;
+    if (c < key[x]) {
+      key[x] = static_cast<int32_t>(c);
+      ++changes;
+    }
+  }
+  return changes;
+}
+
+// The parents of pixel (x, y) (bits in offset order).
+template <int kNorm, class T>
+unsigned parentsAt(const Field<T>& f, int x, int y) {
+  const int32_t* k[3] = {f.row(y - 1), f.row(y), f.row(y + 1)};
+  unsigned parents;
+  arrival<kNorm>(k, x, &parents);
+  return parents;
+}
+
+// Labels down the keys, in a topological order of the parent relation: a pixel is labelled once
+// its last parent is. Parents that are not mixed decide (one label: that label; several: mixed,
+// carrying the smallest); a pixel whose parents are all mixed takes the smallest of their
+// labels, unmixed. `waiting` (framed like the labels) holds, for an unlabelled pixel, its parents
+// not yet labelled, and for a labelled one whether it is mixed; `stack` the labelled pixels whose
+// children are still to visit.
+template <int kNorm, class T>
+void labelDown(const Field<T>& f, uint8_t* waiting, int32_t* stack) {
+  const Offsets o(f.fw);
+  static constexpr int kOpposite[8] = {1, 0, 3, 2, 7, 6, 5, 4};
+  size_t top = 0;
+  std::memset(waiting, 0, static_cast<size_t>(f.fw) * (f.h + 2));
+  for (int y = 0; y < f.h; ++y) {
+    const ptrdiff_t row = (y + 1) * f.fw + 1;
+    for (int x = 0; x < f.w; ++x) {
+      const ptrdiff_t i = row + x;
+      if (f.row(y)[x] >= kKeyUnreached) continue;
+      if (f.label[i] != 0) {
+        stack[top++] = static_cast<int32_t>(i);
+      } else {
+        waiting[i] = static_cast<uint8_t>(parentsAt<kNorm>(f, x, y));
+      }
+    }
+  }
+  constexpr int n = kNorm == 1 || kNorm == 3 ? 4 : 8;
+  while (top > 0) {
+    const ptrdiff_t s = stack[--top];
+    for (int k = 0; k < n; ++k) {
+      const ptrdiff_t c = s + o.d[k];
+      const uint8_t bit = static_cast<uint8_t>(1u << kOpposite[k]);
+      if (f.label[c] != 0 || !(waiting[c] & bit)) continue;
+      waiting[c] = static_cast<uint8_t>(waiting[c] & ~bit);
+      if (waiting[c] != 0) continue;
+      const unsigned parents = parentsAt<kNorm>(f, static_cast<int>(c % f.fw) - 1, static_cast<int>(c / f.fw) - 1);
+      T plain = 0, least = 0;
+      bool several = false;
+      for (int j = 0; j < 8; ++j) {
+        if (!(parents & (1u << j))) continue;
+        const T u = f.label[c + o.d[j]];
+        if (least == 0 || u < least) least = u;
+        if (waiting[c + o.d[j]]) continue;
+        if (plain == 0) {
+          plain = u;
+        } else if (u != plain) {
+          several = true;
+          if (u < plain) plain = u;
+        }
+      }
+      f.label[c] = plain != 0 ? plain : least;
+      waiting[c] = several ? 1 : 0;
+      stack[top++] = static_cast<int32_t>(c);
+    }
+  }
+}
+
+template <int kNorm, class T>
+void floodDistance(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi,
+                   int flag, Kvl8u* buffer, T boundary) {
+  const int w = roi.width, h = roi.height;
+  const ptrdiff_t fw = w + 2;
+  int team = par::teamWatershed(roi);
+  DistanceLayout lay = distanceLayout(roi, sizeof(T), team);
+  if (static_cast<long long>(lay.end) + 7 > watershedBytes(roi, sizeof(T))) {
+    team = 1;
+    lay = distanceLayout(roi, sizeof(T), 1);
+  }
+  uint8_t* base = alignUp(buffer, 8);
+  int32_t* keys = reinterpret_cast<int32_t*>(base + lay.keys);
+  Field<T> f{src, srcStep, w, h, fw, keys, keys + static_cast<size_t>(fw) * h,
+             reinterpret_cast<T*>(base + lay.labels), boundary};
+  uint8_t* waiting = base + lay.waiting;
+  uint8_t* dirty = base + lay.dirty;
+
+  copyIn(marker, markerStep, roi, f.label, boundary);
+  for (ptrdiff_t i = 0; i < fw; ++i) f.wall[i] = kKeyWall;
+  for (int y = 0; y < h; ++y) {
+    int32_t* key = f.row(y);
+    const T* label = f.label + (y + 1) * fw + 1;
+    const Kvl8u* level = rowPtr(src, srcStep, y);
+    key[-1] = kKeyWall;
+    key[w] = kKeyWall;
+    for (int x = 0; x < w; ++x) {
+      const T v = label[x];
+      key[x] = v == 0 ? kKeyUnreached
+               : v == boundary ? kKeyWall
+                               : static_cast<int32_t>(level[x]) << kLevelShift;
+    }
+  }
+  std::memset(dirty, 1, static_cast<size_t>(h));
+
+  // Passes of a forward and a backward sweep over every stripe until one lowers no key. A stripe
+  // reads the rows beside it from copies taken at the start of the pass, and sweeps only the rows
+  // whose neighbourhood changed since they were last swept (`dirty`); the rows beside it that its
+  // changes make dirty are marked between passes.
+  struct Slot {
+    int changes;
+    int dirtyAbove, dirtyBelow;  // rows of other stripes to mark, or -1
+  };
+  Slot slots[par::kWatershedMaxTeam];
+  for (;;) {
+    for (Slot& sl : slots) sl = {0, -1, -1};
+    auto copyHalo = [&](const par::Stripe& s) {
+      if (team <= 1) return;
+      int32_t* halo = reinterpret_cast<int32_t*>(base + lay.halos + s.index * lay.haloBytes);
+      std::memcpy(halo, f.row(s.y0 - 1) - 1, fw * sizeof(int32_t));
+      std::memcpy(halo + fw, f.row(s.y0 + s.rows) - 1, fw * sizeof(int32_t));
+    };
+    auto sweepStripe = [&](const par::Stripe& s) {
+      const int32_t* halo =
+          team > 1 ? reinterpret_cast<int32_t*>(base + lay.halos + s.index * lay.haloBytes) : nullptr;
+      const int y1 = s.y0 + s.rows;
+      Slot& sl = slots[s.index];
+      auto sweep = [&](int y, bool forward) {
+        if (!dirty[y]) return;
+        dirty[y] = 0;
+        const int32_t* k[3];
+        for (int j = 0; j < 3; ++j) {
+          const int r = y - 1 + j;
+          k[j] = (halo && r < s.y0) ? halo + 1 : (halo && r >= y1) ? halo + fw + 1 : f.row(r);
+        }
+        const int c = keyRow<kNorm>(f, y, k, forward);
+        if (c == 0) return;
+        sl.changes += c;
+        dirty[y] = 1;
+        if (y > s.y0) dirty[y - 1] = 1; else if (y > 0) sl.dirtyAbove = y - 1;
+        if (y + 1 < y1) dirty[y + 1] = 1; else if (y + 1 < h) sl.dirtyBelow = y + 1;
+      };
+      for (int y = s.y0; y < y1; ++y) sweep(y, true);
+      for (int y = y1 - 1; y >= s.y0; --y) sweep(y, false);
+    };
+    par::runStripesPhased(team, h, copyHalo, sweepStripe);
+    int total = 0;
+    for (const Slot& sl : slots) {
+      total += sl.changes;
+      if (sl.dirtyAbove >= 0) dirty[sl.dirtyAbove] = 1;
+      if (sl.dirtyBelow >= 0) dirty[sl.dirtyBelow] = 1;
+    }
+    if (total == 0) break;
+  }
+
+  labelDown<kNorm>(f, waiting, reinterpret_cast<int32_t*>(base + lay.stack));
+  for (int y = 0; y < h; ++y) {
+    T* label = f.label + (y + 1) * fw + 1;
+    const uint8_t* mixed = waiting + (y + 1) * fw + 1;
+    for (int x = 0; x < w; ++x)
+      if (label[x] != 0 && mixed[x]) label[x] = boundary;
+  }
+  if (const int bn = boundsNeighbours(flag)) markBounds(f.label, roi, boundary, bn);
+  copyOut(f.label, roi, marker, markerStep);
+}
+
+// --- Entry ------------------------------------------------------------------------------------
+
+template <class T>
+KvlStatus bufferSize(KvliSize roi, int* bytes) {
+  KVL_TRY(check::nonNull(bytes));
+  KVL_TRY(check::roi(roi));
+  *bytes = watershedBytes32(roi, sizeof(T));
+  return kvlStatusOk;
+}
+
+template <class T>
+KvlStatus watershed(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi,
+                    int norm, int flag, Kvl8u* buffer, T boundary) {
+  KVL_TRY(check::nonNull(src));
+  KVL_TRY(check::nonNull(marker, buffer));
+  if (roi.width < 1 || roi.height < 1) return kvlStatusBadSize;
+  // The size formula must fit in 32 bits for the caller to have been able to allocate it.
+  if (watershedBytes(roi, sizeof(T)) > INT_MAX) return kvlStatusBadSize;
+  if (srcStep < roi.width || markerStep < roi.width) return kvlStatusBadStep;
+  if (!(flag & kWatershedQueue)) {
+    if (!(flag & kWatershedDistance) || norm < 0 || norm > 3) return kvlStatusBadArgument;
+  } else if (norm != 0 && norm != 1) {
+    return kvlStatusBadArgument;
+  }
+  if (flag & kWatershedQueue) {
+    if (norm == 0) {
+      floodQueue<T, 8>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+    } else {
+      floodQueue<T, 4>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+    }
+  } else {
+    switch (norm) {
+      case 0:
+        floodDistance<0>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        break;
+      case 1:
+        floodDistance<1>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        break;
+      case 2:
+        floodDistance<2>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        break;
+      default:
+        floodDistance<3>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        break;
+    }
+  }
+  return kvlStatusOk;
+}
+
+}  // namespace
+}  // namespace kvl::seg
+
+#define KVL_WATERSHED(types, Marker, boundary)                                                    \
+  extern "C" KvlStatus impl_kvliSegmentWatershedGetBufferSize_##types##_C1R(KvliSize roiSize,     \
+                                                                            int* pBufSize) {      \
+    return kvl::seg::bufferSize<Marker>(roiSize, pBufSize);                                       \
+  }                                                                                               \
+  extern "C" KvlStatus impl_kvliSegmentWatershed_##types##_C1IR(                                  \
+      const Kvl8u* pSrc, int srcStep, Marker* pMarker, int markerStep, KvliSize roiSize, int norm, \
+      int flag, Kvl8u* pBuffer) {                                                                 \
+    return kvl::seg::watershed<Marker>(pSrc, srcStep, pMarker, markerStep, roiSize, norm, flag,   \
+                                       pBuffer, boundary);                                        \
+  }
+KVL_WATERSHED_MEMBERS(KVL_WATERSHED)
+#undef KVL_WATERSHED

@@ -1,0 +1,99 @@
+// Marker watershed: the constants, the work-buffer layouts and the framed-map helpers shared by
+// the family, its tests and its fuzz target.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "kvlcv.h"
+#include "seg/watershed_members.h"
+
+namespace kvl::seg {
+
+// --- Priority-queue method ----------------------------------------------------------------------
+
+// A queued pixel: 16 bytes, chained into the free list or into one level's queue.
+struct QueueNode {
+  QueueNode* next;
+  int32_t x;
+  int32_t y;
+};
+static_assert(sizeof(QueueNode) == 16, "queue nodes are 16 bytes");
+
+// One first-in-first-out queue per grey level.
+constexpr int kLevels = 256;
+struct LevelQueue {
+  QueueNode* head;
+  QueueNode* tail;
+};
+
+// --- Distance method ----------------------------------------------------------------------------
+
+// Ordering keys: (relief level << 23) + distance. Unlabelled pixels start at kKeyUnreached;
+// marker pixels holding the boundary value, and the frame, are walls at kKeyWall.
+constexpr int kLevelShift = 23;
+constexpr int32_t kKeyUnreached = 0x7FC00000;
+constexpr int32_t kKeyWall = 0x7FFFFFFF;
+
+// Step costs inside the distance field, per norm: norm 0 counts chessboard steps, norm 1 city-block
+// steps (4-neighbourhood), norm 2 weighs an axis step 5 and a diagonal step 7.
+struct StepCost {
+  int32_t axis;
+  int32_t diagonal;  // 0: the norm has no diagonal neighbours
+};
+constexpr StepCost kStepCost[3] = {{1, 1}, {1, 0}, {5, 7}};
+// Norm 3: the upwind eikonal update in fixed point, kMarchUnit per pixel.
+constexpr int32_t kMarchUnit = 16;
+
+// Stripes of the distance method: at most par::kWatershedMaxTeam.
+
+// --- Buffer -------------------------------------------------------------------------------------
+
+// The size formula in 64-bit: max(A, B) with W = align32(width * markerBytes),
+// A = height + 4 height W + 66 + 2 (W + height W),
+// B = 16 width height + markerBytes (width + 2)(height + 2) + 48.
+inline long long watershedBytes(KvliSize roi, int markerBytes) {
+  const long long w = roi.width, h = roi.height;
+  const long long W = (w * markerBytes + 31) / 32 * 32;
+  const long long a = h + 4 * h * W + 66 + 2 * (W + h * W);
+  const long long b = 16 * w * h + markerBytes * (w + 2) * (h + 2) + 48;
+  return a > b ? a : b;
+}
+// The same formula evaluated in signed 32-bit arithmetic (wrapping), as the size query reports it.
+inline int32_t watershedBytes32(KvliSize roi, int markerBytes) {
+  const long long w = roi.width, h = roi.height;
+  const long long W = (w * markerBytes + 31) / 32 * 32;
+  auto wrap = [](long long v) { return static_cast<int32_t>(static_cast<uint32_t>(v)); };
+  const int32_t a = wrap(h + 4 * h * W + 66 + 2 * (W + h * W));
+  const int32_t b = wrap(16 * w * h + markerBytes * (w + 2) * (h + 2) + 48);
+  return a > b ? a : b;
+}
+
+// The distance method's layout in the buffer (rounded up to 8 bytes first): the framed label map;
+// the keys, height rows of width + 2 (a wall each side) and one row of walls for above and below
+// the image; per framed pixel a byte of parents still unlabelled (the mixed flag once labelled);
+// a stack of width * height pixel indices; a byte per row saying whether it needs sweeping;
+// and, for a team above one, per stripe copies of the
+// keys of the two rows beside it. `end` is the bytes needed from the aligned start.
+struct DistanceLayout {
+  size_t labels, keys, waiting, stack, dirty, halos;  // offsets from the aligned start
+  size_t haloBytes;                            // per stripe
+  size_t end;
+};
+inline DistanceLayout distanceLayout(KvliSize roi, int markerBytes, int team) {
+  const size_t fw = static_cast<size_t>(roi.width) + 2, fh = static_cast<size_t>(roi.height) + 2;
+  const size_t n = static_cast<size_t>(roi.width) * roi.height;
+  auto up = [](size_t v, size_t a) { return (v + a - 1) / a * a; };
+  DistanceLayout l{};
+  l.labels = 0;
+  l.keys = up(fw * fh * markerBytes, 4);
+  l.waiting = l.keys + fw * (fh - 1) * 4;
+  l.stack = up(l.waiting + fw * fh, 4);
+  l.dirty = l.stack + 4 * n;
+  l.halos = up(l.dirty + static_cast<size_t>(roi.height), 8);
+  l.haloBytes = team > 1 ? 2 * fw * 4 : 0;
+  l.end = l.halos + l.haloBytes * static_cast<size_t>(team > 1 ? team : 0);
+  return l;
+}
+
+}  // namespace kvl::seg
