@@ -58,6 +58,8 @@ def _image(a, what, writable=False):
         raise TypeError(f"{what}: expected a numpy.ndarray, got {type(a).__name__}")
     st = a.strides
     it = a.itemsize
+    if a.size == 0:
+        return a.ctypes.data, 0     # the library reports the empty size
     if a.ndim == 2:
         ok = st[1] == it or a.shape[1] == 1
     elif a.ndim == 3:
@@ -380,3 +382,305 @@ def update_motion_history(silhouette, mhi, timestamp, duration):
     check(fn(*_image(silhouette, "silhouette"), *_image(mhi, "mhi", True), _size(mhi),
              timestamp, duration), "kvliUpdateMotionHistory")
     return mhi
+
+
+def _key1(src, what):
+    """Member key (e.g. '8u_C3R') and channel count of a source image."""
+    if not isinstance(src, np.ndarray):
+        raise TypeError(f"{what}: expected a numpy.ndarray, got {type(src).__name__}")
+    if src.ndim not in (2, 3):
+        raise ValueError(f"{what}: expected a 2-D or 3-D image, got shape {src.shape}")
+    return _key(src)
+
+
+# ------------------------------------------------------------------------------------------------
+# Gaussian pyramids
+_PYR = {d: _members(f"kvliPyr{d}_Gauss5x5", [f"{t}_C{c}R" for t in ("8u", "8s", "32f")
+                                              for c in (1, 3)]) for d in ("Down", "Up")}
+
+
+def _pyr(direction, src, out):
+    key = _key1(src, f"pyr_{direction.lower()}")
+    fn = _member(f"pyr_{direction.lower()}", key, _PYR[direction])
+    h, w = src.shape[:2]
+    shape = ((h + 1) >> 1, (w + 1) >> 1) if direction == "Down" else (2 * h, 2 * w)
+    dst = _output(out, shape + src.shape[2:], src.dtype)
+    buf = _buffer(f"kvliPyr{direction}GetBufSize_Gauss5x5", w, CONSTANTS["kvl" + key.split("_")[0]],
+                  _channels(src))
+    check(fn(*_image(src, "src"), *_image(dst, "out", True), _size(src), buf.ctypes.data),
+          f"kvliPyr{direction}_Gauss5x5_{key}")
+    return dst
+
+
+def pyr_down(src, out=None):
+    """One Gaussian pyramid level down: uint8, int8 or float32, 1 or 3 channels; the result is
+    ((h+1)//2, (w+1)//2[, 3])."""
+    return _pyr("Down", src, out)
+
+
+def pyr_up(src, out=None):
+    """One Gaussian pyramid level up: uint8, int8 or float32, 1 or 3 channels; the result is
+    (2h, 2w[, 3])."""
+    return _pyr("Up", src, out)
+
+
+# ------------------------------------------------------------------------------------------------
+# Integral images
+_INTEGRAL = {("8u", "32s"): lib.kvliIntegral_8u32s_C1R, ("8u", "32f"): lib.kvliIntegral_8u32f_C1R,
+             ("32f", "32f"): lib.kvliIntegral_32f_C1R}
+_TILTED = {"32s": lib.kvliTiltedIntegral_8u32s_C1R, "32f": lib.kvliTiltedIntegral_8u32f_C1R}
+_SQR = {("32s", "32s"): "8u32s", ("32s", "64f"): "8u32s64f", ("32f", "64f"): "8u32f64f"}
+
+
+def integral(src, offset=0, dtype=np.int32, out=None):
+    """Summed-area table (h+1, w+1) of a 2-D image: uint8 -> int32 (default) or float32, float32
+    -> float32. Row 0 and column 0 hold offset (not used for float32 sources)."""
+    if not isinstance(src, np.ndarray) or src.ndim != 2:
+        raise TypeError("integral: a 2-D numpy array is expected")
+    if src.dtype == np.float32:
+        dtype = np.float32
+    key = (_SUFFIX.get(src.dtype), _SUFFIX.get(np.dtype(dtype)))
+    fn = _member("integral", key, _INTEGRAL)
+    dst = _output(out, (src.shape[0] + 1, src.shape[1] + 1), dtype)
+    args = [*_image(src, "src"), *_image(dst, "out", True), _size(src)]
+    if key[0] == "8u":
+        args.append(offset)
+    check(fn(*args), "kvliIntegral")
+    return dst
+
+
+def sqr_integral(src, offset=0, sqr_offset=0, dtype=np.int32, sqr_dtype=np.float64, tilted=False):
+    """(sum table, square-sum table) of a 2-D uint8 image: (h+1, w+1), or (h+2, w+2) when
+    tilted. dtype/sqr_dtype: int32/int32, int32/float64 (default) or float32/float64."""
+    if getattr(src, "dtype", None) != np.uint8 or src.ndim != 2:
+        raise TypeError("sqr_integral: a 2-D uint8 array is expected")
+    key = (_SUFFIX[np.dtype(dtype)], _SUFFIX[np.dtype(sqr_dtype)])
+    suffix = _member("sqr_integral", key, _SQR)
+    pad = 2 if tilted else 1
+    shape = (src.shape[0] + pad, src.shape[1] + pad)
+    dst, sqr = np.empty(shape, dtype), np.empty(shape, sqr_dtype)
+    name = f"kvli{'Tilted' if tilted else ''}SqrIntegral_{suffix}_C1R"
+    check(getattr(lib, name)(*_image(src, "src"), *_image(dst, "sum", True),
+                             *_image(sqr, "sqr", True), _size(src), offset, sqr_offset), name)
+    return dst, sqr
+
+
+def tilted_integral(src, offset=0, dtype=np.int32, out=None):
+    """Tilted (45 degree) summed-area table (h+2, w+2) of a 2-D uint8 image; int32 or float32."""
+    if getattr(src, "dtype", None) != np.uint8 or src.ndim != 2:
+        raise TypeError("tilted_integral: a 2-D uint8 array is expected")
+    fn = _member("tilted_integral", _SUFFIX.get(np.dtype(dtype)), _TILTED)
+    dst = _output(out, (src.shape[0] + 2, src.shape[1] + 2), dtype)
+    check(fn(*_image(src, "src"), *_image(dst, "out", True), _size(src), offset),
+          "kvliTiltedIntegral")
+    return dst
+
+
+# ------------------------------------------------------------------------------------------------
+# Min/max filters and morphology
+_MINMAX = {op: _members(f"kvliFilter{op}BorderReplicate",
+                        [f"{t}_C{c}R" for t in ("8u", "16u", "16s", "32f") for c in (1, 3, 4)])
+           for op in ("Min", "Max")}
+
+
+def _minmax(op, src, size, anchor, out):
+    key = _key1(src, f"{op.lower()}_filter")
+    fn = _member(f"{op.lower()}_filter", key, _MINMAX[op])
+    mw, mh = (size, size) if np.isscalar(size) else size
+    ax, ay = anchor if anchor is not None else (mw // 2, mh // 2)
+    dst = _output(out, src.shape, src.dtype)
+    msize = KvliSize(mw, mh)
+    buf = _buffer(f"kvliFilter{op}GetBufferSize_{key}", src.shape[1], msize)
+    check(fn(*_image(src, "src"), *_image(dst, "out", True), _size(src), msize,
+             lowlevel_point(ax, ay), buf.ctypes.data), f"kvliFilter{op}BorderReplicate_{key}")
+    return dst
+
+
+def lowlevel_point(x, y):
+    from .lowlevel import KvliPoint
+    return KvliPoint(x, y)
+
+
+def min_filter(src, size=3, anchor=None, out=None):
+    """Minimum over a size (int or (width, height)) window, edges replicated; anchor (x, y)
+    defaults to the centre. uint8, uint16, int16 or float32 images (channels as the library
+    provides)."""
+    return _minmax("Min", src, size, anchor, out)
+
+
+def max_filter(src, size=3, anchor=None, out=None):
+    """Maximum over a window; as min_filter."""
+    return _minmax("Max", src, size, anchor, out)
+
+
+_MORPH = {op: _members(f"kvli{op}Border", [f"{t}_C{c}R" for t in ("8u", "16u", "16s", "32f")
+                                           for c in (1, 3, 4)]) for op in ("Erode", "Dilate")}
+
+
+class Morphology:
+    """A structuring element prepared for images up to max_width wide and a source's key.
+
+    Morphology(kernel, dtype, channels=1, max_width): kernel a 2-D array, nonzero = element,
+    anchored at ((w-1)//2, (h-1)//2). Its erode/dilate may run from several threads at once (each
+    call allocates its own work buffer)."""
+
+    def __init__(self, kernel, dtype, channels=1, max_width=4096):
+        k = np.ascontiguousarray(kernel, dtype=np.uint8)
+        if k.ndim != 2:
+            raise ValueError("Morphology: the kernel must be 2-D")
+        self.key = f"{_SUFFIX.get(np.dtype(dtype))}_C{channels}R"
+        if self.key not in _MORPH["Erode"]:
+            raise TypeError(f"Morphology: no member for {self.key}")
+        self.max_width = max_width
+        self.kernel_size = KvliSize(k.shape[1], k.shape[0])
+        spec, buf = ctypes.c_int(), ctypes.c_int()
+        name = f"kvliMorphologyBorderGetSize_{self.key}"
+        check(getattr(lib, name)(max_width, self.kernel_size, ctypes.byref(spec),
+                                 ctypes.byref(buf)), name)
+        self.buffer_size = max(buf.value, 1)
+        self._spec = np.empty(max(spec.value, 1), np.uint8)
+        scratch = np.empty(self.buffer_size, np.uint8)
+        name = f"kvliMorphologyBorderInit_{self.key}"
+        check(getattr(lib, name)(max_width, k.ctypes.data, self.kernel_size,
+                                 self._spec.ctypes.data, scratch.ctypes.data), name)
+
+    def _run(self, op, src, border, inmem, out):
+        key = _key1(src, op.lower())
+        if key != self.key:
+            raise TypeError(f"{op.lower()}: image is {key}, the element was built for {self.key}")
+        dst = _output(out, src.shape, src.dtype)
+        buf = np.empty(self.buffer_size, np.uint8)
+        check(_MORPH[op][key](*_image(src, "src"), *_image(dst, "out", True), _size(src),
+                              border_code(border, inmem), 0, self._spec.ctypes.data,
+                              buf.ctypes.data), f"kvli{op}Border_{key}")
+        return dst
+
+    def erode(self, src, border="replicate", inmem=(), out=None):
+        return self._run("Erode", src, border, inmem, out)
+
+    def dilate(self, src, border="replicate", inmem=(), out=None):
+        return self._run("Dilate", src, border, inmem, out)
+
+
+def _element(kernel):
+    if kernel is None:
+        return np.ones((3, 3), np.uint8)
+    if np.isscalar(kernel):
+        return np.ones((kernel, kernel), np.uint8)
+    return kernel
+
+
+def erode(src, kernel=None, border="replicate", inmem=(), out=None):
+    """Erosion (minimum over the structuring element) of a uint8, uint16, int16 or float32
+    image (uint8/float32 also 3 or 4 channels). kernel: None (3x3 square), an int n (n x n
+    square) or a 2-D array (nonzero = element, anchored at its centre, (w-1)//2, (h-1)//2).
+    border: 'replicate' or 'inmem'; inmem= sides read from memory. To reuse one element on many
+    images build a Morphology once."""
+    m = Morphology(_element(kernel), src.dtype, 1 if src.ndim == 2 else src.shape[2],
+                   src.shape[1])
+    return m.erode(src, border, inmem, out)
+
+
+def dilate(src, kernel=None, border="replicate", inmem=(), out=None):
+    """Dilation (maximum over the structuring element); as erode."""
+    m = Morphology(_element(kernel), src.dtype, 1 if src.ndim == 2 else src.shape[2],
+                   src.shape[1])
+    return m.dilate(src, border, inmem, out)
+
+
+# ------------------------------------------------------------------------------------------------
+# Distance transforms
+def distance_transform(src, mask=3, norm=2, dtype=np.float32, metrics=None, out=None):
+    """Chamfer distance of every pixel of a 2-D uint8 image to the nearest zero pixel. mask 3 or
+    5; norm 0 (L-infinity), 1 (L1) or 2 (Euclidean approximation) picks the library's weights
+    unless metrics (a, b[, c]) is given; dtype uint8, uint16 (integer weights) or float32."""
+    if getattr(src, "dtype", None) != np.uint8 or src.ndim != 2:
+        raise TypeError("distance_transform: a 2-D uint8 array is expected")
+    dkey = _SUFFIX.get(np.dtype(dtype))
+    m = _mask(mask) // 11
+    suffix = {"8u": "8u_C1R", "16u": "8u16u_C1R", "32f": "8u32f_C1R"}.get(dkey)
+    if suffix is None or m not in (3, 5):
+        raise TypeError("distance_transform: dtype uint8, uint16 or float32; mask 3 or 5")
+    wtype = np.float32 if dkey == "32f" else np.int32
+    if metrics is None:
+        w = np.zeros(3, wtype)
+        q = "kvliGetDistanceTransformMask_32f" if dkey == "32f" else \
+            "kvliGetDistanceTransformMask_32s"
+        check(getattr(lib, q)(m, norm, w.ctypes.data), q)
+    else:
+        w = np.ascontiguousarray(metrics, wtype)
+    dst = _output(out, src.shape, dtype)
+    name = f"kvliDistanceTransform_{m}x{m}_{suffix}"
+    check(getattr(lib, name)(*_image(src, "src"), *_image(dst, "out", True), _size(src),
+                             w.ctypes.data), name)
+    return dst
+
+
+def true_distance_transform(src, out=None):
+    """Exact Euclidean distance (float32) of every pixel of a 2-D uint8 image to the nearest
+    zero pixel."""
+    if getattr(src, "dtype", None) != np.uint8 or src.ndim != 2:
+        raise TypeError("true_distance_transform: a 2-D uint8 array is expected")
+    dst = _output(out, src.shape, np.float32)
+    buf = _buffer("kvliTrueDistanceTransformGetBufferSize_8u32f_C1R", _size(src))
+    check(lib.kvliTrueDistanceTransform_8u32f_C1R(*_image(src, "src"), *_image(dst, "out", True),
+                                                  _size(src), buf.ctypes.data),
+          "kvliTrueDistanceTransform_8u32f_C1R")
+    return dst
+
+
+def fast_marching(src, radius=0.0, out=None):
+    """Fast-marching distance (float32) from the zero pixels of a 2-D uint8 image."""
+    if getattr(src, "dtype", None) != np.uint8 or src.ndim != 2:
+        raise TypeError("fast_marching: a 2-D uint8 array is expected")
+    dst = _output(out, src.shape, np.float32)
+    buf = _buffer("kvliFastMarchingGetBufferSize_8u32f_C1R", _size(src))
+    check(lib.kvliFastMarching_8u32f_C1R(*_image(src, "src"), *_image(dst, "out", True),
+                                         _size(src), radius, buf.ctypes.data),
+          "kvliFastMarching_8u32f_C1R")
+    return dst
+
+
+# ------------------------------------------------------------------------------------------------
+# Foreground models
+class _Foreground:
+    _base = ""
+
+    def __init__(self, first_frame):
+        key = _key1(first_frame, self._base)
+        if key not in ("8u_C1R", "8u_C3R"):
+            raise TypeError(f"{self._base}: uint8 frames with 1 or 3 channels expected")
+        self.key, self.shape = key, first_frame.shape
+        self._model = ctypes.c_int(0)          # the library never reads the model record
+        self._state = ctypes.c_void_p()
+        name = f"kvliForeground{self._base}InitAlloc_{key}"
+        check(getattr(lib, name)(*_image(first_frame, "frame"), _size(first_frame),
+                                 ctypes.addressof(self._model), ctypes.byref(self._state)), name)
+        self._free = getattr(lib, f"kvliForeground{self._base}Free_{key}")
+
+    def __del__(self):
+        state, self._state = getattr(self, "_state", None), None
+        if state:
+            self._free(state)
+
+    def apply(self, frame, background=None, foreground=None):
+        """Feeds one frame (same shape and dtype as the first); returns (background image,
+        foreground mask uint8 2-D)."""
+        if _key1(frame, "frame") != self.key or frame.shape != self.shape:
+            raise ValueError(f"frame: expected {self.key} of shape {self.shape}")
+        bg = _output(background, self.shape, np.uint8, "background")
+        fg = _output(foreground, self.shape[:2], np.uint8, "foreground")
+        name = f"kvliForeground{self._base}_{self.key}"
+        check(getattr(lib, name)(*_image(frame, "frame"), *_image(bg, "background", True),
+                                 *_image(fg, "foreground", True), _size(frame), self._state), name)
+        return bg, fg
+
+
+class ForegroundGaussian(_Foreground):
+    """Per-pixel Gaussian-mixture background model, built from a first uint8 frame."""
+    _base = "Gaussian"
+
+
+class ForegroundHistogram(_Foreground):
+    """Per-pixel colour/change histogram background model, built from a first uint8 frame."""
+    _base = "Histogram"

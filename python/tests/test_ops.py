@@ -1,5 +1,6 @@
 """The Pythonic layer against the low-level layer called directly."""
 import ctypes
+import os
 import threading
 import time
 import warnings
@@ -192,15 +193,45 @@ def test_threads_and_results_independent_of_them():
         kvlcv.set_num_threads(n)
 
 
-def test_gil_released():
-    """Two Python threads calling at once finish clearly faster than two calls in a row."""
-    src = padded((1200, 1200), np.float32, 10)
+def test_gil_released_during_calls():
+    """Another Python thread keeps running while one thread is inside a library call."""
+    src = padded((3000, 3000), np.uint8, 10)
+    n = kvlcv.get_num_threads()
+    kvlcv.set_num_threads(1)
+    try:
+        done = threading.Event()
+        counter = [0]
+        during = []
+
+        def work():
+            for _ in range(4):
+                before = counter[0]
+                kvlcv.laplacian(src, mask=5)
+                during.append(counter[0] - before)
+            done.set()
+
+        th = threading.Thread(target=work)
+        th.start()
+        while not done.is_set():
+            counter[0] += 1
+        th.join()
+        # Were the GIL held, this thread could not count while the call runs: exactly 0.
+        assert max(during) > 1000, f"counts during the calls: {during}"
+    finally:
+        kvlcv.set_num_threads(n)
+
+
+def test_two_threads_faster_than_serial():
+    """Two Python threads calling at once take clearly less than twice one thread's time."""
+    if (os.cpu_count() or 1) < 2 or os.getloadavg()[0] > (os.cpu_count() or 1) - 1:
+        pytest.skip("no two idle cores to time on")
+    src = padded((2000, 2000), np.uint8, 10)
     n = kvlcv.get_num_threads()
     kvlcv.set_num_threads(1)
     try:
         def work():
-            for _ in range(6):
-                kvlcv.lowpass(src, mask=5)
+            for _ in range(8):
+                kvlcv.laplacian(src, mask=5)
         work()
         best = 0.0
         for _ in range(3):                  # a loaded machine: keep the best of three tries
