@@ -313,13 +313,13 @@ def add_product(src1, src2, acc, mask=None):
 
 
 def add_weighted(src, acc, alpha, mask=None):
-    """acc = acc * (1 - alpha) + src * alpha (where mask != 0); dtypes as add."""
+    """acc = acc + alpha * (src - acc) in single precision (where mask != 0); dtypes as add."""
     return _accumulate("kvliAddWeighted", (src,), acc, mask, (alpha,))
 
 
 def weighted_sum(src1, src2, alpha, out=None):
-    """Returns src1 * alpha + src2 * (1 - alpha) as computed by kvliAddWeighted_32f_C1R
-    (float32 2-D images of one shape)."""
+    """Returns src2 + alpha * (src1 - src2) in single precision (kvliAddWeighted_32f_C1R;
+    float32 2-D images of one shape)."""
     for a in (src1, src2):
         if getattr(a, "dtype", None) != np.float32 or a.ndim != 2:
             raise TypeError("weighted_sum: float32 2-D images expected")
@@ -684,3 +684,110 @@ class ForegroundGaussian(_Foreground):
 class ForegroundHistogram(_Foreground):
     """Per-pixel colour/change histogram background model, built from a first uint8 frame."""
     _base = "Histogram"
+
+
+# ------------------------------------------------------------------------------------------------
+# Pyramidal Lucas-Kanade tracking
+class _Pyramid(ctypes.Structure):
+    _fields_ = [("pImage", ctypes.POINTER(ctypes.c_void_p)), ("pRoi", ctypes.POINTER(KvliSize)),
+                ("pRate", ctypes.POINTER(ctypes.c_double)), ("pStep", ctypes.POINTER(ctypes.c_int)),
+                ("pState", ctypes.c_void_p), ("level", ctypes.c_int)]
+
+
+_LK = _members("kvliOpticalFlowPyrLK", ["8u_C1R", "16u_C1R", "32f_C1R"])
+
+
+def _pyramid_levels(img, max_level):
+    if isinstance(img, (list, tuple)):
+        return list(img)
+    levels = [img]
+    while len(levels) <= max_level and min(levels[-1].shape) >= 2:
+        levels.append(pyr_down(levels[-1]))
+    return levels
+
+
+def optical_flow_pyr_lk(prev, next, points, win_size=21, max_level=3, max_iter=30,
+                        threshold=0.01):
+    """Tracks points (an (N, 2) array of x, y in prev's pixels) from prev into next with
+    pyramidal Lucas-Kanade. prev and next: 2-D uint8 or float32 images (their Gaussian
+    pyramids, rate 2, are built with pyr_down), or lists of levels (level 0 first, each level
+    the rate-2 size of the one before; the way to track uint16 images). Returns (new points
+    float32 (N, 2), status int8 (N,), error float32 (N,))."""
+    lv1, lv2 = _pyramid_levels(prev, max_level), _pyramid_levels(next, max_level)
+    key = _key1(lv1[0], "prev")
+    fn = _member("optical_flow_pyr_lk", key, _LK)
+    for a in lv1 + lv2:
+        if _key1(a, "level") != key:
+            raise TypeError("optical_flow_pyr_lk: every level must have prev's dtype, 1 channel")
+    _same_shape(lv1[0], lv2[0], "next")
+    pts = np.ascontiguousarray(points, np.float32).reshape(-1, 2)
+    n = pts.shape[0]
+    nxt = np.empty((n, 2), np.float32)
+    status = np.empty(n, np.int8)
+    err = np.empty(n, np.float32)
+    size = _size(lv1[0])
+    recs, keep = [], []
+    try:
+        for levels in (lv1, lv2):
+            rec = ctypes.POINTER(_Pyramid)()
+            check(lib.kvliPyramidInitAlloc(ctypes.byref(rec), max(1, len(levels) - 1), size, 2.0),
+                  "kvliPyramidInitAlloc")
+            recs.append(rec)
+            r = rec.contents
+            for k in range(min(r.level, len(levels) - 1) + 1):
+                a = levels[k]
+                roi = r.pRoi[k]
+                if (roi.height, roi.width) != a.shape:
+                    raise ValueError(f"pyramid level {k}: shape {a.shape}, the record expects "
+                                     f"{(roi.height, roi.width)}")
+                r.pImage[k], r.pStep[k] = _image(a, f"level {k}")
+                keep.append(a)
+        top = min(max_level, min(len(lv1), len(lv2)) - 1, recs[0].contents.level,
+                  recs[1].contents.level)
+        state = ctypes.c_void_p()
+        check(getattr(lib, f"kvliOpticalFlowPyrLKInitAlloc_{key}")(ctypes.byref(state), size,
+                                                                  win_size, 0),
+              "kvliOpticalFlowPyrLKInitAlloc")
+        try:
+            check(fn(ctypes.cast(recs[0], ctypes.c_void_p), ctypes.cast(recs[1], ctypes.c_void_p),
+                     pts.ctypes.data, nxt.ctypes.data, status.ctypes.data, err.ctypes.data, n,
+                     win_size, top, max_iter, threshold, state), f"kvliOpticalFlowPyrLK_{key}")
+        finally:
+            getattr(lib, f"kvliOpticalFlowPyrLKFree_{key}")(state)
+    finally:
+        for rec in recs:
+            lib.kvliPyramidFree(ctypes.cast(rec, ctypes.c_void_p))
+    return nxt, status, err
+
+
+# ------------------------------------------------------------------------------------------------
+# Rectangle standard deviation from integral tables
+_RSD = {("32s", "64f"): "32s32f_C1R", ("32f", "64f"): "32f_C1R"}
+
+
+def rect_std_dev(sum_table, sqr_table, rect, tilted=False, out=None):
+    """Standard deviation over the rectangle rect = (x, y, width, height) placed at every
+    position, from the tables of sqr_integral (int32 or float32 sums with float64 squares).
+    The output (float32) has one pixel per position where the rectangle lies inside the tables
+    (upright: (H - y - height, W - x - width) for H x W tables)."""
+    from .lowlevel import KvliRect
+    key = (_SUFFIX.get(sum_table.dtype), _SUFFIX.get(sqr_table.dtype))
+    suffix = _member("rect_std_dev", key, _RSD)
+    _same_shape(sum_table, sqr_table, "sqr_table")
+    x, y, w, h = rect
+    th, tw = sum_table.shape
+    if tilted:
+        if x - y - h < 0:
+            raise ValueError("rect_std_dev: a tilted rectangle needs x - y - height >= 0 (it "
+                             "would read left of the table)")
+        # the library's row-length rule for tilted tables: x + y + width + height + w - 1
+        shape = (th - (x + y + w + h), tw - (x + y + w + h) + 1)
+    else:
+        shape = (th - (y + h), tw - (x + w))
+    if min(shape) < 1:
+        raise ValueError(f"rect_std_dev: the rectangle {tuple(rect)} does not fit the tables")
+    dst = _output(out, shape, np.float32)
+    name = f"kvli{'Tilted' if tilted else ''}RectStdDev_{suffix}"
+    check(getattr(lib, name)(*_image(sum_table, "sum_table"), *_image(sqr_table, "sqr_table"),
+                             *_image(dst, "out", True), _size(dst), KvliRect(x, y, w, h)), name)
+    return dst

@@ -80,3 +80,25 @@ def test_foreground_models(model):
     with pytest.raises(ValueError):
         m.apply(frame[:, 1:])
     del m
+
+
+def test_rect_std_dev_matches_numpy():
+    src = padded((20, 24), np.uint8, 16)
+    s, q = kvlcv.sqr_integral(src)
+    sd = kvlcv.rect_std_dev(s, q, (0, 0, 4, 3))
+    win = sliding_window_view(src.astype(np.float64), (3, 4))
+    np.testing.assert_allclose(sd, win.std(axis=(2, 3)), rtol=1e-3, atol=1e-2)
+    t, tq = kvlcv.sqr_integral(src, tilted=True)
+    assert kvlcv.rect_std_dev(t, tq, (3, 0, 2, 2), tilted=True).dtype == np.float32
+
+
+@pytest.mark.parametrize("dtype", [np.uint8, np.float32])
+def test_optical_flow_follows_a_shift(dtype):
+    yy, xx = np.mgrid[:96, :128]
+    base = (128 + 60 * np.sin(xx / 5.0) * np.cos(yy / 7.0)).astype(dtype)
+    moved = np.roll(np.roll(base, 2, axis=1), 1, axis=0)
+    pts = np.array([[40, 40], [64, 50], [80, 30]], np.float32)
+    nxt, status, err = kvlcv.optical_flow_pyr_lk(base, moved, pts, win_size=11, max_level=2)
+    assert (status == 1).all() or (status == 0).all()
+    ok = status == status.max()
+    np.testing.assert_allclose(nxt[ok] - pts[ok], [[2, 1]] * ok.sum(), atol=0.1)
