@@ -791,3 +791,72 @@ def rect_std_dev(sum_table, sqr_table, rect, tilted=False, out=None):
     check(getattr(lib, name)(*_image(sum_table, "sum_table"), *_image(sqr_table, "sqr_table"),
                              *_image(dst, "out", True), _size(dst), KvliRect(x, y, w, h)), name)
     return dst
+
+
+# ------------------------------------------------------------------------------------------------
+# Haar classifiers (upright)
+class HaarClassifier:
+    """One stage of weak Haar classifiers, upright.
+
+    HaarClassifier(rects, weights, thresholds, val1, val2, counts, dtype=np.float32):
+    rects (R, 4) int (x, y, width, height), weights (R,), counts (C,) ints (rectangles of each
+    weak classifier, in order; they sum to R), thresholds, val1, val2 (C,). dtype float32 or
+    int32 picks the classifier's arithmetic. ``size`` is the window (width, height) it needs."""
+
+    def __init__(self, rects, weights, thresholds, val1, val2, counts, dtype=np.float32):
+        from .lowlevel import KvliRect
+        self.kind = _SUFFIX.get(np.dtype(dtype))
+        if self.kind not in ("32f", "32s"):
+            raise TypeError("HaarClassifier: dtype float32 or int32")
+        r = np.ascontiguousarray(rects, np.int32).reshape(-1, 4)
+        arr = [np.ascontiguousarray(a, dtype) for a in (weights, thresholds, val1, val2)]
+        num = np.ascontiguousarray(counts, np.int32)
+        if len(arr[0]) != len(r) or int(num.sum()) != len(r) or \
+                not len(arr[1]) == len(arr[2]) == len(arr[3]) == len(num):
+            raise ValueError("HaarClassifier: inconsistent lengths")
+        feats = (KvliRect * max(len(r), 1))(*[KvliRect(*map(int, x)) for x in r])
+        self._state = ctypes.c_void_p()
+        name = f"kvliHaarClassifierInitAlloc_{self.kind}"
+        check(getattr(lib, name)(ctypes.byref(self._state), ctypes.addressof(feats),
+                                 *[a.ctypes.data for a in arr], num.ctypes.data, len(num)), name)
+        self._free = getattr(lib, f"kvliHaarClassifierFree_{self.kind}")
+        s = KvliSize()
+        check(getattr(lib, f"kvliGetHaarClassifierSize_{self.kind}")(self._state, ctypes.byref(s)),
+              "kvliGetHaarClassifierSize")
+        self.size = (s.width, s.height)
+
+    def __del__(self):
+        state, self._state = getattr(self, "_state", None), None
+        if state:
+            self._free(state)
+
+    def apply(self, table, norm, threshold, mask=None):
+        """Runs the stage at every window position of an upright integral table (float32 for a
+        float32 classifier; int32 for either). Positions: the table's size minus the window's
+        (every corner of every window then lies inside the table). norm: a scalar or an array
+        of that shape (float32; int32 for int32 classifiers). mask (uint8, that shape, default all 1) is updated in place: a position
+        the stage rejects becomes 0. Returns (mask, number of positions kept)."""
+        tkey = _SUFFIX.get(getattr(table, "dtype", None))
+        suffix = {("32f", "32f"): "32f_C1R", ("32s", "32f"): "32s32f_C1R",
+                  ("32s", "32s"): "32s_C1RSfs"}.get((tkey, self.kind))
+        if suffix is None or table.ndim != 2:
+            raise TypeError(f"apply: a 2-D {'float32 or ' if self.kind == '32f' else ''}int32 "
+                            f"table is expected")
+        shape = (table.shape[0] - self.size[1], table.shape[1] - self.size[0])
+        if min(shape) < 1:
+            raise ValueError(f"apply: the table {table.shape} is smaller than the window {self.size}")
+        ntype = np.float32 if self.kind == "32f" else np.int32
+        norm = np.full(shape, norm, ntype) if np.isscalar(norm) else norm
+        if getattr(norm, "dtype", None) != ntype or norm.shape != shape:
+            raise ValueError(f"apply: norm must be {np.dtype(ntype)} of shape {shape}")
+        mask = np.ones(shape, np.uint8) if mask is None else mask
+        if getattr(mask, "dtype", None) != np.uint8 or mask.shape != shape:
+            raise ValueError(f"apply: mask must be uint8 of shape {shape}")
+        positive = ctypes.c_int()
+        args = [*_image(table, "table"), *_image(norm, "norm"), *_image(mask, "mask", True),
+                KvliSize(shape[1], shape[0]), ctypes.byref(positive), threshold, self._state]
+        if suffix == "32s_C1RSfs":
+            args.append(0)
+        name = f"kvliApplyHaarClassifier_{suffix}"
+        check(getattr(lib, name)(*args), name)
+        return mask, positive.value

@@ -102,3 +102,18 @@ def test_optical_flow_follows_a_shift(dtype):
     assert (status == 1).all() or (status == 0).all()
     ok = status == status.max()
     np.testing.assert_allclose(nxt[ok] - pts[ok], [[2, 1]] * ok.sum(), atol=0.1)
+
+
+def test_haar_classifier_against_numpy():
+    img = padded((30, 40), np.uint8, 17)
+    table = kvlcv.integral(img, dtype=np.float32)
+    # one weak classifier: left half minus right half of a 4 x 6 window
+    c = kvlcv.HaarClassifier([[0, 0, 2, 6], [2, 0, 2, 6]], [1, -1], [0], [1], [0], [2])
+    assert c.size == (4, 6)
+    mask, kept = c.apply(table, 1.0, 0.5)
+    win = sliding_window_view(img.astype(np.float64), (6, 4))[:mask.shape[0], :mask.shape[1]]
+    f = win[..., :2].sum(axis=(2, 3)) - win[..., 2:].sum(axis=(2, 3))
+    np.testing.assert_array_equal(mask != 0, f < 0)
+    assert kept == np.count_nonzero(f < 0)
+    with pytest.raises(ValueError):
+        c.apply(table[:5, :5], 1.0, 0.5)
