@@ -18,7 +18,8 @@ for f in frames:
     kvlcv.add_weighted(f, running, 0.25)
 mean = total / len(frames)
 var = squares / len(frames) - mean * mean
-print(f"mean {mean.mean():.2f}, mean variance {var.mean():.2f}, running average {running.mean():.2f}")
+print(f"mean {mean.mean():.2f}, mean variance {var.mean():.2f}, "
+      f"running average {running.mean():.2f}")
 mask = (img > 128).astype(np.uint8)
 bright = kvlcv.add(img, np.zeros(img.shape, np.float32), mask=mask)
 print(f"sum over bright pixels: {bright.sum():.0f}")

@@ -43,8 +43,8 @@ def checksum(a):
 
 
 def run(size, chunk, workers, memory):
-    img = da.map_blocks(block, chunks=((chunk,) * (size // chunk) + ((size % chunk,) if size % chunk else ()),) * 2,
-                        dtype=np.uint8)
+    side = (chunk,) * (size // chunk) + ((size % chunk,) if size % chunk else ())
+    img = da.map_blocks(block, chunks=(side, side), dtype=np.uint8)
     lap = kd.map_filter(kvlcv.laplacian, img, mask=5, border="mirror")
     parts = lap.map_blocks(checksum, chunks=(1, 3), dtype=np.int64)
     with LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,

@@ -11,7 +11,8 @@ from _png import DATA, read_png, write_png
 out = sys.argv[1] if len(sys.argv) > 1 else "example-out"
 os.makedirs(out, exist_ok=True)
 scene = read_png(os.path.join(DATA, "astronaut.png"))[::2, ::2].copy()
-models = {"gaussian": kvlcv.ForegroundGaussian(scene), "histogram": kvlcv.ForegroundHistogram(scene)}
+models = {"gaussian": kvlcv.ForegroundGaussian(scene),
+          "histogram": kvlcv.ForegroundHistogram(scene)}
 for t in range(30):
     frame = scene.copy()
     frame[100:140, 5 * t:5 * t + 40] = 255

@@ -12,7 +12,14 @@ s, q = kvlcv.sqr_integral(img)
 r = 7                                         # 15 x 15 boxes
 h, w = img.shape
 y0, x0 = np.mgrid[0:h - 2 * r, 0:w - 2 * r]
-box = lambda t: t[y0 + 2 * r + 1, x0 + 2 * r + 1] - t[y0, x0 + 2 * r + 1] - t[y0 + 2 * r + 1, x0] + t[y0, x0]
+e = 2 * r + 1
+
+
+def box(t):
+    return t[y0 + e, x0 + e] - t[y0, x0 + e] - t[y0 + e, x0] + t[y0, x0]
+
+
+
 n = (2 * r + 1) ** 2
 mean = box(s) / n
 std = np.sqrt(np.maximum(box(q) / n - mean * mean, 0))

@@ -492,11 +492,11 @@ def _minmax(op, src, size, anchor, out):
     msize = KvliSize(mw, mh)
     buf = _buffer(f"kvliFilter{op}GetBufferSize_{key}", src.shape[1], msize)
     check(fn(*_image(src, "src"), *_image(dst, "out", True), _size(src), msize,
-             lowlevel_point(ax, ay), buf.ctypes.data), f"kvliFilter{op}BorderReplicate_{key}")
+             _point(ax, ay), buf.ctypes.data), f"kvliFilter{op}BorderReplicate_{key}")
     return dst
 
 
-def lowlevel_point(x, y):
+def _point(x, y):
     from .lowlevel import KvliPoint
     return KvliPoint(x, y)
 
@@ -834,8 +834,8 @@ class HaarClassifier:
         """Runs the stage at every window position of an upright integral table (float32 for a
         float32 classifier; int32 for either). Positions: the table's size minus the window's
         (every corner of every window then lies inside the table). norm: a scalar or an array
-        of that shape (float32; int32 for int32 classifiers). mask (uint8, that shape, default all 1) is updated in place: a position
-        the stage rejects becomes 0. Returns (mask, number of positions kept)."""
+        of that shape (float32; int32 for int32 classifiers). mask (uint8, that shape, default
+        all 1) is updated in place: a position the stage rejects becomes 0. Returns (mask, number of positions kept)."""
         tkey = _SUFFIX.get(getattr(table, "dtype", None))
         suffix = {("32f", "32f"): "32f_C1R", ("32s", "32f"): "32s32f_C1R",
                   ("32s", "32s"): "32s_C1RSfs"}.get((tkey, self.kind))
@@ -844,7 +844,8 @@ class HaarClassifier:
                             f"table is expected")
         shape = (table.shape[0] - self.size[1], table.shape[1] - self.size[0])
         if min(shape) < 1:
-            raise ValueError(f"apply: the table {table.shape} is smaller than the window {self.size}")
+            raise ValueError(f"apply: the table {table.shape} is smaller than the window "
+                             f"{self.size}")
         ntype = np.float32 if self.kind == "32f" else np.int32
         norm = np.full(shape, norm, ntype) if np.isscalar(norm) else norm
         if getattr(norm, "dtype", None) != ntype or norm.shape != shape:
@@ -860,3 +861,8 @@ class HaarClassifier:
         name = f"kvliApplyHaarClassifier_{suffix}"
         check(getattr(lib, name)(*args), name)
         return mask, positive.value
+
+
+# The package's names: every public function and class defined here.
+__all__ = [n for n, v in list(globals().items()) if not n.startswith("_")
+           and getattr(v, "__module__", None) == __name__] + ["BORDERS"]

@@ -4,7 +4,7 @@ import pytest
 from numpy.lib.stride_tricks import sliding_window_view
 
 import kvlcv
-from kvlcv.lowlevel import lib, KvliSize
+from kvlcv.lowlevel import lib
 from conftest import padded
 from test_ops import buffer, size_of
 
