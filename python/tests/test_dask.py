@@ -53,3 +53,13 @@ def test_local_cluster_two_processes():
                               border="mirror")
         np.testing.assert_array_equal(client.compute(tiled).result(),
                                       kvlcv.laplacian(img, mask=5, border="mirror"))
+
+
+def test_wider_overlap_and_refused_border():
+    img = np.ascontiguousarray(padded((45, 52), np.uint8, 6))
+    arr = da.from_array(img, chunks=(11, 13))
+    with dask.config.set(scheduler="threads"):
+        got = kd.map_filter(kvlcv.laplacian, arr, depth=4, mask=5, border="mirror").compute()
+    np.testing.assert_array_equal(got, kvlcv.laplacian(img, mask=5, border="mirror"))
+    with pytest.raises(ValueError):
+        kd.map_filter(kvlcv.laplacian, arr, border="inmem")
