@@ -14,3 +14,12 @@ for k in range(1, 5):
     write_png(os.path.join(out, f"pyramid_{k}.png"), level)
     print(f"level {k}: {level.shape}")
 print("up again:", kvlcv.pyr_up(level).shape)
+
+# Track a few points of the photograph into a copy shifted by (3, 2) pixels.
+grey = read_png(os.path.join(DATA, "astronaut.png"))[:, :, 1].copy()
+moved = grey[:-2, :-3].copy()
+grey = grey[2:, 3:].copy()
+points = [[100.0, 120.0], [300.0, 200.0], [250.0, 400.0]]
+found, status, error = kvlcv.optical_flow_pyr_lk(grey, moved, points, win_size=15, max_level=3)
+for p, q, s in zip(points, found, status):
+    print(f"({p[0]:.0f}, {p[1]:.0f}) -> ({q[0]:.2f}, {q[1]:.2f}) status {s}")

@@ -712,7 +712,7 @@ def optical_flow_pyr_lk(prev, next, points, win_size=21, max_level=3, max_iter=3
     pyramidal Lucas-Kanade. prev and next: 2-D uint8 or float32 images (their Gaussian
     pyramids, rate 2, are built with pyr_down), or lists of levels (level 0 first, each level
     the rate-2 size of the one before; the way to track uint16 images). Returns (new points
-    float32 (N, 2), status int8 (N,), error float32 (N,))."""
+    float32 (N, 2), status int8 (N,): 0 where the point was tracked, error float32 (N,))."""
     lv1, lv2 = _pyramid_levels(prev, max_level), _pyramid_levels(next, max_level)
     key = _key1(lv1[0], "prev")
     fn = _member("optical_flow_pyr_lk", key, _LK)
