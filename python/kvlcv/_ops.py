@@ -712,7 +712,8 @@ def optical_flow_pyr_lk(prev, next, points, win_size=21, max_level=3, max_iter=3
     pyramidal Lucas-Kanade. prev and next: 2-D uint8 or float32 images (their Gaussian
     pyramids, rate 2, are built with pyr_down), or lists of levels (level 0 first, each level
     the rate-2 size of the one before; the way to track uint16 images). Returns (new points
-    float32 (N, 2), status int8 (N,): 0 where the point was tracked, error float32 (N,))."""
+    float32 (N, 2), status int8 (N,): 0 where the point was tracked, k + 1 where it was lost
+    at level k, error float32 (N,))."""
     lv1, lv2 = _pyramid_levels(prev, max_level), _pyramid_levels(next, max_level)
     key = _key1(lv1[0], "prev")
     fn = _member("optical_flow_pyr_lk", key, _LK)
@@ -835,7 +836,8 @@ class HaarClassifier:
         float32 classifier; int32 for either). Positions: the table's size minus the window's
         (every corner of every window then lies inside the table). norm: a scalar or an array
         of that shape (float32; int32 for int32 classifiers). mask (uint8, that shape, default
-        all 1) is updated in place: a position the stage rejects becomes 0. Returns (mask, number of positions kept)."""
+        all 1) is updated in place: a position the stage rejects becomes 0. Returns (mask,
+        number of positions kept)."""
         tkey = _SUFFIX.get(getattr(table, "dtype", None))
         suffix = {("32f", "32f"): "32f_C1R", ("32s", "32f"): "32s32f_C1R",
                   ("32s", "32s"): "32s_C1RSfs"}.get((tkey, self.kind))
