@@ -26,4 +26,13 @@ cmake --build "$tmp/cm" > /dev/null
 "$tmp/prefix/bin/kvlcv" --version | grep -q "8.2.1 (r44077)"
 # The library needs nothing of ours beyond libkvlcore.
 readelf -d "$tmp/prefix/lib/libkvlcv.so" | grep -q 'SONAME.*libkvlcv.so.8'
-echo "install: C99 consumer built with pkg-config and find_package; kvlcv runs"
+# The installed Python package loads the installed library by itself (Debian's python3).
+pkg=$(find "$tmp/prefix" -path '*/kvlcv/__init__.py' | head -1)
+if [ -n "$pkg" ] && /usr/bin/python3 -c "import numpy" 2> /dev/null; then
+  (cd "$tmp" && env -u KVLCV_LIBRARY PYTHONPATH="$(dirname "$(dirname "$pkg")")" /usr/bin/python3 -c "
+import os, numpy as np, kvlcv
+lib = os.path.realpath(kvlcv.lowlevel.LIBRARY_PATH)
+assert lib.startswith(os.path.realpath('$tmp/prefix')), lib
+assert kvlcv.pyr_down(np.zeros((4, 4), np.uint8)).shape == (2, 2)")
+fi
+echo "install: C99 consumer built with pkg-config and find_package; kvlcv runs; Python finds the library"
