@@ -1148,10 +1148,12 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
  * the largest per-channel morphological gradient: exact in 8 bits, never saturates, and a change
  * in any one channel is enough to raise it.
  * Seeds: every pixel of pMarker with a value > 0 is a seed (255 included: it spreads the boundary
- * value). When pMarker holds no value > 0 at all, the seeds are the regional minima of g: each
- * plateau of equal g (connected by the norm's neighbourhood) with no lower neighbour, taken in
- * row order of its first pixel, gets the labels 1, 2, ..., 254, then 1, 2, ... again (images with
- * more than 254 minima reuse labels, so two minima of one label may merge without a boundary).
+ * value). When pMarker holds no value > 0 at all, the seeds are the regional minima of the coarse
+ * relief g / 16 (integer division, so that a smooth region whose gradient wavers by a few grey
+ * levels stays one seed): each plateau of equal g / 16 (connected by the norm's neighbourhood)
+ * with no lower neighbour, taken in row order of its first pixel, gets the labels 1, 2, ..., 254,
+ * then 1, 2, ... again (images with more than 254 minima reuse labels, so two minima of one label
+ * may merge without a boundary). The flooding below then runs on the full relief g.
  * Flooding: neighbours are visited in the order left, right, up, down, and for norm 0 then
  * up-left, up-right, down-left, down-right; pixels outside the ROI are never read or written.
  * 1. In row order, every seed with an unlabelled neighbour joins the FIFO of level g(seed).

@@ -53,8 +53,8 @@ class Flood {
     return true;
   }
 
-  // Labels every regional minimum of the relief (a plateau, connected by the flooding's
-  // neighbourhood, with no lower neighbour) in row order of its first pixel with 1, 2, ..., 254,
+  // Labels every regional minimum of the coarse relief g >> kSeedShift (a plateau, connected by
+  // the flooding's neighbourhood, with no lower neighbour) in row order of its first pixel with 1, 2, ..., 254,
   // 1, 2, ... Visited plateaus carry 255 until the last pass clears the others again.
   void seedMinima() {
     int count = 0;
@@ -62,7 +62,7 @@ class Flood {
     for (int y0 = 0; y0 < h_; ++y0)
       for (int x0 = 0; x0 < w_; ++x0) {
         if (label(x0, y0) != 0) continue;
-        const Kvl8u level = g_[index(x0, y0)];
+        const int level = g_[index(x0, y0)] >> kSeedShift;
         int size = 0, next = 0;
         bool minimum = true;
         label(x0, y0) = kSegBoundary;
@@ -72,7 +72,7 @@ class Flood {
           for (int k = 0; k < n_; ++k) {
             const int nx = x + kDx[k], ny = y + kDy[k];
             if (!inside(nx, ny)) continue;
-            const Kvl8u v = g_[index(nx, ny)];
+            const int v = g_[index(nx, ny)] >> kSeedShift;
             if (v < level) {
               minimum = false;
             } else if (v == level && label(nx, ny) == 0) {

@@ -16,6 +16,10 @@ constexpr int kSegBounds4 = 64;
 constexpr int kSegBounds8 = 128;
 constexpr Kvl8u kSegBoundary = 255;
 
+// Without seed labels, the seeds are the regional minima of the relief shifted right by this
+// many bits: steps of less than 8 grey levels inside a smooth region do not split it.
+constexpr int kSeedShift = 4;
+
 // Bytes of work memory per pixel and the fixed part of the size formula.
 constexpr long long kSegBytesPerPixel = 17;
 constexpr long long kSegFixedBytes = 115;

@@ -53,7 +53,7 @@ std::vector<Kvl8u> model(const Image<Kvl8u, kC>& src, const Image<Kvl8u>& marker
   bool any = false;
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) any = any || m.at(x, y) > 0;
-  if (!any) {  // regional minima, numbered in row order of their first pixel
+  if (!any) {  // regional minima of g / 16, numbered in row order of their first pixel
     std::vector<int> seen(w * h, 0);
     int count = 0;
     for (int i = 0; i < w * h; ++i) {
@@ -66,8 +66,9 @@ std::vector<Kvl8u> model(const Image<Kvl8u, kC>& src, const Image<Kvl8u>& marker
         for (int d = 0; d < m.n; ++d) {
           const int nx = x + kDx[d], ny = y + kDy[d];
           if (!m.in(nx, ny)) continue;
-          if (m.rel(nx, ny) < m.rel(x, y)) minimum = false;
-          if (m.rel(nx, ny) == m.rel(x, y) && !seen[ny * w + nx]) {
+          const int here = m.rel(x, y) / 16, there = m.rel(nx, ny) / 16;
+          if (there < here) minimum = false;
+          if (there == here && !seen[ny * w + nx]) {
             seen[ny * w + nx] = 1;
             plateau.push_back(ny * w + nx);
           }
@@ -227,10 +228,11 @@ TEST(SegmentGradient, FlatRegionsWithOneSeedEach) {
   }
 }
 
-// Without seeds the regional minima seed: two flat squares of different grey give two labels.
+// Without seeds the regional minima seed: two flat halves of different grey give two labels,
+// and a ramp of steps below 16 inside a half does not split it.
 TEST(SegmentGradient, MinimaSeedsWhenNoLabels) {
   Image<Kvl8u> src(20, 8, 0, 4);
-  src.fill([](int x, int, int) -> Kvl8u { return x < 10 ? 40 : 180; });
+  src.fill([](int x, int y, int) -> Kvl8u { return x < 10 ? 40 + 5 * (x % 3) + y : 180; });
   Image<Kvl8u> marker(20, 8, 0, 5);
   marker.fill([](int, int, int) -> Kvl8u { return 0; });
   const std::vector<Kvl8u> got = runMember(kMembers[0], src, marker, 0, 0);

@@ -501,6 +501,8 @@ const std::vector<Operation> kOperations = {
      morphOptions(), [](const Args& a, const Picture& in, Picture* out) { return runMorph("gradient", a, in, out); }},
     {"distance", "Distance of every pixel to the nearest feature pixel (a false-colour map)",
      kDistanceDetails, distanceOptions(), runDistance},
+    {"gradseg", "Segmentation by the colour gradient into labelled regions with boundaries",
+     kGradientSegDetails, gradientSegOptions(), runGradientSeg},
 };
 
 }  // namespace
@@ -694,6 +696,7 @@ int demo(const std::string& dir) {
       {"distance", {{"invert", ""}}, "horse-distance.png", kHorse},
       {"distance", {{"metric", "chamfer5"}}, "horse-distance-outside-chamfer5.png", kHorse},
       {"distance", {{"metric", "marching"}, {"invert", ""}}, "horse-marching.png", kHorse},
+      {"gradseg", {}, "coins-gradseg.png", kCoins},
   };
   std::printf("%-16s %-46s %-10s %10s %12s\n", "operation", "options", "size", "time (ms)", "Mpixel/s");
   int failures = 0;
