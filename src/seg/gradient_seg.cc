@@ -2,6 +2,7 @@
 // minima when the caller gives none, flooding by increasing height with one FIFO per level, and
 // the optional boundary pass. Single-threaded; the relief rows run on the best vector target.
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 
 #include "core/check.h"
@@ -112,35 +113,10 @@ class Flood {
   // it unless another of its neighbours holds a different label: then it becomes 255 (a pixel
   // reached from a 255 takes the first label among its other neighbours instead).
   void grow() {
-    for (int level = 0; level < 256;) {
-      const int p = head_[level];
-      if (p < 0) {
-        ++level;
-        continue;
-      }
-      head_[level] = link_[p];
-      if (head_[level] < 0) tail_[level] = -1;
-      const int x = p % w_, y = p / w_;
-      const Kvl8u lp = label(x, y);
-      for (int k = 0; k < n_; ++k) {
-        const int qx = x + kDx[k], qy = y + kDy[k];
-        if (!inside(qx, qy) || label(qx, qy) != 0) continue;
-        const int q = index(qx, qy);
-        push(q, g_[q] > level ? g_[q] : level);
-        int v = lp;
-        for (int j = 0; j < n_; ++j) {
-          const int rx = qx + kDx[j], ry = qy + kDy[j];
-          if ((rx == x && ry == y) || !inside(rx, ry)) continue;
-          const int lr = label(rx, ry);
-          if (lr == 0 || lr == kSegBoundary || lr == v) continue;
-          if (v < kSegBoundary) {
-            v = kSegBoundary;
-            break;
-          }
-          v = lr;
-        }
-        label(qx, qy) = static_cast<Kvl8u>(v);
-      }
+    if (n_ == 8) {
+      growWith<8>();
+    } else {
+      growWith<4>();
     }
   }
 
@@ -164,6 +140,52 @@ class Flood {
   }
 
  private:
+  template <int kN>
+  void growWith() {
+    // The neighbour opposite each direction: the pixel a newly reached one was reached from.
+    constexpr int kOpposite[8] = {1, 0, 3, 2, 7, 6, 5, 4};
+    std::ptrdiff_t mo[8];  // marker byte offsets and relief index offsets of the neighbours
+    int go[8];
+    for (int k = 0; k < 8; ++k) {
+      mo[k] = kDx[k] + static_cast<std::ptrdiff_t>(kDy[k]) * ms_;
+      go[k] = kDx[k] + kDy[k] * w_;
+    }
+    for (int level = 0; level < 256;) {
+      const int p = head_[level];
+      if (p < 0) {
+        ++level;
+        continue;
+      }
+      head_[level] = link_[p];
+      if (head_[level] < 0) tail_[level] = -1;
+      const int y = p / w_, x = p - y * w_;
+      Kvl8u* mp = &label(x, y);
+      const int lp = *mp;
+      const bool inner = x > 0 && y > 0 && x < w_ - 1 && y < h_ - 1;
+      for (int k = 0; k < kN; ++k) {
+        const int qx = x + kDx[k], qy = y + kDy[k];
+        if (!inner && !inside(qx, qy)) continue;
+        Kvl8u* mq = mp + mo[k];
+        if (*mq != 0) continue;
+        const int q = p + go[k];
+        push(q, g_[q] > level ? g_[q] : level);
+        int v = lp;
+        const bool qInner = qx > 0 && qy > 0 && qx < w_ - 1 && qy < h_ - 1;
+        for (int j = 0; j < kN; ++j) {
+          if (j == kOpposite[k] || (!qInner && !inside(qx + kDx[j], qy + kDy[j]))) continue;
+          const int lr = mq[mo[j]];
+          if (lr == 0 || lr == kSegBoundary || lr == v) continue;
+          if (v < kSegBoundary) {
+            v = kSegBoundary;
+            break;
+          }
+          v = lr;
+        }
+        *mq = static_cast<Kvl8u>(v);
+      }
+    }
+  }
+
   int index(int x, int y) const { return y * w_ + x; }
   void push(int p, int level) {
     link_[p] = -1;
