@@ -123,20 +123,24 @@ class Flood {
   // In row order and in place: a pixel with a label in 1..254 next to a different label in
   // 1..254 (over `neighbours` neighbours) becomes 255.
   void markBoundaries(int neighbours) {
-    for (int y = 0; y < h_; ++y)
+    std::ptrdiff_t mo[8];
+    for (int k = 0; k < 8; ++k) mo[k] = kDx[k] + static_cast<std::ptrdiff_t>(kDy[k]) * ms_;
+    for (int y = 0; y < h_; ++y) {
+      Kvl8u* row = rowPtr(m_, ms_, y);
       for (int x = 0; x < w_; ++x) {
-        const Kvl8u l = label(x, y);
+        const Kvl8u l = row[x];
         if (l == 0 || l == kSegBoundary) continue;
+        const bool inner = x > 0 && y > 0 && x < w_ - 1 && y < h_ - 1;
         for (int k = 0; k < neighbours; ++k) {
-          const int nx = x + kDx[k], ny = y + kDy[k];
-          if (!inside(nx, ny)) continue;
-          const Kvl8u o = label(nx, ny);
+          if (!inner && !inside(x + kDx[k], y + kDy[k])) continue;
+          const Kvl8u o = row[x + mo[k]];
           if (o != 0 && o != kSegBoundary && o != l) {
-            label(x, y) = kSegBoundary;
+            row[x] = kSegBoundary;
             break;
           }
         }
       }
+    }
   }
 
  private:
