@@ -1206,6 +1206,45 @@ KVL_API KvlStatus kvliSegmentWatershed_8u16u_C1IR(const Kvl8u* pSrc, int srcStep
 /* @@END WATERSHED@@ */
 
 /* @@BEGIN GRADIENT SEGMENTATION@@ */
+/* Gradient segmentation: grows the labels of pMarker over the colour gradient of pSrc, in place,
+ * into a marker image like the watershed's: labels 1 .. 254, 255 = boundary, 0 = unlabelled.
+ * Relief: g(x, y) = the largest over the channels of (largest - smallest) channel value in the
+ * pixel's neighbourhood (norm 0: the 3x3 square; norm 1: the pixel and its 4 neighbours), where
+ * rows and columns outside the ROI are left out (the ROI's edge pixels repeat). For C3 this is
+ * the largest per-channel morphological gradient: exact in 8 bits, never saturates, and a change
+ * in any one channel is enough to raise it.
+ * Seeds: every pixel of pMarker with a value > 0 is a seed (255 included: it spreads the boundary
+ * value). When pMarker holds no value > 0 at all, the seeds are the regional minima of the coarse
+ * relief g / 16 (integer division, so that a smooth region whose gradient wavers by a few grey
+ * levels stays one seed): each plateau of equal g / 16 (connected by the norm's neighbourhood)
+ * with no lower neighbour, taken in row order of its first pixel, gets the labels 1, 2, ..., 254,
+ * then 1, 2, ... again (images with more than 254 minima reuse labels, so two minima of one label
+ * may merge without a boundary). The flooding below then runs on the full relief g.
+ * Flooding: neighbours are visited in the order left, right, up, down, and for norm 0 then
+ * up-left, up-right, down-left, down-right; pixels outside the ROI are never read or written.
+ * 1. In row order, every seed with an unlabelled neighbour joins the FIFO of level g(seed).
+ * 2. Take the front pixel p (label lp) of the lowest non-empty level L. Each unlabelled neighbour
+ *    q of p joins the FIFO of level max(g(q), L) and gets a label: v = lp; for each other
+ *    neighbour r of q holding a label in 1 .. 254 different from v: if v < 255, v = 255 and the
+ *    search stops, otherwise v takes r's label. q receives v.
+ * 3. Repeat 2 until every FIFO is empty. Every pixel connected to a seed ends up labelled.
+ * flag: 0, or the boundary bits 64 (4-neighbours) and 128 (8-neighbours; wins when both are
+ * given): after flooding, a pass in row order, in place, turns a pixel with a label in 1 .. 254
+ * that has a neighbour with a different label in 1 .. 254 into 255 (so lines are one pixel
+ * thick: a pixel compares with neighbours before it as already marked). Any other flag bit is
+ * refused.
+ * GetBufferSize (C1 and C3 are one operation): kvlStatusNullPointer, then kvlStatusBadSize
+ * (width or height < 1, or a result above INT_MAX); *pBufSize = 17 * width * height + 115. The
+ * buffer may have any alignment.
+ * Statuses, in this order: kvlStatusNullPointer (pSrc, pMarker, pBuffer); kvlStatusBadSize (width
+ * or height < 1, or an ROI whose buffer size exceeds INT_MAX); kvlStatusBadStep (srcStep <
+ * channels * width, or markerStep < width); kvlStatusBadArgument (norm not 0 or 1, then a flag
+ * bit other than 64 and 128). Nothing is written on failure. Single-threaded; the result does not
+ * depend on the thread count or the vector target. pSrc and pMarker must not overlap. */
+KVL_API KvlStatus kvliSegmentGradientGetBufferSize_8u_C1R(KvliSize roiSize, int* pBufSize);
+KVL_API KvlStatus kvliSegmentGradientGetBufferSize_8u_C3R(KvliSize roiSize, int* pBufSize);
+KVL_API KvlStatus kvliSegmentGradient_8u_C1IR(const Kvl8u* pSrc, int srcStep, Kvl8u* pMarker, int markerStep, KvliSize roiSize, int norm, int flag, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliSegmentGradient_8u_C3IR(const Kvl8u* pSrc, int srcStep, Kvl8u* pMarker, int markerStep, KvliSize roiSize, int norm, int flag, Kvl8u* pBuffer);
 /* @@END GRADIENT SEGMENTATION@@ */
 
 /* ---- Background models: Gaussian mixture and histogram foreground models ---- */

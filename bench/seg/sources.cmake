@@ -17,3 +17,6 @@ set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/watershed_bench.cc PROPERT
                             COMPILE_DEFINITIONS "KVL_SOURCE_DIR=\"${CMAKE_SOURCE_DIR}\"")
 
 # Gradient segmentation.
+target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/gradient_seg_bench.cc)
+set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/gradient_seg_bench.cc PROPERTIES
+                            COMPILE_DEFINITIONS "KVL_SOURCE_DIR=\"${CMAKE_SOURCE_DIR}\"")

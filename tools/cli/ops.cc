@@ -503,6 +503,8 @@ const std::vector<Operation> kOperations = {
      kDistanceDetails, distanceOptions(), runDistance},
     {"watershed", "Marker watershed: regions grown over the image's gradient (a coloured label map)",
      kWatershedDetails, watershedOptions(), runWatershed},
+    {"gradseg", "Segmentation by the colour gradient into labelled regions with boundaries",
+     kGradientSegDetails, gradientSegOptions(), runGradientSeg},
 };
 
 }  // namespace
@@ -697,6 +699,7 @@ int demo(const std::string& dir) {
       {"distance", {{"metric", "chamfer5"}}, "horse-distance-outside-chamfer5.png", kHorse},
       {"distance", {{"metric", "marching"}, {"invert", ""}}, "horse-marching.png", kHorse},
       {"watershed", {{"auto", ""}, {"boundary", "8"}}, "coins-watershed.png", kCoins},
+      {"gradseg", {}, "coins-gradseg.png", kCoins},
   };
   std::printf("%-16s %-46s %-10s %10s %12s\n", "operation", "options", "size", "time (ms)", "Mpixel/s");
   int failures = 0;

@@ -123,6 +123,10 @@ extern const char* const kDistanceDetails;
 RunResult runWatershed(const Args& args, const Picture& in, Picture* out);
 const std::vector<Option>& watershedOptions();
 extern const char* const kWatershedDetails;
+// The gradient segmentation operation (gradient_seg_op.cc).
+RunResult runGradientSeg(const Args& args, const Picture& in, Picture* out);
+const std::vector<Option>& gradientSegOptions();
+extern const char* const kGradientSegDetails;
 // The morphology operations erode, dilate, open, close and gradient (morph_op.cc).
 RunResult runMorph(const char* op, const Args& args, const Picture& in, Picture* out);
 const std::vector<Option>& morphOptions();
