@@ -306,11 +306,8 @@ TEST_F(Cli, ErrorsAreOneActionableLine) {
       {"pyrdown --levels 0 $G $T/o.png", "--levels: 0 is outside 1..30", 1},
       {"distance --metric exact --radius 4 $G $T/o.png", "--radius applies to marching only", 1},
       {"distance --threshold 0 $G $T/o.png", "--threshold: 0 is outside 1..256", 1},
-<<<<<<< HEAD
       {"watershed --markers $T/rgb.png $G $T/o.png", "the markers are 40x23, the image 61x37", 1},
-=======
       {"gradseg --markers $T/rgb.png $G $T/o.png", "the markers are 40x23, the input 61x37", 1},
->>>>>>> gseg
       {"", "usage:", 2},
   };
   for (ErrorCase c : cases) {
