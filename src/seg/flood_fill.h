@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "core/pixel.h"
@@ -52,13 +53,10 @@ inline FillLayout fillLayout(Kvl8u* buffer, int w, int h, bool grad) {
 // The Grad map: the frame reads as visited, the interior not yet.
 inline void clearMap(Kvl8u* map, int w, int h) {
   const long long mw = w + 2;
-  for (long long x = 0; x < mw; ++x) map[x] = 1, map[(h + 1) * mw + x] = 1;
-  for (long long y = 1; y <= h; ++y) {
-    Kvl8u* row = map + y * mw;
-    row[0] = 1;
-    for (long long x = 1; x <= w; ++x) row[x] = 0;
-    row[w + 1] = 1;
-  }
+  std::memset(map, 1, static_cast<size_t>(mw));
+  std::memset(map + mw, 0, static_cast<size_t>(mw * h));
+  std::memset(map + (h + 1) * mw, 1, static_cast<size_t>(mw));
+  for (long long y = 1; y <= h; ++y) map[y * mw] = 1, map[y * mw + w + 1] = 1;
 }
 
 // What a call runs with, per channel: the fill value; the seed's value (exact); the admission

@@ -115,6 +115,115 @@ struct RunOps<kRule, Kvl8u, 1> {
   }
 };
 
+// Runs of one row under the Grad rule. row is the row being grown, seen its visited map (whose
+// frame makes index -1 and w read as visited), run the popped run's row (null for the seed run,
+// which grows against its own row only) and [xl, xr] the popped run.
+template <class T, int kC>
+struct GradOps {
+  const FillArgs<T>& a;
+  static const T* px(const T* base, int x) { return base + x * kC; }
+  // The first x in [from, to] that is unvisited and within range of the run's pixel beside it.
+  int next(const T* row, const Kvl8u* seen, const T* run, int xl, int xr, int from,
+           int to, int /*w*/) const {
+    for (; from <= to; ++from)
+      if (!seen[from] && near<T, kC>(px(row, from), px(run, std::clamp(from, xl, xr)), a)) break;
+    return from;
+  }
+  // The run's left end grown from x: each pixel against its right neighbour.
+  int left(const T* row, const Kvl8u* seen, int x) const {
+    while (!seen[x - 1] && near<T, kC>(px(row, x - 1), px(row, x), a)) --x;
+    return x;
+  }
+  // The right end grown from x: against the left neighbour or, up to xr, the run's pixel.
+  int right(const T* row, const Kvl8u* seen, const T* run, int xr, int x) const {
+    while (!seen[x + 1] && (near<T, kC>(px(row, x + 1), px(row, x), a) ||
+                            (x < xr && near<T, kC>(px(row, x + 1), px(run, x + 1), a))))
+      ++x;
+    return x;
+  }
+};
+
+template <>
+struct GradOps<Kvl8u, 1> {
+  using D = hn::FixedTag<uint8_t, kGroup>;
+  using V = hn::Vec<D>;
+  using M = hn::Mask<D>;
+  const FillArgs<Kvl8u>& a;
+
+  // Lanes p within [r - minDelta, r + maxDelta], which is the unsigned test of the rule.
+  M nearV(V p, V r) const {
+    const D d;
+    const V lo = hn::SaturatedSub(r, hn::Set(d, a.minDelta[0]));
+    const V hi = hn::SaturatedAdd(r, hn::Set(d, a.maxDelta[0]));
+    return hn::And(hn::Eq(hn::Max(p, lo), p), hn::Eq(hn::Min(p, hi), p));
+  }
+  static M fresh(const Kvl8u* seen) {
+    const D d;
+    return hn::Eq(hn::LoadU(d, seen), hn::Zero(d));
+  }
+  bool one(const Kvl8u* p, const Kvl8u* r) const { return near<Kvl8u, 1>(p, r, a); }
+  static unsigned bits(M m) {
+    uint8_t b[8] = {};
+    hn::StoreMaskBits(D(), m, b);
+    return static_cast<unsigned>(b[0]) | static_cast<unsigned>(b[1]) << 8;
+  }
+
+  int next(const Kvl8u* row, const Kvl8u* seen, const Kvl8u* run, int xl, int xr, int from,
+           int to, int w) const {
+    const D d;
+    for (; from <= to && from < xl; ++from)
+      if (!seen[from] && one(row + from, run + xl)) return from;
+    // Lanes beside the run, a group at a time; the last, partial group masked (its loads stay
+    // inside the row).
+    const int last = std::min(to, xr);
+    for (int n = last - from + 1; n > 0; from += std::min(n, kGroup), n = last - from + 1) {
+      if (n < kGroup && from + kGroup > w) break;
+      M m = hn::And(fresh(seen + from), nearV(hn::LoadU(d, row + from), hn::LoadU(d, run + from)));
+      if (n < kGroup) m = hn::And(m, hn::FirstN(d, static_cast<size_t>(n)));
+      if (!hn::AllFalse(d, m)) return from + static_cast<int>(hn::FindKnownFirstTrue(d, m));
+    }
+    for (; from <= to; ++from)
+      if (!seen[from] && one(row + from, run + std::clamp(from, xl, xr))) break;
+    return from;
+  }
+  int left(const Kvl8u* row, const Kvl8u* seen, int x) const {
+    const D d;
+    for (; x >= kGroup; x -= kGroup) {
+      const int i = x - kGroup;
+      const M pass = hn::And(fresh(seen + i),
+                             nearV(hn::LoadU(d, row + i), hn::LoadU(d, row + i + 1)));
+      const unsigned fail = ~bits(pass) & 0xffffu;
+      if (fail != 0) return i + (31 - __builtin_clz(fail)) + 1;
+    }
+    while (!seen[x - 1] && one(row + x - 1, row + x)) --x;
+    return x;
+  }
+  // w: the row's width (vector loads stay inside it).
+  int right(const Kvl8u* row, const Kvl8u* seen, const Kvl8u* run, int xr, int x, int w) const {
+    const D d;
+    for (;;) {
+      const int i = x + 1;  // lanes i .. i + kGroup - 1
+      if (i + kGroup > w) {
+        if (seen[i] ||
+            !(one(row + i, row + x) || (run != nullptr && x < xr && one(row + i, run + i))))
+          return x;
+        ++x;
+        continue;
+      }
+      const V p = hn::LoadU(d, row + i);
+      M pass = nearV(p, hn::LoadU(d, row + x));
+      // Lanes up to xr may also pass against the run's pixel beside them.
+      const int beside = run == nullptr ? 0 : std::clamp(xr - i + 1, 0, kGroup);
+      if (beside > 0)
+        pass = hn::Or(pass, hn::And(hn::FirstN(d, static_cast<size_t>(beside)),
+                                    nearV(p, hn::LoadU(d, run + i))));
+      const M fail = hn::AndNot(hn::And(fresh(seen + i), pass), hn::FirstN(d, kGroup));
+      if (!hn::AllFalse(d, fail)) return x + static_cast<int>(hn::FindKnownFirstTrue(d, fail));
+      x += kGroup;
+    }
+  }
+};
+
 template <int kRule, int kConn, class T, int kC>
 struct Filler {
   T* image;
@@ -156,26 +265,26 @@ struct Filler {
     }
   }
 
-  void walkGrad(int y, int from, int to, const Span& p, int dir) {
+  void walkGrad(const GradOps<T, kC>& ops, int y, int from, int to, const Span& p, int dir) {
     if (y < 0 || y >= h) return;  // the map's frame rows: nothing joins there
     Kvl8u* seen = seenRow(y);
     const T* run = line(p.y);
     const T* row = line(y);
-    auto px = [&](const T* base, int x) KVL_INLINE_LAMBDA { return base + x * kC; };
-    for (int x = from; x <= to;) {
-      const int beside = std::clamp(x, static_cast<int>(p.xl), static_cast<int>(p.xr));
-      if (seen[x] || !near<T, kC>(px(row, x), px(run, beside), a)) {
-        ++x;
-        continue;
-      }
-      int lo = x, hi = x;
-      while (!seen[lo - 1] && near<T, kC>(px(row, lo - 1), px(row, lo), a)) --lo;
-      while (!seen[hi + 1] && (near<T, kC>(px(row, hi + 1), px(row, hi), a) ||
-                               (hi < p.xr && near<T, kC>(px(row, hi + 1), px(run, hi + 1), a))))
-        ++hi;
+    for (int x = ops.next(row, seen, run, p.xl, p.xr, from, to, w); x <= to;
+         x = ops.next(row, seen, run, p.xl, p.xr, x, to, w)) {
+      const int lo = ops.left(row, seen, x), hi = rightEnd(ops, row, seen, run, p.xr, x);
       std::memset(seen + lo, 1, static_cast<size_t>(hi - lo + 1));
       push({y, lo, hi, p.xl, p.xr, dir});
       x = hi + 2;
+    }
+  }
+
+  int rightEnd(const GradOps<T, kC>& ops, const T* row, const Kvl8u* seen, const T* run, int xr,
+               int x) const {
+    if constexpr (std::is_same_v<T, Kvl8u> && kC == 1) {
+      return ops.right(row, seen, run, xr, x, w);
+    } else {
+      return run != nullptr ? ops.right(row, seen, run, xr, x) : ops.right(row, seen, row, -1, x);
     }
   }
 
@@ -184,10 +293,10 @@ struct Filler {
     int lo = sx, hi = sx;
     if constexpr (kGrad) {
       clearMap(l.map, w, h);
+      const GradOps<T, kC> ops{a};
       Kvl8u* seen = seenRow(sy);
       const T* row = line(sy);
-      while (!seen[lo - 1] && near<T, kC>(row + (lo - 1) * kC, row + lo * kC, a)) --lo;
-      while (!seen[hi + 1] && near<T, kC>(row + (hi + 1) * kC, row + hi * kC, a)) ++hi;
+      lo = ops.left(row, seen, sx), hi = rightEnd(ops, row, seen, nullptr, -1, sx);
       std::memset(seen + lo, 1, static_cast<size_t>(hi - lo + 1));
       r = {0, lo, sy, hi, sy};
       push({sy, lo, hi, hi + 1, hi, 1});
@@ -195,9 +304,9 @@ struct Filler {
         const Span s = l.stack[--count];
         widen(s);
         const int from = kConn == 8 ? s.xl - 1 : s.xl, to = kConn == 8 ? s.xr + 1 : s.xr;
-        walkGrad(s.y - s.dir, from, to, s, s.dir);
-        walkGrad(s.y + s.dir, from, s.pl - 1, s, -s.dir);
-        walkGrad(s.y + s.dir, s.pr + 1, to, s, -s.dir);
+        walkGrad(ops, s.y - s.dir, from, to, s, s.dir);
+        walkGrad(ops, s.y + s.dir, from, s.pl - 1, s, -s.dir);
+        walkGrad(ops, s.y + s.dir, s.pr + 1, to, s, -s.dir);
         paintRun(line(s.y), s.xl, s.xr);
         r.area += s.xr - s.xl + 1;
       }
