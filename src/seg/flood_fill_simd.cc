@@ -32,47 +32,67 @@ namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 #if KVL_SIMD_TARGET
 
-// Runs of one row under the exact or Range rule: the scalar forms, and the grouped 8u forms.
-template <int kRule, class T, int kC>
-struct RunOps {
-  const FillArgs<T>& a;
-  bool ok(const T* row, int x) const { return admits<kRule, T, kC>(row + x * kC, a); }
-  // The first x in [from, to] that joins, else to + 1.
-  int next(const T* row, int from, int to) const {
-    while (from <= to && !ok(row, from)) ++from;
-    return from;
-  }
-  // The smallest lo <= x such that lo .. x - 1 all join.
-  int left(const T* row, int x) const {
-    while (x > 0 && ok(row, x - 1)) --x;
-    return x;
-  }
-  // The largest hi >= x such that x + 1 .. hi all join (hi <= last).
-  int right(const T* row, int x, int last) const {
-    while (x < last && ok(row, x + 1)) ++x;
-    return x;
-  }
-  void paint(T* row, int lo, int hi) const {
-    for (int x = lo; x <= hi; ++x) paintPixel<T, kC>(row + x * kC, a);
-  }
-};
-
-template <int kRule>
-struct RunOps<kRule, Kvl8u, 1> {
-  using D = hn::FixedTag<uint8_t, kGroup>;
+// A group of pixels of kC interleaved channels of T: at most kGroup lanes per channel (sixteen
+// 8u pixels; 16u and 32f pixels as many as a vector holds, up to sixteen).
+template <class T, int kC>
+struct Group {
+  using D = hn::CappedTag<T, kGroup>;
+  using V = hn::Vec<D>;
   using M = hn::Mask<D>;
-  const FillArgs<Kvl8u>& a;
-
-  bool ok(const Kvl8u* row, int x) const { return admits<kRule, Kvl8u, 1>(row + x, a); }
-  M okV(const Kvl8u* p) const {
+  struct Px {
+    V c[kC];
+  };
+  static int lanes() { return static_cast<int>(hn::Lanes(D())); }
+  // Pixels x .. x + lanes - 1 of a row.
+  static Px load(const T* row, int x) {
     const D d;
-    const auto v = hn::LoadU(d, p);
-    if constexpr (kRule == kFillExact) {
-      return hn::Eq(v, hn::Set(d, a.seed[0]));
+    Px p;
+    if constexpr (kC == 1) {
+      p.c[0] = hn::LoadU(d, row + x);
     } else {
-      const auto inside = hn::And(hn::Eq(hn::Max(v, hn::Set(d, a.lo[0])), v),
-                                  hn::Eq(hn::Min(v, hn::Set(d, a.hi[0])), v));
-      return hn::AndNot(hn::Eq(v, hn::Set(d, a.newVal[0])), inside);
+      hn::LoadInterleaved3(d, row + static_cast<long long>(x) * 3, p.c[0], p.c[1], p.c[2]);
+    }
+    return p;
+  }
+  static Px splat(const T* v) {
+    const D d;
+    Px p;
+    for (int c = 0; c < kC; ++c) p.c[c] = hn::Set(d, v[c]);
+    return p;
+  }
+  static void store(const Px& p, T* row, int x) {
+    const D d;
+    if constexpr (kC == 1) {
+      hn::StoreU(p.c[0], d, row + x);
+    } else {
+      hn::StoreInterleaved3(p.c[0], p.c[1], p.c[2], d, row + static_cast<long long>(x) * 3);
+    }
+  }
+  // Pixels x .. hi of a row set to v, a group at a time.
+  static void paint(T* row, int x, int hi, const T* v) {
+    const Px p = splat(v);
+    for (const int n = lanes(); x + n - 1 <= hi; x += n) store(p, row, x);
+    for (; x <= hi; ++x)
+      for (int c = 0; c < kC; ++c) storeAny(row + static_cast<long long>(x) * kC + c, v[c]);
+  }
+  // Lanes whose visited byte is 0.
+  static M fresh(const Kvl8u* seen) {
+    const D d;
+    if constexpr (sizeof(T) == 1) {
+      return hn::Eq(hn::LoadU(d, seen), hn::Zero(d));
+    } else {
+      using U = hwy::MakeUnsigned<T>;
+      const hn::Rebind<U, D> du;
+      const auto s = hn::PromoteTo(du, hn::LoadU(hn::Rebind<uint8_t, D>(), seen));
+      return hn::RebindMask(d, hn::Eq(s, hn::Zero(du)));
+    }
+  }
+  // Lanes of v within [lo, hi] (integers by min and max, floats by ordered compares).
+  static M within(V v, V lo, V hi) {
+    if constexpr (std::is_floating_point_v<T>) {
+      return hn::And(hn::Le(lo, v), hn::Le(v, hi));
+    } else {
+      return hn::And(hn::Eq(hn::Max(v, lo), v), hn::Eq(hn::Min(v, hi), v));
     }
   }
   static unsigned bits(M m) {
@@ -80,39 +100,67 @@ struct RunOps<kRule, Kvl8u, 1> {
     hn::StoreMaskBits(D(), m, b);
     return static_cast<unsigned>(b[0]) | static_cast<unsigned>(b[1]) << 8;
   }
-  int next(const Kvl8u* row, int from, int to) const {
-    const D d;
-    for (; from + kGroup - 1 <= to; from += kGroup) {
-      const M m = okV(row + from);
+  static unsigned all() { return (1u << lanes()) - 1; }
+};
+
+// Runs of one row under the exact or Range rule, a group at a time where the row allows, else
+// pixel by pixel with the reference's test.
+template <int kRule, class T, int kC>
+struct RunOps {
+  using G = Group<T, kC>;
+  using M = typename G::M;
+  const FillArgs<T>& a;
+
+  bool ok(const T* row, int x) const {
+    return admits<kRule, T, kC>(row + static_cast<long long>(x) * kC, a);
+  }
+  M okV(const T* row, int x) const {
+    const typename G::D d;
+    const typename G::Px p = G::load(row, x);
+    if constexpr (kRule == kFillExact) {
+      M m = hn::Eq(p.c[0], hn::Set(d, a.seed[0]));
+      for (int c = 1; c < kC; ++c) m = hn::And(m, hn::Eq(p.c[c], hn::Set(d, a.seed[c])));
+      return m;
+    } else {
+      M inside = G::within(p.c[0], hn::Set(d, a.lo[0]), hn::Set(d, a.hi[0]));
+      M painted = hn::Eq(p.c[0], hn::Set(d, a.newVal[0]));
+      for (int c = 1; c < kC; ++c) {
+        inside = hn::And(inside, G::within(p.c[c], hn::Set(d, a.lo[c]), hn::Set(d, a.hi[c])));
+        painted = hn::And(painted, hn::Eq(p.c[c], hn::Set(d, a.newVal[c])));
+      }
+      return hn::AndNot(painted, inside);
+    }
+  }
+  // The first x in [from, to] that joins, else to + 1.
+  int next(const T* row, int from, int to) const {
+    const typename G::D d;
+    for (const int n = G::lanes(); from + n - 1 <= to; from += n) {
+      const M m = okV(row, from);
       if (!hn::AllFalse(d, m)) return from + static_cast<int>(hn::FindKnownFirstTrue(d, m));
     }
     while (from <= to && !ok(row, from)) ++from;
     return from;
   }
-  int left(const Kvl8u* row, int x) const {
-    for (; x >= kGroup; x -= kGroup) {
-      const unsigned fail = ~bits(okV(row + x - kGroup)) & 0xffffu;
-      if (fail != 0) return x - kGroup + (31 - __builtin_clz(fail)) + 1;
+  // The smallest lo <= x such that lo .. x - 1 all join.
+  int left(const T* row, int x) const {
+    for (const int n = G::lanes(); x >= n; x -= n) {
+      const unsigned fail = ~G::bits(okV(row, x - n)) & G::all();
+      if (fail != 0) return x - n + (31 - __builtin_clz(fail)) + 1;
     }
     while (x > 0 && ok(row, x - 1)) --x;
     return x;
   }
-  int right(const Kvl8u* row, int x, int last) const {
-    const D d;
-    for (; x + kGroup <= last; x += kGroup) {
-      const M fail = hn::Not(okV(row + x + 1));
+  // The largest hi >= x such that x + 1 .. hi all join (hi <= last).
+  int right(const T* row, int x, int last) const {
+    const typename G::D d;
+    for (const int n = G::lanes(); x + n <= last; x += n) {
+      const M fail = hn::Not(okV(row, x + 1));
       if (!hn::AllFalse(d, fail)) return x + static_cast<int>(hn::FindKnownFirstTrue(d, fail));
     }
     while (x < last && ok(row, x + 1)) ++x;
     return x;
   }
-  void paint(Kvl8u* row, int lo, int hi) const { fillBytes(row, lo, hi, a.newVal[0]); }
-  static void fillBytes(Kvl8u* row, int lo, int hi, Kvl8u value) {
-    const D d;
-    const auto v = hn::Set(d, value);
-    for (; lo + kGroup - 1 <= hi; lo += kGroup) hn::StoreU(v, d, row + lo);
-    for (; lo <= hi; ++lo) row[lo] = value;
-  }
+  void paint(T* row, int lo, int hi) const { G::paint(row, lo, hi, a.newVal); }
 };
 
 // Runs of one row under the Grad rule. row is the row being grown, seen its visited map (whose
@@ -120,106 +168,85 @@ struct RunOps<kRule, Kvl8u, 1> {
 // which grows against its own row only) and [xl, xr] the popped run.
 template <class T, int kC>
 struct GradOps {
+  using G = Group<T, kC>;
+  using M = typename G::M;
+  using V = typename G::V;
   const FillArgs<T>& a;
-  static const T* px(const T* base, int x) { return base + x * kC; }
+
+  static const T* px(const T* base, int x) { return base + static_cast<long long>(x) * kC; }
+  bool one(const T* p, const T* r) const { return near<T, kC>(p, r, a); }
+  // Lanes of p within the deltas of r, every channel: integers by saturated bounds (the
+  // unsigned test of the rule), floats by |p - r + shift| <= half.
+  M nearV(const typename G::Px& p, const typename G::Px& r) const {
+    const typename G::D d;
+    M m = hn::FirstN(d, kGroup);
+    for (int c = 0; c < kC; ++c) {
+      if constexpr (std::is_floating_point_v<T>) {
+        const V t = hn::Add(hn::Sub(p.c[c], r.c[c]), hn::Set(d, a.shift[c]));
+        m = hn::And(m, hn::Le(hn::Abs(t), hn::Set(d, a.half[c])));
+      } else {
+        const V lo = hn::SaturatedSub(r.c[c], hn::Set(d, a.minDelta[c]));
+        const V hi = hn::SaturatedAdd(r.c[c], hn::Set(d, a.maxDelta[c]));
+        m = hn::And(m, G::within(p.c[c], lo, hi));
+      }
+    }
+    return m;
+  }
+
   // The first x in [from, to] that is unvisited and within range of the run's pixel beside it.
-  int next(const T* row, const Kvl8u* seen, const T* run, int xl, int xr, int from,
-           int to, int /*w*/) const {
+  int next(const T* row, const Kvl8u* seen, const T* run, int xl, int xr, int from, int to,
+           int w) const {
+    const typename G::D d;
+    const int n = G::lanes();
+    for (; from <= to && from < xl; ++from)
+      if (!seen[from] && one(px(row, from), px(run, xl))) return from;
+    // Lanes beside the run, a group at a time; the last, partial group masked (its loads stay
+    // inside the row).
+    const int last = std::min(to, xr);
+    for (int k = last - from + 1; k > 0; from += std::min(k, n), k = last - from + 1) {
+      if (k < n && from + n > w) break;
+      M m = hn::And(G::fresh(seen + from), nearV(G::load(row, from), G::load(run, from)));
+      if (k < n) m = hn::And(m, hn::FirstN(d, static_cast<size_t>(k)));
+      if (!hn::AllFalse(d, m)) return from + static_cast<int>(hn::FindKnownFirstTrue(d, m));
+    }
     for (; from <= to; ++from)
-      if (!seen[from] && near<T, kC>(px(row, from), px(run, std::clamp(from, xl, xr)), a)) break;
+      if (!seen[from] && one(px(row, from), px(run, std::clamp(from, xl, xr)))) break;
     return from;
   }
   // The run's left end grown from x: each pixel against its right neighbour.
   int left(const T* row, const Kvl8u* seen, int x) const {
-    while (!seen[x - 1] && near<T, kC>(px(row, x - 1), px(row, x), a)) --x;
+    for (const int n = G::lanes(); x >= n; x -= n) {
+      const int i = x - n;
+      const M pass = hn::And(G::fresh(seen + i), nearV(G::load(row, i), G::load(row, i + 1)));
+      const unsigned fail = ~G::bits(pass) & G::all();
+      if (fail != 0) return i + (31 - __builtin_clz(fail)) + 1;
+    }
+    while (!seen[x - 1] && one(px(row, x - 1), px(row, x))) --x;
     return x;
   }
   // The right end grown from x: against the left neighbour or, up to xr, the run's pixel.
-  int right(const T* row, const Kvl8u* seen, const T* run, int xr, int x) const {
-    while (!seen[x + 1] && (near<T, kC>(px(row, x + 1), px(row, x), a) ||
-                            (x < xr && near<T, kC>(px(row, x + 1), px(run, x + 1), a))))
-      ++x;
-    return x;
-  }
-};
-
-template <>
-struct GradOps<Kvl8u, 1> {
-  using D = hn::FixedTag<uint8_t, kGroup>;
-  using V = hn::Vec<D>;
-  using M = hn::Mask<D>;
-  const FillArgs<Kvl8u>& a;
-
-  // Lanes p within [r - minDelta, r + maxDelta], which is the unsigned test of the rule.
-  M nearV(V p, V r) const {
-    const D d;
-    const V lo = hn::SaturatedSub(r, hn::Set(d, a.minDelta[0]));
-    const V hi = hn::SaturatedAdd(r, hn::Set(d, a.maxDelta[0]));
-    return hn::And(hn::Eq(hn::Max(p, lo), p), hn::Eq(hn::Min(p, hi), p));
-  }
-  static M fresh(const Kvl8u* seen) {
-    const D d;
-    return hn::Eq(hn::LoadU(d, seen), hn::Zero(d));
-  }
-  bool one(const Kvl8u* p, const Kvl8u* r) const { return near<Kvl8u, 1>(p, r, a); }
-  static unsigned bits(M m) {
-    uint8_t b[8] = {};
-    hn::StoreMaskBits(D(), m, b);
-    return static_cast<unsigned>(b[0]) | static_cast<unsigned>(b[1]) << 8;
-  }
-
-  int next(const Kvl8u* row, const Kvl8u* seen, const Kvl8u* run, int xl, int xr, int from,
-           int to, int w) const {
-    const D d;
-    for (; from <= to && from < xl; ++from)
-      if (!seen[from] && one(row + from, run + xl)) return from;
-    // Lanes beside the run, a group at a time; the last, partial group masked (its loads stay
-    // inside the row).
-    const int last = std::min(to, xr);
-    for (int n = last - from + 1; n > 0; from += std::min(n, kGroup), n = last - from + 1) {
-      if (n < kGroup && from + kGroup > w) break;
-      M m = hn::And(fresh(seen + from), nearV(hn::LoadU(d, row + from), hn::LoadU(d, run + from)));
-      if (n < kGroup) m = hn::And(m, hn::FirstN(d, static_cast<size_t>(n)));
-      if (!hn::AllFalse(d, m)) return from + static_cast<int>(hn::FindKnownFirstTrue(d, m));
-    }
-    for (; from <= to; ++from)
-      if (!seen[from] && one(row + from, run + std::clamp(from, xl, xr))) break;
-    return from;
-  }
-  int left(const Kvl8u* row, const Kvl8u* seen, int x) const {
-    const D d;
-    for (; x >= kGroup; x -= kGroup) {
-      const int i = x - kGroup;
-      const M pass = hn::And(fresh(seen + i),
-                             nearV(hn::LoadU(d, row + i), hn::LoadU(d, row + i + 1)));
-      const unsigned fail = ~bits(pass) & 0xffffu;
-      if (fail != 0) return i + (31 - __builtin_clz(fail)) + 1;
-    }
-    while (!seen[x - 1] && one(row + x - 1, row + x)) --x;
-    return x;
-  }
-  // w: the row's width (vector loads stay inside it).
-  int right(const Kvl8u* row, const Kvl8u* seen, const Kvl8u* run, int xr, int x, int w) const {
-    const D d;
+  int right(const T* row, const Kvl8u* seen, const T* run, int xr, int x, int w) const {
+    const typename G::D d;
+    const int n = G::lanes();
     for (;;) {
-      const int i = x + 1;  // lanes i .. i + kGroup - 1
-      if (i + kGroup > w) {
+      const int i = x + 1;  // lanes i .. i + n - 1
+      if (i + n > w) {
         if (seen[i] ||
-            !(one(row + i, row + x) || (run != nullptr && x < xr && one(row + i, run + i))))
+            !(one(px(row, i), px(row, x)) || (run != nullptr && x < xr && one(px(row, i), px(run, i)))))
           return x;
         ++x;
         continue;
       }
-      const V p = hn::LoadU(d, row + i);
-      M pass = nearV(p, hn::LoadU(d, row + x));
+      const typename G::Px p = G::load(row, i);
+      M pass = nearV(p, G::load(row, x));
       // Lanes up to xr may also pass against the run's pixel beside them.
-      const int beside = run == nullptr ? 0 : std::clamp(xr - i + 1, 0, kGroup);
+      const int beside = run == nullptr ? 0 : std::clamp(xr - i + 1, 0, n);
       if (beside > 0)
         pass = hn::Or(pass, hn::And(hn::FirstN(d, static_cast<size_t>(beside)),
-                                    nearV(p, hn::LoadU(d, run + i))));
-      const M fail = hn::AndNot(hn::And(fresh(seen + i), pass), hn::FirstN(d, kGroup));
+                                    nearV(p, G::load(run, i))));
+      const M fail = hn::AndNot(hn::And(G::fresh(seen + i), pass), hn::FirstN(d, kGroup));
       if (!hn::AllFalse(d, fail)) return x + static_cast<int>(hn::FindKnownFirstTrue(d, fail));
-      x += kGroup;
+      x += n;
     }
   }
 };
@@ -246,13 +273,7 @@ struct Filler {
     }
   }
 
-  void paintRun(T* row, int lo, int hi) const {
-    if constexpr (std::is_same_v<T, Kvl8u> && kC == 1) {
-      RunOps<kFillExact, Kvl8u, 1>::fillBytes(row, lo, hi, a.newVal[0]);
-    } else {
-      for (int x = lo; x <= hi; ++x) paintPixel<T, kC>(row + x * kC, a);
-    }
-  }
+  void paintRun(T* row, int lo, int hi) const { Group<T, kC>::paint(row, lo, hi, a.newVal); }
 
   void walk(const RunOps<kRule, T, kC>& ops, int y, int from, int to, const Span& p, int dir) {
     T* row = line(y);
@@ -281,11 +302,7 @@ struct Filler {
 
   int rightEnd(const GradOps<T, kC>& ops, const T* row, const Kvl8u* seen, const T* run, int xr,
                int x) const {
-    if constexpr (std::is_same_v<T, Kvl8u> && kC == 1) {
-      return ops.right(row, seen, run, xr, x, w);
-    } else {
-      return run != nullptr ? ops.right(row, seen, run, xr, x) : ops.right(row, seen, row, -1, x);
-    }
+    return ops.right(row, seen, run, xr, x, w);
   }
 
   void run(int sx, int sy) {
