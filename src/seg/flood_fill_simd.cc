@@ -42,9 +42,9 @@ struct Group {
   struct Px {
     V c[kC];
   };
-  static int lanes() { return static_cast<int>(hn::Lanes(D())); }
+  static HWY_INLINE int lanes() { return static_cast<int>(hn::Lanes(D())); }
   // Pixels x .. x + lanes - 1 of a row.
-  static Px load(const T* row, int x) {
+  static HWY_INLINE Px load(const T* row, int x) {
     const D d;
     Px p;
     if constexpr (kC == 1) {
@@ -54,13 +54,13 @@ struct Group {
     }
     return p;
   }
-  static Px splat(const T* v) {
+  static HWY_INLINE Px splat(const T* v) {
     const D d;
     Px p;
     for (int c = 0; c < kC; ++c) p.c[c] = hn::Set(d, v[c]);
     return p;
   }
-  static void store(const Px& p, T* row, int x) {
+  static HWY_INLINE void store(const Px& p, T* row, int x) {
     const D d;
     if constexpr (kC == 1) {
       hn::StoreU(p.c[0], d, row + x);
@@ -69,14 +69,14 @@ struct Group {
     }
   }
   // Pixels x .. hi of a row set to v, a group at a time.
-  static void paint(T* row, int x, int hi, const T* v) {
+  static HWY_INLINE void paint(T* row, int x, int hi, const T* v) {
     const Px p = splat(v);
     for (const int n = lanes(); x + n - 1 <= hi; x += n) store(p, row, x);
     for (; x <= hi; ++x)
       for (int c = 0; c < kC; ++c) storeAny(row + static_cast<long long>(x) * kC + c, v[c]);
   }
   // Lanes whose visited byte is 0.
-  static M fresh(const Kvl8u* seen) {
+  static HWY_INLINE M fresh(const Kvl8u* seen) {
     const D d;
     if constexpr (sizeof(T) == 1) {
       return hn::Eq(hn::LoadU(d, seen), hn::Zero(d));
@@ -88,19 +88,19 @@ struct Group {
     }
   }
   // Lanes of v within [lo, hi] (integers by min and max, floats by ordered compares).
-  static M within(V v, V lo, V hi) {
+  static HWY_INLINE M within(V v, V lo, V hi) {
     if constexpr (std::is_floating_point_v<T>) {
       return hn::And(hn::Le(lo, v), hn::Le(v, hi));
     } else {
       return hn::And(hn::Eq(hn::Max(v, lo), v), hn::Eq(hn::Min(v, hi), v));
     }
   }
-  static unsigned bits(M m) {
+  static HWY_INLINE unsigned bits(M m) {
     uint8_t b[8] = {};
     hn::StoreMaskBits(D(), m, b);
     return static_cast<unsigned>(b[0]) | static_cast<unsigned>(b[1]) << 8;
   }
-  static unsigned all() { return (1u << lanes()) - 1; }
+  static HWY_INLINE unsigned all() { return (1u << lanes()) - 1; }
 };
 
 // Runs of one row under the exact or Range rule, a group at a time where the row allows, else
@@ -114,7 +114,7 @@ struct RunOps {
   bool ok(const T* row, int x) const {
     return admits<kRule, T, kC>(row + static_cast<long long>(x) * kC, a);
   }
-  M okV(const T* row, int x) const {
+  HWY_INLINE M okV(const T* row, int x) const {
     const typename G::D d;
     const typename G::Px p = G::load(row, x);
     if constexpr (kRule == kFillExact) {
@@ -174,10 +174,10 @@ struct GradOps {
   const FillArgs<T>& a;
 
   static const T* px(const T* base, int x) { return base + static_cast<long long>(x) * kC; }
-  bool one(const T* p, const T* r) const { return near<T, kC>(p, r, a); }
+  HWY_INLINE bool one(const T* p, const T* r) const { return near<T, kC>(p, r, a); }
   // Lanes of p within the deltas of r, every channel: integers by saturated bounds (the
   // unsigned test of the rule), floats by |p - r + shift| <= half.
-  M nearV(const typename G::Px& p, const typename G::Px& r) const {
+  HWY_INLINE M nearV(const typename G::Px& p, const typename G::Px& r) const {
     const typename G::D d;
     M m = hn::FirstN(d, kGroup);
     for (int c = 0; c < kC; ++c) {
