@@ -238,13 +238,22 @@ struct GradOps {
         continue;
       }
       const typename G::Px p = G::load(row, i);
-      M pass = nearV(p, G::load(row, x));
-      // Lanes up to xr may also pass against the run's pixel beside them.
+      const M fresh = G::fresh(seen + i);
+      // Lanes up to xr may also pass against the run's pixel beside them; beside the run, the
+      // left neighbours are compared only when that test leaves a lane out.
       const int beside = run == nullptr ? 0 : std::clamp(xr - i + 1, 0, n);
-      if (beside > 0)
-        pass = hn::Or(pass, hn::And(hn::FirstN(d, static_cast<size_t>(beside)),
-                                    nearV(p, G::load(run, i))));
-      const M fail = hn::AndNot(hn::And(G::fresh(seen + i), pass), hn::FirstN(d, kGroup));
+      M pass;
+      if (beside == n) {
+        pass = nearV(p, G::load(run, i));
+        if (!hn::AllTrue(d, hn::And(fresh, pass)))
+          pass = hn::Or(pass, nearV(p, G::load(row, x)));
+      } else {
+        pass = nearV(p, G::load(row, x));
+        if (beside > 0)
+          pass = hn::Or(pass, hn::And(hn::FirstN(d, static_cast<size_t>(beside)),
+                                      nearV(p, G::load(run, i))));
+      }
+      const M fail = hn::AndNot(hn::And(fresh, pass), hn::FirstN(d, kGroup));
       if (!hn::AllFalse(d, fail)) return x + static_cast<int>(hn::FindKnownFirstTrue(d, fail));
       x += n;
     }
