@@ -1178,9 +1178,10 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
  * the one-channel bound); kvlStatusStepNotMultiple (a 16u step odd, a 32s or 32f step not a
  * multiple of 4); kvlStatusOutOfRange (seed outside the ROI). Then exact and Range fills whose
  * seed pixel already equals newVal return kvlStatusOk at once, leaving the image and *pRegion
- * untouched. A fill that passes validation returns kvlStatusOk. Long runs of 8u one-channel
- * pixels are scanned and repainted sixteen at a time on every vector target; the result is the
- * same on every target. Threading: always on the calling thread. */
+ * untouched. A fill that passes validation returns kvlStatusOk. Runs are scanned, grown and
+ * repainted a vector group at a time where they are long enough (sixteen 8u pixels; 16u and 32f
+ * pixels as many as a vector holds, up to sixteen); the result is the same on every target.
+ * Threading: always on the calling thread. */
 typedef struct {
   Kvl64f area;
   Kvl64f value[3];
