@@ -1,11 +1,11 @@
 // Vector kernels of the flood fills, one source for SSE4, AVX2 and AVX-512.
 //
 // One template body walks the spans for every member, in exactly the reference's order; it
-// works on runs through four operations (the first admitted pixel of a stretch, a run's left and
-// right ends, the repaint of a run). For 8u one-channel images the exact and Range rules take
-// those kGroup pixels at a time: a vector compare of the group against the rule and the first
-// pixel that fails (or passes), and the repaint stores whole groups. A run shorter than a group,
-// the last pixels of a row and the other types go pixel by pixel, with the reference's tests.
+// works on runs through a few operations (the first admitted pixel of a stretch, a run's left and
+// right ends, the repaint of a run), and those take a group of pixels at a time: a vector test of
+// the group against the rule (for Grad, against the neighbours the rule names) and the first
+// pixel that fails (or passes), and stores of whole groups. Pixels too near a row's end for a
+// whole group go one by one, with the reference's tests.
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "seg/flood_fill_simd.cc"
 #include <hwy/foreach_target.h>  // must come before highway.h
@@ -21,7 +21,7 @@
 #ifndef KVL_SEG_FLOOD_FILL_ONCE
 #define KVL_SEG_FLOOD_FILL_ONCE
 namespace kvl::seg {
-// 8u pixels scanned and repainted per step.
+// The most pixels a group holds: sixteen 8u pixels; 16u and 32f as many as a vector holds.
 constexpr int kGroup = 16;
 }  // namespace kvl::seg
 #endif
