@@ -1134,6 +1134,99 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
 /* ---- Segmentation: flood fill, watershed and gradient segmentation ---- */
 
 /* @@BEGIN FLOOD FILL@@ */
+/* Flood fill. Every fill repaints, in place, the connected region of pImage that contains the
+ * seed pixel with newVal and writes the region's record to *pRegion: area (pixels repainted),
+ * value (newVal; for one-channel images value[1] = value[2] = 0) and rect (bounding rectangle of
+ * the repainted pixels). Rules:
+ *   exact  a pixel joins when it equals the seed's value s (every channel; floats compare as
+ *          numbers: -0.0 equals 0.0, NaN equals nothing, so a NaN seed fills only itself).
+ *   Range  a pixel joins when lo <= p <= hi per channel, lo = s - minDelta, hi = s + maxDelta,
+ *          clamped to 0..255 (8u) or 0..65535 (16u); 32f in single precision without clamping.
+ *          A pixel that already equals newVal (every channel) counts as visited and never joins,
+ *          so a newVal inside the interval cannot make the fill revisit its own pixels.
+ *   Grad   a pixel joins when r - minDelta <= p <= r + maxDelta for the reference r it is
+ *          reached from, evaluated for 8u and 16u as the unsigned test
+ *          (p + minDelta - r) <= (minDelta + maxDelta) and for 32f, in single precision, as
+ *          |p - r + 0.5 * (minDelta - maxDelta)| <= 0.5 * (minDelta + maxDelta). A run in a
+ *          neighbouring row starts at x against the pixel of the popped run beside it (x clamped
+ *          to the run's ends, so an 8-connected diagonal start compares with the run's end
+ *          pixel); it extends to the left against its right neighbour only, and to the right
+ *          against its left neighbour or, while beside the popped run, against the run's pixel
+ *          directly beside it. The seed run grows against its row neighbours only.
+ * 4-connected fills join through edges; 8-connected fills also through corners.
+ * The traversal is a span fill with an explicit stack of 24-byte records {y, xLeft, xRight,
+ * parentLeft, parentRight, dir} in the work buffer (its pointer rounded up to 8 bytes): the seed
+ * run first, then records popped last in, first out; a popped run looks at the row y - dir over
+ * its own columns (one more each side when 8-connected) and at the row y + dir outside its
+ * parent run. Exact and Range fills repaint a pixel when it joins; the Grad fill marks joined
+ * pixels in a visited map (the buffer's first (width + 2) x (height + 2) bytes, with a frame read
+ * as visited) and repaints a run when its record is popped. A one-row image fills only the seed
+ * run (exact and Range). The Range stack holds at most (width x height) / 4 records: a push that
+ * brings the count to that capacity sets it back to 0, so later records overwrite the oldest,
+ * and the fill ends when the count is 0 after a pop; a capacity of 0 or 1 fills only the seed
+ * run. No stack ever grows past the buffer that its size query gives: where an exact or Grad fill
+ * of a dense diagonal pattern would need more records than fit, the records that do not fit are
+ * dropped (their runs are repainted, their neighbours are not explored).
+ * kvliFloodFillGetSize (exact and Range): *pSize = 6 x width x height + 32;
+ * kvliFloodFillGetSize_Grad: *pSize = (width + 2)(height + 2) + 16 x width x height + 64; both
+ * computed in 64 bits and stored as 32 bits. Statuses: kvlStatusNullPointer, then
+ * kvlStatusBadSize (width or height < 1). The buffer may have any alignment.
+ * Fill statuses, in this order: kvlStatusNullPointer (pImage, pRegion, pBuffer, and the newVal,
+ * minDelta and maxDelta arrays of the three-channel forms); kvlStatusBadSize (width or height
+ * < 1); kvlStatusBadStep (imageStep < width for 8u C1, 8u C3, < 2 x width for 16u C1, < 6 x width
+ * for 16u C3, < 4 x width for 32s C1, 32f C1 and 32f C3: the 8u and 32f three-channel forms keep
+ * the one-channel bound); kvlStatusStepNotMultiple (a 16u step odd, a 32s or 32f step not a
+ * multiple of 4); kvlStatusOutOfRange (seed outside the ROI). Then exact and Range fills whose
+ * seed pixel already equals newVal return kvlStatusOk at once, leaving the image and *pRegion
+ * untouched. A fill that passes validation returns kvlStatusOk. Runs are scanned, grown and
+ * repainted a vector group at a time where they are long enough (sixteen 8u pixels; 16u and 32f
+ * pixels as many as a vector holds, up to sixteen); the result is the same on every target.
+ * Threading: always on the calling thread. */
+typedef struct {
+  Kvl64f area;
+  Kvl64f value[3];
+  KvliRect rect;
+} KvliConnectedComp;
+KVL_API KvlStatus kvliFloodFillGetSize(KvliSize roiSize, int* pSize);
+KVL_API KvlStatus kvliFloodFillGetSize_Grad(KvliSize roiSize, int* pSize);
+KVL_API KvlStatus kvliFloodFill_4Con_8u_C1IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl8u newVal, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_4Con_16u_C1IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl16u newVal, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_4Con_32s_C1IR(Kvl32s* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl32s newVal, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_4Con_32f_C1IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl32f newVal, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_4Con_8u_C3IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl8u newVal[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_4Con_16u_C3IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl16u newVal[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_4Con_32f_C3IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl32f newVal[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_8Con_8u_C1IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl8u newVal, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_8Con_16u_C1IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl16u newVal, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_8Con_32s_C1IR(Kvl32s* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl32s newVal, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_8Con_32f_C1IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl32f newVal, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_8Con_8u_C3IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl8u newVal[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_8Con_16u_C3IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl16u newVal[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_8Con_32f_C3IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl32f newVal[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range4Con_8u_C1IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl8u newVal, Kvl8u minDelta, Kvl8u maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range4Con_16u_C1IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl16u newVal, Kvl16u minDelta, Kvl16u maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range4Con_32f_C1IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl32f newVal, Kvl32f minDelta, Kvl32f maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range4Con_8u_C3IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl8u newVal[3], const Kvl8u minDelta[3], const Kvl8u maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range4Con_16u_C3IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl16u newVal[3], const Kvl16u minDelta[3], const Kvl16u maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range4Con_32f_C3IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl32f newVal[3], const Kvl32f minDelta[3], const Kvl32f maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range8Con_8u_C1IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl8u newVal, Kvl8u minDelta, Kvl8u maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range8Con_16u_C1IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl16u newVal, Kvl16u minDelta, Kvl16u maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range8Con_32f_C1IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl32f newVal, Kvl32f minDelta, Kvl32f maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range8Con_8u_C3IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl8u newVal[3], const Kvl8u minDelta[3], const Kvl8u maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range8Con_16u_C3IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl16u newVal[3], const Kvl16u minDelta[3], const Kvl16u maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Range8Con_32f_C3IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl32f newVal[3], const Kvl32f minDelta[3], const Kvl32f maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad4Con_8u_C1IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl8u newVal, Kvl8u minDelta, Kvl8u maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad4Con_16u_C1IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl16u newVal, Kvl16u minDelta, Kvl16u maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad4Con_32f_C1IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl32f newVal, Kvl32f minDelta, Kvl32f maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad4Con_8u_C3IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl8u newVal[3], const Kvl8u minDelta[3], const Kvl8u maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad4Con_16u_C3IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl16u newVal[3], const Kvl16u minDelta[3], const Kvl16u maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad4Con_32f_C3IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl32f newVal[3], const Kvl32f minDelta[3], const Kvl32f maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad8Con_8u_C1IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl8u newVal, Kvl8u minDelta, Kvl8u maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad8Con_16u_C1IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl16u newVal, Kvl16u minDelta, Kvl16u maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad8Con_32f_C1IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, Kvl32f newVal, Kvl32f minDelta, Kvl32f maxDelta, KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad8Con_8u_C3IR(Kvl8u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl8u newVal[3], const Kvl8u minDelta[3], const Kvl8u maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad8Con_16u_C3IR(Kvl16u* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl16u newVal[3], const Kvl16u minDelta[3], const Kvl16u maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
+KVL_API KvlStatus kvliFloodFill_Grad8Con_32f_C3IR(Kvl32f* pImage, int imageStep, KvliSize roiSize, KvliPoint seed, const Kvl32f newVal[3], const Kvl32f minDelta[3], const Kvl32f maxDelta[3], KvliConnectedComp* pRegion, Kvl8u* pBuffer);
 /* @@END FLOOD FILL@@ */
 
 /* @@BEGIN WATERSHED@@ */

@@ -10,6 +10,9 @@ set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/dist_chamfer_bench.cc PROP
 target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/dist_exact_bench.cc)
 
 # Flood fill.
+target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/flood_fill_bench.cc)
+set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/flood_fill_bench.cc PROPERTIES
+                            COMPILE_DEFINITIONS "KVL_SOURCE_DIR=\"${CMAKE_SOURCE_DIR}\"")
 
 # Watershed.
 target_sources(kvlcv_bench PRIVATE ${CMAKE_CURRENT_LIST_DIR}/watershed_bench.cc)

@@ -469,6 +469,27 @@ TEST_F(Cli, DistanceMatchesBruteForce) {
   EXPECT_EQ(std::count(n.data.begin(), n.data.end(), 0), static_cast<long>(n.data.size()));
 }
 
+// floodfill repaints what the library's fill repaints and reports the region record; a seed
+// outside the image is the library's status.
+TEST_F(Cli, FloodFillMatchesTheLibrary) {
+  const int w = grey_.width, h = grey_.height;
+  std::vector<Kvl8u> want = grey_.data;
+  std::vector<Kvl8u> buffer(static_cast<size_t>(6 * w * h + 32));
+  KvliConnectedComp r{};
+  ASSERT_EQ(kvliFloodFill_Range8Con_8u_C1IR(want.data(), w, {w, h}, {3, 4}, 7, 30, 40, &r, buffer.data()),
+            kvlStatusOk);
+  const Outcome o = run("floodfill --seed 3,4 --value 7 --rule range --lo 30 --hi 40 --connectivity 8 " +
+                        path("grey.png") + " " + path("f.png"));
+  ASSERT_EQ(o.exitCode, 0) << o.output;
+  EXPECT_EQ(read("f.png").data, want);
+  char line[120];
+  std::snprintf(line, sizeof line, "region: %.0f pixels, value 7, rect x=%d y=%d width=%d height=%d",
+                r.area, r.rect.x, r.rect.y, r.rect.width, r.rect.height);
+  EXPECT_NE(o.output.find(line), std::string::npos) << o.output;
+  const Outcome far = run("floodfill --seed 61,0 " + path("grey.png") + " " + path("f.png"));
+  EXPECT_NE(far.output.find("kvlStatusOutOfRange"), std::string::npos) << far.output;
+}
+
 // The face of the sample photograph, as JSON and as lines, drawn on an RGB copy.
 TEST_F(Cli, DetectListsAndDrawsTheFace) {
   const std::string photo = KVL_SOURCE_DIR "/data/astronaut.png";

@@ -56,7 +56,7 @@ void usage(FILE* out) {
 // One line per option of every operation: "<operation> --<option> <kind> [<word>...]", for
 // scripts and tests that go through every accepted value.
 void listOperations() {
-  static const char* const kinds[] = {"word", "number", "integer", "flag", "file", "size"};
+  static const char* const kinds[] = {"word", "number", "integer", "flag", "file", "size", "point"};
   for (const Operation& op : operations())
     for (const Option& o : op.options) {
       std::printf("%s --%s %s", op.name, o.name, kinds[static_cast<int>(o.kind)]);
@@ -72,6 +72,7 @@ void opUsage(const Operation& op, FILE* out) {
   for (const Option& o : op.options) {
     std::string values(o.kind == Kind::kNumber || o.kind == Kind::kInteger ? "N"
                        : o.kind == Kind::kSize                             ? "WxH"
+                       : o.kind == Kind::kPoint                            ? "X,Y"
                                                                            : "");
     for (const char* v : o.values) values.append(values.empty() ? "" : "|").append(v);
     if (o.kind == Kind::kFile) values.append(values.empty() ? "" : "|").append("FILE");

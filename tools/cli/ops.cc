@@ -501,6 +501,8 @@ const std::vector<Operation> kOperations = {
      morphOptions(), [](const Args& a, const Picture& in, Picture* out) { return runMorph("gradient", a, in, out); }},
     {"distance", "Distance of every pixel to the nearest feature pixel (a false-colour map)",
      kDistanceDetails, distanceOptions(), runDistance},
+    {"floodfill", "Flood fill: repaints the connected region around a seed pixel",
+     kFloodFillDetails, floodFillOptions(), runFloodFill},
     {"watershed", "Marker watershed: regions grown over the image's gradient (a coloured label map)",
      kWatershedDetails, watershedOptions(), runWatershed},
     {"gradseg", "Segmentation by the colour gradient into labelled regions with boundaries",
@@ -529,6 +531,16 @@ std::string checkValue(const Option& opt, const std::string& value) {
   const std::string head = std::string("--") + opt.name + ": ";
   if (opt.kind == Kind::kFlag) return std::string("--") + opt.name + " takes no value";
   if (opt.kind == Kind::kFile) return value.empty() ? head + "needs a file name" : "";
+  if (opt.kind == Kind::kPoint) {
+    const size_t comma = value.find(',');
+    auto part = [&](const std::string& t) {
+      return !t.empty() && t.size() <= 8 && t.find_first_not_of("0123456789") == std::string::npos &&
+             std::stoi(t) >= opt.min && std::stoi(t) <= opt.max;
+    };
+    if (comma != std::string::npos && part(value.substr(0, comma)) && part(value.substr(comma + 1)))
+      return "";
+    return head + "'" + value + "' is not a point X,Y of whole numbers";
+  }
   if (opt.kind == Kind::kSize) {
     const size_t x = value.find('x');
     const std::string w = value.substr(0, x), h = x == std::string::npos ? w : value.substr(x + 1);
@@ -698,6 +710,8 @@ int demo(const std::string& dir) {
       {"distance", {{"invert", ""}}, "horse-distance.png", kHorse},
       {"distance", {{"metric", "chamfer5"}}, "horse-distance-outside-chamfer5.png", kHorse},
       {"distance", {{"metric", "marching"}, {"invert", ""}}, "horse-marching.png", kHorse},
+      {"floodfill", {{"seed", "10,10"}, {"value", "0"}, {"rule", "grad"}, {"lo", "4"}, {"hi", "4"}},
+       "coins-background.png", kCoins},
       {"watershed", {{"auto", ""}, {"boundary", "8"}}, "coins-watershed.png", kCoins},
       {"gradseg", {}, "coins-gradseg.png", kCoins},
   };

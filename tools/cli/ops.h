@@ -22,6 +22,7 @@ enum class Kind {
   kFlag,     // takes no value
   kFile,     // a file name (any non-empty text), or one of `values` where they are given
   kSize,     // "WxH" or "N" (N x N), each side a whole number within [min, max]
+  kPoint,    // "X,Y", each a whole number within [min, max]
 };
 
 struct Option {
@@ -119,6 +120,10 @@ extern const char* const kTrackDetails;
 RunResult runDistance(const Args& args, const Picture& in, Picture* out);
 const std::vector<Option>& distanceOptions();
 extern const char* const kDistanceDetails;
+// The floodfill operation (floodfill_op.cc).
+RunResult runFloodFill(const Args& args, const Picture& in, Picture* out);
+const std::vector<Option>& floodFillOptions();
+extern const char* const kFloodFillDetails;
 // The watershed operation (watershed_op.cc).
 RunResult runWatershed(const Args& args, const Picture& in, Picture* out);
 const std::vector<Option>& watershedOptions();

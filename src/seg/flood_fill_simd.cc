@@ -1,0 +1,395 @@
+// Vector kernels of the flood fills, one source for SSE4, AVX2 and AVX-512.
+//
+// One template body walks the spans for every member, in exactly the reference's order; it
+// works on runs through a few operations (the first admitted pixel of a stretch, a run's left and
+// right ends, the repaint of a run), and those take a group of pixels at a time: a vector test of
+// the group against the rule (for Grad, against the neighbours the rule names) and the first
+// pixel that fails (or passes), and stores of whole groups. Pixels too near a row's end for a
+// whole group go one by one, with the reference's tests.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "seg/flood_fill_simd.cc"
+#include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/highway.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "core/pixel.h"
+#include "core/simd.h"
+#include "seg/flood_fill.h"
+
+#ifndef KVL_SEG_FLOOD_FILL_ONCE
+#define KVL_SEG_FLOOD_FILL_ONCE
+namespace kvl::seg {
+// The most pixels a group holds: sixteen 8u pixels; 16u and 32f as many as a vector holds.
+constexpr int kGroup = 16;
+}  // namespace kvl::seg
+#endif
+
+HWY_BEFORE_NAMESPACE();
+namespace kvl::seg {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+#if KVL_SIMD_TARGET
+
+// A group of pixels of kC interleaved channels of T: at most kGroup lanes per channel (sixteen
+// 8u pixels; 16u and 32f pixels as many as a vector holds, up to sixteen).
+template <class T, int kC>
+struct Group {
+  using D = hn::CappedTag<T, kGroup>;
+  using V = hn::Vec<D>;
+  using M = hn::Mask<D>;
+  struct Px {
+    V c[kC];
+  };
+  static HWY_INLINE int lanes() { return static_cast<int>(hn::Lanes(D())); }
+  // Pixels x .. x + lanes - 1 of a row.
+  static HWY_INLINE Px load(const T* row, int x) {
+    const D d;
+    Px p;
+    if constexpr (kC == 1) {
+      p.c[0] = hn::LoadU(d, row + x);
+    } else {
+      hn::LoadInterleaved3(d, row + static_cast<long long>(x) * 3, p.c[0], p.c[1], p.c[2]);
+    }
+    return p;
+  }
+  static HWY_INLINE Px splat(const T* v) {
+    const D d;
+    Px p;
+    for (int c = 0; c < kC; ++c) p.c[c] = hn::Set(d, v[c]);
+    return p;
+  }
+  static HWY_INLINE void store(const Px& p, T* row, int x) {
+    const D d;
+    if constexpr (kC == 1) {
+      hn::StoreU(p.c[0], d, row + x);
+    } else {
+      hn::StoreInterleaved3(p.c[0], p.c[1], p.c[2], d, row + static_cast<long long>(x) * 3);
+    }
+  }
+  // Pixels x .. hi of a row set to v, a group at a time.
+  static HWY_INLINE void paint(T* row, int x, int hi, const T* v) {
+    const Px p = splat(v);
+    for (const int n = lanes(); x + n - 1 <= hi; x += n) store(p, row, x);
+    for (; x <= hi; ++x)
+      for (int c = 0; c < kC; ++c) storeAny(row + static_cast<long long>(x) * kC + c, v[c]);
+  }
+  // Lanes whose visited byte is 0.
+  static HWY_INLINE M fresh(const Kvl8u* seen) {
+    const D d;
+    if constexpr (sizeof(T) == 1) {
+      return hn::Eq(hn::LoadU(d, seen), hn::Zero(d));
+    } else {
+      using U = hwy::MakeUnsigned<T>;
+      const hn::Rebind<U, D> du;
+      const auto s = hn::PromoteTo(du, hn::LoadU(hn::Rebind<uint8_t, D>(), seen));
+      return hn::RebindMask(d, hn::Eq(s, hn::Zero(du)));
+    }
+  }
+  // Lanes of v within [lo, hi] (integers by min and max, floats by ordered compares).
+  static HWY_INLINE M within(V v, V lo, V hi) {
+    if constexpr (std::is_floating_point_v<T>) {
+      return hn::And(hn::Le(lo, v), hn::Le(v, hi));
+    } else {
+      return hn::And(hn::Eq(hn::Max(v, lo), v), hn::Eq(hn::Min(v, hi), v));
+    }
+  }
+  static HWY_INLINE unsigned bits(M m) {
+    uint8_t b[8] = {};
+    hn::StoreMaskBits(D(), m, b);
+    return static_cast<unsigned>(b[0]) | static_cast<unsigned>(b[1]) << 8;
+  }
+  static HWY_INLINE unsigned all() { return (1u << lanes()) - 1; }
+};
+
+// Runs of one row under the exact or Range rule, a group at a time where the row allows, else
+// pixel by pixel with the reference's test.
+template <int kRule, class T, int kC>
+struct RunOps {
+  using G = Group<T, kC>;
+  using M = typename G::M;
+  const FillArgs<T>& a;
+
+  bool ok(const T* row, int x) const {
+    return admits<kRule, T, kC>(row + static_cast<long long>(x) * kC, a);
+  }
+  HWY_INLINE M okV(const T* row, int x) const {
+    const typename G::D d;
+    const typename G::Px p = G::load(row, x);
+    if constexpr (kRule == kFillExact) {
+      M m = hn::Eq(p.c[0], hn::Set(d, a.seed[0]));
+      for (int c = 1; c < kC; ++c) m = hn::And(m, hn::Eq(p.c[c], hn::Set(d, a.seed[c])));
+      return m;
+    } else {
+      M inside = G::within(p.c[0], hn::Set(d, a.lo[0]), hn::Set(d, a.hi[0]));
+      M painted = hn::Eq(p.c[0], hn::Set(d, a.newVal[0]));
+      for (int c = 1; c < kC; ++c) {
+        inside = hn::And(inside, G::within(p.c[c], hn::Set(d, a.lo[c]), hn::Set(d, a.hi[c])));
+        painted = hn::And(painted, hn::Eq(p.c[c], hn::Set(d, a.newVal[c])));
+      }
+      return hn::AndNot(painted, inside);
+    }
+  }
+  // The first x in [from, to] that joins, else to + 1.
+  int next(const T* row, int from, int to) const {
+    const typename G::D d;
+    for (const int n = G::lanes(); from + n - 1 <= to; from += n) {
+      const M m = okV(row, from);
+      if (!hn::AllFalse(d, m)) return from + static_cast<int>(hn::FindKnownFirstTrue(d, m));
+    }
+    while (from <= to && !ok(row, from)) ++from;
+    return from;
+  }
+  // The smallest lo <= x such that lo .. x - 1 all join.
+  int left(const T* row, int x) const {
+    for (const int n = G::lanes(); x >= n; x -= n) {
+      const unsigned fail = ~G::bits(okV(row, x - n)) & G::all();
+      if (fail != 0) return x - n + (31 - __builtin_clz(fail)) + 1;
+    }
+    while (x > 0 && ok(row, x - 1)) --x;
+    return x;
+  }
+  // The largest hi >= x such that x + 1 .. hi all join (hi <= last).
+  int right(const T* row, int x, int last) const {
+    const typename G::D d;
+    for (const int n = G::lanes(); x + n <= last; x += n) {
+      const M fail = hn::Not(okV(row, x + 1));
+      if (!hn::AllFalse(d, fail)) return x + static_cast<int>(hn::FindKnownFirstTrue(d, fail));
+    }
+    while (x < last && ok(row, x + 1)) ++x;
+    return x;
+  }
+  void paint(T* row, int lo, int hi) const { G::paint(row, lo, hi, a.newVal); }
+};
+
+// Runs of one row under the Grad rule. row is the row being grown, seen its visited map (whose
+// frame makes index -1 and w read as visited), run the popped run's row (null for the seed run,
+// which grows against its own row only) and [xl, xr] the popped run.
+template <class T, int kC>
+struct GradOps {
+  using G = Group<T, kC>;
+  using M = typename G::M;
+  using V = typename G::V;
+  const FillArgs<T>& a;
+
+  static const T* px(const T* base, int x) { return base + static_cast<long long>(x) * kC; }
+  HWY_INLINE bool one(const T* p, const T* r) const { return near<T, kC>(p, r, a); }
+  // Lanes of p within the deltas of r, every channel: integers by saturated bounds (the
+  // unsigned test of the rule), floats by |p - r + shift| <= half.
+  HWY_INLINE M nearV(const typename G::Px& p, const typename G::Px& r) const {
+    const typename G::D d;
+    M m = hn::FirstN(d, kGroup);
+    for (int c = 0; c < kC; ++c) {
+      if constexpr (std::is_floating_point_v<T>) {
+        const V t = hn::Add(hn::Sub(p.c[c], r.c[c]), hn::Set(d, a.shift[c]));
+        m = hn::And(m, hn::Le(hn::Abs(t), hn::Set(d, a.half[c])));
+      } else {
+        const V lo = hn::SaturatedSub(r.c[c], hn::Set(d, a.minDelta[c]));
+        const V hi = hn::SaturatedAdd(r.c[c], hn::Set(d, a.maxDelta[c]));
+        m = hn::And(m, G::within(p.c[c], lo, hi));
+      }
+    }
+    return m;
+  }
+
+  // The first x in [from, to] that is unvisited and within range of the run's pixel beside it.
+  int next(const T* row, const Kvl8u* seen, const T* run, int xl, int xr, int from, int to,
+           int w) const {
+    const typename G::D d;
+    const int n = G::lanes();
+    for (; from <= to && from < xl; ++from)
+      if (!seen[from] && one(px(row, from), px(run, xl))) return from;
+    // Lanes beside the run, a group at a time; the last, partial group masked (its loads stay
+    // inside the row).
+    const int last = std::min(to, xr);
+    for (int k = last - from + 1; k > 0; from += std::min(k, n), k = last - from + 1) {
+      if (k < n && from + n > w) break;
+      M m = hn::And(G::fresh(seen + from), nearV(G::load(row, from), G::load(run, from)));
+      if (k < n) m = hn::And(m, hn::FirstN(d, static_cast<size_t>(k)));
+      if (!hn::AllFalse(d, m)) return from + static_cast<int>(hn::FindKnownFirstTrue(d, m));
+    }
+    for (; from <= to; ++from)
+      if (!seen[from] && one(px(row, from), px(run, std::clamp(from, xl, xr)))) break;
+    return from;
+  }
+  // The run's left end grown from x: each pixel against its right neighbour.
+  int left(const T* row, const Kvl8u* seen, int x) const {
+    for (const int n = G::lanes(); x >= n; x -= n) {
+      const int i = x - n;
+      const M pass = hn::And(G::fresh(seen + i), nearV(G::load(row, i), G::load(row, i + 1)));
+      const unsigned fail = ~G::bits(pass) & G::all();
+      if (fail != 0) return i + (31 - __builtin_clz(fail)) + 1;
+    }
+    while (!seen[x - 1] && one(px(row, x - 1), px(row, x))) --x;
+    return x;
+  }
+  // The right end grown from x: against the left neighbour or, up to xr, the run's pixel.
+  int right(const T* row, const Kvl8u* seen, const T* run, int xr, int x, int w) const {
+    const typename G::D d;
+    const int n = G::lanes();
+    for (;;) {
+      const int i = x + 1;  // lanes i .. i + n - 1
+      if (i + n > w) {
+        if (seen[i] ||
+            !(one(px(row, i), px(row, x)) || (run != nullptr && x < xr && one(px(row, i), px(run, i)))))
+          return x;
+        ++x;
+        continue;
+      }
+      const typename G::Px p = G::load(row, i);
+      const M fresh = G::fresh(seen + i);
+      // Lanes up to xr may also pass against the run's pixel beside them; beside the run, the
+      // left neighbours are compared only when that test leaves a lane out.
+      const int beside = run == nullptr ? 0 : std::clamp(xr - i + 1, 0, n);
+      M pass;
+      if (beside == n) {
+        pass = nearV(p, G::load(run, i));
+        if (!hn::AllTrue(d, hn::And(fresh, pass)))
+          pass = hn::Or(pass, nearV(p, G::load(row, x)));
+      } else {
+        pass = nearV(p, G::load(row, x));
+        if (beside > 0)
+          pass = hn::Or(pass, hn::And(hn::FirstN(d, static_cast<size_t>(beside)),
+                                      nearV(p, G::load(run, i))));
+      }
+      const M fail = hn::AndNot(hn::And(fresh, pass), hn::FirstN(d, kGroup));
+      if (!hn::AllFalse(d, fail)) return x + static_cast<int>(hn::FindKnownFirstTrue(d, fail));
+      x += n;
+    }
+  }
+};
+
+template <int kRule, int kConn, class T, int kC>
+struct Filler {
+  T* image;
+  int step, w, h;
+  const FillArgs<T>& a;
+  FillLayout l;
+  long long count = 0, cap = 0;
+  FillResult r{};
+
+  T* line(int y) const { return rowPtr(image, step, y); }
+  T* at(int x, int y) const { return line(y) + static_cast<long long>(x) * kC; }
+  Kvl8u* seenRow(int y) const { return l.map + static_cast<long long>(y + 1) * (w + 2) + 1; }
+
+  void push(const Span& s) {
+    if (kRule == kFillRange) {
+      l.stack[count++] = s;
+      if (count >= cap) count = 0;
+    } else if (count < l.room) {
+      l.stack[count++] = s;
+    }
+  }
+
+  void paintRun(T* row, int lo, int hi) const { Group<T, kC>::paint(row, lo, hi, a.newVal); }
+
+  void walk(const RunOps<kRule, T, kC>& ops, int y, int from, int to, const Span& p, int dir) {
+    T* row = line(y);
+    for (int x = ops.next(row, from, to); x <= to; x = ops.next(row, x, to)) {
+      const int lo = ops.left(row, x), hi = ops.right(row, x, w - 1);
+      ops.paint(row, lo, hi);
+      push({y, lo, hi, p.xl, p.xr, dir});
+      r.area += hi - lo + 1;
+      x = hi + 2;
+    }
+  }
+
+  void walkGrad(const GradOps<T, kC>& ops, int y, int from, int to, const Span& p, int dir) {
+    if (y < 0 || y >= h) return;  // the map's frame rows: nothing joins there
+    Kvl8u* seen = seenRow(y);
+    const T* run = line(p.y);
+    const T* row = line(y);
+    for (int x = ops.next(row, seen, run, p.xl, p.xr, from, to, w); x <= to;
+         x = ops.next(row, seen, run, p.xl, p.xr, x, to, w)) {
+      const int lo = ops.left(row, seen, x), hi = rightEnd(ops, row, seen, run, p.xr, x);
+      std::memset(seen + lo, 1, static_cast<size_t>(hi - lo + 1));
+      push({y, lo, hi, p.xl, p.xr, dir});
+      x = hi + 2;
+    }
+  }
+
+  int rightEnd(const GradOps<T, kC>& ops, const T* row, const Kvl8u* seen, const T* run, int xr,
+               int x) const {
+    return ops.right(row, seen, run, xr, x, w);
+  }
+
+  void run(int sx, int sy) {
+    constexpr bool kGrad = kRule == kFillGrad;
+    int lo = sx, hi = sx;
+    if constexpr (kGrad) {
+      clearMap(l.map, w, h);
+      const GradOps<T, kC> ops{a};
+      Kvl8u* seen = seenRow(sy);
+      const T* row = line(sy);
+      lo = ops.left(row, seen, sx), hi = rightEnd(ops, row, seen, nullptr, -1, sx);
+      std::memset(seen + lo, 1, static_cast<size_t>(hi - lo + 1));
+      r = {0, lo, sy, hi, sy};
+      push({sy, lo, hi, hi + 1, hi, 1});
+      while (count > 0) {
+        const Span s = l.stack[--count];
+        widen(s);
+        const int from = kConn == 8 ? s.xl - 1 : s.xl, to = kConn == 8 ? s.xr + 1 : s.xr;
+        walkGrad(ops, s.y - s.dir, from, to, s, s.dir);
+        walkGrad(ops, s.y + s.dir, from, s.pl - 1, s, -s.dir);
+        walkGrad(ops, s.y + s.dir, s.pr + 1, to, s, -s.dir);
+        paintRun(line(s.y), s.xl, s.xr);
+        r.area += s.xr - s.xl + 1;
+      }
+    } else {
+      const RunOps<kRule, T, kC> ops{a};
+      T* row = line(sy);
+      lo = ops.left(row, sx), hi = ops.right(row, sx, w - 1);
+      ops.paint(row, lo, hi);
+      r = {hi - lo + 1, lo, sy, hi, sy};
+      if (h == 1) return;
+      push({sy, lo, hi, hi + 1, hi, sy == h - 1 ? -1 : 1});
+      while (count > 0) {
+        const Span s = l.stack[--count];
+        widen(s);
+        const int yf = s.y - s.dir, yb = s.y + s.dir;
+        const int from = kConn == 8 ? std::max(s.xl - 1, 0) : s.xl;
+        const int to = kConn == 8 ? std::min(s.xr + 1, w - 1) : s.xr;
+        if (yf >= 0 && yf < h) walk(ops, yf, from, to, s, s.dir);
+        walk(ops, yb, from, s.pl - 1, s, -s.dir);
+        walk(ops, yb, s.pr + 1, to, s, -s.dir);
+      }
+    }
+  }
+
+  void widen(const Span& s) {
+    r.x0 = std::min(r.x0, static_cast<int>(s.xl));
+    r.x1 = std::max(r.x1, static_cast<int>(s.xr));
+    r.y0 = std::min(r.y0, static_cast<int>(s.y));
+    r.y1 = std::max(r.y1, static_cast<int>(s.y));
+  }
+};
+
+template <int kRule, int kConn, class T, int kC>
+void fill(T* image, int step, int w, int h, int sx, int sy, const FillArgs<T>& a, Kvl8u* buffer,
+          FillResult* result) {
+  Filler<kRule, kConn, T, kC> f{image, step, w, h, a, fillLayout(buffer, w, h, kRule == kFillGrad)};
+  f.cap = static_cast<long long>(w) * h / 4;
+  f.run(sx, sy);
+  *result = f.r;
+}
+
+#endif  // KVL_SIMD_TARGET
+}  // namespace HWY_NAMESPACE
+}  // namespace kvl::seg
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace kvl::seg {
+
+template <int kRule, int kConn, class T, int kC>
+const simd::Kernel<FillFn<T>> FillKernel<kRule, kConn, T, kC>::kernel{
+    KVL_TARGETS(fill<kRule, kConn, T, kC>), &ref::fill<kRule, kConn, T, kC>};
+
+#define KVL_INSTANTIATE(variant, rule, conn, types, T, ch, stepCh) \
+  template struct FillKernel<KVL_FLOOD_FILL_RULE_##rule, conn, T, ch>;
+KVL_FLOOD_FILL_MEMBERS(KVL_INSTANTIATE)
+#undef KVL_INSTANTIATE
+
+}  // namespace kvl::seg
+#endif  // HWY_ONCE
