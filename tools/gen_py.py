@@ -27,7 +27,9 @@ def params(args):
         return ()
     out = []
     for a in args.split(","):
-        m = PARAM.match(a.strip())
+        # An array parameter (`const Kvl8u newVal[3]`) is passed as a pointer.
+        a = re.sub(r"\s*(\w+)\s*\[\s*\d*\s*\]$", r"* \1", a.strip())
+        m = PARAM.match(a)
         if not m:
             sys.exit(f"cannot split parameter: {a!r}")
         out.append((" ".join(m["type"].replace("*", " * ").split()).replace(" *", "*"),

@@ -642,6 +642,86 @@ def fast_marching(src, radius=0.0, out=None):
 
 
 # ------------------------------------------------------------------------------------------------
+# Segmentation: flood fill, watershed, gradient segmentation
+class _ConnectedComp(ctypes.Structure):
+    _fields_ = [("area", ctypes.c_double), ("value", ctypes.c_double * 3), ("x", ctypes.c_int),
+                ("y", ctypes.c_int), ("width", ctypes.c_int), ("height", ctypes.c_int)]
+
+
+_FILL_RULES = {("exact", 4): "4Con", ("exact", 8): "8Con", ("range", 4): "Range4Con",
+               ("range", 8): "Range8Con", ("grad", 4): "Grad4Con", ("grad", 8): "Grad8Con"}
+
+
+def flood_fill(image, seed, new_value, rule="exact", connectivity=4, lo=0, hi=0):
+    """Repaints in place the connected region of `image` around seed (x, y) with new_value and
+    returns the region record {'area', 'value', 'rect': (x, y, width, height)}. rule 'exact'
+    (pixels equal to the seed's), 'range' (within [seed - lo, seed + hi]) or 'grad' (within
+    [neighbour - lo, neighbour + hi] of the admitted neighbour it is reached from);
+    connectivity 4 or 8. uint8/uint16/float32 images with 1 or 3 channels (exact also int32
+    with 1); for 3 channels new_value, lo and hi are per channel. When the seed already holds
+    new_value (exact and range) nothing is painted and area is 0."""
+    name = _FILL_RULES.get((rule, connectivity))
+    if name is None:
+        raise ValueError("flood_fill: rule 'exact', 'range' or 'grad'; connectivity 4 or 8")
+    key = _key1(image, "flood_fill")
+    fn = getattr(lib, f"kvliFloodFill_{name}_{key[:-1]}IR", None)
+    if fn is None:
+        raise TypeError(f"flood_fill: no {rule} member for {key}")
+    ptr, step = _image(image, "image", True)
+    query = "kvliFloodFillGetSize_Grad" if rule == "grad" else "kvliFloodFillGetSize"
+    buf = _buffer(query, _size(image))
+    region = _ConnectedComp()
+    args = [new_value] + ([lo, hi] if rule != "exact" else [])
+    if _channels(image) == 3:
+        arrays = [np.ascontiguousarray(np.broadcast_to(v, 3), image.dtype) for v in args]
+        args = [a.ctypes.data for a in arrays]
+    check(fn(ptr, step, _size(image), _point(*seed), *args, ctypes.byref(region), buf.ctypes.data),
+          fn.__name__)
+    return {"area": region.area, "value": tuple(region.value),
+            "rect": (region.x, region.y, region.width, region.height)}
+
+
+def watershed(src, markers, method="queue", norm=0, boundary=None):
+    """Grows the labels of `markers` (uint8: labels 1..254, boundary 255; uint16: labels
+    1..65534, boundary 65535; 0 unlabelled) over the uint8 relief `src`, in place, and returns
+    markers. method 'queue' (norm 0: 8 neighbours, 1: 4) or 'distance' (norm 0..3: chessboard,
+    city-block, 5/7 steps, fast marching); boundary None, 4 or 8 marks the lines between labels."""
+    if getattr(src, "dtype", None) != np.uint8 or src.ndim != 2:
+        raise TypeError("watershed: src must be a 2-D uint8 array")
+    _same_shape(src, markers, "markers")
+    types = {np.dtype(np.uint8): "8u", np.dtype(np.uint16): "8u16u"}
+    t = types.get(markers.dtype)
+    if t is None:
+        raise TypeError("watershed: markers must be uint8 or uint16")
+    flag = {"queue": 1, "distance": 2}.get(method)
+    if flag is None:
+        raise ValueError("watershed: method 'queue' or 'distance'")
+    flag |= {None: 0, 4: 64, 8: 128}[boundary]
+    buf = _buffer(f"kvliSegmentWatershedGetBufferSize_{t}_C1R", _size(src))
+    name = f"kvliSegmentWatershed_{t}_C1IR"
+    check(getattr(lib, name)(*_image(src, "src"), *_image(markers, "markers", True), _size(src),
+                             norm, flag, buf.ctypes.data), name)
+    return markers
+
+
+def segment_gradient(src, markers, norm=0, boundary=None):
+    """Segments a uint8 image with 1 or 3 channels by its gradient into the uint8 marker image
+    (labels 1..254 grown from the seeds it holds, or from the gradient's regional minima when it
+    holds none; 255 boundaries), in place, and returns markers. norm 0: 8 neighbours, 1: 4;
+    boundary None, 4 or 8."""
+    key = _key1(src, "segment_gradient")
+    if key not in ("8u_C1R", "8u_C3R"):
+        raise TypeError("segment_gradient: src must be uint8 with 1 or 3 channels")
+    if getattr(markers, "dtype", None) != np.uint8 or markers.shape != src.shape[:2]:
+        raise ValueError(f"segment_gradient: markers must be uint8 of shape {src.shape[:2]}")
+    buf = _buffer(f"kvliSegmentGradientGetBufferSize_{key}", _size(src))
+    name = f"kvliSegmentGradient_{key[:-1]}IR"
+    check(getattr(lib, name)(*_image(src, "src"), *_image(markers, "markers", True), _size(src),
+                             norm, {None: 0, 4: 64, 8: 128}[boundary], buf.ctypes.data), name)
+    return markers
+
+
+# ------------------------------------------------------------------------------------------------
 # Foreground models
 class _Foreground:
     _base = ""

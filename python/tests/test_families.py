@@ -116,3 +116,43 @@ def test_haar_classifier_against_numpy():
     assert kept == np.count_nonzero(f < 0)
     with pytest.raises(ValueError):
         c.apply(table[:5, :5], 1.0, 0.5)
+
+
+@pytest.mark.parametrize("dtype", [np.uint8, np.uint16, np.float32])
+@pytest.mark.parametrize("channels", [1, 3])
+def test_flood_fill(dtype, channels):
+    shape = (20, 30) if channels == 1 else (20, 30, channels)
+    img = np.zeros(shape, dtype)
+    img[5:12, 4:20] = 7      # a block, joined to a thin line only through a diagonal
+    img[12, 20] = 7
+    for connectivity, area in ((4, 7 * 16), (8, 7 * 16 + 1)):
+        work = img.copy()
+        r = kvlcv.flood_fill(work, (6, 6), 9, connectivity=connectivity)
+        assert r["area"] == area and r["rect"][:2] == (4, 5)
+        painted = (work == 9).all(axis=-1) if channels == 3 else work == 9
+        assert painted.sum() == area
+    work = img.copy()
+    assert kvlcv.flood_fill(work, (0, 0), 0)["area"] == 0      # already the new value
+    r = kvlcv.flood_fill(work, (0, 0), 3, rule="range", lo=0, hi=7)
+    assert r["area"] == 20 * 30
+    ramp = np.tile(np.arange(30, dtype=dtype), (20, 1))
+    if channels == 3:
+        ramp = np.repeat(ramp[:, :, None], 3, axis=2)
+    assert kvlcv.flood_fill(ramp, (0, 0), 200, rule="grad", lo=1, hi=1)["area"] == 20 * 30
+
+
+@pytest.mark.parametrize("mtype", [np.uint8, np.uint16])
+@pytest.mark.parametrize("method", ["queue", "distance"])
+def test_watershed_and_gradient_segmentation(mtype, method):
+    relief = np.zeros((16, 24), np.uint8)
+    relief[:, 11:13] = 200            # a ridge between two basins
+    markers = np.zeros(relief.shape, mtype)
+    markers[8, 3], markers[8, 20] = 1, 2
+    kvlcv.watershed(relief, markers, method=method)
+    assert (markers[:, :11] == 1).all() and (markers[:, 13:] == 2).all()
+    img = np.zeros((16, 24, 3), np.uint8)
+    img[:, 12:] = (200, 40, 90)
+    seg = kvlcv.segment_gradient(img, np.zeros((16, 24), np.uint8), boundary=4)
+    assert len(set(np.unique(seg)) - {255}) == 2
+    with pytest.raises(TypeError):
+        kvlcv.watershed(relief.astype(np.uint16), markers)
