@@ -148,8 +148,10 @@ enum class Split { kRestToLast, kEven };
 // Runs body(const Stripe&) over `height` rows with a team of `team` threads. The master computes
 // the split and publishes it through a barrier; a thread with no rows does nothing; a region that
 // cannot fork runs as a team of one that takes every row.
+// Calls body(stripe) on every thread of a team of up to `team` threads, the stripes split over
+// the team the runtime gave (the master reads its size once); a team of one takes every row.
 template <class Body>
-void runStripes(int team, int height, Body&& body, Split split = Split::kRestToLast) {
+void runTeamStripes(int team, int height, Split split, Body&& body) {
   if (team <= 1) {
     body(Stripe{0, 1, 0, height, height});
     return;
@@ -161,33 +163,26 @@ void runStripes(int team, int height, Body&& body, Split split = Split::kRestToL
     n = owncvGetNumThreads();
 #pragma omp barrier
     const int t = owncvGetIdThreads();
-    const Stripe s = split == Split::kEven ? evenStripeOf(t, n, height) : stripeOf(t, n, height);
-    if (s.rows >= 1) body(s);
+    body(split == Split::kEven ? evenStripeOf(t, n, height) : stripeOf(t, n, height));
   }
 }
 
+template <class Body>
+void runStripes(int team, int height, Body&& body, Split split = Split::kRestToLast) {
+  runTeamStripes(team, height, split, [&](const Stripe& s) {
+    if (s.rows >= 1) body(s);
+  });
+}
+
 // Runs first(const Stripe&) on every stripe, waits for the whole team, then second(const Stripe&)
-// on the same stripes (the split the master computed once): for a step whose stripes read what
-// the others wrote in the step before.
+// on the same stripes: for a step whose stripes read what the others wrote in the step before.
 template <class First, class Second>
 void runStripesPhased(int team, int height, First&& first, Second&& second) {
-  if (team <= 1) {
-    const Stripe s{0, 1, 0, height, height};
-    first(s);
-    second(s);
-    return;
-  }
-  int n = 1;
-#pragma omp parallel num_threads(team)
-  {
-#pragma omp master
-    n = owncvGetNumThreads();
-#pragma omp barrier
-    const Stripe s = stripeOf(owncvGetIdThreads(), n, height);
+  runTeamStripes(team, height, Split::kRestToLast, [&](const Stripe& s) {
     if (s.rows >= 1) first(s);
 #pragma omp barrier
     if (s.rows >= 1) second(s);
-  }
+  });
 }
 
 // Spins (then yields) until `counter` reaches `target`; its acquire load orders what the threads
