@@ -533,16 +533,16 @@ class Morphology:
             raise TypeError(f"Morphology: no member for {self.key}")
         self.max_width = max_width
         self.kernel_size = KvliSize(k.shape[1], k.shape[0])
-        spec, buf = ctypes.c_int(), ctypes.c_int()
+        state, buf = ctypes.c_int(), ctypes.c_int()
         name = f"kvliMorphologyBorderGetSize_{self.key}"
-        check(getattr(lib, name)(max_width, self.kernel_size, ctypes.byref(spec),
+        check(getattr(lib, name)(max_width, self.kernel_size, ctypes.byref(state),
                                  ctypes.byref(buf)), name)
         self.buffer_size = max(buf.value, 1)
-        self._spec = np.empty(max(spec.value, 1), np.uint8)
+        self._state = np.empty(max(state.value, 1), np.uint8)
         scratch = np.empty(self.buffer_size, np.uint8)
         name = f"kvliMorphologyBorderInit_{self.key}"
         check(getattr(lib, name)(max_width, k.ctypes.data, self.kernel_size,
-                                 self._spec.ctypes.data, scratch.ctypes.data), name)
+                                 self._state.ctypes.data, scratch.ctypes.data), name)
 
     def _run(self, op, src, border, inmem, out):
         key = _key1(src, op.lower())
@@ -551,7 +551,7 @@ class Morphology:
         dst = _output(out, src.shape, src.dtype)
         buf = np.empty(self.buffer_size, np.uint8)
         check(_MORPH[op][key](*_image(src, "src"), *_image(dst, "out", True), _size(src),
-                              border_code(border, inmem), 0, self._spec.ctypes.data,
+                              border_code(border, inmem), 0, self._state.ctypes.data,
                               buf.ctypes.data), f"kvli{op}Border_{key}")
         return dst
 
