@@ -357,8 +357,9 @@ bool morph1u(const Kvl8u* src, int srcStep, int srcBitOffset, Kvl8u* dst, int ds
   if (need(G, stride) > avail) return false;
   const long long planeWords = (static_cast<long long>(G) + K - 1) * stride + pad;
   uint64_t* words = reinterpret_cast<uint64_t*>(base);
-  // The words are not cleared: what the kernels read past the rows they wrote only ever reaches
-  // bits past a row's last valid one.
+  // What the kernels read past the words they wrote only reaches bits past a row's last valid
+  // one; the words are cleared so that those reads see defined values.
+  std::memset(words, 0, static_cast<size_t>(need(G, stride) * 8));
   auto plane = [&](int i) { return words + i * planeWords; };  // 0: copies, 1..: lengths
   int* planeOf = lengthSlot;  // reused: length index -> its plane (0 for length 1)
   for (int li = 0, next = 1; li < lengthCount; ++li) planeOf[li] = lengths[li] == 1 ? 0 : next++;
