@@ -10,6 +10,7 @@ library status raises kvlcv.Error, a positive one warns kvlcv.KvlWarning. The GI
 during every library call.
 """
 import ctypes
+import threading
 
 import numpy as np
 
@@ -56,6 +57,15 @@ def _image(a, what, writable=False):
     """(address, row step) of an image array, after checking its layout."""
     if not isinstance(a, np.ndarray):
         raise TypeError(f"{what}: expected a numpy.ndarray, got {type(a).__name__}")
+    f = a.flags
+    if f.c_contiguous and a.shape[0] > 1 and 2 <= a.ndim <= 3 and a.size:
+        # Whole rows back to back: the row step is the first stride (it is fixed by contiguity,
+        # as there is more than one row).
+        if f.writeable:
+            return ctypes.addressof(ctypes.c_char.from_buffer(a)), a.strides[0]
+        if writable:
+            raise ValueError(f"{what}: the array is not writable")
+        return a.ctypes.data, a.strides[0]
     st = a.strides
     it = a.itemsize
     if a.size == 0:
@@ -76,7 +86,16 @@ def _image(a, what, writable=False):
         raise ValueError(f"{what}: rows must go downwards without overlap (strides {st})")
     if writable and not a.flags.writeable:
         raise ValueError(f"{what}: the array is not writable")
-    return a.ctypes.data, step
+    return _address(a), step
+
+
+def _address(a):
+    """The address of a's first element. A writable contiguous array's address is read through
+    the buffer protocol, which costs a third of building the array's ctypes view."""
+    f = a.flags
+    if f.c_contiguous and f.writeable and a.size:
+        return ctypes.addressof(ctypes.c_char.from_buffer(a))
+    return a.ctypes.data
 
 
 def _size(a):
@@ -107,10 +126,38 @@ def _member(base, key, table):
     return name
 
 
+# Work buffers are scratch: the library never reads what a call did not write in them. Each
+# Python thread keeps the largest one it has used (up to _SCRATCH_KEEP bytes) and lends it to its
+# next call, so a call on a large image does not map and fault in fresh pages for its buffer.
+# Threads never share one, as the GIL is released during the calls.
+_SCRATCH_KEEP = 64 << 20
+_scratch = threading.local()
+
+
+class _Scratch:
+    __slots__ = ("array", "address")
+
+    def __init__(self, nbytes):
+        self.array = np.empty(nbytes, np.uint8)
+        self.address = _address(self.array)
+
+
+def _scratch_buffer(nbytes):
+    """A work buffer of at least nbytes bytes; .address is what the library is given."""
+    n = max(nbytes, 1)
+    buf = getattr(_scratch, "buf", None)
+    if buf is not None and buf.array.size >= n:
+        return buf
+    buf = _Scratch(n)
+    if n <= _SCRATCH_KEEP:
+        _scratch.buf = buf
+    return buf
+
+
 def _buffer(query, *args):
     n = ctypes.c_int()
     check(getattr(lib, query)(*args, ctypes.byref(n)), query)
-    return np.empty(max(n.value, 1), np.uint8)
+    return _scratch_buffer(n.value)
 
 
 def _members(prefix, suffixes):
@@ -141,11 +188,16 @@ _DERIV_TYPES = [("8u", "16s", "8u16s_C1R"), ("8u", "8s", "8u8s_C1R"), ("8u", "8u
 
 
 def _make_deriv(opname, cname, query, has_mask):
+    # Per source dtype, the candidate members: (result dtype suffix, result dtype, filter,
+    # buffer query, and the two C names for error messages), named once here so that a call
+    # builds no strings.
     members = {}
     for s, d, suffix in _DERIV_TYPES:
         if hasattr(lib, f"{cname}_{suffix}"):
-            members.setdefault(s, []).append((d, getattr(lib, f"{cname}_{suffix}"),
-                                              getattr(lib, f"{query}_{suffix}"), suffix))
+            members.setdefault(s, []).append((d, _DTYPE[d], getattr(lib, f"{cname}_{suffix}"),
+                                              getattr(lib, f"{query}_{suffix}"),
+                                              f"{cname}_{suffix}", f"{query}_{suffix}",
+                                              suffix == "8u8s_C1R"))
 
     def op(src, mask=3, border="replicate", border_value=0, divisor=1, dtype=None, inmem=(),
            out=None):
@@ -161,33 +213,31 @@ def _make_deriv(opname, cname, query, has_mask):
         if dtype is None and out is not None:
             dtype = out.dtype
         if dtype is None:
-            d, fn, q, suffix = cands[0]
+            member = cands[0]
         else:
             want = _SUFFIX.get(np.dtype(dtype))
-            for d, fn, q, suffix in cands:
-                if d == want:
+            for member in cands:
+                if member[0] == want:
                     break
             else:
                 raise TypeError(f"{opname}: no member from {src.dtype} to {np.dtype(dtype)}")
+        _, rtype, fn, q, fname, qname, has_divisor = member
         ps, ss = _image(src, "src")
-        dst = _output(out, src.shape, _DTYPE[d])
+        dst = _output(out, src.shape, rtype)
         pd, sd = _image(dst, "out", True)
         size = KvliSize(src.shape[1], src.shape[0])
         code = border_code(border, inmem)
-        m = _mask(mask)
-        args = [ps, ss, pd, sd, size]
-        qargs = [size]
-        if has_mask:
-            args.append(m)
-            qargs.append(m)
-        args += [code, border_value]
-        if suffix == "8u8s_C1R":
-            args.append(divisor)
         n = ctypes.c_int()
-        check(q(*qargs, ctypes.byref(n)), f"{query}_{suffix}")
-        buf = np.empty(max(n.value, 1), np.uint8)
-        args.append(buf.ctypes.data)
-        check(fn(*args), f"{cname}_{suffix}")
+        if has_mask:
+            m = _mask(mask)
+            check(q(size, m, ctypes.byref(n)), qname)
+            args = (ps, ss, pd, sd, size, m, code, border_value)
+        else:
+            check(q(size, ctypes.byref(n)), qname)
+            args = (ps, ss, pd, sd, size, code, border_value)
+        if has_divisor:
+            args += (divisor,)
+        check(fn(*args, _scratch_buffer(n.value).address), fname)
         return dst
 
     types = ", ".join(f"{_DTYPE[s]}->{_DTYPE[d]}" for s, c in members.items() for d, *_ in c)
@@ -243,7 +293,7 @@ def canny(src, low, high, kernel="sobel", mask=3, norm="l2", border="replicate",
     k, m = _KERNELS[kernel], _mask(mask)
     buf = _buffer("kvliCannyBorderGetSize", size, k, m, CONSTANTS["kvl8u"])
     check(lib.kvliCannyBorder_8u_C1R(ps, ss, pd, sd, size, k, m, border_code(border, inmem),
-                                     border_value, low, high, _NORMS[norm], buf.ctypes.data),
+                                     border_value, low, high, _NORMS[norm], buf.address),
           "kvliCannyBorder_8u_C1R")
     return dst
 
@@ -262,7 +312,7 @@ def canny_from_derivatives(dx, dy, low, high, out=None):
     pd, sd = _image(dst, "out", True)
     size = _size(dx)
     buf = _buffer("kvliCannyGetSize", size)
-    check(fn(px, sx, py, sy, pd, sd, size, low, high, buf.ctypes.data), "kvliCanny")
+    check(fn(px, sx, py, sy, pd, sd, size, low, high, buf.address), "kvliCanny")
     return dst
 
 
@@ -407,7 +457,7 @@ def _pyr(direction, src, out):
     dst = _output(out, shape + src.shape[2:], src.dtype)
     buf = _buffer(f"kvliPyr{direction}GetBufSize_Gauss5x5", w, CONSTANTS["kvl" + key.split("_")[0]],
                   _channels(src))
-    check(fn(*_image(src, "src"), *_image(dst, "out", True), _size(src), buf.ctypes.data),
+    check(fn(*_image(src, "src"), *_image(dst, "out", True), _size(src), buf.address),
           f"kvliPyr{direction}_Gauss5x5_{key}")
     return dst
 
@@ -492,7 +542,7 @@ def _minmax(op, src, size, anchor, out):
     msize = KvliSize(mw, mh)
     buf = _buffer(f"kvliFilter{op}GetBufferSize_{key}", src.shape[1], msize)
     check(fn(*_image(src, "src"), *_image(dst, "out", True), _size(src), msize,
-             _point(ax, ay), buf.ctypes.data), f"kvliFilter{op}BorderReplicate_{key}")
+             _point(ax, ay), buf.address), f"kvliFilter{op}BorderReplicate_{key}")
     return dst
 
 
@@ -522,7 +572,7 @@ class Morphology:
 
     Morphology(kernel, dtype, channels=1, max_width): kernel a 2-D array, nonzero = element,
     anchored at ((w-1)//2, (h-1)//2). Its erode/dilate may run from several threads at once (each
-    call allocates its own work buffer)."""
+    thread has its own work buffer)."""
 
     def __init__(self, kernel, dtype, channels=1, max_width=4096):
         k = np.ascontiguousarray(kernel, dtype=np.uint8)
@@ -549,10 +599,10 @@ class Morphology:
         if key != self.key:
             raise TypeError(f"{op.lower()}: image is {key}, the element was built for {self.key}")
         dst = _output(out, src.shape, src.dtype)
-        buf = np.empty(self.buffer_size, np.uint8)
+        buf = _scratch_buffer(self.buffer_size)
         check(_MORPH[op][key](*_image(src, "src"), *_image(dst, "out", True), _size(src),
                               border_code(border, inmem), 0, self._state.ctypes.data,
-                              buf.ctypes.data), f"kvli{op}Border_{key}")
+                              buf.address), f"kvli{op}Border_{key}")
         return dst
 
     def erode(self, src, border="replicate", inmem=(), out=None):
@@ -624,7 +674,7 @@ def true_distance_transform(src, out=None):
     dst = _output(out, src.shape, np.float32)
     buf = _buffer("kvliTrueDistanceTransformGetBufferSize_8u32f_C1R", _size(src))
     check(lib.kvliTrueDistanceTransform_8u32f_C1R(*_image(src, "src"), *_image(dst, "out", True),
-                                                  _size(src), buf.ctypes.data),
+                                                  _size(src), buf.address),
           "kvliTrueDistanceTransform_8u32f_C1R")
     return dst
 
@@ -636,7 +686,7 @@ def fast_marching(src, radius=0.0, out=None):
     dst = _output(out, src.shape, np.float32)
     buf = _buffer("kvliFastMarchingGetBufferSize_8u32f_C1R", _size(src))
     check(lib.kvliFastMarching_8u32f_C1R(*_image(src, "src"), *_image(dst, "out", True),
-                                         _size(src), radius, buf.ctypes.data),
+                                         _size(src), radius, buf.address),
           "kvliFastMarching_8u32f_C1R")
     return dst
 
@@ -675,7 +725,7 @@ def flood_fill(image, seed, new_value, rule="exact", connectivity=4, lo=0, hi=0)
     if _channels(image) == 3:
         arrays = [np.ascontiguousarray(np.broadcast_to(v, 3), image.dtype) for v in args]
         args = [a.ctypes.data for a in arrays]
-    check(fn(ptr, step, _size(image), _point(*seed), *args, ctypes.byref(region), buf.ctypes.data),
+    check(fn(ptr, step, _size(image), _point(*seed), *args, ctypes.byref(region), buf.address),
           fn.__name__)
     return {"area": region.area, "value": tuple(region.value),
             "rect": (region.x, region.y, region.width, region.height)}
@@ -700,7 +750,7 @@ def watershed(src, markers, method="queue", norm=0, boundary=None):
     buf = _buffer(f"kvliSegmentWatershedGetBufferSize_{t}_C1R", _size(src))
     name = f"kvliSegmentWatershed_{t}_C1IR"
     check(getattr(lib, name)(*_image(src, "src"), *_image(markers, "markers", True), _size(src),
-                             norm, flag, buf.ctypes.data), name)
+                             norm, flag, buf.address), name)
     return markers
 
 
@@ -717,7 +767,7 @@ def segment_gradient(src, markers, norm=0, boundary=None):
     buf = _buffer(f"kvliSegmentGradientGetBufferSize_{key}", _size(src))
     name = f"kvliSegmentGradient_{key[:-1]}IR"
     check(getattr(lib, name)(*_image(src, "src"), *_image(markers, "markers", True), _size(src),
-                             norm, {None: 0, 4: 64, 8: 128}[boundary], buf.ctypes.data), name)
+                             norm, {None: 0, 4: 64, 8: 128}[boundary], buf.address), name)
     return markers
 
 
