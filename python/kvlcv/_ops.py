@@ -5,9 +5,10 @@ interleaved channels. Any row stride works (the row step is strides[0]), so view
 padded arrays go to the library without a copy; the pixels of a row must be contiguous and rows
 must go downwards, else ValueError. A dtype with no member raises TypeError. Outputs are
 allocated unless ``out=`` is given (then it is written and returned; it must be writable and of
-the result's shape and dtype). Work buffers are sized and allocated internally. A negative
-library status raises kvlcv.Error, a positive one warns kvlcv.KvlWarning. The GIL is released
-during every library call.
+the result's shape and dtype). Work buffers are sized and allocated internally; each thread
+keeps its largest one (up to 64 MiB) for its next calls. A negative library status raises
+kvlcv.Error, a positive one warns kvlcv.KvlWarning. The GIL is released during every library
+call.
 """
 import ctypes
 import threading

@@ -221,6 +221,25 @@ def test_gil_released_during_calls():
         kvlcv.set_num_threads(n)
 
 
+def test_threads_keep_their_own_work_buffers():
+    """Threads calling at once with different images and sizes get the serial results (each
+    thread's reused work buffer is its own)."""
+    srcs = [padded((300 + 40 * i, 500 - 60 * i), np.uint8, 20 + i) for i in range(3)]
+    want = [kvlcv.canny(s, 40, 120) for s in srcs]
+    got = [[] for _ in srcs]
+
+    def work(i):
+        for _ in range(20):
+            got[i].append(kvlcv.canny(srcs[i], 40, 120))
+    ts = [threading.Thread(target=work, args=(i,)) for i in range(len(srcs))]
+    for th in ts:
+        th.start()
+    for th in ts:
+        th.join()
+    for w, g in zip(want, got):
+        assert all(np.array_equal(w, x) for x in g)
+
+
 def test_two_threads_faster_than_serial():
     """Two Python threads calling at once take clearly less than twice one thread's time."""
     if (os.cpu_count() or 1) < 2 or os.getloadavg()[0] > (os.cpu_count() or 1) - 1:
