@@ -17,6 +17,8 @@
 
 #include <climits>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 #include "core/check.h"
 #include "core/parallel.h"
@@ -34,10 +36,6 @@ struct Offsets {
   ptrdiff_t d[8];
   explicit Offsets(ptrdiff_t fw) : d{-1, 1, -fw, fw, -fw - 1, -fw + 1, fw - 1, fw + 1} {}
 };
-
-// The same neighbours as column and row steps.
-constexpr int kDx[8] = {-1, 1, 0, 0, -1, 1, -1, 1};
-constexpr int kDy[8] = {0, 0, -1, 1, -1, -1, 1, 1};
 
 // The markers into the framed map, the frame set to the boundary value.
 template <class T>
@@ -94,58 +92,113 @@ int boundsNeighbours(int flag) {
 
 // --- Priority-queue flooding --------------------------------------------------------------------
 
+// The label of a newly reached pixel q, entered from p (its neighbour in direction kFrom) with
+// label lp: lp, unless q has another neighbour with a different region label. Scanning q's other
+// neighbours in offset order, such a label turns a region label into the boundary value (and ends
+// the scan), and the boundary value into that label.
+template <int kNb, int kFrom, class T>
+inline T decide(const T* q, const ptrdiff_t (&d)[8], T lp, T boundary) {
+  constexpr int kOpposite[8] = {1, 0, 3, 2, 7, 6, 5, 4};
+  constexpr int skip = kOpposite[kFrom];
+  // Mostly every other neighbour is unlabelled, the boundary or lp itself: test that first.
+  bool foreign = false;
+  for (int j = 0; j < kNb; ++j) {
+    if (j == skip) continue;
+    const T u = q[d[j]];
+    foreign |= (u != 0) & (u != boundary) & (u != lp);
+  }
+  if (!foreign) return lp;
+  T v = lp;
+  for (int j = 0; j < kNb; ++j) {
+    if (j == skip) continue;
+    const T u = q[d[j]];
+    if (u == 0 || u == boundary || u == v) continue;
+    if (v != boundary) return boundary;
+    v = u;
+  }
+  return v;
+}
+
+template <class T, int kNb, size_t... kK>
+inline void reach(T* p, const Kvl8u* lev, int32_t* link, int32_t r, int level,
+                  const ptrdiff_t (&d)[8], T boundary, int32_t* head, int32_t* tail,
+                  std::index_sequence<kK...>) {
+  const T lp = *p;
+  // Every unlabelled neighbour joins the queue of its level (a lower one the current level) and
+  // takes its label at once, in offset order.
+  auto one = [&]<int k>(std::integral_constant<int, k>) {
+    T* q = p + d[k];
+    if (*q != 0) return;
+    const int32_t rq = r + static_cast<int32_t>(d[k]);
+    const int lq = lev[rq];
+    const int at = lq > level ? lq : level;
+    if (head[at] < 0) {
+      head[at] = rq;
+    } else {
+      link[tail[at]] = rq;
+    }
+    tail[at] = rq;
+    *q = decide<kNb, k>(q, d, lp, boundary);
+  };
+  (one(std::integral_constant<int, static_cast<int>(kK)>{}), ...);
+}
+
 template <class T, int kNb>
 void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi, int flag,
                 Kvl8u* buffer, T boundary) {
   const int w = roi.width, h = roi.height;
   const ptrdiff_t fw = w + 2;
-  const size_t n = static_cast<size_t>(w) * h;
-  QueueNode* pool = reinterpret_cast<QueueNode*>(alignUp(buffer, 8));
-  T* map = reinterpret_cast<T*>(pool + n);
+  const QueueLayout lay = queueLayout(roi, sizeof(T));
+  uint8_t* base = alignUp(buffer, 8);
+  T* map = reinterpret_cast<T*>(base + lay.labels);
+  // Pixels are numbered by their framed index less that of the first interior pixel, so that the
+  // labels, levels and links of pixel r are first[r], lev[r] and link[r].
+  T* first = map + fw + 1;
+  Kvl8u* lev = base + lay.levels;
+  int32_t* link = reinterpret_cast<int32_t*>(base + lay.links);
   const Offsets o(fw);
-  ptrdiff_t srcOff[8];
-  for (int k = 0; k < 8; ++k) srcOff[k] = static_cast<ptrdiff_t>(kDy[k]) * srcStep + kDx[k];
 
-  // The free list holds the pool in address order, and a popped node goes back to its head. The
-  // nodes never taken yet are the list's tail in address order, so the list is the returned
-  // nodes (most recent first) followed by the pool from `fresh` on; it is chained as it goes.
-  QueueNode* returned = nullptr;
-  QueueNode* fresh = pool;
-  LevelQueue queue[kLevels];
-  for (LevelQueue& q : queue) q = {nullptr, nullptr};
-  auto push = [&](int level, int x, int y) {
-    QueueNode* node;
-    if (returned != nullptr) {
-      node = returned;
-      returned = node->next;
+  // A queue is empty when its head is negative; a link is read only for a pixel that is not its
+  // queue's tail, so it has been written.
+  int32_t head[kLevels], tail[kLevels];
+  for (int i = 0; i < kLevels; ++i) head[i] = tail[i] = -1;
+  auto push = [&](int level, int32_t r) {
+    if (head[level] < 0) {
+      head[level] = r;
     } else {
-      node = fresh++;
+      link[tail[level]] = r;
     }
-    node->next = nullptr;
-    node->x = x;
-    node->y = y;
-    LevelQueue& q = queue[level];
-    if (q.tail != nullptr) {
-      q.tail->next = node;
-    } else {
-      q.head = node;
-    }
-    q.tail = node;
+    tail[level] = r;
   };
 
   copyIn(marker, markerStep, roi, map, boundary);
-  // Labelled pixels beside an unlabelled one join the queue of their own level.
+  for (int y = 0; y < h; ++y)
+    std::memcpy(lev + static_cast<ptrdiff_t>(y) * fw, rowPtr(src, srcStep, y), static_cast<size_t>(w));
+  // Labelled pixels beside an unlabelled one join the queue of their own level. Runs of
+  // unlabelled pixels are skipped a word at a time.
+  constexpr int kPerWord = 8 / sizeof(T);
   for (int y = 0; y < h; ++y) {
-    const T* row = map + (y + 1) * fw + 1;
-    const Kvl8u* level = rowPtr(src, srcStep, y);
-    for (int x = 0; x < w; ++x) {
-      if (row[x] == 0) continue;
-      for (int k = 0; k < kNb; ++k) {
-        if (row[x + o.d[k]] == 0) {
-          push(level[x], x, y);
-          break;
+    const int32_t r0 = static_cast<int32_t>(y * fw);
+    const T* row = first + r0;
+    int x = 0;
+    while (x < w) {
+      if (x + kPerWord <= w) {
+        uint64_t word;
+        std::memcpy(&word, row + x, 8);
+        if (word == 0) {
+          x += kPerWord;
+          continue;
         }
       }
+      if (row[x] != 0) {
+        for (int k = 0; k < kNb; ++k) {
+          if (row[x + o.d[k]] == 0) {
+            push(lev[r0 + x], r0 + x);
+            break;
+          }
+        }
+      }
+      ++x;
     }
   }
   // The boundary marking of the same scan changes labelled pixels only, which the queueing test
@@ -153,50 +206,17 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
   if (const int bn = boundsNeighbours(flag)) markBounds(map, roi, boundary, bn);
 
   for (int level = 0; level < kLevels; ++level) {
-    LevelQueue& q = queue[level];
-    while (q.head != nullptr) {
-      QueueNode* node = q.head;
-      q.head = node->next;
-      if (q.head == nullptr) q.tail = nullptr;
-      const int px = node->x, py = node->y;
-      node->next = returned;
-      returned = node;
-      // The queue outruns the caches on large plateaus: fetch ahead the third node from here,
-      // and the label and relief of the second one's pixel.
-      if (q.head != nullptr) {
-        if (const QueueNode* ahead = q.head->next) {
-          if (ahead->next != nullptr) __builtin_prefetch(ahead->next);
-          const T* at = map + (ahead->y + 1) * fw + (ahead->x + 1);
-          __builtin_prefetch(at - fw);
-          __builtin_prefetch(at);
-          __builtin_prefetch(at + fw);
-          __builtin_prefetch(src + static_cast<ptrdiff_t>(ahead->y) * srcStep + ahead->x);
-        }
+    while (head[level] >= 0) {
+      const int32_t r = head[level];
+      if (r == tail[level]) {
+        head[level] = -1;
+      } else {
+        const int32_t next = link[r];
+        head[level] = next;
+        __builtin_prefetch(link + next);
       }
-
-      T* p = map + (py + 1) * fw + (px + 1);
-      const Kvl8u* ps = src + static_cast<ptrdiff_t>(py) * srcStep + px;
-      const T lp = *p;
-      for (int k = 0; k < kNb; ++k) {
-        T* qp = p + o.d[k];
-        if (*qp != 0) continue;
-        const int lq = ps[srcOff[k]];
-        push(lq > level ? lq : level, px + kDx[k], py + kDy[k]);
-        // The label: lp, unless another region label is beside q.
-        T v = lp;
-        for (int j = 0; j < kNb; ++j) {
-          const T* r = qp + o.d[j];
-          if (r == p) continue;
-          const T u = *r;
-          if (u == 0 || u == boundary || u == v) continue;
-          if (v != boundary) {
-            v = boundary;
-            break;
-          }
-          v = u;
-        }
-        *qp = v;
-      }
+      reach<T, kNb>(first + r, lev, link, r, level, o.d, boundary, head, tail,
+                    std::make_index_sequence<kNb>{});
     }
   }
   copyOut(map, roi, marker, markerStep);

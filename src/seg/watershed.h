@@ -12,20 +12,30 @@ namespace kvl::seg {
 
 // --- Priority-queue method ----------------------------------------------------------------------
 
-// A queued pixel: 16 bytes, chained into the free list or into one level's queue.
-struct QueueNode {
-  QueueNode* next;
-  int32_t x;
-  int32_t y;
-};
-static_assert(sizeof(QueueNode) == 16, "queue nodes are 16 bytes");
-
-// One first-in-first-out queue per grey level.
 constexpr int kLevels = 256;
-struct LevelQueue {
-  QueueNode* head;
-  QueueNode* tail;
+
+// The priority-queue method's layout in the buffer (its start rounded up to 8 bytes): the framed
+// label map; then, for the framed indices from the first interior pixel on (height * (width + 2)
+// of them), the relief level of each pixel and its link in the level queues. A pixel joins a
+// queue at most once (when it is labelled, or at the start when it already was), so the queues
+// are lists threaded through the pixels themselves: the link of a queued pixel is the framed index
+// of the one behind it.
+struct QueueLayout {
+  size_t labels, levels, links;  // offsets from the aligned start
+  size_t span;                   // entries in levels and links
+  size_t end;
 };
+inline QueueLayout queueLayout(KvliSize roi, int markerBytes) {
+  const size_t fw = static_cast<size_t>(roi.width) + 2, fh = static_cast<size_t>(roi.height) + 2;
+  auto up = [](size_t v, size_t a) { return (v + a - 1) / a * a; };
+  QueueLayout l{};
+  l.span = static_cast<size_t>(roi.height) * fw;
+  l.labels = 0;
+  l.levels = fw * fh * markerBytes;
+  l.links = up(l.levels + l.span, 4);
+  l.end = l.links + 4 * l.span;
+  return l;
+}
 
 // --- Distance method ----------------------------------------------------------------------------
 
