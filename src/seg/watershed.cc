@@ -119,10 +119,85 @@ inline T decide(const T* q, const ptrdiff_t (&d)[8], T lp, T boundary) {
   return v;
 }
 
+// The level queues: chains of chunks (see QueueLayout). A queue's read pointer is null when it
+// is empty; its write pointer is the slot after its last entry, a chunk start when that chunk is
+// full.
+class LevelQueues {
+ public:
+  LevelQueues(int32_t* pool, int chunk) : pool_(pool), mask_(chunk - 1), fresh_(pool) {
+    for (int i = 0; i < kLevels; ++i) read_[i] = write_[i] = nullptr;
+  }
+  bool empty(int level) const { return read_[level] == nullptr; }
+  void push(int level, int32_t r) {
+    int32_t* w = write_[level];
+    if (w == nullptr || offset(w) == 0) {
+      int32_t* c = take();
+      if (w == nullptr) {
+        read_[level] = c + 1;
+      } else {
+        w[-(mask_ + 1)] = static_cast<int32_t>(c - pool_);
+      }
+      w = c + 1;
+    }
+    *w = r;
+    write_[level] = w + 1;
+  }
+  // The front entry of a queue that is not empty, taken off.
+  int32_t pop(int level) {
+    int32_t* p = read_[level];
+    const int32_t r = *p++;
+    if (p == write_[level]) {
+      give(p - 1 - offset(p - 1));
+      read_[level] = write_[level] = nullptr;
+    } else if (offset(p) == 0) {
+      int32_t* c = p - (mask_ + 1);
+      read_[level] = pool_ + c[0] + 1;
+      give(c);
+    } else {
+      read_[level] = p;
+    }
+    return r;
+  }
+  // The entry `ahead` places behind the front of a queue that is not empty, if it is in the front
+  // chunk and queued; else nullptr.
+  const int32_t* peek(int level, int ahead) const {
+    const int32_t* p = read_[level];
+    if (offset(p) + ahead > mask_) return nullptr;
+    const int32_t* w = write_[level];
+    // The front chunk is the last one when the write pointer is inside it (or at its end).
+    const int32_t* c = p - offset(p);
+    if (w > c && w <= c + mask_ + 1 && p + ahead >= w) return nullptr;
+    return p + ahead;
+  }
+
+ private:
+  ptrdiff_t offset(const int32_t* p) const { return (p - pool_) & mask_; }
+  int32_t* take() {
+    if (free_ == nullptr) {
+      int32_t* c = fresh_;
+      fresh_ += mask_ + 1;
+      return c;
+    }
+    int32_t* c = free_;
+    free_ = c[0] < 0 ? nullptr : pool_ + c[0];
+    return c;
+  }
+  void give(int32_t* c) {
+    c[0] = free_ == nullptr ? -1 : static_cast<int32_t>(free_ - pool_);
+    free_ = c;
+  }
+
+  int32_t* pool_;
+  ptrdiff_t mask_;
+  int32_t* fresh_;
+  int32_t* free_ = nullptr;
+  int32_t* read_[kLevels];
+  int32_t* write_[kLevels];
+};
+
 template <class T, int kNb, size_t... kK>
-inline void reach(T* p, const Kvl8u* lev, int32_t* link, int32_t r, int level,
-                  const ptrdiff_t (&d)[8], T boundary, int32_t* head, int32_t* tail,
-                  std::index_sequence<kK...>) {
+inline void reach(T* p, const Kvl8u* lev, int32_t r, int level, const ptrdiff_t (&d)[8],
+                  T boundary, LevelQueues& queues, std::index_sequence<kK...>) {
   const T lp = *p;
   // Every unlabelled neighbour joins the queue of its level (a lower one the current level) and
   // takes its label at once, in offset order.
@@ -131,13 +206,7 @@ inline void reach(T* p, const Kvl8u* lev, int32_t* link, int32_t r, int level,
     if (*q != 0) return;
     const int32_t rq = r + static_cast<int32_t>(d[k]);
     const int lq = lev[rq];
-    const int at = lq > level ? lq : level;
-    if (head[at] < 0) {
-      head[at] = rq;
-    } else {
-      link[tail[at]] = rq;
-    }
-    tail[at] = rq;
+    queues.push(lq > level ? lq : level, rq);
     *q = decide<kNb, k>(q, d, lp, boundary);
   };
   (one(std::integral_constant<int, static_cast<int>(kK)>{}), ...);
@@ -148,28 +217,15 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
                 Kvl8u* buffer, T boundary) {
   const int w = roi.width, h = roi.height;
   const ptrdiff_t fw = w + 2;
-  const QueueLayout lay = queueLayout(roi, sizeof(T));
+  const QueueLayout lay = queueLayout(roi, sizeof(T), watershedBytes(roi, sizeof(T)));
   uint8_t* base = alignUp(buffer, 8);
   T* map = reinterpret_cast<T*>(base + lay.labels);
   // Pixels are numbered by their framed index less that of the first interior pixel, so that the
-  // labels, levels and links of pixel r are first[r], lev[r] and link[r].
+  // label and level of pixel r are first[r] and lev[r].
   T* first = map + fw + 1;
   Kvl8u* lev = base + lay.levels;
-  int32_t* link = reinterpret_cast<int32_t*>(base + lay.links);
+  LevelQueues queues(reinterpret_cast<int32_t*>(base + lay.chunks), lay.chunk);
   const Offsets o(fw);
-
-  // A queue is empty when its head is negative; a link is read only for a pixel that is not its
-  // queue's tail, so it has been written.
-  int32_t head[kLevels], tail[kLevels];
-  for (int i = 0; i < kLevels; ++i) head[i] = tail[i] = -1;
-  auto push = [&](int level, int32_t r) {
-    if (head[level] < 0) {
-      head[level] = r;
-    } else {
-      link[tail[level]] = r;
-    }
-    tail[level] = r;
-  };
 
   copyIn(marker, markerStep, roi, map, boundary);
   for (int y = 0; y < h; ++y)
@@ -193,7 +249,7 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
       if (row[x] != 0) {
         for (int k = 0; k < kNb; ++k) {
           if (row[x + o.d[k]] == 0) {
-            push(lev[r0 + x], r0 + x);
+            queues.push(lev[r0 + x], r0 + x);
             break;
           }
         }
@@ -205,17 +261,20 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
   // above does not tell apart, so it may run as a pass of its own.
   if (const int bn = boundsNeighbours(flag)) markBounds(map, roi, boundary, bn);
 
+  constexpr int kAhead = 8;
   for (int level = 0; level < kLevels; ++level) {
-    while (head[level] >= 0) {
-      const int32_t r = head[level];
-      if (r == tail[level]) {
-        head[level] = -1;
-      } else {
-        const int32_t next = link[r];
-        head[level] = next;
-        __builtin_prefetch(link + next);
+    while (!queues.empty(level)) {
+      // A queue entered long after it was filled outruns the caches: fetch the neighbourhood of
+      // a pixel some places behind the front.
+      if (const int32_t* a = queues.peek(level, kAhead)) {
+        const T* at = first + *a;
+        __builtin_prefetch(at - fw);
+        __builtin_prefetch(at);
+        __builtin_prefetch(at + fw);
+        __builtin_prefetch(lev + *a);
       }
-      reach<T, kNb>(first + r, lev, link, r, level, o.d, boundary, head, tail,
+      const int32_t r = queues.pop(level);
+      reach<T, kNb>(first + r, lev, r, level, o.d, boundary, queues,
                     std::make_index_sequence<kNb>{});
     }
   }

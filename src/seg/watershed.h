@@ -15,25 +15,35 @@ namespace kvl::seg {
 constexpr int kLevels = 256;
 
 // The priority-queue method's layout in the buffer (its start rounded up to 8 bytes): the framed
-// label map; then, for the framed indices from the first interior pixel on (height * (width + 2)
-// of them), the relief level of each pixel and its link in the level queues. A pixel joins a
-// queue at most once (when it is labelled, or at the start when it already was), so the queues
-// are lists threaded through the pixels themselves: the link of a queued pixel is the framed index
-// of the one behind it.
+// label map; the relief levels for the framed indices from the first interior pixel on
+// (height * (width + 2) of them); then the queue chunks. Each level's queue is a chain of chunks
+// of `chunk` 32-bit slots, the first slot linking to the next chunk and the others holding pixels
+// in order; a chunk read to its end goes back to a free list. A pixel joins a queue at most once
+// (when it is labelled, or at the start when it already was), so at most width * height entries
+// are ever queued, and chunks never run out: the chunk is the longest (of at most 64 slots) for
+// which the buffer holds min(pixels, pixels / (chunk - 1) + 256) chunks (two slots always fit).
 struct QueueLayout {
-  size_t labels, levels, links;  // offsets from the aligned start
-  size_t span;                   // entries in levels and links
+  size_t labels, levels, chunks;  // offsets from the aligned start
+  size_t span;                    // entries in levels
+  int chunk;                      // slots per chunk, a power of two
   size_t end;
 };
-inline QueueLayout queueLayout(KvliSize roi, int markerBytes) {
+inline QueueLayout queueLayout(KvliSize roi, int markerBytes, long long bufferBytes) {
   const size_t fw = static_cast<size_t>(roi.width) + 2, fh = static_cast<size_t>(roi.height) + 2;
+  const size_t n = static_cast<size_t>(roi.width) * roi.height;
   auto up = [](size_t v, size_t a) { return (v + a - 1) / a * a; };
   QueueLayout l{};
   l.span = static_cast<size_t>(roi.height) * fw;
   l.labels = 0;
   l.levels = fw * fh * markerBytes;
-  l.links = up(l.levels + l.span, 4);
-  l.end = l.links + 4 * l.span;
+  l.chunks = up(l.levels + l.span, 4);
+  const size_t room = static_cast<size_t>(bufferBytes) - 7 - l.chunks;
+  for (int c = 64; c >= 2; c /= 2) {
+    const size_t spread = n / (c - 1) + 1 + 256;
+    l.chunk = c;
+    l.end = l.chunks + 4 * c * (spread < n ? spread : n);
+    if (l.end - l.chunks <= room) break;
+  }
   return l;
 }
 
