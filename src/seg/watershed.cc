@@ -158,17 +158,6 @@ class LevelQueues {
     }
     return r;
   }
-  // The entry `ahead` places behind the front of a queue that is not empty, if it is in the front
-  // chunk and queued; else nullptr.
-  const int32_t* peek(int level, int ahead) const {
-    const int32_t* p = read_[level];
-    if (offset(p) + ahead > mask_) return nullptr;
-    const int32_t* w = write_[level];
-    // The front chunk is the last one when the write pointer is inside it (or at its end).
-    const int32_t* c = p - offset(p);
-    if (w > c && w <= c + mask_ + 1 && p + ahead >= w) return nullptr;
-    return p + ahead;
-  }
 
  private:
   ptrdiff_t offset(const int32_t* p) const { return (p - pool_) & mask_; }
@@ -261,18 +250,8 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
   // above does not tell apart, so it may run as a pass of its own.
   if (const int bn = boundsNeighbours(flag)) markBounds(map, roi, boundary, bn);
 
-  constexpr int kAhead = 8;
   for (int level = 0; level < kLevels; ++level) {
     while (!queues.empty(level)) {
-      // A queue entered long after it was filled outruns the caches: fetch the neighbourhood of
-      // a pixel some places behind the front.
-      if (const int32_t* a = queues.peek(level, kAhead)) {
-        const T* at = first + *a;
-        __builtin_prefetch(at - fw);
-        __builtin_prefetch(at);
-        __builtin_prefetch(at + fw);
-        __builtin_prefetch(lev + *a);
-      }
       const int32_t r = queues.pop(level);
       reach<T, kNb>(first + r, lev, r, level, o.d, boundary, queues,
                     std::make_index_sequence<kNb>{});
