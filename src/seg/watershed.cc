@@ -63,22 +63,32 @@ void copyOut(const T* map, KvliSize roi, T* marker, int step) {
                 static_cast<size_t>(roi.width) * sizeof(T));
 }
 
+// A label in a plain map or in the queue method's cells.
+template <class T>
+inline T& labelOf(T& v) {
+  return v;
+}
+template <class T>
+inline T& labelOf(QueueCell<T>& c) {
+  return c.label;
+}
+
 // Boundary marking, in row order and in place: a pixel with a region label that has a neighbour
 // (the first `n` of the offsets: 4 or 8) with another region label becomes the boundary value.
 // A pixel marked earlier in the scan therefore no longer counts as a region for the ones after it.
-template <class T>
-void markBounds(T* map, KvliSize roi, T boundary, int n) {
+template <class E, class T>
+void markBounds(E* map, KvliSize roi, T boundary, int n) {
   const ptrdiff_t fw = roi.width + 2;
   const Offsets o(fw);
   for (int y = 0; y < roi.height; ++y) {
-    T* row = map + (y + 1) * fw + 1;
+    E* row = map + (y + 1) * fw + 1;
     for (int x = 0; x < roi.width; ++x) {
-      const T v = row[x];
+      const T v = labelOf(row[x]);
       if (v == 0 || v == boundary) continue;
       for (int k = 0; k < n; ++k) {
-        const T u = row[x + o.d[k]];
+        const T u = labelOf(row[x + o.d[k]]);
         if (u != 0 && u != boundary && u != v) {
-          row[x] = boundary;
+          labelOf(row[x]) = boundary;
           break;
         }
       }
@@ -97,21 +107,21 @@ int boundsNeighbours(int flag) {
 // neighbours in offset order, such a label turns a region label into the boundary value (and ends
 // the scan), and the boundary value into that label.
 template <int kNb, int kFrom, class T>
-inline T decide(const T* q, const ptrdiff_t (&d)[8], T lp, T boundary) {
+inline T decide(const QueueCell<T>* q, const ptrdiff_t (&d)[8], T lp, T boundary) {
   constexpr int kOpposite[8] = {1, 0, 3, 2, 7, 6, 5, 4};
   constexpr int skip = kOpposite[kFrom];
   // Mostly every other neighbour is unlabelled, the boundary or lp itself: test that first.
   bool foreign = false;
   for (int j = 0; j < kNb; ++j) {
     if (j == skip) continue;
-    const T u = q[d[j]];
+    const T u = q[d[j]].label;
     foreign |= (u != 0) & (u != boundary) & (u != lp);
   }
   if (!foreign) return lp;
   T v = lp;
   for (int j = 0; j < kNb; ++j) {
     if (j == skip) continue;
-    const T u = q[d[j]];
+    const T u = q[d[j]].label;
     if (u == 0 || u == boundary || u == v) continue;
     if (v != boundary) return boundary;
     v = u;
@@ -185,18 +195,17 @@ class LevelQueues {
 };
 
 template <class T, int kNb, size_t... kK>
-inline void reach(T* p, const Kvl8u* lev, int32_t r, int level, const ptrdiff_t (&d)[8],
-                  T boundary, LevelQueues& queues, std::index_sequence<kK...>) {
-  const T lp = *p;
+inline void reach(QueueCell<T>* p, int32_t r, int level, const ptrdiff_t (&d)[8], T boundary,
+                  LevelQueues& queues, std::index_sequence<kK...>) {
+  const T lp = p->label;
   // Every unlabelled neighbour joins the queue of its level (a lower one the current level) and
   // takes its label at once, in offset order.
   auto one = [&]<int k>(std::integral_constant<int, k>) {
-    T* q = p + d[k];
-    if (*q != 0) return;
-    const int32_t rq = r + static_cast<int32_t>(d[k]);
-    const int lq = lev[rq];
-    queues.push(lq > level ? lq : level, rq);
-    *q = decide<kNb, k>(q, d, lp, boundary);
+    QueueCell<T>* q = p + d[k];
+    if (q->label != 0) return;
+    const int lq = q->level;
+    queues.push(lq > level ? lq : level, r + static_cast<int32_t>(d[k]));
+    q->label = decide<kNb, k>(q, d, lp, boundary);
   };
   (one(std::integral_constant<int, static_cast<int>(kK)>{}), ...);
 }
@@ -204,41 +213,59 @@ inline void reach(T* p, const Kvl8u* lev, int32_t r, int level, const ptrdiff_t 
 template <class T, int kNb>
 void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi, int flag,
                 Kvl8u* buffer, T boundary) {
+  using Cell = QueueCell<T>;
   const int w = roi.width, h = roi.height;
   const ptrdiff_t fw = w + 2;
   const QueueLayout lay = queueLayout(roi, sizeof(T), watershedBytes(roi, sizeof(T)));
   uint8_t* base = alignUp(buffer, 8);
-  T* map = reinterpret_cast<T*>(base + lay.labels);
-  // Pixels are numbered by their framed index less that of the first interior pixel, so that the
-  // label and level of pixel r are first[r] and lev[r].
-  T* first = map + fw + 1;
-  Kvl8u* lev = base + lay.levels;
+  Cell* map = reinterpret_cast<Cell*>(base + lay.cells);
+  // Pixels are numbered by their framed index less that of the first interior pixel: pixel r is
+  // first[r].
+  Cell* first = map + fw + 1;
   LevelQueues queues(reinterpret_cast<int32_t*>(base + lay.chunks), lay.chunk);
   const Offsets o(fw);
 
-  copyIn(marker, markerStep, roi, map, boundary);
-  for (int y = 0; y < h; ++y)
-    std::memcpy(lev + static_cast<ptrdiff_t>(y) * fw, rowPtr(src, srcStep, y), static_cast<size_t>(w));
+  // The markers and the relief into the cells; the frame reads as the boundary (its levels are
+  // never read).
+  for (ptrdiff_t i = 0; i < fw; ++i) {
+    map[i] = {boundary, 0};
+    map[(h + 1) * fw + i] = {boundary, 0};
+  }
+  for (int y = 0; y < h; ++y) {
+    Cell* row = first + y * fw;
+    const T* labels = rowPtr(marker, markerStep, y);
+    const Kvl8u* levels = rowPtr(src, srcStep, y);
+    row[-1] = {boundary, 0};
+    row[w] = {boundary, 0};
+    for (int x = 0; x < w; ++x) row[x] = {labels[x], levels[x]};
+  }
   // Labelled pixels beside an unlabelled one join the queue of their own level. Runs of
   // unlabelled pixels are skipped a word at a time.
-  constexpr int kPerWord = 8 / sizeof(T);
+  constexpr int kPerWord = 8 / sizeof(Cell);
+  uint64_t labelBits = 0;
+  {
+    Cell ones[kPerWord];
+    std::memset(ones, 0, sizeof(ones));
+    for (Cell& c : ones) c.label = static_cast<T>(~T{0});
+    std::memcpy(&labelBits, ones, 8);
+  }
   for (int y = 0; y < h; ++y) {
     const int32_t r0 = static_cast<int32_t>(y * fw);
-    const T* row = first + r0;
+    const Cell* row = first + r0;
     int x = 0;
     while (x < w) {
       if (x + kPerWord <= w) {
         uint64_t word;
         std::memcpy(&word, row + x, 8);
-        if (word == 0) {
+        if ((word & labelBits) == 0) {
           x += kPerWord;
           continue;
         }
       }
-      if (row[x] != 0) {
+      if (row[x].label != 0) {
         for (int k = 0; k < kNb; ++k) {
-          if (row[x + o.d[k]] == 0) {
-            queues.push(lev[r0 + x], r0 + x);
+          if (row[x + o.d[k]].label == 0) {
+            queues.push(row[x].level, r0 + x);
             break;
           }
         }
@@ -253,11 +280,14 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
   for (int level = 0; level < kLevels; ++level) {
     while (!queues.empty(level)) {
       const int32_t r = queues.pop(level);
-      reach<T, kNb>(first + r, lev, r, level, o.d, boundary, queues,
-                    std::make_index_sequence<kNb>{});
+      reach<T, kNb>(first + r, r, level, o.d, boundary, queues, std::make_index_sequence<kNb>{});
     }
   }
-  copyOut(map, roi, marker, markerStep);
+  for (int y = 0; y < h; ++y) {
+    const Cell* row = first + y * fw;
+    T* labels = rowPtr(marker, markerStep, y);
+    for (int x = 0; x < w; ++x) labels[x] = row[x].label;
+  }
 }
 
 // --- Distance method ----------------------------------------------------------------------------
