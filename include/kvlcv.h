@@ -1236,10 +1236,10 @@ KVL_API KvlStatus kvliFloodFill_Grad8Con_32f_C3IR(Kvl32f* pImage, int imageStep,
  * in order of increasing level; pixels no marker can reach stay 0, and an image without labels is
  * left unchanged. The method is chosen by flag:
  * - bit value 1, priority-queue flooding (norm 0: 8 neighbours, 1: 4 neighbours). The buffer
- *   holds width * height 16-byte nodes {next, column, row} chained into a free list in address
- *   order (a popped node goes back to its head) and the markers copied into a map with a one-pixel
- *   frame of B, which is never flooded; the 256 level queues (first in, first out) live on the
- *   stack. A scan in row order appends every pixel with a label > 0 (B included) that has an
+ *   holds the markers, each beside its relief level, copied into a map with a one-pixel frame of
+ *   B, which is never flooded, and the entries of the 256 level queues (first in, first out),
+ *   32-bit pixel indices in chunks of up to 64 that go back to a free list once read; the
+ *   buffer's contents after the call are unspecified. A scan in row order appends every pixel with a label > 0 (B included) that has an
  *   unlabelled neighbour to the queue of its own level pSrc(x, y). Flooding takes the lowest
  *   non-empty level L, pops its front pixel p with label lp and, for each unlabelled neighbour q
  *   in the order left, right, up, down, up-left, up-right, down-left, down-right (the diagonals

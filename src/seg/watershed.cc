@@ -17,6 +17,8 @@
 
 #include <climits>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 #include "core/check.h"
 #include "core/parallel.h"
@@ -34,10 +36,6 @@ struct Offsets {
   ptrdiff_t d[8];
   explicit Offsets(ptrdiff_t fw) : d{-1, 1, -fw, fw, -fw - 1, -fw + 1, fw - 1, fw + 1} {}
 };
-
-// The same neighbours as column and row steps.
-constexpr int kDx[8] = {-1, 1, 0, 0, -1, 1, -1, 1};
-constexpr int kDy[8] = {0, 0, -1, 1, -1, -1, 1, 1};
 
 // The markers into the framed map, the frame set to the boundary value.
 template <class T>
@@ -65,22 +63,32 @@ void copyOut(const T* map, KvliSize roi, T* marker, int step) {
                 static_cast<size_t>(roi.width) * sizeof(T));
 }
 
+// A label in a plain map or in the queue method's cells.
+template <class T>
+inline T& labelOf(T& v) {
+  return v;
+}
+template <class T>
+inline T& labelOf(QueueCell<T>& c) {
+  return c.label;
+}
+
 // Boundary marking, in row order and in place: a pixel with a region label that has a neighbour
 // (the first `n` of the offsets: 4 or 8) with another region label becomes the boundary value.
 // A pixel marked earlier in the scan therefore no longer counts as a region for the ones after it.
-template <class T>
-void markBounds(T* map, KvliSize roi, T boundary, int n) {
+template <class E, class T>
+void markBounds(E* map, KvliSize roi, T boundary, int n) {
   const ptrdiff_t fw = roi.width + 2;
   const Offsets o(fw);
   for (int y = 0; y < roi.height; ++y) {
-    T* row = map + (y + 1) * fw + 1;
+    E* row = map + (y + 1) * fw + 1;
     for (int x = 0; x < roi.width; ++x) {
-      const T v = row[x];
+      const T v = labelOf(row[x]);
       if (v == 0 || v == boundary) continue;
       for (int k = 0; k < n; ++k) {
-        const T u = row[x + o.d[k]];
+        const T u = labelOf(row[x + o.d[k]]);
         if (u != 0 && u != boundary && u != v) {
-          row[x] = boundary;
+          labelOf(row[x]) = boundary;
           break;
         }
       }
@@ -94,58 +102,175 @@ int boundsNeighbours(int flag) {
 
 // --- Priority-queue flooding --------------------------------------------------------------------
 
+// The label of a newly reached pixel q, entered from p (its neighbour in direction kFrom) with
+// label lp: lp, unless q has another neighbour with a different region label. Scanning q's other
+// neighbours in offset order, such a label turns a region label into the boundary value (and ends
+// the scan), and the boundary value into that label.
+template <int kNb, int kFrom, class T>
+inline T decide(const QueueCell<T>* q, const ptrdiff_t (&d)[8], T lp, T boundary) {
+  constexpr int kOpposite[8] = {1, 0, 3, 2, 7, 6, 5, 4};
+  constexpr int skip = kOpposite[kFrom];
+  // Mostly every other neighbour is unlabelled, the boundary or lp itself: test that first.
+  bool foreign = false;
+  for (int j = 0; j < kNb; ++j) {
+    if (j == skip) continue;
+    const T u = q[d[j]].label;
+    foreign |= (u != 0) & (u != boundary) & (u != lp);
+  }
+  if (!foreign) return lp;
+  T v = lp;
+  for (int j = 0; j < kNb; ++j) {
+    if (j == skip) continue;
+    const T u = q[d[j]].label;
+    if (u == 0 || u == boundary || u == v) continue;
+    if (v != boundary) return boundary;
+    v = u;
+  }
+  return v;
+}
+
+// The level queues: chains of chunks (see QueueLayout). A queue's read pointer is null when it
+// is empty; its write pointer is the slot after its last entry, a chunk start when that chunk is
+// full.
+class LevelQueues {
+ public:
+  LevelQueues(int32_t* pool, int chunk) : pool_(pool), mask_(chunk - 1), fresh_(pool) {
+    for (int i = 0; i < kLevels; ++i) read_[i] = write_[i] = nullptr;
+  }
+  bool empty(int level) const { return read_[level] == nullptr; }
+  void push(int level, int32_t r) {
+    int32_t* w = write_[level];
+    if (w == nullptr || offset(w) == 0) {
+      int32_t* c = take();
+      if (w == nullptr) {
+        read_[level] = c + 1;
+      } else {
+        w[-(mask_ + 1)] = static_cast<int32_t>(c - pool_);
+      }
+      w = c + 1;
+    }
+    *w = r;
+    write_[level] = w + 1;
+  }
+  // The front entry of a queue that is not empty, taken off.
+  int32_t pop(int level) {
+    int32_t* p = read_[level];
+    const int32_t r = *p++;
+    if (p == write_[level]) {
+      give(p - 1 - offset(p - 1));
+      read_[level] = write_[level] = nullptr;
+    } else if (offset(p) == 0) {
+      int32_t* c = p - (mask_ + 1);
+      read_[level] = pool_ + c[0] + 1;
+      give(c);
+    } else {
+      read_[level] = p;
+    }
+    return r;
+  }
+
+ private:
+  ptrdiff_t offset(const int32_t* p) const { return (p - pool_) & mask_; }
+  int32_t* take() {
+    if (free_ == nullptr) {
+      int32_t* c = fresh_;
+      fresh_ += mask_ + 1;
+      return c;
+    }
+    int32_t* c = free_;
+    free_ = c[0] < 0 ? nullptr : pool_ + c[0];
+    return c;
+  }
+  void give(int32_t* c) {
+    c[0] = free_ == nullptr ? -1 : static_cast<int32_t>(free_ - pool_);
+    free_ = c;
+  }
+
+  int32_t* pool_;
+  ptrdiff_t mask_;
+  int32_t* fresh_;
+  int32_t* free_ = nullptr;
+  int32_t* read_[kLevels];
+  int32_t* write_[kLevels];
+};
+
+template <class T, int kNb, size_t... kK>
+inline void reach(QueueCell<T>* p, int32_t r, int level, const ptrdiff_t (&d)[8], T boundary,
+                  LevelQueues& queues, std::index_sequence<kK...>) {
+  const T lp = p->label;
+  // Every unlabelled neighbour joins the queue of its level (a lower one the current level) and
+  // takes its label at once, in offset order.
+  auto one = [&]<int k>(std::integral_constant<int, k>) {
+    QueueCell<T>* q = p + d[k];
+    if (q->label != 0) return;
+    const int lq = q->level;
+    queues.push(lq > level ? lq : level, r + static_cast<int32_t>(d[k]));
+    q->label = decide<kNb, k>(q, d, lp, boundary);
+  };
+  (one(std::integral_constant<int, static_cast<int>(kK)>{}), ...);
+}
+
 template <class T, int kNb>
 void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi, int flag,
                 Kvl8u* buffer, T boundary) {
+  using Cell = QueueCell<T>;
   const int w = roi.width, h = roi.height;
   const ptrdiff_t fw = w + 2;
-  const size_t n = static_cast<size_t>(w) * h;
-  QueueNode* pool = reinterpret_cast<QueueNode*>(alignUp(buffer, 8));
-  T* map = reinterpret_cast<T*>(pool + n);
+  const QueueLayout lay = queueLayout(roi, sizeof(T), watershedBytes(roi, sizeof(T)));
+  uint8_t* base = alignUp(buffer, 8);
+  Cell* map = reinterpret_cast<Cell*>(base + lay.cells);
+  // Pixels are numbered by their framed index less that of the first interior pixel: pixel r is
+  // first[r].
+  Cell* first = map + fw + 1;
+  LevelQueues queues(reinterpret_cast<int32_t*>(base + lay.chunks), lay.chunk);
   const Offsets o(fw);
-  ptrdiff_t srcOff[8];
-  for (int k = 0; k < 8; ++k) srcOff[k] = static_cast<ptrdiff_t>(kDy[k]) * srcStep + kDx[k];
 
-  // The free list holds the pool in address order, and a popped node goes back to its head. The
-  // nodes never taken yet are the list's tail in address order, so the list is the returned
-  // nodes (most recent first) followed by the pool from `fresh` on; it is chained as it goes.
-  QueueNode* returned = nullptr;
-  QueueNode* fresh = pool;
-  LevelQueue queue[kLevels];
-  for (LevelQueue& q : queue) q = {nullptr, nullptr};
-  auto push = [&](int level, int x, int y) {
-    QueueNode* node;
-    if (returned != nullptr) {
-      node = returned;
-      returned = node->next;
-    } else {
-      node = fresh++;
-    }
-    node->next = nullptr;
-    node->x = x;
-    node->y = y;
-    LevelQueue& q = queue[level];
-    if (q.tail != nullptr) {
-      q.tail->next = node;
-    } else {
-      q.head = node;
-    }
-    q.tail = node;
-  };
-
-  copyIn(marker, markerStep, roi, map, boundary);
-  // Labelled pixels beside an unlabelled one join the queue of their own level.
+  // The markers and the relief into the cells; the frame reads as the boundary (its levels are
+  // never read).
+  for (ptrdiff_t i = 0; i < fw; ++i) {
+    map[i] = {boundary, 0};
+    map[(h + 1) * fw + i] = {boundary, 0};
+  }
   for (int y = 0; y < h; ++y) {
-    const T* row = map + (y + 1) * fw + 1;
-    const Kvl8u* level = rowPtr(src, srcStep, y);
-    for (int x = 0; x < w; ++x) {
-      if (row[x] == 0) continue;
-      for (int k = 0; k < kNb; ++k) {
-        if (row[x + o.d[k]] == 0) {
-          push(level[x], x, y);
-          break;
+    Cell* row = first + y * fw;
+    const T* labels = rowPtr(marker, markerStep, y);
+    const Kvl8u* levels = rowPtr(src, srcStep, y);
+    row[-1] = {boundary, 0};
+    row[w] = {boundary, 0};
+    for (int x = 0; x < w; ++x) row[x] = {labels[x], levels[x]};
+  }
+  // Labelled pixels beside an unlabelled one join the queue of their own level. Runs of
+  // unlabelled pixels are skipped a word at a time.
+  constexpr int kPerWord = 8 / sizeof(Cell);
+  uint64_t labelBits = 0;
+  {
+    Cell ones[kPerWord];
+    std::memset(ones, 0, sizeof(ones));
+    for (Cell& c : ones) c.label = static_cast<T>(~T{0});
+    std::memcpy(&labelBits, ones, 8);
+  }
+  for (int y = 0; y < h; ++y) {
+    const int32_t r0 = static_cast<int32_t>(y * fw);
+    const Cell* row = first + r0;
+    int x = 0;
+    while (x < w) {
+      if (x + kPerWord <= w) {
+        uint64_t word;
+        std::memcpy(&word, row + x, 8);
+        if ((word & labelBits) == 0) {
+          x += kPerWord;
+          continue;
         }
       }
+      if (row[x].label != 0) {
+        for (int k = 0; k < kNb; ++k) {
+          if (row[x + o.d[k]].label == 0) {
+            queues.push(row[x].level, r0 + x);
+            break;
+          }
+        }
+      }
+      ++x;
     }
   }
   // The boundary marking of the same scan changes labelled pixels only, which the queueing test
@@ -153,53 +278,16 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
   if (const int bn = boundsNeighbours(flag)) markBounds(map, roi, boundary, bn);
 
   for (int level = 0; level < kLevels; ++level) {
-    LevelQueue& q = queue[level];
-    while (q.head != nullptr) {
-      QueueNode* node = q.head;
-      q.head = node->next;
-      if (q.head == nullptr) q.tail = nullptr;
-      const int px = node->x, py = node->y;
-      node->next = returned;
-      returned = node;
-      // The queue outruns the caches on large plateaus: fetch ahead the third node from here,
-      // and the label and relief of the second one's pixel.
-      if (q.head != nullptr) {
-        if (const QueueNode* ahead = q.head->next) {
-          if (ahead->next != nullptr) __builtin_prefetch(ahead->next);
-          const T* at = map + (ahead->y + 1) * fw + (ahead->x + 1);
-          __builtin_prefetch(at - fw);
-          __builtin_prefetch(at);
-          __builtin_prefetch(at + fw);
-          __builtin_prefetch(src + static_cast<ptrdiff_t>(ahead->y) * srcStep + ahead->x);
-        }
-      }
-
-      T* p = map + (py + 1) * fw + (px + 1);
-      const Kvl8u* ps = src + static_cast<ptrdiff_t>(py) * srcStep + px;
-      const T lp = *p;
-      for (int k = 0; k < kNb; ++k) {
-        T* qp = p + o.d[k];
-        if (*qp != 0) continue;
-        const int lq = ps[srcOff[k]];
-        push(lq > level ? lq : level, px + kDx[k], py + kDy[k]);
-        // The label: lp, unless another region label is beside q.
-        T v = lp;
-        for (int j = 0; j < kNb; ++j) {
-          const T* r = qp + o.d[j];
-          if (r == p) continue;
-          const T u = *r;
-          if (u == 0 || u == boundary || u == v) continue;
-          if (v != boundary) {
-            v = boundary;
-            break;
-          }
-          v = u;
-        }
-        *qp = v;
-      }
+    while (!queues.empty(level)) {
+      const int32_t r = queues.pop(level);
+      reach<T, kNb>(first + r, r, level, o.d, boundary, queues, std::make_index_sequence<kNb>{});
     }
   }
-  copyOut(map, roi, marker, markerStep);
+  for (int y = 0; y < h; ++y) {
+    const Cell* row = first + y * fw;
+    T* labels = rowPtr(marker, markerStep, y);
+    for (int x = 0; x < w; ++x) labels[x] = row[x].label;
+  }
 }
 
 // --- Distance method ----------------------------------------------------------------------------

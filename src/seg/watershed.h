@@ -12,20 +12,43 @@ namespace kvl::seg {
 
 // --- Priority-queue method ----------------------------------------------------------------------
 
-// A queued pixel: 16 bytes, chained into the free list or into one level's queue.
-struct QueueNode {
-  QueueNode* next;
-  int32_t x;
-  int32_t y;
-};
-static_assert(sizeof(QueueNode) == 16, "queue nodes are 16 bytes");
-
-// One first-in-first-out queue per grey level.
 constexpr int kLevels = 256;
-struct LevelQueue {
-  QueueNode* head;
-  QueueNode* tail;
+
+// The priority-queue method's layout in the buffer (its start rounded up to 8 bytes): the framed
+// map of cells, each a pixel's label beside its relief level (2 bytes for 8-bit labels, 4 for
+// 16-bit ones), so that one read of a neighbourhood brings both; then the queue chunks. Each
+// level's queue is a chain of chunks of `chunk` 32-bit slots, the first slot linking to the next
+// chunk and the others holding pixels in order; a chunk read to its end goes back to a free
+// list. A pixel joins a queue at most once (when it is labelled, or at the start when it already
+// was), so at most width * height entries are ever queued, and chunks never run out: the chunk is
+// the longest (of at most 64 slots) for which the buffer holds min(pixels, pixels / (chunk - 1)
+// + 257) chunks (two slots always fit).
+template <class T>
+struct QueueCell {
+  T label;
+  uint8_t level;
 };
+struct QueueLayout {
+  size_t cells, chunks;  // offsets from the aligned start
+  int chunk;             // slots per chunk, a power of two
+  size_t end;
+};
+inline QueueLayout queueLayout(KvliSize roi, int markerBytes, long long bufferBytes) {
+  const size_t fw = static_cast<size_t>(roi.width) + 2, fh = static_cast<size_t>(roi.height) + 2;
+  const size_t n = static_cast<size_t>(roi.width) * roi.height;
+  const size_t cellBytes = markerBytes == 1 ? sizeof(QueueCell<uint8_t>) : sizeof(QueueCell<uint16_t>);
+  QueueLayout l{};
+  l.cells = 0;
+  l.chunks = (fw * fh * cellBytes + 3) / 4 * 4;
+  const size_t room = static_cast<size_t>(bufferBytes) - 7 - l.chunks;
+  for (int c = 64; c >= 2; c /= 2) {
+    const size_t spread = n / (c - 1) + 1 + 256;
+    l.chunk = c;
+    l.end = l.chunks + 4 * c * (spread < n ? spread : n);
+    if (l.end - l.chunks <= room) break;
+  }
+  return l;
+}
 
 // --- Distance method ----------------------------------------------------------------------------
 

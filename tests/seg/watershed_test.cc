@@ -110,6 +110,24 @@ TEST(Watershed, MatchesModel) {
   }
 }
 
+// Images large enough for the queues' longest chunks, with long queues on many levels at once:
+// chunks fill, chain and return to the free list in every pattern.
+TEST(Watershed, QueueMethodMatchesModelOnLargeImages) {
+  for (const WatershedMember& m : kMembers) {
+    std::mt19937 rng(17 + m.markerBytes);
+    for (const KvliSize roi : {KvliSize{300, 230}, KvliSize{700, 97}}) {
+      for (const Method& me : {Method{1, 0}, Method{1, 1}, Method{1 | 128, 0}}) {
+        Image<Kvl8u> src(roi.width, roi.height, 1, roi.width + 5);
+        std::vector<uint32_t> labels(static_cast<size_t>(roi.width) * roi.height);
+        randomCase(rng, src, labels, m.boundary);
+        EXPECT_EQ(run(m, src, labels, me.norm, me.flag),
+                  model(src, labels, m.boundary, me.norm, me.flag))
+            << m.name << " " << roi.width << "x" << roi.height << " flag " << me.flag;
+      }
+    }
+  }
+}
+
 // Two labels across a flat row meet in the middle: the pixel that sees both becomes the boundary.
 TEST(Watershed, PlateauBetweenTwoLabels) {
   for (const WatershedMember& m : kMembers) {
@@ -244,16 +262,26 @@ TEST(Watershed, BufferSizes) {
     EXPECT_EQ(m.getBufferSize({5, 0}, &bytes), kvlStatusBadSize);
     EXPECT_EQ(bytes, 7);
   }
-  // The distance method's layout fits the formula, threaded layouts included.
+  // Both methods' layouts fit the formula, the distance method's threaded layouts included, and
+  // the queue chunks can hold every pixel however the pixels spread over the levels.
   for (int s : {1, 2})
     for (int w = 1; w <= 300; w += (w < 20 ? 1 : 37))
-      for (int h = 1; h <= 300; h += (h < 20 ? 1 : 41))
+      for (int h = 1; h <= 300; h += (h < 20 ? 1 : 41)) {
+        const long long bytes = kvl::seg::watershedBytes({w, h}, s);
+        const kvl::seg::QueueLayout q = kvl::seg::queueLayout({w, h}, s, bytes);
+        const size_t n = static_cast<size_t>(w) * h, c = static_cast<size_t>(q.chunk);
+        EXPECT_LE(q.end + 7, static_cast<size_t>(bytes)) << w << "x" << h;
+        EXPECT_GE((q.end - q.chunks) / (4 * c), std::min(n, n / (c - 1) + 256)) << w << "x" << h;
+        if (n >= 1 << 16) {
+          EXPECT_EQ(q.chunk, 64) << w << "x" << h;
+        }
         for (int team : {1, 16}) {
           if (team > 1 && h < 8 * team) continue;
           EXPECT_LE(kvl::seg::distanceLayout({w, h}, s, team).end + 7,
                     static_cast<size_t>(kvl::seg::watershedBytes({w, h}, s)))
               << w << "x" << h << " team " << team;
         }
+      }
 }
 
 TEST(Watershed, ValidationOrderWritesNothing) {
