@@ -237,7 +237,7 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
     const Kvl8u* levels = rowPtr(src, srcStep, y);
     row[-1] = {boundary, 0};
     row[w] = {boundary, 0};
-    for (int x = 0; x < w; ++x) row[x] = {labels[x], levels[x]};
+    for (int x = 0; x < w; ++x) row[x] = {loadAny(labels + x), levels[x]};
   }
   // Labelled pixels beside an unlabelled one join the queue of their own level. Runs of
   // unlabelled pixels are skipped a word at a time.
@@ -286,7 +286,7 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
   for (int y = 0; y < h; ++y) {
     const Cell* row = first + y * fw;
     T* labels = rowPtr(marker, markerStep, y);
-    for (int x = 0; x < w; ++x) labels[x] = row[x].label;
+    for (int x = 0; x < w; ++x) storeAny(labels + x, row[x].label);
   }
 }
 
