@@ -342,9 +342,9 @@ struct Filler {
   }
 
   // Asks for the pixels of columns [from - kGroup, to + kGroup] of row y a cache line at a time.
-  // A Grad fill mostly follows a region from row to row: the record popped next is most often
-  // a run just found in the row ahead, so that row and the one after it are fetched while the
-  // walks of this record run. Rows lie a step apart, where the hardware does not look ahead.
+  // A fill mostly follows a region from row to row: the record popped next is most often a run
+  // just found in the row ahead, so that row and the one after it are fetched while the walks
+  // of this record run. Rows lie a step apart, where the hardware does not look ahead.
   // (Inlined by force: a call to a function that only prefetches may be dropped as pure.)
   HWY_INLINE void prefetchRow(int y, int from, int to) const {
     if (y < 0 || y >= h) return;
@@ -395,6 +395,10 @@ struct Filler {
         const int yf = s.y - s.dir, yb = s.y + s.dir;
         const int from = kConn == 8 ? std::max(s.xl - 1, 0) : s.xl;
         const int to = kConn == 8 ? std::min(s.xr + 1, w - 1) : s.xr;
+        if constexpr (sizeof(T) * kC > 1) {
+          prefetchRow(yf, from, to);
+          prefetchRow(yf - s.dir, from, to);
+        }
         if (yf >= 0 && yf < h) walk(ops, yf, from, to, s, s.dir);
         walk(ops, yb, from, s.pl - 1, s, -s.dir);
         walk(ops, yb, s.pr + 1, to, s, -s.dir);
