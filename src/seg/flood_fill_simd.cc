@@ -24,8 +24,8 @@
 namespace kvl::seg {
 // The most pixels a group holds: sixteen 8u pixels; 16u and 32f as many as a vector holds.
 constexpr int kGroup = 16;
-// The most bytes of a row's stretch a fill prefetches: a long run's row is streamed by the
-// hardware once its start has been asked for.
+// The longest stretch of a row (in bytes) that a fill prefetches: longer ones are streamed by
+// the hardware, and asking for them as well only slows a fill of long runs.
 constexpr long long kPrefetchBytes = 4096;
 
 // The Grad fill's visited map, a bit per pixel: row y's bits start at byte (y + 1) * stride, bit
@@ -354,7 +354,7 @@ struct Filler {
     from = std::max(from - kGroup, 0), to = std::min(to + kGroup, w - 1);
     const Kvl8u* p = reinterpret_cast<const Kvl8u*>(at(from, y));
     const Kvl8u* end = reinterpret_cast<const Kvl8u*>(at(to, y) + kC);
-    if (end - p > kPrefetchBytes) end = p + kPrefetchBytes;
+    if (end - p > kPrefetchBytes) return;
     for (; p < end; p += 64) hwy::Prefetch(p);
     hwy::Prefetch(end - 1);
   }
