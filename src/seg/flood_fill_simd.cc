@@ -344,7 +344,8 @@ struct Filler {
     }
   }
 
-  // Asks for the pixels of columns [from - kGroup, to + kGroup] of row y a cache line at a time.
+  // Asks for the pixels of columns [from - kGroup, to + kGroup] of row y a cache line at a time,
+  // when they take at most kPrefetchBytes.
   // A fill mostly follows a region from row to row: the record popped next is most often a run
   // just found in the row ahead, so that row and the one after it are fetched while the walks
   // of this record run. Rows lie a step apart, where the hardware does not look ahead.
