@@ -1159,8 +1159,9 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
  * run first, then records popped last in, first out; a popped run looks at the row y - dir over
  * its own columns (one more each side when 8-connected) and at the row y + dir outside its
  * parent run. Exact and Range fills repaint a pixel when it joins; the Grad fill marks joined
- * pixels in a visited map (the buffer's first (width + 2) x (height + 2) bytes, with a frame read
- * as visited) and repaints a run when its record is popped. A one-row image fills only the seed
+ * pixels in a visited map (kept in the buffer's first (width + 2) x (height + 2) bytes, one bit
+ * or one byte per pixel by target, with a frame read as visited) and repaints a run when its
+ * record is popped. A one-row image fills only the seed
  * run (exact and Range). The Range stack holds at most (width x height) / 4 records: a push that
  * brings the count to that capacity sets it back to 0, so later records overwrite the oldest,
  * and the fill ends when the count is 0 after a pop; a capacity of 0 or 1 fills only the seed

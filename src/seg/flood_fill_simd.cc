@@ -9,6 +9,7 @@
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "seg/flood_fill_simd.cc"
 #include <hwy/foreach_target.h>  // must come before highway.h
+#include <hwy/cache_control.h>
 #include <hwy/highway.h>
 
 #include <algorithm>
@@ -23,6 +24,50 @@
 namespace kvl::seg {
 // The most pixels a group holds: sixteen 8u pixels; 16u and 32f as many as a vector holds.
 constexpr int kGroup = 16;
+// The longest stretch of a row (in bytes) that a fill prefetches: longer ones are streamed by
+// the hardware, and asking for them as well only slows a fill of long runs.
+constexpr long long kPrefetchBytes = 4096;
+
+// The Grad fill's visited map, a bit per pixel: row y's bits start at byte (y + 1) * stride, bit
+// x + 1 (bit k of a row is bit k % 8 of its byte k / 8), so the frame is column -1 and column w,
+// row -1 and row h, all set. An eighth of the byte map's traffic: clearing it per call and its
+// misses while the fill follows a region from row to row cost that much less. It lies in the
+// map's (w + 2) x (h + 2) bytes with eight bytes to spare for the word reads of its last rows, so
+// the stack stays where the layout puts it.
+struct VisitedBits {
+  Kvl8u* base;
+  long long stride;
+
+  VisitedBits(Kvl8u* map, int w, int h) : base(map), stride((w + 2 + 7) / 8) {
+    std::memset(base, 0, static_cast<size_t>(stride * (h + 2)));
+    std::memset(base, 0xff, static_cast<size_t>(stride));
+    std::memset(base + (h + 1) * stride, 0xff, static_cast<size_t>(stride));
+    for (int y = 0; y < h; ++y) set(row(y), -1), set(row(y), w);
+  }
+  Kvl8u* row(int y) const { return base + (y + 1) * stride; }
+
+  static bool test(const Kvl8u* r, int x) { return (r[(x + 1) >> 3] >> ((x + 1) & 7)) & 1; }
+  static void set(Kvl8u* r, int x) { r[(x + 1) >> 3] |= static_cast<Kvl8u>(1u << ((x + 1) & 7)); }
+  // The bits of columns x, x + 1, ... (at least 57 of them) from bit 0 up.
+  static uint64_t window(const Kvl8u* r, int x) {
+    uint64_t v;
+    std::memcpy(&v, r + ((x + 1) >> 3), sizeof v);
+    return v >> ((x + 1) & 7);
+  }
+  // Columns lo .. hi set.
+  static void mark(Kvl8u* r, int lo, int hi) {
+    int b0 = lo + 1;
+    const int b1 = hi + 1;
+    const int k0 = b0 >> 3, k1 = b1 >> 3;
+    if (k0 == k1) {
+      r[k0] |= static_cast<Kvl8u>((0xffu << (b0 & 7)) & (0xffu >> (7 - (b1 & 7))));
+      return;
+    }
+    r[k0] |= static_cast<Kvl8u>(0xffu << (b0 & 7));
+    if (k1 > k0 + 1) std::memset(r + k0 + 1, 0xff, static_cast<size_t>(k1 - k0 - 1));
+    r[k1] |= static_cast<Kvl8u>(0xffu >> (7 - (b1 & 7)));
+  }
+};
 }  // namespace kvl::seg
 #endif
 
@@ -74,18 +119,6 @@ struct Group {
     for (const int n = lanes(); x + n - 1 <= hi; x += n) store(p, row, x);
     for (; x <= hi; ++x)
       for (int c = 0; c < kC; ++c) storeAny(row + static_cast<long long>(x) * kC + c, v[c]);
-  }
-  // Lanes whose visited byte is 0.
-  static HWY_INLINE M fresh(const Kvl8u* seen) {
-    const D d;
-    if constexpr (sizeof(T) == 1) {
-      return hn::Eq(hn::LoadU(d, seen), hn::Zero(d));
-    } else {
-      using U = hwy::MakeUnsigned<T>;
-      const hn::Rebind<U, D> du;
-      const auto s = hn::PromoteTo(du, hn::LoadU(hn::Rebind<uint8_t, D>(), seen));
-      return hn::RebindMask(d, hn::Eq(s, hn::Zero(du)));
-    }
   }
   // Lanes of v within [lo, hi] (integers by min and max, floats by ordered compares).
   static HWY_INLINE M within(V v, V lo, V hi) {
@@ -163,14 +196,16 @@ struct RunOps {
   void paint(T* row, int lo, int hi) const { G::paint(row, lo, hi, a.newVal); }
 };
 
-// Runs of one row under the Grad rule. row is the row being grown, seen its visited map (whose
-// frame makes index -1 and w read as visited), run the popped run's row (null for the seed run,
-// which grows against its own row only) and [xl, xr] the popped run.
+// Runs of one row under the Grad rule. row is the row being grown, vis its visited bits
+// (whose frame makes columns -1 and w read as visited), run the popped run's row (null for the
+// seed run, which grows against its own row only) and [xl, xr] the popped run. Lane masks meet
+// the visited bits as integers: bit k of both is lane k.
 template <class T, int kC>
 struct GradOps {
   using G = Group<T, kC>;
   using M = typename G::M;
   using V = typename G::V;
+  using VB = VisitedBits;
   const FillArgs<T>& a;
 
   static const T* px(const T* base, int x) { return base + static_cast<long long>(x) * kC; }
@@ -194,67 +229,67 @@ struct GradOps {
   }
 
   // The first x in [from, to] that is unvisited and within range of the run's pixel beside it.
-  int next(const T* row, const Kvl8u* seen, const T* run, int xl, int xr, int from, int to,
+  int next(const T* row, const Kvl8u* vis, const T* run, int xl, int xr, int from, int to,
            int w) const {
-    const typename G::D d;
     const int n = G::lanes();
     for (; from <= to && from < xl; ++from)
-      if (!seen[from] && one(px(row, from), px(run, xl))) return from;
+      if (!VB::test(vis, from) && one(px(row, from), px(run, xl))) return from;
     // Lanes beside the run, a group at a time; the last, partial group masked (its loads stay
-    // inside the row).
+    // inside the row). Stretches the fill has already covered are common (a sibling run took
+    // them): their pixels are not loaded at all.
     const int last = std::min(to, xr);
     for (int k = last - from + 1; k > 0; from += std::min(k, n), k = last - from + 1) {
       if (k < n && from + n > w) break;
-      M m = hn::And(G::fresh(seen + from), nearV(G::load(row, from), G::load(run, from)));
-      if (k < n) m = hn::And(m, hn::FirstN(d, static_cast<size_t>(k)));
-      if (!hn::AllFalse(d, m)) return from + static_cast<int>(hn::FindKnownFirstTrue(d, m));
+      const unsigned lanes = k < n ? (1u << k) - 1 : G::all();
+      const unsigned fresh = ~static_cast<unsigned>(VB::window(vis, from)) & lanes;
+      if (fresh == 0) continue;
+      const unsigned m = G::bits(nearV(G::load(row, from), G::load(run, from))) & fresh;
+      if (m != 0) return from + __builtin_ctz(m);
     }
     for (; from <= to; ++from)
-      if (!seen[from] && one(px(row, from), px(run, std::clamp(from, xl, xr)))) break;
+      if (!VB::test(vis, from) && one(px(row, from), px(run, std::clamp(from, xl, xr)))) break;
     return from;
   }
   // The run's left end grown from x: each pixel against its right neighbour.
-  int left(const T* row, const Kvl8u* seen, int x) const {
+  int left(const T* row, const Kvl8u* vis, int x) const {
+    if (VB::test(vis, x - 1)) return x;
     for (const int n = G::lanes(); x >= n; x -= n) {
       const int i = x - n;
-      const M pass = hn::And(G::fresh(seen + i), nearV(G::load(row, i), G::load(row, i + 1)));
-      const unsigned fail = ~G::bits(pass) & G::all();
+      const unsigned pass = G::bits(nearV(G::load(row, i), G::load(row, i + 1))) &
+                            ~static_cast<unsigned>(VB::window(vis, i));
+      const unsigned fail = ~pass & G::all();
       if (fail != 0) return i + (31 - __builtin_clz(fail)) + 1;
     }
-    while (!seen[x - 1] && one(px(row, x - 1), px(row, x))) --x;
+    while (!VB::test(vis, x - 1) && one(px(row, x - 1), px(row, x))) --x;
     return x;
   }
   // The right end grown from x: against the left neighbour or, up to xr, the run's pixel.
-  int right(const T* row, const Kvl8u* seen, const T* run, int xr, int x, int w) const {
-    const typename G::D d;
+  int right(const T* row, const Kvl8u* vis, const T* run, int xr, int x, int w) const {
     const int n = G::lanes();
     for (;;) {
       const int i = x + 1;  // lanes i .. i + n - 1
       if (i + n > w) {
-        if (seen[i] ||
+        if (VB::test(vis, i) ||
             !(one(px(row, i), px(row, x)) || (run != nullptr && x < xr && one(px(row, i), px(run, i)))))
           return x;
         ++x;
         continue;
       }
+      const unsigned fresh = ~static_cast<unsigned>(VB::window(vis, i)) & G::all();
       const typename G::Px p = G::load(row, i);
-      const M fresh = G::fresh(seen + i);
       // Lanes up to xr may also pass against the run's pixel beside them; beside the run, the
       // left neighbours are compared only when that test leaves a lane out.
       const int beside = run == nullptr ? 0 : std::clamp(xr - i + 1, 0, n);
-      M pass;
+      unsigned pass;
       if (beside == n) {
-        pass = nearV(p, G::load(run, i));
-        if (!hn::AllTrue(d, hn::And(fresh, pass)))
-          pass = hn::Or(pass, nearV(p, G::load(row, x)));
+        pass = G::bits(nearV(p, G::load(run, i)));
+        if ((pass & fresh) != G::all()) pass |= G::bits(nearV(p, G::load(row, x)));
       } else {
-        pass = nearV(p, G::load(row, x));
-        if (beside > 0)
-          pass = hn::Or(pass, hn::And(hn::FirstN(d, static_cast<size_t>(beside)),
-                                      nearV(p, G::load(run, i))));
+        pass = G::bits(nearV(p, G::load(row, x)));
+        if (beside > 0) pass |= G::bits(nearV(p, G::load(run, i))) & ((1u << beside) - 1);
       }
-      const M fail = hn::AndNot(hn::And(fresh, pass), hn::FirstN(d, kGroup));
-      if (!hn::AllFalse(d, fail)) return x + static_cast<int>(hn::FindKnownFirstTrue(d, fail));
+      const unsigned fail = ~(pass & fresh) & G::all();
+      if (fail != 0) return x + __builtin_ctz(fail);
       x += n;
     }
   }
@@ -271,7 +306,6 @@ struct Filler {
 
   T* line(int y) const { return rowPtr(image, step, y); }
   T* at(int x, int y) const { return line(y) + static_cast<long long>(x) * kC; }
-  Kvl8u* seenRow(int y) const { return l.map + static_cast<long long>(y + 1) * (w + 2) + 1; }
 
   void push(const Span& s) {
     if (kRule == kFillRange) {
@@ -295,44 +329,60 @@ struct Filler {
     }
   }
 
-  void walkGrad(const GradOps<T, kC>& ops, int y, int from, int to, const Span& p, int dir) {
+  void walkGrad(const GradOps<T, kC>& ops, const VisitedBits& vb, int y, int from, int to,
+                const Span& p, int dir) {
     if (y < 0 || y >= h) return;  // the map's frame rows: nothing joins there
-    Kvl8u* seen = seenRow(y);
+    Kvl8u* vis = vb.row(y);
     const T* run = line(p.y);
     const T* row = line(y);
-    for (int x = ops.next(row, seen, run, p.xl, p.xr, from, to, w); x <= to;
-         x = ops.next(row, seen, run, p.xl, p.xr, x, to, w)) {
-      const int lo = ops.left(row, seen, x), hi = rightEnd(ops, row, seen, run, p.xr, x);
-      std::memset(seen + lo, 1, static_cast<size_t>(hi - lo + 1));
+    for (int x = ops.next(row, vis, run, p.xl, p.xr, from, to, w); x <= to;
+         x = ops.next(row, vis, run, p.xl, p.xr, x, to, w)) {
+      const int lo = ops.left(row, vis, x), hi = ops.right(row, vis, run, p.xr, x, w);
+      VisitedBits::mark(vis, lo, hi);
       push({y, lo, hi, p.xl, p.xr, dir});
       x = hi + 2;
     }
   }
 
-  int rightEnd(const GradOps<T, kC>& ops, const T* row, const Kvl8u* seen, const T* run, int xr,
-               int x) const {
-    return ops.right(row, seen, run, xr, x, w);
+  // Asks for the pixels of columns [from - kGroup, to + kGroup] of row y a cache line at a time,
+  // when they take at most kPrefetchBytes.
+  // A fill mostly follows a region from row to row: the record popped next is most often a run
+  // just found in the row ahead, so that row and the one after it are fetched while the walks
+  // of this record run. Rows lie a step apart, where the hardware does not look ahead.
+  // (Inlined by force: a call to a function that only prefetches may be dropped as pure.)
+  HWY_INLINE void prefetchRow(int y, int from, int to) const {
+    if (y < 0 || y >= h) return;
+    from = std::max(from - kGroup, 0), to = std::min(to + kGroup, w - 1);
+    const Kvl8u* p = reinterpret_cast<const Kvl8u*>(at(from, y));
+    const Kvl8u* end = reinterpret_cast<const Kvl8u*>(at(to, y) + kC);
+    if (end - p > kPrefetchBytes) return;
+    for (; p < end; p += 64) hwy::Prefetch(p);
+    hwy::Prefetch(end - 1);
   }
 
   void run(int sx, int sy) {
     constexpr bool kGrad = kRule == kFillGrad;
     int lo = sx, hi = sx;
     if constexpr (kGrad) {
-      clearMap(l.map, w, h);
+      const VisitedBits vb(l.map, w, h);
       const GradOps<T, kC> ops{a};
-      Kvl8u* seen = seenRow(sy);
+      Kvl8u* vis = vb.row(sy);
       const T* row = line(sy);
-      lo = ops.left(row, seen, sx), hi = rightEnd(ops, row, seen, nullptr, -1, sx);
-      std::memset(seen + lo, 1, static_cast<size_t>(hi - lo + 1));
+      lo = ops.left(row, vis, sx), hi = ops.right(row, vis, nullptr, -1, sx, w);
+      VisitedBits::mark(vis, lo, hi);
       r = {0, lo, sy, hi, sy};
       push({sy, lo, hi, hi + 1, hi, 1});
       while (count > 0) {
         const Span s = l.stack[--count];
         widen(s);
         const int from = kConn == 8 ? s.xl - 1 : s.xl, to = kConn == 8 ? s.xr + 1 : s.xr;
-        walkGrad(ops, s.y - s.dir, from, to, s, s.dir);
-        walkGrad(ops, s.y + s.dir, from, s.pl - 1, s, -s.dir);
-        walkGrad(ops, s.y + s.dir, s.pr + 1, to, s, -s.dir);
+        if constexpr (sizeof(T) * kC > 1) {  // one-byte rows come in fast enough by themselves
+          prefetchRow(s.y - s.dir, from, to);
+          prefetchRow(s.y - 2 * s.dir, from, to);
+        }
+        walkGrad(ops, vb, s.y - s.dir, from, to, s, s.dir);
+        walkGrad(ops, vb, s.y + s.dir, from, s.pl - 1, s, -s.dir);
+        walkGrad(ops, vb, s.y + s.dir, s.pr + 1, to, s, -s.dir);
         paintRun(line(s.y), s.xl, s.xr);
         r.area += s.xr - s.xl + 1;
       }
@@ -350,6 +400,10 @@ struct Filler {
         const int yf = s.y - s.dir, yb = s.y + s.dir;
         const int from = kConn == 8 ? std::max(s.xl - 1, 0) : s.xl;
         const int to = kConn == 8 ? std::min(s.xr + 1, w - 1) : s.xr;
+        if constexpr (sizeof(T) * kC > 1) {
+          prefetchRow(yf, from, to);
+          prefetchRow(yf - s.dir, from, to);
+        }
         if (yf >= 0 && yf < h) walk(ops, yf, from, to, s, s.dir);
         walk(ops, yb, from, s.pl - 1, s, -s.dir);
         walk(ops, yb, s.pr + 1, to, s, -s.dir);

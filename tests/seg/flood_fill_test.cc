@@ -208,6 +208,22 @@ TEST(FloodFill, EveryMemberMatchesTheRegionModel) {
   }
 }
 
+// Grad fills track what they admitted in a visited map of a bit per pixel: the widths from 1 to
+// 40 put the run ends and the map's frame on every bit of a byte, and the stripes' runs start
+// and end at every offset of a byte and of a vector group.
+TEST(FloodFill, GradVisitedMapAtEveryWidth) {
+  uint32_t k = 1000;
+  for (const FloodFillMember& m : kMembers) {
+    if (m.rule != kFillGrad) continue;
+    for (int w = 1; w <= 40; ++w)
+      for (int kind : {1, 3}) {
+        const int h = 2 + w % 5;
+        const Picture p = pattern(m, w, h, kind, ++k);
+        expectModel(m, p, {w - 1 - w / 3, h / 2}, {{7, 5, 6}, {0, 0, 0}, {0, 0, 0}}, "widths");
+      }
+  }
+}
+
 // Float seeds: -0.0 equals 0.0 (and is already "equal" to a 0.0 newVal); NaN equals nothing,
 // so a NaN seed fills itself alone.
 TEST(FloodFill, FloatSpecials) {
