@@ -1157,17 +1157,17 @@ KVL_API KvlStatus kvliFastMarching_8u32f_C1R(const Kvl8u* pSrc, int srcStep, Kvl
  * The traversal is a span fill with an explicit stack of 24-byte records {y, xLeft, xRight,
  * parentLeft, parentRight, dir} in the work buffer (its pointer rounded up to 8 bytes): the seed
  * run first, then records popped last in, first out; a popped run looks at the row y - dir over
- * its own columns (one more each side when 8-connected) and at the row y + dir outside its
- * parent run. Exact and Range fills repaint a pixel when it joins; the Grad fill marks joined
- * pixels in a visited map (kept in the buffer's first (width + 2) x (height + 2) bytes, one bit
- * or one byte per pixel by target, with a frame read as visited) and repaints a run when its
- * record is popped. A one-row image fills only the seed
- * run (exact and Range). The Range stack holds at most (width x height) / 4 records: a push that
- * brings the count to that capacity sets it back to 0, so later records overwrite the oldest,
- * and the fill ends when the count is 0 after a pop; a capacity of 0 or 1 fills only the seed
- * run. No stack ever grows past the buffer that its size query gives: where an exact or Grad fill
- * of a dense diagonal pattern would need more records than fit, the records that do not fit are
- * dropped (their runs are repainted, their neighbours are not explored).
+ * its own columns (one more each side when 8-connected) and at the row y + dir outside its parent
+ * run. Exact and Range fills repaint a pixel when it joins; the Grad fill marks joined pixels in a
+ * visited map (kept in the buffer's first (width + 2) x (height + 2) bytes, one bit or one byte
+ * per pixel by target, with a frame read as visited) and repaints a run when its record is popped.
+ * A one-row image fills only the seed run (exact and Range). The Range stack holds at most
+ * (width x height) / 4 records: a push that brings the count to that capacity sets it back to 0,
+ * so later records overwrite the oldest, and the fill ends when the count is 0 after a pop; a
+ * capacity of 0 or 1 fills only the seed run. No stack ever grows past the buffer that its size
+ * query gives: where an exact or Grad fill of a dense diagonal pattern would need more records
+ * than fit, the records that do not fit are dropped (their runs are repainted, their neighbours
+ * are not explored).
  * kvliFloodFillGetSize (exact and Range): *pSize = 6 x width x height + 32;
  * kvliFloodFillGetSize_Grad: *pSize = (width + 2)(height + 2) + 16 x width x height + 64; both
  * computed in 64 bits and stored as 32 bits. Statuses: kvlStatusNullPointer, then
@@ -1239,14 +1239,15 @@ KVL_API KvlStatus kvliFloodFill_Grad8Con_32f_C3IR(Kvl32f* pImage, int imageStep,
  * - bit value 1, priority-queue flooding (norm 0: 8 neighbours, 1: 4 neighbours). The buffer
  *   holds the markers, each beside its relief level, copied into a map with a one-pixel frame of
  *   B, which is never flooded, and the entries of the 256 level queues (first in, first out),
- *   32-bit pixel indices in chunks of up to 64 that go back to a free list once read; the
- *   buffer's contents after the call are unspecified. A scan in row order appends every pixel with a label > 0 (B included) that has an
- *   unlabelled neighbour to the queue of its own level pSrc(x, y). Flooding takes the lowest
- *   non-empty level L, pops its front pixel p with label lp and, for each unlabelled neighbour q
- *   in the order left, right, up, down, up-left, up-right, down-left, down-right (the diagonals
- *   only for norm 0), appends q to the queue of level max(pSrc(q), L) and labels it: v = lp; for
- *   each neighbour of q other than p, in the same order, holding a region label different from v,
- *   v becomes B and the search stops if v was not B, otherwise v takes that label; q gets v.
+ *   32-bit pixel indices in chunks of up to 64 that go back to a free list once read; the buffer's
+ *   contents after the call are unspecified. A scan in row order appends every pixel with a
+ *   label > 0 (B included) that has an unlabelled neighbour to the queue of its own level
+ *   pSrc(x, y). Flooding takes the lowest non-empty level L, pops its front pixel p with label lp
+ *   and, for each unlabelled neighbour q in the order left, right, up, down, up-left, up-right,
+ *   down-left, down-right (the diagonals only for norm 0), appends q to the queue of level
+ *   max(pSrc(q), L) and labels it: v = lp; for each neighbour of q other than p, in the same
+ *   order, holding a region label different from v, v becomes B and the search stops if v was not
+ *   B, otherwise v takes that label; q gets v.
  * - bit value 2 without bit value 1, the distance method (norm 0: 8 neighbours, chessboard
  *   steps; 1: 4 neighbours, city-block steps; 2: 8 neighbours, axis steps 5 and diagonal steps 7;
  *   3: 4 neighbours with the upwind eikonal (fast-marching) update, 16 units per pixel). Every
