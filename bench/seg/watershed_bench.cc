@@ -90,7 +90,9 @@ const bool registered = [] {
     int flag, norm;
     std::vector<int> threads;
   };
-  const Case cases[] = {{"queue", 1, 1, {1}}, {"distance", 2, 1, {1, 2}}};
+  // The peer floods 4-connected; the 8-connected queue flood is shown beside it for its cost.
+  const Case cases[] = {
+      {"queue", 1, 1, {1}}, {"queue8", 1, 0, {1}}, {"distance", 2, 1, {1, 2}}};
   for (const Case& c : cases) {
     for (int threads : c.threads) {
       const int flag = c.flag, norm = c.norm;
