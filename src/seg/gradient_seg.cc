@@ -55,8 +55,9 @@ class Flood {
   }
 
   // Labels every regional minimum of the coarse relief g >> kSeedShift (a plateau, connected by
-  // the flooding's neighbourhood, with no lower neighbour) in row order of its first pixel with 1, 2, ..., 254,
-  // 1, 2, ... Visited plateaus carry 255 until the last pass clears the others again.
+  // the flooding's neighbourhood, with no lower neighbour) in row order of its first pixel with
+  // 1, 2, ..., 254, 1, 2, ... Visited plateaus carry 255 until the last pass clears the others
+  // again.
   void seedMinima() {
     int count = 0;
     int32_t* q = link_;

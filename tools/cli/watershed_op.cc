@@ -33,10 +33,10 @@ const char* const kWatershedDetails =
     "  from the markers over the relief in order of increasing height, and where two labels meet\n"
     "  the pixel becomes a watershed line. With --auto (or no --markers) every regional minimum of\n"
     "  the relief counted in steps of 12 levels (relief / 12: a plateau of 8-connected equal\n"
-    "  pixels with no lower neighbour) is a marker of its own. --method distance orders the pixels of a plateau by their distance from its\n"
-    "  labelled edge (chessboard steps with 8 neighbours, city-block with 4). The output colours\n"
-    "  each label, watershed lines white, pixels no marker reaches black. The report counts the\n"
-    "  markers, the labels and the line pixels.";
+    "  pixels with no lower neighbour) is a marker of its own. --method distance orders the pixels\n"
+    "  of a plateau by their distance from its labelled edge (chessboard steps with 8 neighbours,\n"
+    "  city-block with 4). The output colours each label, watershed lines white, pixels no marker\n"
+    "  reaches black. The report counts the markers, the labels and the line pixels.";
 
 namespace {
 
