@@ -12,7 +12,10 @@
 // every sweep order reaches, so they do not depend on the stripes. Labels then follow the keys:
 // a pixel takes the labels of the neighbours its key came from (its parents, all with smaller
 // keys), and parents of different labels make it a boundary pixel. That is a recursion down the
-// keys with one solution, which one pass in a topological order of the parents finds.
+// keys with one solution, which one pass in a topological order of the parents finds. With unit
+// steps (norms 0 and 1) the keys and the labels come together from one pass in key order, which
+// is such an order; the weighted and fast-marching norms (and images too small for that pass's
+// queues) sweep.
 #include "seg/watershed.h"
 
 #include <climits>
@@ -255,7 +258,7 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
     const Kvl8u* levels = rowPtr(src, srcStep, y);
     row[-1] = {boundary, 0};
     row[w] = {boundary, 0};
-    for (int x = 0; x < w; ++x) row[x] = {labels[x], levels[x]};
+    for (int x = 0; x < w; ++x) row[x] = {loadAny(labels + x), levels[x]};
   }
   // Labelled pixels beside an unlabelled one join the queue of their own level. Runs of
   // unlabelled pixels are skipped a word at a time.
@@ -304,7 +307,7 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
   for (int y = 0; y < h; ++y) {
     const Cell* row = first + y * fw;
     T* labels = rowPtr(marker, markerStep, y);
-    for (int x = 0; x < w; ++x) labels[x] = row[x].label;
+    for (int x = 0; x < w; ++x) storeAny(labels + x, row[x].label);
   }
 }
 
@@ -543,7 +546,7 @@ void floodBreadth(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kvli
     const T* labels = rowPtr(marker, markerStep, y);
     row[0] = row[fw - 1] = Cell{kWall, boundary, 0};
     for (int x = 0; x < w; ++x) {
-      const T v = labels[x];
+      const T v = loadAny(labels + x);
       if (v == 0) {
         row[x + 1] = Cell{kUnreached, 0, level[x]};
       } else {
@@ -575,11 +578,16 @@ void floodBreadth(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kvli
     Cell* c = cell + i;
     const uint32_t k = c->key;
     if (c->label == 0) {
-      // The parents: the reached neighbours of the least key.
-      uint32_t best = kUnreached;
-      for (int j = 0; j < kNb; ++j) {
-        const uint32_t u = c[o.d[j]].key;
-        best = u < best ? u : best;
+      // The parents: the reached neighbours of the least key. A pixel offered key + 1 was
+      // offered it by a neighbour of the least key (any lower one would have been taken, and
+      // have offered its own, before).
+      uint32_t best = k - 1;
+      if (from != kNext) {
+        best = kUnreached;
+        for (int j = 0; j < kNb; ++j) {
+          const uint32_t u = c[o.d[j]].key;
+          best = u < best ? u : best;
+        }
       }
       T plain = 0, least = 0;
       bool several = false;
@@ -623,7 +631,7 @@ void floodBreadth(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kvli
   for (int y = 0; y < h; ++y) {
     const Cell* row = cell + static_cast<size_t>(y + 1) * fw + 1;
     T* labels = rowPtr(marker, markerStep, y);
-    for (int x = 0; x < w; ++x) labels[x] = row[x].label;
+    for (int x = 0; x < w; ++x) storeAny(labels + x, row[x].label);
   }
 }
 
