@@ -589,9 +589,22 @@ void floodBreadth(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kvli
           best = u < best ? u : best;
         }
       }
-      T plain = 0, least = 0;
-      bool several = false;
+      // Mostly the parents carry one label and none is mixed: test that without branches first.
+      T one = 0;
       for (int j = 0; j < kNb; ++j) {
+        const Cell& pj = c[o.d[j]];
+        const T u = pj.key == best ? pj.label : T{0};
+        one = u > one ? u : one;
+      }
+      bool odd = false;
+      for (int j = 0; j < kNb; ++j) {
+        const Cell& pj = c[o.d[j]];
+        odd |= (pj.key == best) & ((pj.label != one) | (pj.aux != 0));
+      }
+      T plain = one, least = one;
+      bool several = false;
+      if (odd) plain = least = 0;
+      for (int j = 0; odd && j < kNb; ++j) {
         const Cell& pj = c[o.d[j]];
         if (pj.key != best) continue;
         const T u = pj.label;
