@@ -1261,8 +1261,12 @@ KVL_API KvlStatus kvliFloodFill_Grad8Con_32f_C3IR(Kvl32f* pImage, int imageStep,
  *   and t2 (the smaller key above or below) is min(t1, t2) + 16 when |t1 - t2| >= 16 or only
  *   one of them is reached, else floor((t1 + t2 + floor(sqrt(512 - (t1 - t2)^2))) / 2) but at
  *   least max(t1, t2) + 1. A distance beyond 23 bits carries into the level bits; a cost at or
- *   above 0x7FC00000 counts as not reaching the pixel. The keys are found by passes of a forward
- *   sweep (rows top to bottom, left to right) and a backward sweep until a pass lowers no key.
+ *   above 0x7FC00000 counts as not reaching the pixel. For norms 2 and 3 the keys are found by
+ *   passes of a forward sweep (rows top to bottom, left to right) and a backward sweep until a
+ *   pass lowers no key, the rows split among the permitted threads; for norms 0 and 1 (unit
+ *   steps) by one single-threaded pass in key order, which labels each pixel as it goes (some
+ *   images of a few thousand pixels or a few rows, whose buffer is too small for that pass's
+ *   queues, sweep).
  *   A pixel's parents are the neighbours its cost comes from (those attaining the minimum; for
  *   norm 3 the neighbours giving t1 and/or t2 as used). Its label: the label of its parents when
  *   they agree; B when the parents that are not themselves such B pixels disagree (the B pixel

@@ -12,7 +12,10 @@
 // every sweep order reaches, so they do not depend on the stripes. Labels then follow the keys:
 // a pixel takes the labels of the neighbours its key came from (its parents, all with smaller
 // keys), and parents of different labels make it a boundary pixel. That is a recursion down the
-// keys with one solution, which one pass in a topological order of the parents finds.
+// keys with one solution, which one pass in a topological order of the parents finds. With unit
+// steps (norms 0 and 1) the keys and the labels come together from one pass in key order, which
+// is such an order; the weighted and fast-marching norms (and images too small for that pass's
+// queues) sweep.
 #include "seg/watershed.h"
 
 #include <climits>
@@ -70,6 +73,10 @@ inline T& labelOf(T& v) {
 }
 template <class T>
 inline T& labelOf(QueueCell<T>& c) {
+  return c.label;
+}
+template <class T>
+inline T& labelOf(BreadthCell<T>& c) {
   return c.label;
 }
 
@@ -135,9 +142,22 @@ inline T decide(const QueueCell<T>* q, const ptrdiff_t (&d)[8], T lp, T boundary
 class LevelQueues {
  public:
   LevelQueues(int32_t* pool, int chunk) : pool_(pool), mask_(chunk - 1), fresh_(pool) {
-    for (int i = 0; i < kLevels; ++i) read_[i] = write_[i] = nullptr;
+    for (int i = 0; i <= kLevels; ++i) read_[i] = write_[i] = nullptr;
   }
   bool empty(int level) const { return read_[level] == nullptr; }
+  // The front entry of a queue that is not empty.
+  int32_t front(int level) const { return *read_[level]; }
+  // The entry `d` places behind the front of a queue that is not empty, if it is queued and in
+  // the front chunk; else nullptr.
+  const int32_t* behind(int level, int d) const {
+    const int32_t* p = read_[level];
+    if (offset(p) + d > mask_) return nullptr;
+    const int32_t* c = p - offset(p);
+    const int32_t* w = write_[level];
+    // The write pointer is in (or just past) the front chunk when that chunk is the last one.
+    if (w > c && w <= c + mask_ + 1 && p + d >= w) return nullptr;
+    return p + d;
+  }
   void push(int level, int32_t r) {
     int32_t* w = write_[level];
     if (w == nullptr || offset(w) == 0) {
@@ -190,8 +210,9 @@ class LevelQueues {
   ptrdiff_t mask_;
   int32_t* fresh_;
   int32_t* free_ = nullptr;
-  int32_t* read_[kLevels];
-  int32_t* write_[kLevels];
+  // One queue per level and one more.
+  int32_t* read_[kLevels + 1];
+  int32_t* write_[kLevels + 1];
 };
 
 template <class T, int kNb, size_t... kK>
@@ -487,6 +508,146 @@ void labelDown(const Field<T>& f, uint8_t* waiting, int32_t* stack) {
   }
 }
 
+// The distance method for unit steps, in one pass in key order. With every step costing 1, the
+// first cost a pixel is offered (max(its floor, key + 1) from the pixel being taken) is its key:
+// later pixels are taken at keys no smaller. Pixels whose key is key + 1 of the one taken join a
+// first-in-first-out queue, whose keys therefore never decrease; pixels entered at their level's
+// floor (and the markers) wait in one list per level, taken in any order when the queue's front
+// is not lower. A pixel's parents all have smaller keys, so they are labelled when it is taken,
+// and it is labelled then. A pixel waiting in a level's list holds, in place of its key, the next
+// one of that list with the top bit set: read as an unsigned key it is beyond every reached key.
+template <int kNorm, class T>
+void floodBreadth(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi,
+                  int flag, Kvl8u* buffer, T boundary) {
+  using Cell = BreadthCell<T>;
+  constexpr int kNb = kNorm == 0 ? 8 : 4;
+  constexpr uint32_t kUnreached = kKeyUnreached, kWall = kKeyWall;
+  constexpr int kNext = kLevels;  // the queue of keys one above the key taken
+  const int w = roi.width, h = roi.height;
+  const ptrdiff_t fw = w + 2;
+  const BreadthLayout lay = breadthLayout(roi, watershedBytes(roi, sizeof(T)));
+  uint8_t* base = alignUp(buffer, 8);
+  Cell* cell = reinterpret_cast<Cell*>(base + lay.cells);
+  LevelQueues queues(reinterpret_cast<int32_t*>(base + lay.chunks), lay.chunk);
+  const Offsets o(fw);
+  const size_t f = static_cast<size_t>(fw) * (h + 2);
+
+  int lowest = kLevels;  // no level's queue below this one holds a pixel
+  auto enlist = [&](int level, int32_t i) {
+    queues.push(level, i);
+    if (level < lowest) lowest = level;
+  };
+  // The frame and the markers with the boundary value are walls; the other markers join the
+  // queue of their level; unlabelled pixels keep their level in `aux`.
+  for (ptrdiff_t i = 0; i < fw; ++i) cell[i] = cell[f - fw + i] = Cell{kWall, boundary, 0};
+  for (int y = 0; y < h; ++y) {
+    Cell* row = cell + static_cast<size_t>(y + 1) * fw;
+    const Kvl8u* level = rowPtr(src, srcStep, y);
+    const T* labels = rowPtr(marker, markerStep, y);
+    row[0] = row[fw - 1] = Cell{kWall, boundary, 0};
+    for (int x = 0; x < w; ++x) {
+      const T v = loadAny(labels + x);
+      if (v == 0) {
+        row[x + 1] = Cell{kUnreached, 0, level[x]};
+      } else {
+        row[x + 1] = Cell{static_cast<uint32_t>(level[x]) << kLevelShift, v, 0};
+        if (v == boundary) row[x + 1].key = kWall;
+        else enlist(level[x], static_cast<int32_t>(row - cell + x + 1));
+      }
+    }
+  }
+
+  for (;;) {
+    while (lowest < kLevels && queues.empty(lowest)) ++lowest;
+    int from;
+    if (!queues.empty(kNext) &&
+        (lowest == kLevels || cell[queues.front(kNext)].key <= static_cast<uint32_t>(lowest) << kLevelShift)) {
+      from = kNext;
+    } else if (lowest < kLevels) {
+      from = lowest;
+    } else {
+      break;
+    }
+    // Pixels taken from a level's queue were queued long before: fetch ahead.
+    if (const int32_t* a = queues.behind(from, 8)) {
+      __builtin_prefetch(cell + *a - fw);
+      __builtin_prefetch(cell + *a);
+      __builtin_prefetch(cell + *a + fw);
+    }
+    const int32_t i = queues.pop(from);
+    Cell* c = cell + i;
+    const uint32_t k = c->key;
+    if (c->label == 0) {
+      // The parents: the reached neighbours of the least key. A pixel offered key + 1 was
+      // offered it by a neighbour of the least key (any lower one would have been taken, and
+      // have offered its own, before).
+      uint32_t best = k - 1;
+      if (from != kNext) {
+        best = kUnreached;
+        for (int j = 0; j < kNb; ++j) {
+          const uint32_t u = c[o.d[j]].key;
+          best = u < best ? u : best;
+        }
+      }
+      // Mostly the parents carry one label and none is mixed: test that without branches first.
+      T one = 0;
+      for (int j = 0; j < kNb; ++j) {
+        const Cell& pj = c[o.d[j]];
+        const T u = pj.key == best ? pj.label : T{0};
+        one = u > one ? u : one;
+      }
+      bool odd = false;
+      for (int j = 0; j < kNb; ++j) {
+        const Cell& pj = c[o.d[j]];
+        odd |= (pj.key == best) & ((pj.label != one) | (pj.aux != 0));
+      }
+      T plain = one, least = one;
+      bool several = false;
+      if (odd) plain = least = 0;
+      for (int j = 0; odd && j < kNb; ++j) {
+        const Cell& pj = c[o.d[j]];
+        if (pj.key != best) continue;
+        const T u = pj.label;
+        if (least == 0 || u < least) least = u;
+        if (pj.aux) continue;
+        if (plain == 0) {
+          plain = u;
+        } else if (u != plain) {
+          several = true;
+          if (u < plain) plain = u;
+        }
+      }
+      c->label = plain != 0 ? plain : least;
+      c->aux = several ? 1 : 0;
+    }
+    // The neighbours not yet offered a key.
+    for (int j = 0; j < kNb; ++j) {
+      Cell& q = c[o.d[j]];
+      if (q.key != kUnreached) continue;
+      const uint32_t lq = q.aux;
+      const uint32_t up = k + 1, fl = lq << kLevelShift;
+      if (up >= fl) {
+        if (up >= kUnreached) continue;
+        q.key = up;
+        queues.push(kNext, i + static_cast<int32_t>(o.d[j]));
+      } else {
+        q.key = fl;
+        enlist(static_cast<int>(lq), i + static_cast<int32_t>(o.d[j]));
+      }
+    }
+  }
+
+  // Pixels whose parents carry several labels are boundaries; then the labels go back.
+  for (size_t i = 0; i < f; ++i)
+    if (cell[i].label != 0 && cell[i].aux) cell[i].label = boundary;
+  if (const int bn = boundsNeighbours(flag)) markBounds(cell, roi, boundary, bn);
+  for (int y = 0; y < h; ++y) {
+    const Cell* row = cell + static_cast<size_t>(y + 1) * fw + 1;
+    T* labels = rowPtr(marker, markerStep, y);
+    for (int x = 0; x < w; ++x) storeAny(labels + x, row[x].label);
+  }
+}
+
 template <int kNorm, class T>
 void floodDistance(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi,
                    int flag, Kvl8u* buffer, T boundary) {
@@ -614,12 +775,21 @@ KvlStatus watershed(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kv
       floodQueue<T, 4>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
     }
   } else {
+    const bool breadthFits = breadthLayout(roi, watershedBytes(roi, sizeof(T))).chunk != 0;
     switch (norm) {
       case 0:
-        floodDistance<0>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        if (breadthFits) {
+          floodBreadth<0>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        } else {
+          floodDistance<0>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        }
         break;
       case 1:
-        floodDistance<1>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        if (breadthFits) {
+          floodBreadth<1>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        } else {
+          floodDistance<1>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        }
         break;
       case 2:
         floodDistance<2>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);

@@ -23,6 +23,21 @@ constexpr int kLevels = 256;
 // was), so at most width * height entries are ever queued, and chunks never run out: the chunk is
 // the longest (of at most 64 slots) for which the buffer holds min(pixels, pixels / (chunk - 1)
 // + 257) chunks (two slots always fit).
+// Chunks for queues of 32-bit entries, `queues` of them holding `entries` entries in all over
+// time: a chunk holds chunk - 1 entries, and chunks read to their end are taken again, so no
+// more than min(entries, entries / (chunk - 1) + 1 + queues) are ever in use. The chunk is the
+// longest power of two (2 .. 64 slots) whose chunks fit in `room` bytes, their bytes in `*bytes`;
+// 0 when none does.
+inline int queueChunk(size_t entries, size_t queues, size_t room, size_t* bytes) {
+  for (int c = 64; c >= 2; c /= 2) {
+    const size_t spread = entries / (c - 1) + 1 + queues;
+    *bytes = 4 * c * (spread < entries ? spread : entries);
+    if (*bytes <= room) return c;
+  }
+  *bytes = 0;
+  return 0;
+}
+
 template <class T>
 struct QueueCell {
   T label;
@@ -40,13 +55,9 @@ inline QueueLayout queueLayout(KvliSize roi, int markerBytes, long long bufferBy
   QueueLayout l{};
   l.cells = 0;
   l.chunks = (fw * fh * cellBytes + 3) / 4 * 4;
-  const size_t room = static_cast<size_t>(bufferBytes) - 7 - l.chunks;
-  for (int c = 64; c >= 2; c /= 2) {
-    const size_t spread = n / (c - 1) + 1 + 256;
-    l.chunk = c;
-    l.end = l.chunks + 4 * c * (spread < n ? spread : n);
-    if (l.end - l.chunks <= room) break;
-  }
+  size_t bytes = 0;
+  l.chunk = queueChunk(n, kLevels, static_cast<size_t>(bufferBytes) - 7 - l.chunks, &bytes);
+  l.end = l.chunks + bytes;
   return l;
 }
 
@@ -116,6 +127,37 @@ inline DistanceLayout distanceLayout(KvliSize roi, int markerBytes, int team) {
   l.halos = up(l.dirty + static_cast<size_t>(roi.height), 8);
   l.haloBytes = team > 1 ? 2 * fw * 4 : 0;
   l.end = l.halos + l.haloBytes * static_cast<size_t>(team > 1 ? team : 0);
+  return l;
+}
+
+// The distance method with unit steps (norms 0 and 1) floods in key order instead of sweeping,
+// from the start rounded up to 8 bytes: the framed map of cells, each a pixel's key, label and
+// one byte more (its relief level until it is labelled, then whether its parents carry several
+// labels), then queue chunks for 257 queues (one per level and one more) of at most width *
+// height entries in all. Small images that the buffer formula leaves too little room for sweep
+// instead (`chunk` 0).
+template <class T>
+struct BreadthCell {
+  uint32_t key;
+  T label;
+  uint8_t aux;
+};
+struct BreadthLayout {
+  size_t cells, chunks;  // offsets from the aligned start
+  int chunk;             // slots per chunk; 0: the layout does not fit
+  size_t end;
+};
+inline BreadthLayout breadthLayout(KvliSize roi, long long bufferBytes) {
+  const size_t f = (static_cast<size_t>(roi.width) + 2) * (static_cast<size_t>(roi.height) + 2);
+  const size_t n = static_cast<size_t>(roi.width) * roi.height;
+  static_assert(sizeof(BreadthCell<uint8_t>) == 8 && sizeof(BreadthCell<uint16_t>) == 8);
+  BreadthLayout l{};
+  l.cells = 0;
+  l.chunks = 8 * f;
+  const long long room = bufferBytes - 7 - static_cast<long long>(l.chunks);
+  size_t bytes = 0;
+  l.chunk = room > 0 ? queueChunk(n, kLevels + 1, static_cast<size_t>(room), &bytes) : 0;
+  l.end = l.chunks + bytes;
   return l;
 }
 

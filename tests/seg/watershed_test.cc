@@ -111,12 +111,14 @@ TEST(Watershed, MatchesModel) {
 }
 
 // Images large enough for the queues' longest chunks, with long queues on many levels at once:
-// chunks fill, chain and return to the free list in every pattern.
-TEST(Watershed, QueueMethodMatchesModelOnLargeImages) {
+// chunks fill, chain and return to the free list in every pattern (the queue method and the
+// distance method's unit-step norms both queue pixels).
+TEST(Watershed, QueuesMatchModelOnLargeImages) {
   for (const WatershedMember& m : kMembers) {
     std::mt19937 rng(17 + m.markerBytes);
     for (const KvliSize roi : {KvliSize{300, 230}, KvliSize{700, 97}}) {
-      for (const Method& me : {Method{1, 0}, Method{1, 1}, Method{1 | 128, 0}}) {
+      for (const Method& me : {Method{1, 0}, Method{1, 1}, Method{1 | 128, 0}, Method{2, 0},
+                               Method{2, 1}, Method{2 | 64, 1}}) {
         Image<Kvl8u> src(roi.width, roi.height, 1, roi.width + 5);
         std::vector<uint32_t> labels(static_cast<size_t>(roi.width) * roi.height);
         randomCase(rng, src, labels, m.boundary);
@@ -272,8 +274,19 @@ TEST(Watershed, BufferSizes) {
         const size_t n = static_cast<size_t>(w) * h, c = static_cast<size_t>(q.chunk);
         EXPECT_LE(q.end + 7, static_cast<size_t>(bytes)) << w << "x" << h;
         EXPECT_GE((q.end - q.chunks) / (4 * c), std::min(n, n / (c - 1) + 256)) << w << "x" << h;
+        EXPECT_GE(q.chunk, 2) << w << "x" << h;
         if (n >= 1 << 16) {
           EXPECT_EQ(q.chunk, 64) << w << "x" << h;
+        }
+        // The breadth-first distance layout, where it is used, fits and holds its queues.
+        const kvl::seg::BreadthLayout b = kvl::seg::breadthLayout({w, h}, bytes);
+        if (b.chunk != 0) {
+          const size_t cb = static_cast<size_t>(b.chunk);
+          EXPECT_LE(b.end + 7, static_cast<size_t>(bytes)) << w << "x" << h;
+          EXPECT_GE((b.end - b.chunks) / (4 * cb), std::min(n, n / (cb - 1) + 257)) << w << "x" << h;
+        }
+        if (n >= 1 << 16) {
+          EXPECT_NE(b.chunk, 0) << w << "x" << h;
         }
         for (int team : {1, 16}) {
           if (team > 1 && h < 8 * team) continue;
