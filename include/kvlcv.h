@@ -1261,21 +1261,24 @@ KVL_API KvlStatus kvliFloodFill_Grad8Con_32f_C3IR(Kvl32f* pImage, int imageStep,
  *   and t2 (the smaller key above or below) is min(t1, t2) + 16 when |t1 - t2| >= 16 or only
  *   one of them is reached, else floor((t1 + t2 + floor(sqrt(512 - (t1 - t2)^2))) / 2) but at
  *   least max(t1, t2) + 1. A distance beyond 23 bits carries into the level bits; a cost at or
- *   above 0x7FC00000 counts as not reaching the pixel. For norms 2 and 3 the keys are found by
- *   passes of a forward sweep (rows top to bottom, left to right) and a backward sweep until a
- *   pass lowers no key, the rows split among the permitted threads; for norms 0 and 1 (unit
- *   steps) by one single-threaded pass in key order, which labels each pixel as it goes (some
- *   images of a few thousand pixels or a few rows, whose buffer is too small for that pass's
- *   queues, sweep).
+ *   above 0x7FC00000 counts as not reaching the pixel.
  *   A pixel's parents are the neighbours its cost comes from (those attaining the minimum; for
  *   norm 3 the neighbours giving t1 and/or t2 as used). Its label: the label of its parents when
  *   they agree; B when the parents that are not themselves such B pixels disagree (the B pixel
  *   still carries the smallest of those labels for the pixels after it); when all its parents
- *   are such B pixels, the smallest label they carry. Parents always have smaller keys, so
- *   labels are given in one single-threaded pass that labels each pixel once its last parent is
- *   labelled. Keys and labels are the unique solution of these rules, whatever the sweep order,
- *   so the result does not depend on the thread count. Both methods run scalar on every vector
- *   target: each step depends on the one before it.
+ *   are such B pixels, the smallest label they carry. Parents always have smaller keys. Keys and
+ *   labels are the unique solution of these rules, however they are found, so the result does
+ *   not depend on the thread count. How they are found:
+ *   - norms 0 and 1 (unit steps): a flood in key order that labels each pixel as it takes it,
+ *     run in stripes of rows, one per permitted thread (up to 16, of at least 8 rows, on images
+ *     of at least 65536 pixels). Each stripe floods with copies of its neighbours' edge rows as
+ *     they stood after the previous pass; passes repeat, each revisiting only what the changed
+ *     copies reach, until no edge row changes. Images of a few thousand pixels or a few rows,
+ *     whose buffer is too small for the flood's queues, take the sweeps below.
+ *   - norms 2 and 3: passes of a forward sweep (rows top to bottom, left to right) and a
+ *     backward sweep, the rows split among the permitted threads, until a pass lowers no key;
+ *     then one single-threaded pass labels each pixel once its last parent is labelled.
+ *   Both methods run scalar on every vector target: each step depends on the one before it.
  * Bits 64 and 128 mark boundaries between labels, with 4 or 8 neighbours (128 wins when both are
  * set): in row order and in place, a pixel with a region label becomes B when a neighbour holds
  * another region label (so one of two touching pixels is marked). The queue method does this
@@ -1295,9 +1298,11 @@ KVL_API KvlStatus kvliFloodFill_Grad8Con_32f_C3IR(Kvl32f* pImage, int imageStep,
  * may lie at any address. pSrc must not overlap pMarker.
  * Threading: the priority-queue method is single-threaded; the distance method, when the
  * permitted thread count T >= 2, the die has several cores and the image has at least 65536
- * pixels, sweeps the keys over min(T, 16, height / 8) stripes of rows in parallel, each stripe
- * reading the rows beside it from copies taken at the start of every pass; a row is swept again
- * only when a key in it or beside it changed since its last sweep. */
+ * pixels, works on min(T, 16, height / 8) stripes of rows in parallel (with fewer threads from
+ * the runtime, a thread takes several stripes). Its unit-step flood passes copies of the edge
+ * rows between stripes as above; its sweeps read the rows beside a stripe from copies taken at
+ * the start of every pass, and sweep a row again only when a key in it or beside it changed
+ * since its last sweep. */
 KVL_API KvlStatus kvliSegmentWatershedGetBufferSize_8u_C1R(KvliSize roiSize, int* pBufSize);
 KVL_API KvlStatus kvliSegmentWatershedGetBufferSize_8u16u_C1R(KvliSize roiSize, int* pBufSize);
 KVL_API KvlStatus kvliSegmentWatershed_8u_C1IR(const Kvl8u* pSrc, int srcStep, Kvl8u* pMarker, int markerStep, KvliSize roiSize, int norm, int flag, Kvl8u* pBuffer);

@@ -185,6 +185,23 @@ void runStripesPhased(int team, int height, First&& first, Second&& second) {
   });
 }
 
+// Runs body(i) for every i in 0 .. count - 1, over a team of up to `team` threads: thread t of
+// the n the runtime gave takes t, t + n, ... A team of one runs them in order on the caller.
+// For work split into a fixed number of parts (so that the parts' layout in a buffer does not
+// depend on how many threads the runtime grants).
+template <class Body>
+void runEach(int team, int count, Body&& body) {
+  if (team <= 1 || count <= 1) {
+    for (int i = 0; i < count; ++i) body(i);
+    return;
+  }
+#pragma omp parallel num_threads(team)
+  {
+    const int n = owncvGetNumThreads(), t = owncvGetIdThreads();
+    for (int i = t; i < count; i += n) body(i);
+  }
+}
+
 // Spins (then yields) until `counter` reaches `target`; its acquire load orders what the threads
 // that raised it wrote before they did.
 inline void waitUntil(const std::atomic<int>& counter, int target) {

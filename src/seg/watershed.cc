@@ -13,13 +13,15 @@
 // a pixel takes the labels of the neighbours its key came from (its parents, all with smaller
 // keys), and parents of different labels make it a boundary pixel. That is a recursion down the
 // keys with one solution, which one pass in a topological order of the parents finds. With unit
-// steps (norms 0 and 1) the keys and the labels come together from one pass in key order, which
-// is such an order; the weighted and fast-marching norms (and images too small for that pass's
-// queues) sweep.
+// steps (norms 0 and 1) the keys and the labels come together from a flood in key order, which
+// is such an order (BreadthFlood, in stripes); the weighted and fast-marching norms (and images
+// too small for the flood's queues) sweep.
 #include "seg/watershed.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <type_traits>
 #include <utility>
 
@@ -81,19 +83,22 @@ inline T& labelOf(BreadthCell<T>& c) {
 }
 
 // Boundary marking, in row order and in place: a pixel with a region label that has a neighbour
-// (the first `n` of the offsets: 4 or 8) with another region label becomes the boundary value.
+// (the first `n` in offset order: 4 or 8) with another region label becomes the boundary value.
 // A pixel marked earlier in the scan therefore no longer counts as a region for the ones after it.
-template <class E, class T>
-void markBounds(E* map, KvliSize roi, T boundary, int n) {
-  const ptrdiff_t fw = roi.width + 2;
-  const Offsets o(fw);
+// rowAt(y) gives image row y's cells from column 0, for y from -1 to height, each row framed.
+template <class E, class T, class RowAt>
+void markBoundsRows(RowAt&& rowAt, KvliSize roi, T boundary, int n) {
   for (int y = 0; y < roi.height; ++y) {
-    E* row = map + (y + 1) * fw + 1;
+    E* row = rowAt(y);
+    E* up = rowAt(y - 1);
+    E* down = rowAt(y + 1);
     for (int x = 0; x < roi.width; ++x) {
       const T v = labelOf(row[x]);
       if (v == 0 || v == boundary) continue;
+      E* const nb[8] = {row + x - 1, row + x + 1, up + x,       down + x,
+                        up + x - 1,  up + x + 1,  down + x - 1, down + x + 1};
       for (int k = 0; k < n; ++k) {
-        const T u = labelOf(row[x + o.d[k]]);
+        const T u = labelOf(*nb[k]);
         if (u != 0 && u != boundary && u != v) {
           labelOf(row[x]) = boundary;
           break;
@@ -101,6 +106,11 @@ void markBounds(E* map, KvliSize roi, T boundary, int n) {
       }
     }
   }
+}
+template <class E, class T>
+void markBounds(E* map, KvliSize roi, T boundary, int n) {
+  const ptrdiff_t fw = roi.width + 2;
+  markBoundsRows<E>([&](int y) { return map + (y + 1) * fw + 1; }, roi, boundary, n);
 }
 
 int boundsNeighbours(int flag) {
@@ -158,7 +168,7 @@ class LevelQueues {
     if (w > c && w <= c + mask_ + 1 && p + d >= w) return nullptr;
     return p + d;
   }
-  void push(int level, int32_t r) {
+  [[gnu::always_inline]] void push(int level, int32_t r) {
     int32_t* w = write_[level];
     if (w == nullptr || offset(w) == 0) {
       int32_t* c = take();
@@ -173,7 +183,7 @@ class LevelQueues {
     write_[level] = w + 1;
   }
   // The front entry of a queue that is not empty, taken off.
-  int32_t pop(int level) {
+  [[gnu::always_inline]] int32_t pop(int level) {
     int32_t* p = read_[level];
     const int32_t r = *p++;
     if (p == write_[level]) {
@@ -508,144 +518,312 @@ void labelDown(const Field<T>& f, uint8_t* waiting, int32_t* stack) {
   }
 }
 
-// The distance method for unit steps, in one pass in key order. With every step costing 1, the
-// first cost a pixel is offered (max(its floor, key + 1) from the pixel being taken) is its key:
-// later pixels are taken at keys no smaller. Pixels whose key is key + 1 of the one taken join a
-// first-in-first-out queue, whose keys therefore never decrease; pixels entered at their level's
-// floor (and the markers) wait in one list per level, taken in any order when the queue's front
-// is not lower. A pixel's parents all have smaller keys, so they are labelled when it is taken,
-// and it is labelled then. A pixel waiting in a level's list holds, in place of its key, the next
-// one of that list with the top bit set: read as an unsigned key it is beyond every reached key.
+// The distance method for unit steps, in key order. With every step costing 1, the first cost a
+// pixel is offered (max(its floor, key + 1) from the pixel being taken) is its key: later pixels
+// are taken at keys no smaller. Pixels whose key is key + 1 of the one taken join a first-in-
+// first-out queue, whose keys therefore never decrease; pixels entered at their level's floor
+// (and the markers) wait in one queue per level, taken when the first queue's front is not lower.
+// A pixel's parents all have smaller keys, so they are labelled when it is taken, and it is
+// labelled then.
+//
+// The rows are split into stripes, each flooded in its own block of cells by one thread. The row
+// above and the row below a block hold copies of the neighbouring stripes' edge rows (keys, labels
+// and mixed flags) as they stood after the last pass; they join the flood in key order, already
+// labelled, and are never offered a key. The first pass floods every stripe with walls in the
+// copies; each later pass brings up to date the stripes whose copies changed, and passes repeat
+// until none did. Every key starts at least at its final value and only goes down, so the copies
+// settle; once the keys have, each pass fixes the labels of every pixel whose parents' labels
+// were fixed before it. The passes therefore end, at the keys and labels of one flood over the
+// whole image, whatever the number of stripes.
+//
+// A later pass revisits only what a changed copy reaches: in key order (a heap, in the room of the
+// stripe's queues), a pixel whose key went down, or a neighbour of smaller key changed, is
+// labelled again, and if it changed its neighbours of larger key are revisited in turn. Should the
+// heap fill up, the stripe is flooded again from its markers instead.
+static_assert(kBreadthMaxStripes >= par::kWatershedMaxTeam);
+
+template <int kNorm, class T>
+class BreadthFlood {
+ public:
+  using Cell = BreadthCell<T>;
+  static constexpr int kNb = kNorm == 0 ? 8 : 4;
+  static constexpr uint32_t kUnreached = kKeyUnreached, kWall = kKeyWall;
+  static constexpr int kNext = kLevels;  // the queue of keys one above the key taken
+
+  BreadthFlood(const Kvl8u* src, int srcStep, const T* marker, int markerStep, KvliSize roi,
+               const BreadthLayout& lay, Kvl8u* buffer, T boundary)
+      : src_(src), srcStep_(srcStep), marker_(marker), markerStep_(markerStep), w_(roi.width),
+        h_(roi.height), fw_(roi.width + 2), lay_(lay), base_(alignUp(buffer, 8)),
+        boundary_(boundary), wall_{kWall, boundary, kBreadthFixed, 0}, o_(roi.width + 2) {}
+
+  // Image row y's cells from column 0, for y from -1 to height: the rows beyond the image are
+  // the copy rows of the first and last blocks, which hold walls.
+  Cell* rowAt(int y) const {
+    if (y < 0) return block(0) + 1;
+    if (y >= h_) return block(lay_.stripes - 1) + (lay_.rows[lay_.stripes - 1] + 1) * fw_ + 1;
+    int s = y / lay_.rows[0];
+    if (s >= lay_.stripes) s = lay_.stripes - 1;
+    return block(s) + (y - lay_.y0[s] + 1) * fw_ + 1;
+  }
+
+  // Sets the copy rows of stripe s: walls in the first pass, then the neighbours' edge rows
+  // (their reached cells; the others read as walls). Lists the cells that changed and returns
+  // whether any did.
+  bool copyEdges(int s, bool first) {
+    Cell* b = block(s);
+    const int rows = lay_.rows[s];
+    int32_t* list = order(s);
+    int n = 0;
+    auto copy = [&](ptrdiff_t r, const Cell* from) {
+      Cell* to = b + r * fw_;
+      for (ptrdiff_t x = 0; x < fw_; ++x) {
+        Cell c = from == nullptr || from[x].key >= kUnreached ? wall_ : from[x];
+        c.bits = static_cast<uint8_t>((c.bits & kBreadthMixed) | kBreadthFixed);
+        if (first || to[x].key != c.key || to[x].label != c.label || to[x].bits != c.bits) {
+          to[x] = c;
+          if (!first) list[n++] = static_cast<int32_t>(r * fw_ + x);
+        }
+      }
+    };
+    copy(0, first || s == 0 ? nullptr : block(s - 1) + lay_.rows[s - 1] * fw_);
+    copy(rows + 1, first || s + 1 == lay_.stripes ? nullptr : block(s + 1) + fw_);
+    changes_[s] = n;
+    return n > 0;
+  }
+
+  // Floods stripe s from its markers and its copy rows.
+  void flood(int s) {
+    Cell* cell = block(s);
+    const int rows = lay_.rows[s], y0 = lay_.y0[s];
+    LevelQueues queues(reinterpret_cast<int32_t*>(base_ + lay_.chunks[s]), lay_.chunk);
+    int lowest = kLevels;  // no level's queue below this one holds a pixel
+    auto enlist = [&](int level, int32_t i) {
+      queues.push(level, i);
+      if (level < lowest) lowest = level;
+    };
+    // The markers with the boundary value are walls; the other markers join the queue of their
+    // level.
+    for (int r = 1; r <= rows; ++r) {
+      Cell* row = cell + r * fw_;
+      const Kvl8u* level = rowPtr(src_, srcStep_, y0 + r - 1);
+      const T* labels = rowPtr(marker_, markerStep_, y0 + r - 1);
+      row[0] = row[fw_ - 1] = wall_;
+      for (int x = 0; x < w_; ++x) {
+        const T v = loadAny(labels + x);
+        const uint8_t l = level[x];
+        if (v == 0) {
+          row[x + 1] = Cell{kUnreached, 0, 0, l};
+        } else if (v == boundary_) {
+          row[x + 1] = Cell{kWall, v, kBreadthFixed, l};
+        } else {
+          row[x + 1] = Cell{static_cast<uint32_t>(l) << kLevelShift, v, kBreadthFixed, l};
+          enlist(l, static_cast<int32_t>(r * fw_ + x + 1));
+        }
+      }
+    }
+    // The reached cells of the copy rows, in key order.
+    int32_t* edge = order(s);
+    int edges = 0, taken = 0;
+    if (lay_.stripes > 1) {
+      for (const ptrdiff_t r : {ptrdiff_t{0}, static_cast<ptrdiff_t>(rows + 1)})
+        for (ptrdiff_t x = 1; x <= w_; ++x)
+          if (cell[r * fw_ + x].key < kUnreached) edge[edges++] = static_cast<int32_t>(r * fw_ + x);
+      std::sort(edge, edge + edges, [&](int32_t a, int32_t b) { return cell[a].key < cell[b].key; });
+    }
+
+    for (;;) {
+      while (lowest < kLevels && queues.empty(lowest)) ++lowest;
+      uint32_t least = lowest < kLevels ? static_cast<uint32_t>(lowest) << kLevelShift : kWall;
+      int from = lowest;
+      if (!queues.empty(kNext) && cell[queues.front(kNext)].key <= least) {
+        from = kNext;
+        least = cell[queues.front(kNext)].key;
+      }
+      int32_t i;
+      if (taken < edges && cell[edge[taken]].key < least) {
+        i = edge[taken++];
+      } else if (least == kWall) {
+        break;
+      } else {
+        // Pixels taken from a level's queue were queued long before: fetch ahead.
+        if (const int32_t* a = queues.behind(from, 8)) {
+          __builtin_prefetch(cell + *a - fw_);
+          __builtin_prefetch(cell + *a);
+          __builtin_prefetch(cell + *a + fw_);
+        }
+        i = queues.pop(from);
+      }
+      Cell* c = cell + i;
+      const uint32_t k = c->key;
+      if (c->label == 0) label(c, from == kNext ? k - 1 : best(c));
+      // The neighbours not yet offered a key: key + 1 puts them in the first queue, their floor
+      // (when higher) in their level's. The queue is chosen without a branch, as both are common.
+      const uint32_t up = k + 1;
+      if (up >= kUnreached) continue;
+      for (int j = 0; j < kNb; ++j) {
+        Cell& q = c[o_.d[j]];
+        if (q.key != kUnreached) continue;
+        const uint32_t fl = static_cast<uint32_t>(q.level) << kLevelShift;
+        const bool next = up >= fl;
+        q.key = next ? up : fl;
+        const int queue = next ? kNext : q.level;
+        queues.push(queue, i + static_cast<int32_t>(o_.d[j]));
+        lowest = queue < lowest ? queue : lowest;
+      }
+    }
+  }
+
+  // Brings stripe s up to date with its copy cells that changed; floods it again from its
+  // markers if the heap runs out of room.
+  void update(int s) {
+    Cell* cell = block(s);
+    uint64_t* heap = reinterpret_cast<uint64_t*>(base_ + lay_.chunks[s]);
+    const size_t end = s + 1 < lay_.stripes ? lay_.chunks[s + 1] : lay_.end;
+    const size_t room = (end - lay_.chunks[s]) / sizeof(uint64_t);
+    size_t n = 0;
+    auto push = [&](uint32_t key, int32_t i) {
+      if (n == room) return false;
+      heap[n++] = static_cast<uint64_t>(key) << 32 | static_cast<uint32_t>(i);
+      std::push_heap(heap, heap + n, std::greater<uint64_t>());
+      return true;
+    };
+    // Pixel i changed: neighbours it now offers a lower key move down; the others of larger key
+    // may count it among their parents, so they are labelled again too.
+    auto spread = [&](int32_t i) {
+      const uint32_t k = cell[i].key;
+      for (int j = 0; j < kNb; ++j) {
+        const int32_t qi = i + static_cast<int32_t>(o_.d[j]);
+        Cell& q = cell[qi];
+        if (q.bits & kBreadthFixed) continue;
+        const uint32_t up = k + 1, fl = static_cast<uint32_t>(q.level) << kLevelShift;
+        const uint32_t offer = up >= kUnreached ? kUnreached : up < fl ? fl : up;
+        if (offer < q.key) {
+          q.key = offer;
+          q.bits |= kBreadthMoved;
+          if (!push(offer, qi)) return false;
+        } else if (k < q.key && q.key < kUnreached) {
+          if (!push(q.key, qi)) return false;
+        }
+      }
+      return true;
+    };
+    bool fits = true;
+    const int32_t* list = order(s);
+    for (int e = 0; fits && e < changes_[s]; ++e) fits = spread(list[e]);
+    while (fits && n > 0) {
+      std::pop_heap(heap, heap + n, std::greater<uint64_t>());
+      const uint64_t top = heap[--n];
+      const int32_t i = static_cast<int32_t>(static_cast<uint32_t>(top));
+      Cell* c = cell + i;
+      if (c->key != static_cast<uint32_t>(top >> 32)) continue;  // moved lower since
+      const T was = c->label;
+      const uint8_t bits = c->bits;
+      label(c, best(c));
+      if ((bits & kBreadthMoved) || c->label != was || c->bits != bits) fits = spread(i);
+    }
+    if (!fits) flood(s);
+  }
+
+  // After the last pass: pixels whose parents carry several labels become boundaries, boundary
+  // marking runs over the whole image, and the labels go back to the markers.
+  void finish(int flag, T* marker) const {
+    for (int y = 0; y < h_; ++y) {
+      Cell* row = rowAt(y);
+      for (int x = 0; x < w_; ++x)
+        if (row[x].bits & kBreadthMixed) row[x].label = boundary_;
+    }
+    if (const int bn = boundsNeighbours(flag))
+      markBoundsRows<Cell>([&](int y) { return rowAt(y); }, {w_, h_}, boundary_, bn);
+    for (int y = 0; y < h_; ++y) {
+      const Cell* row = rowAt(y);
+      T* labels = rowPtr(marker, markerStep_, y);
+      for (int x = 0; x < w_; ++x) storeAny(labels + x, row[x].label);
+    }
+  }
+
+ private:
+  Cell* block(int s) const { return reinterpret_cast<Cell*>(base_ + lay_.cells[s]); }
+  int32_t* order(int s) const { return reinterpret_cast<int32_t*>(base_ + lay_.order[s]); }
+
+  // The least key among the neighbours of c.
+  [[gnu::always_inline]] uint32_t best(const Cell* c) const {
+    uint32_t b = kUnreached;
+    for (int j = 0; j < kNb; ++j) {
+      const uint32_t u = c[o_.d[j]].key;
+      b = u < b ? u : b;
+    }
+    return b;
+  }
+
+  // Labels pixel c from its parents, its neighbours whose key is `best`. A pixel offered key + 1
+  // by the pixel taken at key has its parents at that key (any lower one would have been taken,
+  // and have offered its own, before).
+  [[gnu::always_inline]] void label(Cell* c, uint32_t best) const {
+    // Mostly the parents carry one label and none is mixed: test that without branches first.
+    T one = 0;
+    for (int j = 0; j < kNb; ++j) {
+      const Cell& pj = c[o_.d[j]];
+      const T u = pj.key == best ? pj.label : T{0};
+      one = u > one ? u : one;
+    }
+    bool odd = false;
+    for (int j = 0; j < kNb; ++j) {
+      const Cell& pj = c[o_.d[j]];
+      odd |= (pj.key == best) & ((pj.label != one) | ((pj.bits & kBreadthMixed) != 0));
+    }
+    T plain = one, least = one;
+    bool several = false;
+    if (odd) plain = least = 0;
+    for (int j = 0; odd && j < kNb; ++j) {
+      const Cell& pj = c[o_.d[j]];
+      if (pj.key != best) continue;
+      const T u = pj.label;
+      if (least == 0 || u < least) least = u;
+      if (pj.bits & kBreadthMixed) continue;
+      if (plain == 0) {
+        plain = u;
+      } else if (u != plain) {
+        several = true;
+        if (u < plain) plain = u;
+      }
+    }
+    c->label = plain != 0 ? plain : least;
+    c->bits = several ? kBreadthMixed : 0;
+  }
+
+  const Kvl8u* src_;
+  int srcStep_;
+  const T* marker_;
+  int markerStep_;
+  int w_, h_;
+  ptrdiff_t fw_;
+  const BreadthLayout& lay_;
+  uint8_t* base_;
+  T boundary_;
+  Cell wall_;
+  Offsets o_;
+  int changes_[kBreadthMaxStripes] = {};
+};
+
 template <int kNorm, class T>
 void floodBreadth(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi,
-                  int flag, Kvl8u* buffer, T boundary) {
-  using Cell = BreadthCell<T>;
-  constexpr int kNb = kNorm == 0 ? 8 : 4;
-  constexpr uint32_t kUnreached = kKeyUnreached, kWall = kKeyWall;
-  constexpr int kNext = kLevels;  // the queue of keys one above the key taken
-  const int w = roi.width, h = roi.height;
-  const ptrdiff_t fw = w + 2;
-  const BreadthLayout lay = breadthLayout(roi, watershedBytes(roi, sizeof(T)));
-  uint8_t* base = alignUp(buffer, 8);
-  Cell* cell = reinterpret_cast<Cell*>(base + lay.cells);
-  LevelQueues queues(reinterpret_cast<int32_t*>(base + lay.chunks), lay.chunk);
-  const Offsets o(fw);
-  const size_t f = static_cast<size_t>(fw) * (h + 2);
-
-  int lowest = kLevels;  // no level's queue below this one holds a pixel
-  auto enlist = [&](int level, int32_t i) {
-    queues.push(level, i);
-    if (level < lowest) lowest = level;
-  };
-  // The frame and the markers with the boundary value are walls; the other markers join the
-  // queue of their level; unlabelled pixels keep their level in `aux`.
-  for (ptrdiff_t i = 0; i < fw; ++i) cell[i] = cell[f - fw + i] = Cell{kWall, boundary, 0};
-  for (int y = 0; y < h; ++y) {
-    Cell* row = cell + static_cast<size_t>(y + 1) * fw;
-    const Kvl8u* level = rowPtr(src, srcStep, y);
-    const T* labels = rowPtr(marker, markerStep, y);
-    row[0] = row[fw - 1] = Cell{kWall, boundary, 0};
-    for (int x = 0; x < w; ++x) {
-      const T v = loadAny(labels + x);
-      if (v == 0) {
-        row[x + 1] = Cell{kUnreached, 0, level[x]};
-      } else {
-        row[x + 1] = Cell{static_cast<uint32_t>(level[x]) << kLevelShift, v, 0};
-        if (v == boundary) row[x + 1].key = kWall;
-        else enlist(level[x], static_cast<int32_t>(row - cell + x + 1));
-      }
-    }
+                  int flag, Kvl8u* buffer, T boundary, const BreadthLayout& lay, int team) {
+  BreadthFlood<kNorm, T> f(src, srcStep, marker, markerStep, roi, lay, buffer, boundary);
+  bool changed[kBreadthMaxStripes];
+  par::runEach(team, lay.stripes, [&](int s) {
+    f.copyEdges(s, true);
+    f.flood(s);
+  });
+  while (lay.stripes > 1) {
+    par::runEach(team, lay.stripes, [&](int s) { changed[s] = f.copyEdges(s, false); });
+    bool any = false;
+    for (int s = 0; s < lay.stripes; ++s) any |= changed[s];
+    if (!any) break;
+    par::runEach(team, lay.stripes, [&](int s) {
+      if (changed[s]) f.update(s);
+    });
   }
-
-  for (;;) {
-    while (lowest < kLevels && queues.empty(lowest)) ++lowest;
-    int from;
-    if (!queues.empty(kNext) &&
-        (lowest == kLevels || cell[queues.front(kNext)].key <= static_cast<uint32_t>(lowest) << kLevelShift)) {
-      from = kNext;
-    } else if (lowest < kLevels) {
-      from = lowest;
-    } else {
-      break;
-    }
-    // Pixels taken from a level's queue were queued long before: fetch ahead.
-    if (const int32_t* a = queues.behind(from, 8)) {
-      __builtin_prefetch(cell + *a - fw);
-      __builtin_prefetch(cell + *a);
-      __builtin_prefetch(cell + *a + fw);
-    }
-    const int32_t i = queues.pop(from);
-    Cell* c = cell + i;
-    const uint32_t k = c->key;
-    if (c->label == 0) {
-      // The parents: the reached neighbours of the least key. A pixel offered key + 1 was
-      // offered it by a neighbour of the least key (any lower one would have been taken, and
-      // have offered its own, before).
-      uint32_t best = k - 1;
-      if (from != kNext) {
-        best = kUnreached;
-        for (int j = 0; j < kNb; ++j) {
-          const uint32_t u = c[o.d[j]].key;
-          best = u < best ? u : best;
-        }
-      }
-      // Mostly the parents carry one label and none is mixed: test that without branches first.
-      T one = 0;
-      for (int j = 0; j < kNb; ++j) {
-        const Cell& pj = c[o.d[j]];
-        const T u = pj.key == best ? pj.label : T{0};
-        one = u > one ? u : one;
-      }
-      bool odd = false;
-      for (int j = 0; j < kNb; ++j) {
-        const Cell& pj = c[o.d[j]];
-        odd |= (pj.key == best) & ((pj.label != one) | (pj.aux != 0));
-      }
-      T plain = one, least = one;
-      bool several = false;
-      if (odd) plain = least = 0;
-      for (int j = 0; odd && j < kNb; ++j) {
-        const Cell& pj = c[o.d[j]];
-        if (pj.key != best) continue;
-        const T u = pj.label;
-        if (least == 0 || u < least) least = u;
-        if (pj.aux) continue;
-        if (plain == 0) {
-          plain = u;
-        } else if (u != plain) {
-          several = true;
-          if (u < plain) plain = u;
-        }
-      }
-      c->label = plain != 0 ? plain : least;
-      c->aux = several ? 1 : 0;
-    }
-    // The neighbours not yet offered a key.
-    for (int j = 0; j < kNb; ++j) {
-      Cell& q = c[o.d[j]];
-      if (q.key != kUnreached) continue;
-      const uint32_t lq = q.aux;
-      const uint32_t up = k + 1, fl = lq << kLevelShift;
-      if (up >= fl) {
-        if (up >= kUnreached) continue;
-        q.key = up;
-        queues.push(kNext, i + static_cast<int32_t>(o.d[j]));
-      } else {
-        q.key = fl;
-        enlist(static_cast<int>(lq), i + static_cast<int32_t>(o.d[j]));
-      }
-    }
-  }
-
-  // Pixels whose parents carry several labels are boundaries; then the labels go back.
-  for (size_t i = 0; i < f; ++i)
-    if (cell[i].label != 0 && cell[i].aux) cell[i].label = boundary;
-  if (const int bn = boundsNeighbours(flag)) markBounds(cell, roi, boundary, bn);
-  for (int y = 0; y < h; ++y) {
-    const Cell* row = cell + static_cast<size_t>(y + 1) * fw + 1;
-    T* labels = rowPtr(marker, markerStep, y);
-    for (int x = 0; x < w; ++x) storeAny(labels + x, row[x].label);
-  }
+  f.finish(flag, marker);
 }
 
 template <int kNorm, class T>
@@ -775,18 +953,29 @@ KvlStatus watershed(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kv
       floodQueue<T, 4>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
     }
   } else {
-    const bool breadthFits = breadthLayout(roi, watershedBytes(roi, sizeof(T))).chunk != 0;
+    // Unit steps flood in key order, in as many stripes as threads when the buffer holds them;
+    // the other norms, and images whose buffer is too small for the queues, sweep.
+    const long long bytes = watershedBytes(roi, sizeof(T));
+    BreadthLayout lay{};
+    int team = 1;
+    if (norm <= 1) {
+      team = par::teamWatershed(roi);
+      lay = breadthLayout(roi, bytes, team);
+      if (lay.stripes == 0 && team > 1) lay = breadthLayout(roi, bytes, 1);
+    }
     switch (norm) {
       case 0:
-        if (breadthFits) {
-          floodBreadth<0>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        if (lay.stripes != 0) {
+          floodBreadth<0>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary, lay,
+                          lay.stripes > 1 ? team : 1);
         } else {
           floodDistance<0>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
         }
         break;
       case 1:
-        if (breadthFits) {
-          floodBreadth<1>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        if (lay.stripes != 0) {
+          floodBreadth<1>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary, lay,
+                          lay.stripes > 1 ? team : 1);
         } else {
           floodDistance<1>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
         }

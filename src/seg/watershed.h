@@ -14,15 +14,6 @@ namespace kvl::seg {
 
 constexpr int kLevels = 256;
 
-// The priority-queue method's layout in the buffer (its start rounded up to 8 bytes): the framed
-// map of cells, each a pixel's label beside its relief level (2 bytes for 8-bit labels, 4 for
-// 16-bit ones), so that one read of a neighbourhood brings both; then the queue chunks. Each
-// level's queue is a chain of chunks of `chunk` 32-bit slots, the first slot linking to the next
-// chunk and the others holding pixels in order; a chunk read to its end goes back to a free
-// list. A pixel joins a queue at most once (when it is labelled, or at the start when it already
-// was), so at most width * height entries are ever queued, and chunks never run out: the chunk is
-// the longest (of at most 64 slots) for which the buffer holds min(pixels, pixels / (chunk - 1)
-// + 257) chunks (two slots always fit).
 // Chunks for queues of 32-bit entries, `queues` of them holding `entries` entries in all over
 // time: a chunk holds chunk - 1 entries, and chunks read to their end are taken again, so no
 // more than min(entries, entries / (chunk - 1) + 1 + queues) are ever in use. The chunk is the
@@ -38,6 +29,15 @@ inline int queueChunk(size_t entries, size_t queues, size_t room, size_t* bytes)
   return 0;
 }
 
+// The priority-queue method's layout in the buffer (its start rounded up to 8 bytes): the framed
+// map of cells, each a pixel's label beside its relief level (2 bytes for 8-bit labels, 4 for
+// 16-bit ones), so that one read of a neighbourhood brings both; then the queue chunks. Each
+// level's queue is a chain of chunks of `chunk` 32-bit slots, the first slot linking to the next
+// chunk and the others holding pixels in order; a chunk read to its end goes back to a free
+// list. A pixel joins a queue at most once (when it is labelled, or at the start when it already
+// was), so at most width * height entries are ever queued, and chunks never run out: the chunk is
+// the longest (of at most 64 slots) for which the buffer holds min(pixels, pixels / (chunk - 1)
+// + 257) chunks (two slots always fit).
 template <class T>
 struct QueueCell {
   T label;
@@ -130,34 +130,69 @@ inline DistanceLayout distanceLayout(KvliSize roi, int markerBytes, int team) {
   return l;
 }
 
-// The distance method with unit steps (norms 0 and 1) floods in key order instead of sweeping,
-// from the start rounded up to 8 bytes: the framed map of cells, each a pixel's key, label and
-// one byte more (its relief level until it is labelled, then whether its parents carry several
-// labels), then queue chunks for 257 queues (one per level and one more) of at most width *
-// height entries in all. Small images that the buffer formula leaves too little room for sweep
-// instead (`chunk` 0).
+// The distance method with unit steps (norms 0 and 1) floods in key order, in stripes of rows
+// (height / stripes each, the last one taking the rest too), from the start rounded up to 8
+// bytes: per stripe a block of cells, its rows framed and one more row above and below holding
+// the neighbouring stripes' edge rows (walls at the image's edges); a cell is a pixel's key,
+// label, state bits and relief level. Then, with several stripes, per stripe a list of its edge
+// rows' cells, and per stripe the queue chunks for 257 queues (one per level and one more) of at
+// most its pixels in all; later passes use that room as a heap. Images that the buffer formula
+// leaves too little room for sweep instead (`stripes` 0).
+constexpr int kBreadthMaxStripes = 16;
 template <class T>
 struct BreadthCell {
   uint32_t key;
   T label;
-  uint8_t aux;
+  uint8_t bits;  // kBreadthMixed, kBreadthFixed, kBreadthMoved
+  uint8_t level;
 };
+constexpr uint8_t kBreadthMixed = 1;  // labelled from parents of several labels
+constexpr uint8_t kBreadthFixed = 2;  // a marker, a wall or a copy of a neighbour's edge
+constexpr uint8_t kBreadthMoved = 4;  // its key went down in this pass and it is not yet retaken
 struct BreadthLayout {
-  size_t cells, chunks;  // offsets from the aligned start
-  int chunk;             // slots per chunk; 0: the layout does not fit
-  size_t end;
+  int stripes;  // 0: the layout does not fit
+  int chunk;    // slots per chunk
+  int y0[kBreadthMaxStripes], rows[kBreadthMaxStripes];
+  size_t cells[kBreadthMaxStripes], order[kBreadthMaxStripes], chunks[kBreadthMaxStripes];
+  size_t end;   // bytes needed from the aligned start
 };
-inline BreadthLayout breadthLayout(KvliSize roi, long long bufferBytes) {
-  const size_t f = (static_cast<size_t>(roi.width) + 2) * (static_cast<size_t>(roi.height) + 2);
-  const size_t n = static_cast<size_t>(roi.width) * roi.height;
+inline BreadthLayout breadthLayout(KvliSize roi, long long bufferBytes, int stripes) {
   static_assert(sizeof(BreadthCell<uint8_t>) == 8 && sizeof(BreadthCell<uint16_t>) == 8);
+  const size_t fw = static_cast<size_t>(roi.width) + 2;
   BreadthLayout l{};
-  l.cells = 0;
-  l.chunks = 8 * f;
-  const long long room = bufferBytes - 7 - static_cast<long long>(l.chunks);
-  size_t bytes = 0;
-  l.chunk = room > 0 ? queueChunk(n, kLevels + 1, static_cast<size_t>(room), &bytes) : 0;
-  l.end = l.chunks + bytes;
+  size_t at = 0;
+  for (int s = 0; s < stripes; ++s) {
+    l.rows[s] = roi.height / stripes;
+    l.y0[s] = s * l.rows[s];
+    if (s == stripes - 1) l.rows[s] += roi.height % stripes;
+    l.cells[s] = at;
+    at += 8 * fw * (static_cast<size_t>(l.rows[s]) + 2);
+  }
+  for (int s = 0; s < stripes; ++s) {
+    l.order[s] = at;
+    if (stripes > 1) at += 4 * 2 * fw;
+  }
+  const long long room = bufferBytes - 7 - static_cast<long long>(at);
+  for (int c = 64; c >= 2 && room > 0; c /= 2) {
+    size_t bytes = 0;
+    for (int s = 0; s < stripes; ++s) {
+      const size_t n = static_cast<size_t>(roi.width) * l.rows[s];
+      const size_t spread = n / (c - 1) + 1 + (kLevels + 1);
+      bytes += 4 * c * (spread < n ? spread : n);
+    }
+    if (bytes > static_cast<size_t>(room)) continue;
+    l.stripes = stripes;
+    l.chunk = c;
+    for (int s = 0; s < stripes; ++s) {
+      const size_t n = static_cast<size_t>(roi.width) * l.rows[s];
+      const size_t spread = n / (c - 1) + 1 + (kLevels + 1);
+      l.chunks[s] = at;
+      at += 4 * c * (spread < n ? spread : n);
+    }
+    l.end = at;
+    return l;
+  }
+  l.stripes = 0;
   return l;
 }
 

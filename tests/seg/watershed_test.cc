@@ -207,7 +207,10 @@ TEST(Watershed, DistanceMethodReachesEveryPixel) {
   }
 }
 
-// 1, 2 and 3 threads give the same labels on an image the rule splits.
+// 1, 2 and 3 threads give the same labels on images the rule splits: wide plateaus and a maze of
+// walls, so labels travel back and forth across the stripes; and a checkerboard of the lowest and
+// highest levels with its labels in the top rows only, which the lower stripes learn of from
+// their copies alone, with most of their pixels waiting to be revisited at once.
 TEST(Watershed, DistanceMethodThreadInvariance) {
   const KvliSize roi{300, 260};
   {
@@ -215,22 +218,28 @@ TEST(Watershed, DistanceMethodThreadInvariance) {
     ASSERT_GT(kvl::par::teamWatershed(roi), 1) << "the image must be split for this test to count";
   }
   for (const WatershedMember& m : kMembers) {
-    for (int norm = 0; norm <= 3; ++norm) {
-      std::mt19937 rng(norm);
-      Image<Kvl8u> src(roi.width, roi.height, 0, norm);
-      // Wide plateaus and a maze of walls, so labels travel across the stripes.
-      src.fill([&](int x, int y, int) -> Kvl8u { return static_cast<Kvl8u>((x / 40 + y / 50) % 3 * 20); });
-      std::vector<uint32_t> labels(roi.width * roi.height, 0);
-      for (int k = 1; k <= 12; ++k) labels[rng() % labels.size()] = k;
-      for (int y = 20; y < roi.height; y += 60)
-        for (int x = 0; x < roi.width - 30; ++x) labels[y * roi.width + x + (y / 60 % 2) * 30] = m.boundary;
-      std::vector<std::vector<uint32_t>> results;
-      for (int threads : {1, 2, 3}) {
-        kvl::test::ThreadScope scope(threads);
-        results.push_back(run(m, src, labels, norm, 2 | 128));
+    for (int scene = 0; scene < 2; ++scene) {
+      for (int norm = 0; norm <= 3; ++norm) {
+        std::mt19937 rng(norm);
+        Image<Kvl8u> src(roi.width, roi.height, 0, norm);
+        std::vector<uint32_t> labels(roi.width * roi.height, 0);
+        if (scene == 0) {
+          src.fill([&](int x, int y, int) -> Kvl8u { return static_cast<Kvl8u>((x / 40 + y / 50) % 3 * 20); });
+          for (int k = 1; k <= 12; ++k) labels[rng() % labels.size()] = k;
+          for (int y = 20; y < roi.height; y += 60)
+            for (int x = 0; x < roi.width - 30; ++x) labels[y * roi.width + x + (y / 60 % 2) * 30] = m.boundary;
+        } else {
+          src.fill([&](int x, int y, int) -> Kvl8u { return (x + y) % 2 ? 255 : 0; });
+          for (int k = 1; k <= 6; ++k) labels[rng() % (3 * roi.width)] = k;
+        }
+        std::vector<std::vector<uint32_t>> results;
+        for (int threads : {1, 2, 3}) {
+          kvl::test::ThreadScope scope(threads);
+          results.push_back(run(m, src, labels, norm, 2 | 128));
+        }
+        EXPECT_EQ(results[1], results[0]) << m.name << " scene " << scene << " norm " << norm;
+        EXPECT_EQ(results[2], results[0]) << m.name << " scene " << scene << " norm " << norm;
       }
-      EXPECT_EQ(results[1], results[0]) << m.name << " norm " << norm;
-      EXPECT_EQ(results[2], results[0]) << m.name << " norm " << norm;
     }
   }
 }
@@ -278,15 +287,22 @@ TEST(Watershed, BufferSizes) {
         if (n >= 1 << 16) {
           EXPECT_EQ(q.chunk, 64) << w << "x" << h;
         }
-        // The breadth-first distance layout, where it is used, fits and holds its queues.
-        const kvl::seg::BreadthLayout b = kvl::seg::breadthLayout({w, h}, bytes);
-        if (b.chunk != 0) {
+        // The key-order distance layout, where it is used, fits and holds each stripe's queues.
+        for (int stripes : {1, 2, 16}) {
+          if (stripes > 1 && h < 8 * stripes) continue;
+          const kvl::seg::BreadthLayout b = kvl::seg::breadthLayout({w, h}, bytes, stripes);
+          if (n >= 1 << 16) {
+            EXPECT_EQ(b.stripes, stripes) << w << "x" << h;
+          }
+          if (b.stripes == 0) continue;
           const size_t cb = static_cast<size_t>(b.chunk);
           EXPECT_LE(b.end + 7, static_cast<size_t>(bytes)) << w << "x" << h;
-          EXPECT_GE((b.end - b.chunks) / (4 * cb), std::min(n, n / (cb - 1) + 257)) << w << "x" << h;
-        }
-        if (n >= 1 << 16) {
-          EXPECT_NE(b.chunk, 0) << w << "x" << h;
+          for (int t = 0; t < stripes; ++t) {
+            const size_t ns = static_cast<size_t>(w) * b.rows[t];
+            const size_t next = t + 1 < stripes ? b.chunks[t + 1] : b.end;
+            EXPECT_GE((next - b.chunks[t]) / (4 * cb), std::min(ns, ns / (cb - 1) + 258))
+                << w << "x" << h << " stripe " << t;
+          }
         }
         for (int team : {1, 16}) {
           if (team > 1 && h < 8 * team) continue;
