@@ -3,8 +3,7 @@
 // colour differences), kvlCV floods a gradient magnitude of it (|gx| + |gy| of the 3x3 Sobel over
 // a 3x3 box mean, divided by 4), with the same markers: 3x3 seeds on a 48-pixel grid, labels 1 ..
 // 254 cycling. Both copy their markers back to the seeds inside the timed loop (the peer's 32-bit
-// labels, kvlCV's 8-bit ones). Both grow labels to 4 neighbours, as the peer does: the queue
-// method at 1 thread, the distance method (city-block steps) at 1 and 2.
+// labels, kvlCV's 8-bit ones). The queue method runs at 1 thread, the distance method at 1 and 2.
 #include <memory>
 #include <string>
 #include <vector>
@@ -90,9 +89,15 @@ const bool registered = [] {
     int flag, norm;
     std::vector<int> threads;
   };
-  // The peer floods 4-connected; the 8-connected queue flood is shown beside it for its cost.
-  const Case cases[] = {
-      {"queue", 1, 1, {1}}, {"queue8", 1, 0, {1}}, {"distance", 2, 1, {1, 2}}};
+  // The peer floods 4-connected, as "queue" and "distance" do; the 8-connected floods and the
+  // distance method's weighted and fast-marching norms, which the peer has no counterpart for,
+  // are shown beside it for their cost.
+  const Case cases[] = {{"queue", 1, 1, {1}},
+                        {"queue8", 1, 0, {1}},
+                        {"distance", 2, 1, {1, 2}},
+                        {"distance8", 2, 0, {1, 2}},
+                        {"distance-weighted", 2, 2, {1, 2}},
+                        {"distance-marching", 2, 3, {1, 2}}};
   for (const Case& c : cases) {
     for (int threads : c.threads) {
       const int flag = c.flag, norm = c.norm;
