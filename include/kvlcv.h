@@ -1268,16 +1268,16 @@ KVL_API KvlStatus kvliFloodFill_Grad8Con_32f_C3IR(Kvl32f* pImage, int imageStep,
  *   still carries the smallest of those labels for the pixels after it); when all its parents
  *   are such B pixels, the smallest label they carry. Parents always have smaller keys. Keys and
  *   labels are the unique solution of these rules, however they are found, so the result does
- *   not depend on the thread count. How they are found:
- *   - norms 0 and 1 (unit steps): a flood in key order that labels each pixel as it takes it,
- *     run in stripes of rows, one per permitted thread (up to 16, of at least 8 rows, on images
- *     of at least 65536 pixels). Each stripe floods with copies of its neighbours' edge rows as
- *     they stood after the previous pass; passes repeat, each revisiting only what the changed
- *     copies reach, until no edge row changes. Images of a few thousand pixels or a few rows,
- *     whose buffer is too small for the flood's queues, take the sweeps below.
- *   - norms 2 and 3: passes of a forward sweep (rows top to bottom, left to right) and a
- *     backward sweep, the rows split among the permitted threads, until a pass lowers no key;
- *     then one single-threaded pass labels each pixel once its last parent is labelled.
+ *   not depend on the thread count. How they are found: a flood in key order (Dijkstra's order:
+ *   a pixel is taken when no waiting pixel has a smaller key, and is labelled then; with steps
+ *   above one, or fast marching, a key may go down before its pixel is taken), run in stripes of
+ *   rows, one per permitted thread (up to 16, of at least 8 rows, on images of at least 65536
+ *   pixels). Each stripe floods with copies of its neighbours' edge rows as they stood after the
+ *   previous pass; passes repeat, each revisiting only what the changed copies reach, until no
+ *   edge row changes. Images of a few thousand pixels or a few rows, whose buffer is too small
+ *   for the flood's queues (and floods whose queues overflow, which takes a relief built for
+ *   it), use passes of a forward sweep (rows top to bottom, left to right) and a backward sweep
+ *   until a pass lowers no key, then one pass that labels each pixel once its last parent is.
  *   Both methods run scalar on every vector target: each step depends on the one before it.
  * Bits 64 and 128 mark boundaries between labels, with 4 or 8 neighbours (128 wins when both are
  * set): in row order and in place, a pixel with a region label becomes B when a neighbour holds
@@ -1299,10 +1299,10 @@ KVL_API KvlStatus kvliFloodFill_Grad8Con_32f_C3IR(Kvl32f* pImage, int imageStep,
  * Threading: the priority-queue method is single-threaded; the distance method, when the
  * permitted thread count T >= 2, the die has several cores and the image has at least 65536
  * pixels, works on min(T, 16, height / 8) stripes of rows in parallel (with fewer threads from
- * the runtime, a thread takes several stripes). Its unit-step flood passes copies of the edge
- * rows between stripes as above; its sweeps read the rows beside a stripe from copies taken at
- * the start of every pass, and sweep a row again only when a key in it or beside it changed
- * since its last sweep. */
+ * the runtime, a thread takes several stripes): the flood passes copies of the edge rows
+ * between stripes as above; the sweeps read the rows beside a stripe from copies taken at the
+ * start of every pass, and sweep a row again only when a key in it or beside it changed since
+ * its last sweep. */
 KVL_API KvlStatus kvliSegmentWatershedGetBufferSize_8u_C1R(KvliSize roiSize, int* pBufSize);
 KVL_API KvlStatus kvliSegmentWatershedGetBufferSize_8u16u_C1R(KvliSize roiSize, int* pBufSize);
 KVL_API KvlStatus kvliSegmentWatershed_8u_C1IR(const Kvl8u* pSrc, int srcStep, Kvl8u* pMarker, int markerStep, KvliSize roiSize, int norm, int flag, Kvl8u* pBuffer);

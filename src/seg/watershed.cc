@@ -12,10 +12,10 @@
 // every sweep order reaches, so they do not depend on the stripes. Labels then follow the keys:
 // a pixel takes the labels of the neighbours its key came from (its parents, all with smaller
 // keys), and parents of different labels make it a boundary pixel. That is a recursion down the
-// keys with one solution, which one pass in a topological order of the parents finds. With unit
-// steps (norms 0 and 1) the keys and the labels come together from a flood in key order, which
-// is such an order (BreadthFlood, in stripes); the weighted and fast-marching norms (and images
-// too small for the flood's queues) sweep.
+// keys with one solution, which one pass in a topological order of the parents finds. The keys
+// and the labels come together from a flood in key order, which is such an order (BreadthFlood,
+// in stripes); images too small for the flood's queues, and floods whose queues overflow, sweep
+// (floodDistance).
 #include "seg/watershed.h"
 
 #include <algorithm>
@@ -151,9 +151,13 @@ inline T decide(const QueueCell<T>* q, const ptrdiff_t (&d)[8], T lp, T boundary
 // full.
 class LevelQueues {
  public:
-  LevelQueues(int32_t* pool, int chunk) : pool_(pool), mask_(chunk - 1), fresh_(pool) {
-    for (int i = 0; i <= kLevels; ++i) read_[i] = write_[i] = nullptr;
+  // `slots` 32-bit slots at pool, in chunks of `chunk`.
+  LevelQueues(int32_t* pool, int chunk, size_t slots)
+      : pool_(pool), mask_(chunk - 1), fresh_(pool), end_(pool + slots / chunk * chunk) {
+    for (int i = 0; i < kBreadthQueues; ++i) read_[i] = write_[i] = nullptr;
   }
+  // Whether a push found no chunk free (its entry is lost; the caller gives up).
+  bool overflow() const { return overflow_; }
   bool empty(int level) const { return read_[level] == nullptr; }
   // The front entry of a queue that is not empty.
   int32_t front(int level) const { return *read_[level]; }
@@ -172,6 +176,10 @@ class LevelQueues {
     int32_t* w = write_[level];
     if (w == nullptr || offset(w) == 0) {
       int32_t* c = take();
+      if (c == nullptr) {
+        overflow_ = true;
+        return;
+      }
       if (w == nullptr) {
         read_[level] = c + 1;
       } else {
@@ -203,6 +211,7 @@ class LevelQueues {
   ptrdiff_t offset(const int32_t* p) const { return (p - pool_) & mask_; }
   int32_t* take() {
     if (free_ == nullptr) {
+      if (fresh_ == end_) return nullptr;
       int32_t* c = fresh_;
       fresh_ += mask_ + 1;
       return c;
@@ -219,10 +228,12 @@ class LevelQueues {
   int32_t* pool_;
   ptrdiff_t mask_;
   int32_t* fresh_;
+  int32_t* end_;
   int32_t* free_ = nullptr;
-  // One queue per level and one more.
-  int32_t* read_[kLevels + 1];
-  int32_t* write_[kLevels + 1];
+  bool overflow_ = false;
+  // One queue per level, then the distance method's queues of keys just above the one taken.
+  int32_t* read_[kBreadthQueues];
+  int32_t* write_[kBreadthQueues];
 };
 
 template <class T, int kNb, size_t... kK>
@@ -253,7 +264,8 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
   // Pixels are numbered by their framed index less that of the first interior pixel: pixel r is
   // first[r].
   Cell* first = map + fw + 1;
-  LevelQueues queues(reinterpret_cast<int32_t*>(base + lay.chunks), lay.chunk);
+  LevelQueues queues(reinterpret_cast<int32_t*>(base + lay.chunks), lay.chunk,
+                     (lay.end - lay.chunks) / 4);
   const Offsets o(fw);
 
   // The markers and the relief into the cells; the frame reads as the boundary (its levels are
@@ -518,13 +530,17 @@ void labelDown(const Field<T>& f, uint8_t* waiting, int32_t* stack) {
   }
 }
 
-// The distance method for unit steps, in key order. With every step costing 1, the first cost a
-// pixel is offered (max(its floor, key + 1) from the pixel being taken) is its key: later pixels
-// are taken at keys no smaller. Pixels whose key is key + 1 of the one taken join a first-in-
-// first-out queue, whose keys therefore never decrease; pixels entered at their level's floor
-// (and the markers) wait in one queue per level, taken when the first queue's front is not lower.
-// A pixel's parents all have smaller keys, so they are labelled when it is taken, and it is
-// labelled then.
+// The distance method in key order: a pixel is taken when no waiting pixel has a smaller key.
+// Its parents all have smaller keys, so they are labelled when it is taken, and it is labelled
+// then. Pixels entered at their level's floor (and the markers) wait in one queue per level; a
+// floor is the least key a pixel can have, so that entry is final. With unit steps (norms 0 and
+// 1) the first cost a pixel is offered (max(its floor, key + 1) from the pixel being taken) is
+// its key, as later pixels are taken at keys no smaller: pixels offered key + 1 join one
+// first-in-first-out queue, whose keys never decrease. With larger steps (norm 2) or the
+// eikonal update (norm 3, recomputed from the pixel's neighbours at every offer) a key can go
+// down after its first offer: such pixels wait in the queue of their key modulo a window wider
+// than any step, and an entry whose pixel has since moved lower is passed over. Fast marching in
+// this order gives the sweeps' keys, as the update is monotone and always above the keys it uses.
 //
 // The rows are split into stripes, each flooded in its own block of cells by one thread. The row
 // above and the row below a block hold copies of the neighbouring stripes' edge rows (keys, labels
@@ -546,9 +562,17 @@ template <int kNorm, class T>
 class BreadthFlood {
  public:
   using Cell = BreadthCell<T>;
-  static constexpr int kNb = kNorm == 0 ? 8 : 4;
+  static constexpr bool kUnit = kNorm <= 1;
+  static constexpr int kNb = kNorm == 0 || kNorm == 2 ? 8 : 4;
   static constexpr uint32_t kUnreached = kKeyUnreached, kWall = kKeyWall;
-  static constexpr int kNext = kLevels;  // the queue of keys one above the key taken
+  // Queues for the keys just above the one taken, after the level queues: offers reach 1 above
+  // it for unit steps, up to 7 for the weighted norm and 16 for fast marching; a power of two
+  // at least that window + 1, so a key's queue is key & (kNear - 1).
+  static constexpr int kNear = kNorm == 2 ? 8 : kNorm == 3 ? 32 : 1;
+  static_assert(kNorm < 2 || (kNear & (kNear - 1)) == 0);
+  static_assert(kNorm != 3 || kNear > kMarchUnit);
+  static_assert(kLevels + kNear <= kBreadthQueues);
+  static constexpr int kNext = kLevels;  // unit steps: the queue of keys one above the key taken
 
   BreadthFlood(const Kvl8u* src, int srcStep, const T* marker, int markerStep, KvliSize roi,
                const BreadthLayout& lay, Kvl8u* buffer, T boundary)
@@ -591,11 +615,13 @@ class BreadthFlood {
     return n > 0;
   }
 
-  // Floods stripe s from its markers and its copy rows.
-  void flood(int s) {
+  // Floods stripe s from its markers and its copy rows; false when the queues ran out of room
+  // (only a relief built to make keys go down again and again can do that).
+  bool flood(int s) {
     Cell* cell = block(s);
     const int rows = lay_.rows[s], y0 = lay_.y0[s];
-    LevelQueues queues(reinterpret_cast<int32_t*>(base_ + lay_.chunks[s]), lay_.chunk);
+    LevelQueues queues(reinterpret_cast<int32_t*>(base_ + lay_.chunks[s]), lay_.chunk,
+                       slots(s));
     int lowest = kLevels;  // no level's queue below this one holds a pixel
     auto enlist = [&](int level, int32_t i) {
       queues.push(level, i);
@@ -631,55 +657,118 @@ class BreadthFlood {
       std::sort(edge, edge + edges, [&](int32_t a, int32_t b) { return cell[a].key < cell[b].key; });
     }
 
-    for (;;) {
-      while (lowest < kLevels && queues.empty(lowest)) ++lowest;
-      uint32_t least = lowest < kLevels ? static_cast<uint32_t>(lowest) << kLevelShift : kWall;
-      int from = lowest;
-      if (!queues.empty(kNext) && cell[queues.front(kNext)].key <= least) {
-        from = kNext;
-        least = cell[queues.front(kNext)].key;
-      }
-      int32_t i;
-      if (taken < edges && cell[edge[taken]].key < least) {
-        i = edge[taken++];
-      } else if (least == kWall) {
-        break;
-      } else {
-        // Pixels taken from a level's queue were queued long before: fetch ahead.
-        if (const int32_t* a = queues.behind(from, 8)) {
-          __builtin_prefetch(cell + *a - fw_);
-          __builtin_prefetch(cell + *a);
-          __builtin_prefetch(cell + *a + fw_);
+    if constexpr (kUnit) {
+      for (;;) {
+        while (lowest < kLevels && queues.empty(lowest)) ++lowest;
+        uint32_t least = lowest < kLevels ? static_cast<uint32_t>(lowest) << kLevelShift : kWall;
+        int from = lowest;
+        if (!queues.empty(kNext) && cell[queues.front(kNext)].key <= least) {
+          from = kNext;
+          least = cell[queues.front(kNext)].key;
         }
-        i = queues.pop(from);
+        int32_t i;
+        if (taken < edges && cell[edge[taken]].key < least) {
+          i = edge[taken++];
+        } else if (least == kWall) {
+          break;
+        } else {
+          // Pixels taken from a level's queue were queued long before: fetch ahead.
+          if (const int32_t* a = queues.behind(from, 8)) {
+            __builtin_prefetch(cell + *a - fw_);
+            __builtin_prefetch(cell + *a);
+            __builtin_prefetch(cell + *a + fw_);
+          }
+          i = queues.pop(from);
+        }
+        Cell* c = cell + i;
+        const uint32_t k = c->key;
+        if (c->label == 0) label(c, from == kNext ? k - 1 : least1(c));
+        // The neighbours not yet offered a key: key + 1 puts them in the first queue, their
+        // floor (when higher) in their level's. The queue is chosen without a branch, as both
+        // are common.
+        const uint32_t up = k + 1;
+        if (up >= kUnreached) continue;
+        for (int j = 0; j < kNb; ++j) {
+          Cell& q = c[o_.d[j]];
+          if (q.key != kUnreached) continue;
+          const uint32_t fl = static_cast<uint32_t>(q.level) << kLevelShift;
+          const bool next = up >= fl;
+          q.key = next ? up : fl;
+          const int queue = next ? kNext : q.level;
+          queues.push(queue, i + static_cast<int32_t>(o_.d[j]));
+          lowest = queue < lowest ? queue : lowest;
+        }
       }
-      Cell* c = cell + i;
-      const uint32_t k = c->key;
-      if (c->label == 0) label(c, from == kNext ? k - 1 : best(c));
-      // The neighbours not yet offered a key: key + 1 puts them in the first queue, their floor
-      // (when higher) in their level's. The queue is chosen without a branch, as both are common.
-      const uint32_t up = k + 1;
-      if (up >= kUnreached) continue;
-      for (int j = 0; j < kNb; ++j) {
-        Cell& q = c[o_.d[j]];
-        if (q.key != kUnreached) continue;
-        const uint32_t fl = static_cast<uint32_t>(q.level) << kLevelShift;
-        const bool next = up >= fl;
-        q.key = next ? up : fl;
-        const int queue = next ? kNext : q.level;
-        queues.push(queue, i + static_cast<int32_t>(o_.d[j]));
-        lowest = queue < lowest ? queue : lowest;
+      return !queues.overflow();
+    } else {
+      // Steps above one: a key can go down after its first offer, so a pixel may wait in a queue
+      // more than once; an entry whose pixel's key is no longer its queue's is passed over.
+      // Near queue kLevels + (key & (kNear - 1)) holds the keys from the key last taken (`now`)
+      // to at most kNear - 1 above it, so no two keys waiting share a queue.
+      constexpr uint32_t kMask = kNear - 1;
+      uint32_t now = 0;
+      uint32_t nearMin = kWall;  // no near queue holds a key below this
+      int near = 0;              // entries in the near queues
+      for (;;) {
+        if (queues.overflow()) return false;
+        while (lowest < kLevels && queues.empty(lowest)) ++lowest;
+        uint32_t least = lowest < kLevels ? static_cast<uint32_t>(lowest) << kLevelShift : kWall;
+        int from = lowest;
+        if (near > 0) {
+          uint32_t key = nearMin < now ? now : nearMin;
+          while (queues.empty(kLevels + static_cast<int>(key & kMask))) ++key;
+          nearMin = key;
+          if (key <= least) {
+            least = key;
+            from = kLevels + static_cast<int>(key & kMask);
+          }
+        }
+        int32_t i;
+        if (taken < edges && cell[edge[taken]].key < least) {
+          i = edge[taken++];
+        } else if (least == kWall) {
+          break;
+        } else {
+          if (const int32_t* a = queues.behind(from, 8)) {
+            __builtin_prefetch(cell + *a - fw_);
+            __builtin_prefetch(cell + *a);
+            __builtin_prefetch(cell + *a + fw_);
+          }
+          if (from >= kLevels) --near;
+          i = queues.pop(from);
+          if (cell[i].key != least) continue;
+        }
+        Cell* c = cell + i;
+        const uint32_t k = c->key;
+        now = k;
+        if (c->label == 0) labelFrom(c, parents(c));
+        for (int j = 0; j < kNb; ++j) {
+          const int32_t qi = i + static_cast<int32_t>(o_.d[j]);
+          Cell& q = cell[qi];
+          if (q.bits & kBreadthFixed) continue;
+          const uint32_t offer = offerFrom(k, j, &q);
+          if (offer >= q.key) continue;
+          q.key = offer;
+          const bool floor = offer == static_cast<uint32_t>(q.level) << kLevelShift;
+          const int queue = floor ? q.level : kLevels + static_cast<int>(offer & kMask);
+          if (!floor) {
+            ++near;
+            nearMin = offer < nearMin ? offer : nearMin;
+          }
+          queues.push(queue, qi);
+          lowest = queue < lowest ? queue : lowest;
+        }
       }
+      return !queues.overflow();
     }
   }
 
   // Brings stripe s up to date with its copy cells that changed; floods it again from its
-  // markers if the heap runs out of room.
-  void update(int s) {
+  // markers if the heap runs out of room. False when that flood runs out of room too.
+  bool update(int s) {
     Cell* cell = block(s);
     uint64_t* heap = reinterpret_cast<uint64_t*>(base_ + lay_.chunks[s]);
-    const size_t end = s + 1 < lay_.stripes ? lay_.chunks[s + 1] : lay_.end;
-    const size_t room = (end - lay_.chunks[s]) / sizeof(uint64_t);
+    const size_t room = slots(s) / 2;
     size_t n = 0;
     auto push = [&](uint32_t key, int32_t i) {
       if (n == room) return false;
@@ -695,8 +784,7 @@ class BreadthFlood {
         const int32_t qi = i + static_cast<int32_t>(o_.d[j]);
         Cell& q = cell[qi];
         if (q.bits & kBreadthFixed) continue;
-        const uint32_t up = k + 1, fl = static_cast<uint32_t>(q.level) << kLevelShift;
-        const uint32_t offer = up >= kUnreached ? kUnreached : up < fl ? fl : up;
+        const uint32_t offer = offerFrom(k, j, &q);
         if (offer < q.key) {
           q.key = offer;
           q.bits |= kBreadthMoved;
@@ -718,10 +806,14 @@ class BreadthFlood {
       if (c->key != static_cast<uint32_t>(top >> 32)) continue;  // moved lower since
       const T was = c->label;
       const uint8_t bits = c->bits;
-      label(c, best(c));
+      if constexpr (kUnit) {
+        label(c, least1(c));
+      } else {
+        labelFrom(c, parents(c));
+      }
       if ((bits & kBreadthMoved) || c->label != was || c->bits != bits) fits = spread(i);
     }
-    if (!fits) flood(s);
+    return fits || flood(s);
   }
 
   // After the last pass: pixels whose parents carry several labels become boundaries, boundary
@@ -744,9 +836,42 @@ class BreadthFlood {
  private:
   Cell* block(int s) const { return reinterpret_cast<Cell*>(base_ + lay_.cells[s]); }
   int32_t* order(int s) const { return reinterpret_cast<int32_t*>(base_ + lay_.order[s]); }
+  // The 32-bit slots of stripe s's queue room.
+  size_t slots(int s) const {
+    const size_t end = s + 1 < lay_.stripes ? lay_.chunks[s + 1] : lay_.end;
+    return (end - lay_.chunks[s]) / 4;
+  }
 
-  // The least key among the neighbours of c.
-  [[gnu::always_inline]] uint32_t best(const Cell* c) const {
+  // The key pixel q (neighbour j of a pixel of key k) is offered: max(its floor, the cost from
+  // that pixel's key), kUnreached when out of reach. Fast marching works the cost out from q's
+  // neighbours as they stand, the pixel of key k among them.
+  [[gnu::always_inline]] uint32_t offerFrom(uint32_t k, int j, const Cell* q) const {
+    int64_t cost;
+    if constexpr (kNorm == 3) {
+      (void)k;
+      (void)j;
+      const int64_t t1 = q[-1].key < q[1].key ? q[-1].key : q[1].key;
+      const int64_t t2 = q[-fw_].key < q[fw_].key ? q[-fw_].key : q[fw_].key;
+      const int64_t lo = t1 < t2 ? t1 : t2, hi = t1 < t2 ? t2 : t1;
+      if (lo >= kUnreached) return kUnreached;
+      const int64_t d = hi - lo;
+      if (d >= kMarchUnit || hi >= kUnreached) {
+        cost = lo + kMarchUnit;  // one axis decides
+      } else {
+        const int64_t g = (lo + hi + kMarch.root[d]) >> 1;
+        cost = g > hi ? g : hi + 1;
+      }
+    } else {
+      constexpr StepCost c = kStepCost[kNorm];
+      cost = static_cast<int64_t>(k) + (j < 4 ? c.axis : c.diagonal);
+    }
+    if (cost >= kUnreached) return kUnreached;
+    const uint32_t fl = static_cast<uint32_t>(q->level) << kLevelShift;
+    return static_cast<uint32_t>(cost) < fl ? fl : static_cast<uint32_t>(cost);
+  }
+
+  // Unit steps: the least key among the neighbours of c.
+  [[gnu::always_inline]] uint32_t least1(const Cell* c) const {
     uint32_t b = kUnreached;
     for (int j = 0; j < kNb; ++j) {
       const uint32_t u = c[o_.d[j]].key;
@@ -755,9 +880,9 @@ class BreadthFlood {
     return b;
   }
 
-  // Labels pixel c from its parents, its neighbours whose key is `best`. A pixel offered key + 1
-  // by the pixel taken at key has its parents at that key (any lower one would have been taken,
-  // and have offered its own, before).
+  // Unit steps: labels pixel c from its parents, its neighbours whose key is `best`. A pixel
+  // offered key + 1 by the pixel taken at key has its parents at that key (any lower one would
+  // have been taken, and have offered its own, before).
   [[gnu::always_inline]] void label(Cell* c, uint32_t best) const {
     // Mostly the parents carry one label and none is mixed: test that without branches first.
     T one = 0;
@@ -771,12 +896,71 @@ class BreadthFlood {
       const Cell& pj = c[o_.d[j]];
       odd |= (pj.key == best) & ((pj.label != one) | ((pj.bits & kBreadthMixed) != 0));
     }
-    T plain = one, least = one;
-    bool several = false;
-    if (odd) plain = least = 0;
-    for (int j = 0; odd && j < kNb; ++j) {
+    if (!odd) {
+      c->label = one;
+      c->bits = 0;
+      return;
+    }
+    unsigned mask = 0;
+    for (int j = 0; j < kNb; ++j) mask |= (c[o_.d[j]].key == best ? 1u : 0u) << j;
+    labelFrom(c, mask);
+  }
+
+  // The parents of c (bits in offset order): the reached neighbours its cost comes from.
+  [[gnu::always_inline]] unsigned parents(const Cell* c) const {
+    uint32_t nb[8];
+    for (int j = 0; j < kNb; ++j) nb[j] = c[o_.d[j]].key;
+    unsigned from = 0;
+    if constexpr (kNorm == 3) {
+      const uint32_t t1 = nb[0] < nb[1] ? nb[0] : nb[1];
+      const uint32_t t2 = nb[2] < nb[3] ? nb[2] : nb[3];
+      const bool r1 = t1 < kUnreached, r2 = t2 < kUnreached;
+      const uint32_t d = r1 && r2 ? (t1 > t2 ? t1 - t2 : t2 - t1) : kMarchUnit;
+      bool useX = r1, useY = r2;
+      if (d >= static_cast<uint32_t>(kMarchUnit)) {
+        useX = r1 && (!r2 || t1 < t2);
+        useY = !useX && r2;
+      }
+      if (useX) from |= (nb[0] == t1 ? 1u : 0u) | (nb[1] == t1 ? 2u : 0u);
+      if (useY) from |= (nb[2] == t2 ? 4u : 0u) | (nb[3] == t2 ? 8u : 0u);
+    } else {
+      // Costs in 32 bits: keys are below 2^31, steps small.
+      constexpr StepCost sc = kStepCost[kNorm];
+      uint32_t cost[8], best = kUnreached;
+      for (int j = 0; j < kNb; ++j) {
+        cost[j] = nb[j] + static_cast<uint32_t>(j < 4 ? sc.axis : sc.diagonal);
+        best = cost[j] < best ? cost[j] : best;
+      }
+      for (int j = 0; j < kNb; ++j) from |= (cost[j] == best && nb[j] < kUnreached ? 1u : 0u) << j;
+    }
+    return from;
+  }
+
+  // Labels pixel c from the parents in `mask`: the parents that are not mixed decide (one label:
+  // that label; several: mixed, carrying the smallest); when all are mixed, the smallest label
+  // they carry, unmixed.
+  void labelFrom(Cell* c, unsigned mask) const {
+    // Mostly the parents carry one label and none is mixed: test that without branches first.
+    T one = 0;
+    for (int j = 0; j < kNb; ++j) {
+      const T u = (mask >> j) & 1 ? c[o_.d[j]].label : T{0};
+      one = u > one ? u : one;
+    }
+    bool odd = false;
+    for (int j = 0; j < kNb; ++j) {
       const Cell& pj = c[o_.d[j]];
-      if (pj.key != best) continue;
+      odd |= ((mask >> j) & 1) != 0 && (pj.label != one || (pj.bits & kBreadthMixed) != 0);
+    }
+    if (!odd) {
+      c->label = one;
+      c->bits = 0;
+      return;
+    }
+    T plain = 0, least = 0;
+    bool several = false;
+    for (int j = 0; j < kNb; ++j) {
+      if (!(mask & (1u << j))) continue;
+      const Cell& pj = c[o_.d[j]];
       const T u = pj.label;
       if (least == 0 || u < least) least = u;
       if (pj.bits & kBreadthMixed) continue;
@@ -805,25 +989,33 @@ class BreadthFlood {
   int changes_[kBreadthMaxStripes] = {};
 };
 
+// The key-order flood over the layout's stripes; false (having written no marker) when its
+// queues ran out of room, for the sweeps to take over.
 template <int kNorm, class T>
-void floodBreadth(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi,
+bool floodBreadth(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSize roi,
                   int flag, Kvl8u* buffer, T boundary, const BreadthLayout& lay, int team) {
   BreadthFlood<kNorm, T> f(src, srcStep, marker, markerStep, roi, lay, buffer, boundary);
-  bool changed[kBreadthMaxStripes];
+  bool changed[kBreadthMaxStripes], fits[kBreadthMaxStripes];
+  auto allFit = [&] {
+    for (int s = 0; s < lay.stripes; ++s)
+      if (!fits[s]) return false;
+    return true;
+  };
   par::runEach(team, lay.stripes, [&](int s) {
     f.copyEdges(s, true);
-    f.flood(s);
+    fits[s] = f.flood(s);
   });
+  if (!allFit()) return false;
   while (lay.stripes > 1) {
     par::runEach(team, lay.stripes, [&](int s) { changed[s] = f.copyEdges(s, false); });
     bool any = false;
     for (int s = 0; s < lay.stripes; ++s) any |= changed[s];
     if (!any) break;
-    par::runEach(team, lay.stripes, [&](int s) {
-      if (changed[s]) f.update(s);
-    });
+    par::runEach(team, lay.stripes, [&](int s) { fits[s] = !changed[s] || f.update(s); });
+    if (!allFit()) return false;
   }
   f.finish(flag, marker);
+  return true;
 }
 
 template <int kNorm, class T>
@@ -953,38 +1145,30 @@ KvlStatus watershed(const Kvl8u* src, int srcStep, T* marker, int markerStep, Kv
       floodQueue<T, 4>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
     }
   } else {
-    // Unit steps flood in key order, in as many stripes as threads when the buffer holds them;
-    // the other norms, and images whose buffer is too small for the queues, sweep.
+    // A flood in key order, in as many stripes as threads when the buffer holds them; sweeps
+    // for images whose buffer is too small for the flood's queues, or whose queues overflow.
+    const int team = par::teamWatershed(roi);
     const long long bytes = watershedBytes(roi, sizeof(T));
-    BreadthLayout lay{};
-    int team = 1;
-    if (norm <= 1) {
-      team = par::teamWatershed(roi);
-      lay = breadthLayout(roi, bytes, team);
-      if (lay.stripes == 0 && team > 1) lay = breadthLayout(roi, bytes, 1);
-    }
+    BreadthLayout lay = breadthLayout(roi, bytes, team);
+    if (lay.stripes == 0 && team > 1) lay = breadthLayout(roi, bytes, 1);
+    const int breadthTeam = lay.stripes > 1 ? team : 1;
+    auto run = [&]<int kNorm>(std::integral_constant<int, kNorm>) {
+      if (lay.stripes == 0 || !floodBreadth<kNorm>(src, srcStep, marker, markerStep, roi, flag,
+                                                   buffer, boundary, lay, breadthTeam))
+        floodDistance<kNorm>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+    };
     switch (norm) {
       case 0:
-        if (lay.stripes != 0) {
-          floodBreadth<0>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary, lay,
-                          lay.stripes > 1 ? team : 1);
-        } else {
-          floodDistance<0>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
-        }
+        run(std::integral_constant<int, 0>{});
         break;
       case 1:
-        if (lay.stripes != 0) {
-          floodBreadth<1>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary, lay,
-                          lay.stripes > 1 ? team : 1);
-        } else {
-          floodDistance<1>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
-        }
+        run(std::integral_constant<int, 1>{});
         break;
       case 2:
-        floodDistance<2>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        run(std::integral_constant<int, 2>{});
         break;
       default:
-        floodDistance<3>(src, srcStep, marker, markerStep, roi, flag, buffer, boundary);
+        run(std::integral_constant<int, 3>{});
         break;
     }
   }

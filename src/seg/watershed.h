@@ -139,6 +139,8 @@ inline DistanceLayout distanceLayout(KvliSize roi, int markerBytes, int team) {
 // most its pixels in all; later passes use that room as a heap. Images that the buffer formula
 // leaves too little room for sweep instead (`stripes` 0).
 constexpr int kBreadthMaxStripes = 16;
+// Queues: one per level, then up to 32 for keys just above the one taken.
+constexpr int kBreadthQueues = kLevels + 32;
 template <class T>
 struct BreadthCell {
   uint32_t key;
@@ -177,7 +179,7 @@ inline BreadthLayout breadthLayout(KvliSize roi, long long bufferBytes, int stri
     size_t bytes = 0;
     for (int s = 0; s < stripes; ++s) {
       const size_t n = static_cast<size_t>(roi.width) * l.rows[s];
-      const size_t spread = n / (c - 1) + 1 + (kLevels + 1);
+      const size_t spread = n / (c - 1) + 1 + kBreadthQueues;
       bytes += 4 * c * (spread < n ? spread : n);
     }
     if (bytes > static_cast<size_t>(room)) continue;
@@ -185,7 +187,7 @@ inline BreadthLayout breadthLayout(KvliSize roi, long long bufferBytes, int stri
     l.chunk = c;
     for (int s = 0; s < stripes; ++s) {
       const size_t n = static_cast<size_t>(roi.width) * l.rows[s];
-      const size_t spread = n / (c - 1) + 1 + (kLevels + 1);
+      const size_t spread = n / (c - 1) + 1 + kBreadthQueues;
       l.chunks[s] = at;
       at += 4 * c * (spread < n ? spread : n);
     }
