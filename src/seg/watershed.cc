@@ -657,31 +657,50 @@ class BreadthFlood {
       std::sort(edge, edge + edges, [&](int32_t a, int32_t b) { return cell[a].key < cell[b].key; });
     }
 
-    if constexpr (kUnit) {
-      for (;;) {
-        while (lowest < kLevels && queues.empty(lowest)) ++lowest;
-        uint32_t least = lowest < kLevels ? static_cast<uint32_t>(lowest) << kLevelShift : kWall;
-        int from = lowest;
+    // With steps above one (norms 2 and 3) a key can go down after its first offer, so a pixel
+    // may wait in a queue more than once; an entry whose pixel's key is no longer its queue's is
+    // passed over. Near queue kLevels + (key & (kNear - 1)) holds the keys from the key last
+    // taken (`now`) to at most kNear - 1 above it, so no two keys waiting share a queue.
+    constexpr uint32_t kMask = kNear - 1;
+    uint32_t now = 0;
+    uint32_t nearMin = kWall;  // no near queue holds a key below this
+    int near = 0;              // entries in the near queues
+    for (;;) {
+      if constexpr (!kUnit) {
+        if (queues.overflow()) return false;
+      }
+      while (lowest < kLevels && queues.empty(lowest)) ++lowest;
+      uint32_t least = lowest < kLevels ? static_cast<uint32_t>(lowest) << kLevelShift : kWall;
+      int from = lowest;
+      if constexpr (kUnit) {
         if (!queues.empty(kNext) && cell[queues.front(kNext)].key <= least) {
           from = kNext;
           least = cell[queues.front(kNext)].key;
         }
-        int32_t i;
-        if (taken < edges && cell[edge[taken]].key < least) {
-          i = edge[taken++];
-        } else if (least == kWall) {
-          break;
-        } else {
-          // Pixels taken from a level's queue were queued long before: fetch ahead.
-          if (const int32_t* a = queues.behind(from, 8)) {
-            __builtin_prefetch(cell + *a - fw_);
-            __builtin_prefetch(cell + *a);
-            __builtin_prefetch(cell + *a + fw_);
-          }
-          i = queues.pop(from);
+      } else if (near > 0) {
+        uint32_t key = nearMin < now ? now : nearMin;
+        while (queues.empty(kLevels + static_cast<int>(key & kMask))) ++key;
+        nearMin = key;
+        if (key <= least) {
+          least = key;
+          from = kLevels + static_cast<int>(key & kMask);
         }
-        Cell* c = cell + i;
-        const uint32_t k = c->key;
+      }
+      int32_t i;
+      if (taken < edges && cell[edge[taken]].key < least) {
+        i = edge[taken++];
+      } else if (least == kWall) {
+        break;
+      } else {
+        if constexpr (!kUnit) near -= from >= kLevels ? 1 : 0;
+        i = popAhead(queues, from, cell);
+        if constexpr (!kUnit) {
+          if (cell[i].key != least) continue;
+        }
+      }
+      Cell* c = cell + i;
+      const uint32_t k = c->key;
+      if constexpr (kUnit) {
         if (c->label == 0) label(c, from == kNext ? k - 1 : least1(c));
         // The neighbours not yet offered a key: key + 1 puts them in the first queue, their
         // floor (when higher) in their level's. The queue is chosen without a branch, as both
@@ -698,48 +717,7 @@ class BreadthFlood {
           queues.push(queue, i + static_cast<int32_t>(o_.d[j]));
           lowest = queue < lowest ? queue : lowest;
         }
-      }
-      return !queues.overflow();
-    } else {
-      // Steps above one: a key can go down after its first offer, so a pixel may wait in a queue
-      // more than once; an entry whose pixel's key is no longer its queue's is passed over.
-      // Near queue kLevels + (key & (kNear - 1)) holds the keys from the key last taken (`now`)
-      // to at most kNear - 1 above it, so no two keys waiting share a queue.
-      constexpr uint32_t kMask = kNear - 1;
-      uint32_t now = 0;
-      uint32_t nearMin = kWall;  // no near queue holds a key below this
-      int near = 0;              // entries in the near queues
-      for (;;) {
-        if (queues.overflow()) return false;
-        while (lowest < kLevels && queues.empty(lowest)) ++lowest;
-        uint32_t least = lowest < kLevels ? static_cast<uint32_t>(lowest) << kLevelShift : kWall;
-        int from = lowest;
-        if (near > 0) {
-          uint32_t key = nearMin < now ? now : nearMin;
-          while (queues.empty(kLevels + static_cast<int>(key & kMask))) ++key;
-          nearMin = key;
-          if (key <= least) {
-            least = key;
-            from = kLevels + static_cast<int>(key & kMask);
-          }
-        }
-        int32_t i;
-        if (taken < edges && cell[edge[taken]].key < least) {
-          i = edge[taken++];
-        } else if (least == kWall) {
-          break;
-        } else {
-          if (const int32_t* a = queues.behind(from, 8)) {
-            __builtin_prefetch(cell + *a - fw_);
-            __builtin_prefetch(cell + *a);
-            __builtin_prefetch(cell + *a + fw_);
-          }
-          if (from >= kLevels) --near;
-          i = queues.pop(from);
-          if (cell[i].key != least) continue;
-        }
-        Cell* c = cell + i;
-        const uint32_t k = c->key;
+      } else {
         now = k;
         if (c->label == 0) labelFrom(c, parents(c));
         for (int j = 0; j < kNb; ++j) {
@@ -759,8 +737,8 @@ class BreadthFlood {
           lowest = queue < lowest ? queue : lowest;
         }
       }
-      return !queues.overflow();
     }
+    return !queues.overflow();
   }
 
   // Brings stripe s up to date with its copy cells that changed; floods it again from its
@@ -840,6 +818,17 @@ class BreadthFlood {
   size_t slots(int s) const {
     const size_t end = s + 1 < lay_.stripes ? lay_.chunks[s + 1] : lay_.end;
     return (end - lay_.chunks[s]) / 4;
+  }
+
+  // The front of a queue, taken off. Pixels in a queue were mostly queued long before: the
+  // neighbourhood of the one 8 places behind is fetched ahead.
+  [[gnu::always_inline]] int32_t popAhead(LevelQueues& queues, int from, const Cell* cell) const {
+    if (const int32_t* a = queues.behind(from, 8)) {
+      __builtin_prefetch(cell + *a - fw_);
+      __builtin_prefetch(cell + *a);
+      __builtin_prefetch(cell + *a + fw_);
+    }
+    return queues.pop(from);
   }
 
   // The key pixel q (neighbour j of a pixel of key k) is offered: max(its floor, the cost from
