@@ -130,14 +130,15 @@ inline DistanceLayout distanceLayout(KvliSize roi, int markerBytes, int team) {
   return l;
 }
 
-// The distance method with unit steps (norms 0 and 1) floods in key order, in stripes of rows
-// (height / stripes each, the last one taking the rest too), from the start rounded up to 8
-// bytes: per stripe a block of cells, its rows framed and one more row above and below holding
-// the neighbouring stripes' edge rows (walls at the image's edges); a cell is a pixel's key,
-// label, state bits and relief level. Then, with several stripes, per stripe a list of its edge
-// rows' cells, and per stripe the queue chunks for 257 queues (one per level and one more) of at
-// most its pixels in all; later passes use that room as a heap. Images that the buffer formula
-// leaves too little room for sweep instead (`stripes` 0).
+// The distance method floods in key order, in stripes of rows (height / stripes each, the last
+// one taking the rest too), from the start rounded up to 8 bytes: per stripe a block of cells,
+// its rows framed and one more row above and below holding the neighbouring stripes' edge rows
+// (walls at the image's edges); a cell is a pixel's key, label, state bits and relief level.
+// Then, with several stripes, per stripe a list of its edge rows' cells; then per stripe the
+// chunks of its kBreadthQueues queues, room for all its pixels at once (a pixel whose key goes
+// down may wait twice: a flood that runs out of room gives way to the sweeps); later passes use
+// that room as a heap. Images that the buffer formula leaves too little room for sweep instead
+// (`stripes` 0).
 constexpr int kBreadthMaxStripes = 16;
 // Queues: one per level, then up to 32 for keys just above the one taken.
 constexpr int kBreadthQueues = kLevels + 32;
@@ -175,21 +176,20 @@ inline BreadthLayout breadthLayout(KvliSize roi, long long bufferBytes, int stri
     if (stripes > 1) at += 4 * 2 * fw;
   }
   const long long room = bufferBytes - 7 - static_cast<long long>(at);
+  auto pool = [&](int s, int c) {
+    const size_t n = static_cast<size_t>(roi.width) * l.rows[s];
+    const size_t spread = n / (c - 1) + 1 + kBreadthQueues;
+    return 4 * c * (spread < n ? spread : n);
+  };
   for (int c = 64; c >= 2 && room > 0; c /= 2) {
     size_t bytes = 0;
-    for (int s = 0; s < stripes; ++s) {
-      const size_t n = static_cast<size_t>(roi.width) * l.rows[s];
-      const size_t spread = n / (c - 1) + 1 + kBreadthQueues;
-      bytes += 4 * c * (spread < n ? spread : n);
-    }
+    for (int s = 0; s < stripes; ++s) bytes += pool(s, c);
     if (bytes > static_cast<size_t>(room)) continue;
     l.stripes = stripes;
     l.chunk = c;
     for (int s = 0; s < stripes; ++s) {
-      const size_t n = static_cast<size_t>(roi.width) * l.rows[s];
-      const size_t spread = n / (c - 1) + 1 + kBreadthQueues;
       l.chunks[s] = at;
-      at += 4 * c * (spread < n ? spread : n);
+      at += pool(s, c);
     }
     l.end = at;
     return l;
