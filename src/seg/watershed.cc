@@ -565,9 +565,9 @@ class BreadthFlood {
   static constexpr bool kUnit = kNorm <= 1;
   static constexpr int kNb = kNorm == 0 || kNorm == 2 ? 8 : 4;
   static constexpr uint32_t kUnreached = kKeyUnreached, kWall = kKeyWall;
-  // Queues for the keys just above the one taken, after the level queues: offers reach 1 above
-  // it for unit steps, up to 7 for the weighted norm and 16 for fast marching; a power of two
-  // at least that window + 1, so a key's queue is key & (kNear - 1).
+  // Norms 2 and 3: queues for the keys just above the one taken, after the level queues. Offers
+  // reach up to 7 above it for the weighted norm and 16 for fast marching; kNear is a power of
+  // two above that, so a key's queue is key & (kNear - 1). Unit steps use one queue, kNext.
   static constexpr int kNear = kNorm == 2 ? 8 : kNorm == 3 ? 32 : 1;
   static_assert(kNorm < 2 || (kNear & (kNear - 1)) == 0);
   static_assert(kNorm != 3 || kNear > kMarchUnit);
