@@ -82,6 +82,17 @@ inline T& labelOf(BreadthCell<T>& c) {
   return c.label;
 }
 
+// The labels of a framed map of cells back into the markers, row by row, at any alignment;
+// rowAt(y) gives image row y's cells from column 0.
+template <class T, class RowAt>
+void labelsOut(RowAt&& rowAt, KvliSize roi, T* marker, int step) {
+  for (int y = 0; y < roi.height; ++y) {
+    const auto* row = rowAt(y);
+    T* labels = rowPtr(marker, step, y);
+    for (int x = 0; x < roi.width; ++x) storeAny(labels + x, row[x].label);
+  }
+}
+
 // Boundary marking, in row order and in place: a pixel with a region label that has a neighbour
 // (the first `n` in offset order: 4 or 8) with another region label becomes the boundary value.
 // A pixel marked earlier in the scan therefore no longer counts as a region for the ones after it.
@@ -326,11 +337,7 @@ void floodQueue(const Kvl8u* src, int srcStep, T* marker, int markerStep, KvliSi
       reach<T, kNb>(first + r, r, level, o.d, boundary, queues, std::make_index_sequence<kNb>{});
     }
   }
-  for (int y = 0; y < h; ++y) {
-    const Cell* row = first + y * fw;
-    T* labels = rowPtr(marker, markerStep, y);
-    for (int x = 0; x < w; ++x) storeAny(labels + x, row[x].label);
-  }
+  labelsOut([&](int y) { return first + y * fw; }, roi, marker, markerStep);
 }
 
 // --- Distance method ----------------------------------------------------------------------------
@@ -623,9 +630,9 @@ class BreadthFlood {
     LevelQueues queues(reinterpret_cast<int32_t*>(base_ + lay_.chunks[s]), lay_.chunk,
                        slots(s));
     int lowest = kLevels;  // no level's queue below this one holds a pixel
-    auto enlist = [&](int level, int32_t i) {
-      queues.push(level, i);
-      if (level < lowest) lowest = level;
+    auto enlist = [&](int queue, int32_t i) __attribute__((always_inline)) {
+      queues.push(queue, i);
+      lowest = queue < lowest ? queue : lowest;
     };
     // The markers with the boundary value are walls; the other markers join the queue of their
     // level.
@@ -713,9 +720,7 @@ class BreadthFlood {
           const uint32_t fl = static_cast<uint32_t>(q.level) << kLevelShift;
           const bool next = up >= fl;
           q.key = next ? up : fl;
-          const int queue = next ? kNext : q.level;
-          queues.push(queue, i + static_cast<int32_t>(o_.d[j]));
-          lowest = queue < lowest ? queue : lowest;
+          enlist(next ? kNext : q.level, i + static_cast<int32_t>(o_.d[j]));
         }
       } else {
         now = k;
@@ -733,8 +738,7 @@ class BreadthFlood {
             ++near;
             nearMin = offer < nearMin ? offer : nearMin;
           }
-          queues.push(queue, qi);
-          lowest = queue < lowest ? queue : lowest;
+          enlist(queue, qi);
         }
       }
     }
@@ -804,11 +808,7 @@ class BreadthFlood {
     }
     if (const int bn = boundsNeighbours(flag))
       markBoundsRows<Cell>([&](int y) { return rowAt(y); }, {w_, h_}, boundary_, bn);
-    for (int y = 0; y < h_; ++y) {
-      const Cell* row = rowAt(y);
-      T* labels = rowPtr(marker, markerStep_, y);
-      for (int x = 0; x < w_; ++x) storeAny(labels + x, row[x].label);
-    }
+    labelsOut([&](int y) { return rowAt(y); }, {w_, h_}, marker, markerStep_);
   }
 
  private:

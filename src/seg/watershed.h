@@ -16,13 +16,16 @@ constexpr int kLevels = 256;
 
 // Chunks for queues of 32-bit entries, `queues` of them holding `entries` entries in all over
 // time: a chunk holds chunk - 1 entries, and chunks read to their end are taken again, so no
-// more than min(entries, entries / (chunk - 1) + 1 + queues) are ever in use. The chunk is the
-// longest power of two (2 .. 64 slots) whose chunks fit in `room` bytes, their bytes in `*bytes`;
-// 0 when none does.
+// more than min(entries, entries / (chunk - 1) + 1 + queues) are ever in use (queueBytes). The
+// chunk is the longest power of two (2 .. 64 slots) whose chunks fit in `room` bytes, their bytes
+// in `*bytes`; 0 when none does.
+inline size_t queueBytes(size_t entries, size_t queues, int chunk) {
+  const size_t spread = entries / (chunk - 1) + 1 + queues;
+  return 4 * static_cast<size_t>(chunk) * (spread < entries ? spread : entries);
+}
 inline int queueChunk(size_t entries, size_t queues, size_t room, size_t* bytes) {
   for (int c = 64; c >= 2; c /= 2) {
-    const size_t spread = entries / (c - 1) + 1 + queues;
-    *bytes = 4 * c * (spread < entries ? spread : entries);
+    *bytes = queueBytes(entries, queues, c);
     if (*bytes <= room) return c;
   }
   *bytes = 0;
@@ -177,9 +180,7 @@ inline BreadthLayout breadthLayout(KvliSize roi, long long bufferBytes, int stri
   }
   const long long room = bufferBytes - 7 - static_cast<long long>(at);
   auto pool = [&](int s, int c) {
-    const size_t n = static_cast<size_t>(roi.width) * l.rows[s];
-    const size_t spread = n / (c - 1) + 1 + kBreadthQueues;
-    return 4 * c * (spread < n ? spread : n);
+    return queueBytes(static_cast<size_t>(roi.width) * l.rows[s], kBreadthQueues, c);
   };
   for (int c = 64; c >= 2 && room > 0; c /= 2) {
     size_t bytes = 0;
