@@ -2,7 +2,7 @@
 """Per-call overhead of the Python layers over the C call.
 
 Times kvlcv.laplacian (the Pythonic call: checks, buffer query and allocation, status check),
-the same C function through the low-level ctypes layer with prepared arguments, and the C call
+the same C function through the low-level layer with prepared arguments, and the C call
 timed in C (a tiny timing loop compiled here with cc and given the function's address), on a
 64x64 and a 1920x1080 uint8 image, one library thread. Run with the build tree's package:
     PYTHONPATH=build/release/python /usr/bin/python3 python/bench_overhead.py
@@ -22,7 +22,8 @@ sys.path = [p for p in sys.path if os.path.abspath(p or ".") != os.path.dirname(
     os.path.abspath(__file__))]
 import kvlcv  # noqa: E402
 from kvlcv import _ops  # noqa: E402
-from kvlcv.lowlevel import KvliSize, lib  # noqa: E402
+from kvlcv import lowlevel  # noqa: E402
+from kvlcv.lowlevel import lib  # noqa: E402
 
 TIMER_C = r"""
 #include <time.h>
@@ -70,15 +71,15 @@ def main():
     kvlcv.set_num_threads(1)
     timer = c_timer()
     cfn = lib.kvliFilterLaplacianBorder_8u16s_C1R
-    addr = ctypes.cast(cfn, ctypes.c_void_p).value
+    addr = ctypes.cast(lowlevel._lib.kvliFilterLaplacianBorder_8u16s_C1R, ctypes.c_void_p).value
     print(f"{'image':>10} {'C (in C)':>10} {'low-level':>10} {'Pythonic':>10} "
           f"{'LL-C':>8} {'Py-C':>8} {'Py/C':>6}")
     for h, w, iters in ((64, 64, 20000), (1080, 1920, 100)):
         src = np.random.default_rng(0).integers(0, 256, (h, w), dtype=np.uint8)
         dst = np.empty((h, w), np.int16)
-        size = KvliSize(w, h)
+        size = (w, h)
         n = ctypes.c_int()
-        lib.kvliFilterLaplacianGetBufferSize_8u16s_C1R(size, 33, ctypes.byref(n))
+        lib.kvliFilterLaplacianGetBufferSize_8u16s_C1R(size, 33, ctypes.addressof(n))
         # The C timings use the work buffer the Pythonic call is lent, so all three run on the
         # same addresses (the filter's speed moves by several percent with the buffer's place
         # relative to the images). The three are timed in turn, rep after rep, so that drifts

@@ -5,7 +5,7 @@
 # and symbolizer (needed by `make fuzz` only).
 set -euo pipefail
 need=(cmake g++ make python3 pkg-config libhwy-dev libgtest-dev libbenchmark-dev libpng-dev
-  libtinyxml2-dev python3-numpy python3-pytest python3-dask python3-distributed)
+  libtinyxml2-dev python3-dev python3-numpy python3-pytest python3-dask python3-distributed)
 optional=()
 case "${1:-}" in
   --bench) optional=(libopencv-dev libopencv-contrib-dev) ;;

@@ -37,15 +37,21 @@ def params(args):
     return tuple(out)
 
 
-def main():
-    if len(sys.argv) != 4:
-        sys.exit("usage: gen_py.py include/kvlcv.h include/kvlcore.h OUTDIR")
-    cv = [(ret.strip(), name, params(args)) for ret, name, args in parse(sys.argv[1])]
+def declarations(cv_header, core_header):
+    """(kvlcv.h's, kvlcore.h's) exported functions as (return type, name, parameters)."""
+    cv = [(ret.strip(), name, params(args)) for ret, name, args in parse(cv_header)]
     core = []
-    for line in Path(sys.argv[2]).read_text().splitlines():
+    for line in Path(core_header).read_text().splitlines():
         m = CORE.match(line)
         if m:
             core.append((m["ret"].strip(), m["name"], params(m["args"])))
+    return cv, core
+
+
+def main():
+    if len(sys.argv) != 4:
+        sys.exit("usage: gen_py.py include/kvlcv.h include/kvlcore.h OUTDIR")
+    cv, core = declarations(sys.argv[1], sys.argv[2])
     lines = ['"""Generated from kvlcv.h and kvlcore.h: return type and parameters of every',
              'exported function. Do not edit."""', "", "FUNCTIONS = {"]
     for ret, name, ps in cv:

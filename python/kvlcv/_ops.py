@@ -15,7 +15,10 @@ import threading
 
 import numpy as np
 
+from . import _native
 from .lowlevel import KvliSize, lib, core, check, CONSTANTS
+
+_native_image = _native._image
 
 _SUFFIX = {np.dtype(np.uint8): "8u", np.dtype(np.int8): "8s", np.dtype(np.uint16): "16u",
            np.dtype(np.int16): "16s", np.dtype(np.int32): "32s", np.dtype(np.float32): "32f",
@@ -46,7 +49,7 @@ def set_num_threads(n):
 
 def get_num_threads():
     n = ctypes.c_int()
-    check(core.kvlGetNumThreads(ctypes.byref(n)), "kvlGetNumThreads")
+    check(core.kvlGetNumThreads(ctypes.addressof(n)), "kvlGetNumThreads")
     return n.value
 
 
@@ -58,15 +61,11 @@ def _image(a, what, writable=False):
     """(address, row step) of an image array, after checking its layout."""
     if not isinstance(a, np.ndarray):
         raise TypeError(f"{what}: expected a numpy.ndarray, got {type(a).__name__}")
-    f = a.flags
-    if f.c_contiguous and a.shape[0] > 1 and 2 <= a.ndim <= 3 and a.size:
-        # Whole rows back to back: the row step is the first stride (it is fixed by contiguity,
-        # as there is more than one row).
-        if f.writeable:
-            return ctypes.addressof(ctypes.c_char.from_buffer(a)), a.strides[0]
-        if writable:
-            raise ValueError(f"{what}: the array is not writable")
-        return a.ctypes.data, a.strides[0]
+    # The compiled module reads the layout through the buffer protocol and takes every layout
+    # the library can (the checks below, in C); it returns None for the rest.
+    r = _native_image(a, writable)
+    if r is not None:
+        return r
     st = a.strides
     it = a.itemsize
     if a.size == 0:
@@ -100,7 +99,7 @@ def _address(a):
 
 
 def _size(a):
-    return KvliSize(a.shape[1], a.shape[0])
+    return (a.shape[1], a.shape[0])     # a KvliSize (width, height)
 
 
 def _output(out, shape, dtype, what="out"):
@@ -157,7 +156,7 @@ def _scratch_buffer(nbytes):
 
 def _buffer(query, *args):
     n = ctypes.c_int()
-    check(getattr(lib, query)(*args, ctypes.byref(n)), query)
+    check(getattr(lib, query)(*args, ctypes.addressof(n)), query)
     return _scratch_buffer(n.value)
 
 
@@ -226,15 +225,15 @@ def _make_deriv(opname, cname, query, has_mask):
         ps, ss = _image(src, "src")
         dst = _output(out, src.shape, rtype)
         pd, sd = _image(dst, "out", True)
-        size = KvliSize(src.shape[1], src.shape[0])
+        size = (src.shape[1], src.shape[0])
         code = border_code(border, inmem)
         n = ctypes.c_int()
         if has_mask:
             m = _mask(mask)
-            check(q(size, m, ctypes.byref(n)), qname)
+            check(q(size, m, ctypes.addressof(n)), qname)
             args = (ps, ss, pd, sd, size, m, code, border_value)
         else:
-            check(q(size, ctypes.byref(n)), qname)
+            check(q(size, ctypes.addressof(n)), qname)
             args = (ps, ss, pd, sd, size, code, border_value)
         if has_divisor:
             args += (divisor,)
@@ -540,16 +539,11 @@ def _minmax(op, src, size, anchor, out):
     mw, mh = (size, size) if np.isscalar(size) else size
     ax, ay = anchor if anchor is not None else (mw // 2, mh // 2)
     dst = _output(out, src.shape, src.dtype)
-    msize = KvliSize(mw, mh)
+    msize = (mw, mh)
     buf = _buffer(f"kvliFilter{op}GetBufferSize_{key}", src.shape[1], msize)
     check(fn(*_image(src, "src"), *_image(dst, "out", True), _size(src), msize,
-             _point(ax, ay), buf.address), f"kvliFilter{op}BorderReplicate_{key}")
+             (ax, ay), buf.address), f"kvliFilter{op}BorderReplicate_{key}")
     return dst
-
-
-def _point(x, y):
-    from .lowlevel import KvliPoint
-    return KvliPoint(x, y)
 
 
 def min_filter(src, size=3, anchor=None, out=None):
@@ -583,11 +577,11 @@ class Morphology:
         if self.key not in _MORPH["Erode"]:
             raise TypeError(f"Morphology: no member for {self.key}")
         self.max_width = max_width
-        self.kernel_size = KvliSize(k.shape[1], k.shape[0])
+        self.kernel_size = (k.shape[1], k.shape[0])
         state, buf = ctypes.c_int(), ctypes.c_int()
         name = f"kvliMorphologyBorderGetSize_{self.key}"
-        check(getattr(lib, name)(max_width, self.kernel_size, ctypes.byref(state),
-                                 ctypes.byref(buf)), name)
+        check(getattr(lib, name)(max_width, self.kernel_size, ctypes.addressof(state),
+                                 ctypes.addressof(buf)), name)
         self.buffer_size = max(buf.value, 1)
         self._state = np.empty(max(state.value, 1), np.uint8)
         scratch = np.empty(self.buffer_size, np.uint8)
@@ -726,7 +720,7 @@ def flood_fill(image, seed, new_value, rule="exact", connectivity=4, lo=0, hi=0)
     if _channels(image) == 3:
         arrays = [np.ascontiguousarray(np.broadcast_to(v, 3), image.dtype) for v in args]
         args = [a.ctypes.data for a in arrays]
-    check(fn(ptr, step, _size(image), _point(*seed), *args, ctypes.byref(region), buf.address),
+    check(fn(ptr, step, _size(image), tuple(seed), *args, ctypes.addressof(region), buf.address),
           fn.__name__)
     return {"area": region.area, "value": tuple(region.value),
             "rect": (region.x, region.y, region.width, region.height)}
@@ -783,10 +777,11 @@ class _Foreground:
             raise TypeError(f"{self._base}: uint8 frames with 1 or 3 channels expected")
         self.key, self.shape = key, first_frame.shape
         self._model = ctypes.c_int(0)          # the library never reads the model record
-        self._state = ctypes.c_void_p()
+        state = ctypes.c_void_p()
         name = f"kvliForeground{self._base}InitAlloc_{key}"
         check(getattr(lib, name)(*_image(first_frame, "frame"), _size(first_frame),
-                                 ctypes.addressof(self._model), ctypes.byref(self._state)), name)
+                                 ctypes.addressof(self._model), ctypes.addressof(state)), name)
+        self._state = state.value              # the state's address
         self._free = getattr(lib, f"kvliForeground{self._base}Free_{key}")
 
     def __del__(self):
@@ -828,6 +823,11 @@ class _Pyramid(ctypes.Structure):
 _LK = _members("kvliOpticalFlowPyrLK", ["8u_C1R", "16u_C1R", "32f_C1R"])
 
 
+def _pointer(p):
+    """The address a ctypes pointer holds."""
+    return ctypes.cast(p, ctypes.c_void_p).value
+
+
 def _pyramid_levels(img, max_level):
     if isinstance(img, (list, tuple)):
         return list(img)
@@ -862,8 +862,8 @@ def optical_flow_pyr_lk(prev, next, points, win_size=21, max_level=3, max_iter=3
     try:
         for levels in (lv1, lv2):
             rec = ctypes.POINTER(_Pyramid)()
-            check(lib.kvliPyramidInitAlloc(ctypes.byref(rec), max(1, len(levels) - 1), size, 2.0),
-                  "kvliPyramidInitAlloc")
+            check(lib.kvliPyramidInitAlloc(ctypes.addressof(rec), max(1, len(levels) - 1), size,
+                                           2.0), "kvliPyramidInitAlloc")
             recs.append(rec)
             r = rec.contents
             for k in range(min(r.level, len(levels) - 1) + 1):
@@ -876,19 +876,20 @@ def optical_flow_pyr_lk(prev, next, points, win_size=21, max_level=3, max_iter=3
                 keep.append(a)
         top = min(max_level, min(len(lv1), len(lv2)) - 1, recs[0].contents.level,
                   recs[1].contents.level)
-        state = ctypes.c_void_p()
-        check(getattr(lib, f"kvliOpticalFlowPyrLKInitAlloc_{key}")(ctypes.byref(state), size,
+        cell = ctypes.c_void_p()
+        check(getattr(lib, f"kvliOpticalFlowPyrLKInitAlloc_{key}")(ctypes.addressof(cell), size,
                                                                   win_size, 0),
               "kvliOpticalFlowPyrLKInitAlloc")
+        state = cell.value
         try:
-            check(fn(ctypes.cast(recs[0], ctypes.c_void_p), ctypes.cast(recs[1], ctypes.c_void_p),
-                     pts.ctypes.data, nxt.ctypes.data, status.ctypes.data, err.ctypes.data, n,
-                     win_size, top, max_iter, threshold, state), f"kvliOpticalFlowPyrLK_{key}")
+            check(fn(_pointer(recs[0]), _pointer(recs[1]), pts.ctypes.data, nxt.ctypes.data,
+                     status.ctypes.data, err.ctypes.data, n, win_size, top, max_iter, threshold,
+                     state), f"kvliOpticalFlowPyrLK_{key}")
         finally:
             getattr(lib, f"kvliOpticalFlowPyrLKFree_{key}")(state)
     finally:
         for rec in recs:
-            lib.kvliPyramidFree(ctypes.cast(rec, ctypes.c_void_p))
+            lib.kvliPyramidFree(_pointer(rec))
     return nxt, status, err
 
 
@@ -947,13 +948,15 @@ class HaarClassifier:
                 not len(arr[1]) == len(arr[2]) == len(arr[3]) == len(num):
             raise ValueError("HaarClassifier: inconsistent lengths")
         feats = (KvliRect * max(len(r), 1))(*[KvliRect(*map(int, x)) for x in r])
-        self._state = ctypes.c_void_p()
+        state = ctypes.c_void_p()
         name = f"kvliHaarClassifierInitAlloc_{self.kind}"
-        check(getattr(lib, name)(ctypes.byref(self._state), ctypes.addressof(feats),
+        check(getattr(lib, name)(ctypes.addressof(state), ctypes.addressof(feats),
                                  *[a.ctypes.data for a in arr], num.ctypes.data, len(num)), name)
+        self._state = state.value              # the classifier's address
         self._free = getattr(lib, f"kvliHaarClassifierFree_{self.kind}")
         s = KvliSize()
-        check(getattr(lib, f"kvliGetHaarClassifierSize_{self.kind}")(self._state, ctypes.byref(s)),
+        check(getattr(lib, f"kvliGetHaarClassifierSize_{self.kind}")(self._state,
+                                                                     ctypes.addressof(s)),
               "kvliGetHaarClassifierSize")
         self.size = (s.width, s.height)
 
@@ -988,7 +991,7 @@ class HaarClassifier:
             raise ValueError(f"apply: mask must be uint8 of shape {shape}")
         positive = ctypes.c_int()
         args = [*_image(table, "table"), *_image(norm, "norm"), *_image(mask, "mask", True),
-                KvliSize(shape[1], shape[0]), ctypes.byref(positive), threshold, self._state]
+                (shape[1], shape[0]), ctypes.addressof(positive), threshold, self._state]
         if suffix == "32s_C1RSfs":
             args.append(0)
         name = f"kvliApplyHaarClassifier_{suffix}"

@@ -1,16 +1,19 @@
-"""The low-level layer: every exported C function as a ctypes function.
+"""The low-level layer: every exported C function, callable from Python.
 
-The prototypes come from _abi.py, which the build derives from the public headers, so the layer
-needs no per-function code. Conventions: pointers of any type are passed as integers (an
-array's address, e.g. ``a.ctypes.data``) or None; KvliSize, KvliPoint, KvliPoint32f and KvliRect
-are passed by value as the Structure classes below; scalars as Python numbers. Every call
-releases the GIL while the C function runs. Functions return the raw status (an int).
+The functions come from _native, a compiled module the build generates from the public headers
+(as it generates the signature table _abi.py), so the layer needs no per-function code. Each
+takes the C function's arguments positionally and returns what it returns (the raw status for
+the image functions). Argument forms: a pointer is an int address (e.g. ``a.ctypes.data`` or
+``ctypes.addressof(x)``) or None; an integer or enumeration an int, checked against its C type's
+range (OverflowError); Kvl32f and Kvl64f any real number; KvliSize, KvliPoint, KvliPoint32f and
+KvliRect a tuple of their fields (``(width, height)``) or an instance of the Structure classes
+below. Every call releases the GIL while the C function runs.
 """
 import ctypes
 import os
 import warnings
 
-from . import _abi
+from . import _abi, _native
 
 try:
     from . import _paths
@@ -34,28 +37,6 @@ class KvliPoint32f(ctypes.Structure):
 class KvliRect(ctypes.Structure):
     _fields_ = [("x", ctypes.c_int), ("y", ctypes.c_int), ("width", ctypes.c_int),
                 ("height", ctypes.c_int)]
-
-
-_SCALARS = {
-    "int": ctypes.c_int, "KvlStatus": ctypes.c_int, "Kvl8u": ctypes.c_uint8,
-    "Kvl8s": ctypes.c_int8, "Kvl16u": ctypes.c_uint16, "Kvl16s": ctypes.c_int16,
-    "Kvl32s": ctypes.c_int32, "Kvl32u": ctypes.c_uint32, "Kvl64s": ctypes.c_int64,
-    "Kvl64u": ctypes.c_uint64, "Kvl32f": ctypes.c_float, "Kvl64f": ctypes.c_double,
-    "KvliSize": KvliSize, "KvliPoint": KvliPoint, "KvliPoint32f": KvliPoint32f,
-    "KvliRect": KvliRect,
-    # enumeration typedefs are plain ints
-    "KvliBorderType": ctypes.c_int, "KvliMaskSize": ctypes.c_int, "KvlDataType": ctypes.c_int,
-    "KvliDifferentialKernel": ctypes.c_int, "KvlNormType": ctypes.c_int,
-}
-
-
-def ctype_of(ctype):
-    """The ctypes type standing for a C type spelled as in the header."""
-    if ctype == "void":
-        return None
-    if ctype.endswith("*"):
-        return ctypes.c_void_p
-    return _SCALARS[ctype.replace("const ", "")]
 
 
 def _candidates(name, soname):
@@ -89,24 +70,27 @@ _core, CORE_PATH = _load("kvlcore")
 _lib, LIBRARY_PATH = _load("kvlcv")
 
 
-class _Namespace:
-    """Attribute access to the prototyped C functions."""
+# The compiled functions look the C functions up in the two libraries loaded above.
+_missing = _native.bind(_lib._handle, _core._handle)
+if _missing:
+    raise ImportError(f"kvlcv: {LIBRARY_PATH} lacks {len(_missing)} functions of the package's "
+                      f"headers (first: {_missing[0]}): the library and the package differ")
 
-    def __init__(self, lib, table):
-        self._names = []
-        for name, (ret, params) in table.items():
-            fn = getattr(lib, name)
-            fn.restype = ctype_of(ret)
-            fn.argtypes = [ctype_of(t) for t, _ in params]
-            setattr(self, name, fn)
-            self._names.append(name)
+
+class _Namespace:
+    """Attribute access to the compiled functions of one library."""
+
+    def __init__(self, table):
+        self._names = list(table)
+        for name in table:
+            setattr(self, name, getattr(_native, name))
 
     def __dir__(self):
         return list(self._names)
 
 
-lib = _Namespace(_lib, _abi.FUNCTIONS)
-core = _Namespace(_core, _abi.CORE_FUNCTIONS)
+lib = _Namespace(_abi.FUNCTIONS)
+core = _Namespace(_abi.CORE_FUNCTIONS)
 FUNCTIONS = _abi.FUNCTIONS
 CONSTANTS = {name: value for name, (value, _) in _abi.CONSTANTS.items()}
 STATUS = {value: (name, doc) for name, (value, doc) in _abi.CONSTANTS.items()

@@ -19,7 +19,7 @@ def size_of(a):
 
 def buffer(query, *args):
     n = ctypes.c_int()
-    assert getattr(lib, query)(*args, ctypes.byref(n)) == 0
+    assert getattr(lib, query)(*args, ctypes.addressof(n)) == 0
     return np.empty(max(n.value, 1), np.uint8)
 
 
@@ -172,12 +172,44 @@ def test_warning_status():
         kvlcv.lowlevel.check(0, "f")
 
 
-def test_every_header_function_is_prototyped():
+def test_every_header_function_is_callable():
     for name, (ret, params) in kvlcv.lowlevel.FUNCTIONS.items():
         fn = getattr(lib, name)
-        assert len(fn.argtypes) == len(params)
+        assert fn.__doc__ == kvlcv.lowlevel.signature(name)
+        with pytest.raises(TypeError, match=f"{name} takes {len(params)} arguments"):
+            fn(*[0] * (len(params) + 1))
     assert "kvliCannyBorder_8u_C1R(const Kvl8u* pSrc" in kvlcv.lowlevel.signature(
         "kvliCannyBorder_8u_C1R")
+
+
+_Q = "kvliFilterLaplacianGetBufferSize_8u16s_C1R"     # (KvliSize, KvliMaskSize, int*)
+_F = "kvliFilterLaplacianBorder_8u8s_C1R"            # ... KvliBorderType, Kvl8u, int divisor, ...
+
+
+@pytest.mark.parametrize("name, args, error, match", [
+    (_Q, [(8, 8), 33, "out"], None, ""),
+    (_Q, [KvliSize(8, 8), 33, "out"], None, ""),
+    (_Q, [(8, 8, 1), 33, "out"], TypeError, r"1 \(roiSize\): a KvliSize \(width, height\) tuple"),
+    (_Q, [8, 33, "out"], TypeError, r"argument 1 \(roiSize\): expected KvliSize"),
+    (_Q, [(8, 2**31), 33, "out"], OverflowError, "out of the range of int"),
+    (_Q, [(8, 8), 33.0, "out"], TypeError, r"argument 2 \(mask\): expected KvliMaskSize"),
+    (_Q, [(8, 8), 33, "x"], TypeError, r"argument 3 \(pBufferSize\): expected an int address"),
+    (_Q, [(8, 8), 33, 1.5], TypeError, "expected an int address or None"),
+    (_Q, [(8, 8), 33, None], "status", ""),
+    (_F, [None, 8, None, 8, (8, 8), 33, 0, 256, 1, None], OverflowError,
+     r"argument 8 \(borderValue\): 256 is out of the range of Kvl8u"),
+])
+def test_argument_conversion(name, args, error, match):
+    """Every argument form the calling module takes, and the errors naming the argument."""
+    n = ctypes.c_int(-1)
+    args = [ctypes.addressof(n) if a == "out" else a for a in args]
+    if error is None:
+        assert getattr(lib, name)(*args) == 0 and n.value > 0
+    elif error == "status":
+        assert getattr(lib, name)(*args) == kvlcv.lowlevel.CONSTANTS["kvlStatusNullPointer"]
+    else:
+        with pytest.raises(error, match=match):
+            getattr(lib, name)(*args)
 
 
 def test_threads_and_results_independent_of_them():
