@@ -183,7 +183,7 @@ def test_every_header_function_is_callable():
 
 
 _Q = "kvliFilterLaplacianGetBufferSize_8u16s_C1R"     # (KvliSize, KvliMaskSize, int*)
-_F = "kvliFilterLaplacianBorder_8u8s_C1R"            # ... KvliBorderType, Kvl8u, int divisor, ...
+_F = "kvliFilterLaplacianBorder_8u8s_C1R"            # (..., int, Kvl8u borderValue, int, Kvl8u*)
 
 
 @pytest.mark.parametrize("name, args, error, match", [
