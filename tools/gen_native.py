@@ -34,8 +34,10 @@ INTS = {
     "KvlNormType": ("KvlNormType", "INT_MIN", "INT_MAX"),
 }
 REALS = {"Kvl32f", "Kvl64f"}
-STRUCTS = {"KvliSize": "size", "KvliPoint": "point", "KvliPoint32f": "point32f",
-           "KvliRect": "rect"}
+# Structures passed by value: their fields in declaration order and whether they are reals. The
+# wrapper reads the fields into a double array and builds the structure from it.
+STRUCTS = {"KvliSize": (("width", "height"), False), "KvliPoint": (("x", "y"), False),
+           "KvliPoint32f": (("x", "y"), True), "KvliRect": (("x", "y", "width", "height"), False)}
 
 PRELUDE = r'''/* Generated from kvlcv.h and kvlcore.h by tools/gen_native.py. Do not edit. */
 #define PY_SSIZE_T_CLEAN
@@ -123,44 +125,6 @@ static int fields(PyObject* o, int n, const char* const* names, int real, double
     Py_DECREF(f);
     if (!ok) return 0;
   }
-  return 1;
-}
-
-static const char* const xy[] = {"x", "y"};
-static const char* const wh[] = {"width", "height"};
-static const char* const xywh[] = {"x", "y", "width", "height"};
-
-static int to_size(PyObject* o, KvliSize* s, const char* fn, int i, const char* name) {
-  double v[2];
-  if (!fields(o, 2, wh, 0, v, fn, i, name, "KvliSize (width, height)")) return 0;
-  s->width = (int)v[0];
-  s->height = (int)v[1];
-  return 1;
-}
-
-static int to_point(PyObject* o, KvliPoint* p, const char* fn, int i, const char* name) {
-  double v[2];
-  if (!fields(o, 2, xy, 0, v, fn, i, name, "KvliPoint (x, y)")) return 0;
-  p->x = (int)v[0];
-  p->y = (int)v[1];
-  return 1;
-}
-
-static int to_point32f(PyObject* o, KvliPoint32f* p, const char* fn, int i, const char* name) {
-  double v[2];
-  if (!fields(o, 2, xy, 1, v, fn, i, name, "KvliPoint32f (x, y)")) return 0;
-  p->x = (Kvl32f)v[0];
-  p->y = (Kvl32f)v[1];
-  return 1;
-}
-
-static int to_rect(PyObject* o, KvliRect* r, const char* fn, int i, const char* name) {
-  double v[4];
-  if (!fields(o, 4, xywh, 0, v, fn, i, name, "KvliRect (x, y, width, height)")) return 0;
-  r->x = (int)v[0];
-  r->y = (int)v[1];
-  r->width = (int)v[2];
-  r->height = (int)v[3];
   return 1;
 }
 
@@ -255,9 +219,16 @@ def wrapper(ret, name, params):
                     f"  if (!to_real(args[{i}], &a{i}, \"{name}\", {i}, \"{pname}\")) return NULL;"]
             call.append(f"({base})a{i}")
         elif base in STRUCTS:
-            out += [f"  {base} a{i};",
-                    f"  if (!to_{STRUCTS[base]}(args[{i}], &a{i}, \"{name}\", {i}, \"{pname}\")) "
-                    "return NULL;"]
+            names, real = STRUCTS[base]
+            k = len(names)
+            quoted = ", ".join(f'"{f}"' for f in names)
+            label = f"{base} ({', '.join(names)})"
+            build = ", ".join(f"({'Kvl32f' if real else 'int'})f{i}[{j}]" for j in range(k))
+            out += [f"  static const char* const f{i}names[] = {{{quoted}}};",
+                    f"  double f{i}[{k}];",
+                    f"  if (!fields(args[{i}], {k}, f{i}names, {int(real)}, f{i}, \"{name}\", {i}, "
+                    f"\"{pname}\", \"{label}\")) return NULL;",
+                    f"  {base} a{i} = {{{build}}};"]
             call.append(f"a{i}")
         else:
             sys.exit(f"gen_native: {name}: no conversion for parameter type {t!r}")
