@@ -1,6 +1,6 @@
 // Benchmark helpers: paired registration of a kvlCV case and its OpenCV peer (or, for a family
-// without a peer, its scalar reference), thread setting, images. The suite's reporter prints
-// throughput ratios of each pair at the end.
+// without a peer, its scalar reference), memory bounds, thread setting, images. The suite's
+// reporter prints throughput ratios of each pair at the end.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -40,6 +40,19 @@ benchmark::internal::Benchmark* timed(benchmark::internal::Benchmark* b);
 // Registers "<name>/kvl" and, when `peer` is set and OpenCV is present, "<name>/cv". Both run
 // with `threads` permitted threads in their library; items are pixels.
 void pair(const std::string& name, int threads, long long pixels, Body kvl, Body peer);
+
+// Registers "<name>/t<threads>/bound" beside a pair: a loop that reads and writes the same bytes
+// as the case with no arithmetic to speak of (see touchBytes). The ratio table then prints the
+// peer's time over it as the case's ceiling: the most any implementation could gain on the peer
+// on this machine, where the case is bound by memory rather than by its arithmetic. Registered
+// only when OpenCV is present.
+void bound(const std::string& name, int threads, long long pixels, Body body);
+
+// Writes `rows` rows of `dstBytes` at dst (rows `dstStep` apart), byte i of a row from byte i of
+// source row min(r, srcRows - 1) while the source row lasts, a constant after it: the traffic of a
+// table made from an image, at the machine's speed of plain vector stores.
+void touchBytes(const void* src, int srcStep, int srcBytes, int srcRows, void* dst, int dstStep,
+                int dstBytes, int rows);
 
 // For a family without a peer: registers "<name>/t1/kvl" (the best vector target, or the one
 // --kvl_target caps it to) and "<name>/t1/ref" (the same body on the scalar reference), and the

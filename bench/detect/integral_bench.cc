@@ -1,6 +1,7 @@
 // Integral images against OpenCV's integral over the member table (one thread on both sides;
 // OpenCV's tilted form also fills the upright sum and square tables, so those pairs compare time
-// only), and the rectangle standard deviation of a 24 x 24 window on its own.
+// only; the upright ones also measure their memory bound, the same bytes moved by plain stores),
+// and the rectangle standard deviation of a 24 x 24 window on its own.
 #include <memory>
 #include <type_traits>
 
@@ -60,6 +61,22 @@ Body peer(Get get, Size s) {
 }
 #endif
 
+// The bound of an upright member: its source read and its tables written by touchBytes.
+Body traffic(std::function<Planes&()> get, Size s, detect::IntegralMember m) {
+  return [=](benchmark::State& st) {
+    Planes& p = get();
+    const void* src = m.src.real ? static_cast<const void*>(p.src32.data()) : p.src.data();
+    const int srcStep = m.src.real ? p.src32Step : p.srcStep;
+    for (auto _ : st) {
+      touchBytes(src, srcStep, s.width * m.src.bytes, s.height, p.sum.data(), p.tableStep,
+                 (s.width + m.pad) * m.sum.bytes, s.height + m.pad);
+      if (m.sqr.bytes)
+        touchBytes(src, srcStep, s.width * m.src.bytes, s.height, p.sqr.data(), p.tableStep,
+                   (s.width + m.pad) * m.sqr.bytes, s.height + m.pad);
+    }
+  };
+}
+
 const bool registered = [] {
   for (const Size& s : kSizes) {
     // 4K frames for the sum-only tables of 8-bit sources (the ones that may stream) only.
@@ -75,9 +92,10 @@ const bool registered = [] {
 #define KVL_CASE(Name, types, Src, Sum, Sqr, shape, form)                                        \
   {                                                                                              \
     const detect::IntegralMember m = members[i++];                                              \
-    if (!big || (m.sqr.bytes == 0 && m.pad == 1 && !m.src.real))                                \
+    const std::string name = std::string(m.name) + "/" + s.name();                              \
+    if (!big || (m.sqr.bytes == 0 && m.pad == 1 && !m.src.real)) {                              \
       pair(                                                                                      \
-          std::string(m.name) + "/" + s.name(), 1, pixels,                                       \
+          name, 1, pixels,                                                                       \
           [=](benchmark::State& st) {                                                            \
             Planes& p = get();                                                                   \
             const void* src =                                                                    \
@@ -88,6 +106,8 @@ const bool registered = [] {
                     {s.width, s.height}, 1, 2);                                                  \
           },                                                                                     \
           KVL_PEER((peer<Src, Sum, Sqr, detect::Shape::k##shape>(get, s))));                   \
+      if (m.pad == 1) bound(name, 1, pixels, traffic(get, s, m));                                \
+    }                                                                                            \
   }
     KVL_INTEGRAL_MEMBERS(KVL_CASE)
 #undef KVL_CASE
