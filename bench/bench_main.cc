@@ -46,11 +46,11 @@ void bound(const std::string& name, int threads, long long pixels, Body body) {
                                      }));
 }
 
-// Compiled for the widest vectors the machine has: at cache-resident sizes narrower loads and
-// stores would understate the bound.
-__attribute__((target_clones("arch=skylake-avx512", "avx2", "default"))) void touchBytes(
-    const void* src, int srcStep, int srcBytes, int srcRows, void* dst, int dstStep, int dstBytes,
-    int rows) {
+namespace {
+// The loop of touchBytes, compiled into each of the functions below for its own vector width.
+__attribute__((always_inline)) inline void touchRows(const void* src, int srcStep, int srcBytes,
+                                                     int srcRows, void* dst, int dstStep,
+                                                     int dstBytes, int rows) {
   const int n = std::min(srcBytes, dstBytes);
   for (int r = 0; r < rows; ++r) {
     const auto* s = static_cast<const unsigned char*>(src) +
@@ -60,6 +60,32 @@ __attribute__((target_clones("arch=skylake-avx512", "avx2", "default"))) void to
     for (; i < n; ++i) d[i] = static_cast<unsigned char>(s[i] + 1);
     for (; i < dstBytes; ++i) d[i] = static_cast<unsigned char>(r);
   }
+}
+using TouchFn = void (*)(const void*, int, int, int, void*, int, int, int);
+__attribute__((target("avx512f,avx512bw,prefer-vector-width=512"))) void touch512(
+    const void* src, int srcStep, int srcBytes, int srcRows, void* dst, int dstStep, int dstBytes,
+    int rows) {
+  touchRows(src, srcStep, srcBytes, srcRows, dst, dstStep, dstBytes, rows);
+}
+__attribute__((target("avx2"))) void touch256(const void* src, int srcStep, int srcBytes,
+                                              int srcRows, void* dst, int dstStep, int dstBytes,
+                                              int rows) {
+  touchRows(src, srcStep, srcBytes, srcRows, dst, dstStep, dstBytes, rows);
+}
+void touch128(const void* src, int srcStep, int srcBytes, int srcRows, void* dst, int dstStep,
+              int dstBytes, int rows) {
+  touchRows(src, srcStep, srcBytes, srcRows, dst, dstStep, dstBytes, rows);
+}
+}  // namespace
+
+// The widest vectors the CPU has (by its features, not its model): at cache-resident sizes
+// narrower loads and stores would understate the bound.
+void touchBytes(const void* src, int srcStep, int srcBytes, int srcRows, void* dst, int dstStep,
+                int dstBytes, int rows) {
+  static const TouchFn fn = __builtin_cpu_supports("avx512bw") ? touch512
+                            : __builtin_cpu_supports("avx2")   ? touch256
+                                                               : touch128;
+  fn(src, srcStep, srcBytes, srcRows, dst, dstStep, dstBytes, rows);
   benchmark::ClobberMemory();
 }
 
