@@ -48,9 +48,9 @@ void pair(const std::string& name, int threads, long long pixels, Body kvl, Body
 // only when OpenCV is present.
 void bound(const std::string& name, int threads, long long pixels, Body body);
 
-// Writes `rows` rows of `dstBytes` at dst (rows `dstStep` apart), byte i of a row from byte i of
-// source row min(r, srcRows - 1) while the source row lasts, a constant after it: the traffic of a
-// table made from an image, at the machine's speed of plain vector stores.
+// Writes `rows` rows of `dstBytes` at dst (rows `dstStep` apart) while reading the first
+// `srcBytes` of source row min(r, srcRows - 1) for each: the traffic of a table made from an
+// image, at the machine's speed of plain vector stores and with one add per 64 bytes.
 void touchBytes(const void* src, int srcStep, int srcBytes, int srcRows, void* dst, int dstStep,
                 int dstBytes, int rows);
 
