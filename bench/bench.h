@@ -43,9 +43,9 @@ void pair(const std::string& name, int threads, long long pixels, Body kvl, Body
 
 // Registers "<name>/t<threads>/bound" beside a pair: a loop that reads and writes the same bytes
 // as the case with no arithmetic to speak of (see touchBytes). The ratio table then prints the
-// peer's time over it as the case's ceiling: the most any implementation could gain on the peer
-// on this machine, where the case is bound by memory rather than by its arithmetic. Registered
-// only when OpenCV is present.
+// peer's time over it as the case's ceiling: the most a kernel writing with ordinary stores could
+// gain on the peer on this machine, where the case is bound by memory rather than by its
+// arithmetic. Registered only when OpenCV is present.
 void bound(const std::string& name, int threads, long long pixels, Body body);
 
 // Writes `rows` rows of `dstBytes` at dst (rows `dstStep` apart) while reading the first
