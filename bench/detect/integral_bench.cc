@@ -62,7 +62,8 @@ Body peer(Get get, Size s) {
 #endif
 
 // The bound of an upright member: its source read and its tables written by touchBytes.
-Body traffic(std::function<Planes&()> get, Size s, detect::IntegralMember m) {
+template <class Get>
+Body traffic(Get get, Size s, detect::IntegralMember m) {
   return [=](benchmark::State& st) {
     Planes& p = get();
     const void* src = m.src.real ? static_cast<const void*>(p.src32.data()) : p.src.data();
